@@ -1,0 +1,53 @@
+/* Child processes.
+ *
+ * A CHILD object that is ready and listed stands for a running child: its end is noticed through
+ * SIGCHLD, the child is reaped without blocking, and the callback gets CL_EVENT_CHILD_END. Only
+ * children with an object are reaped. Deleting the object of a running child kills it with SIGABRT
+ * and waits for it. Starting a program is the business of a starter; starter.h is one.
+ *
+ * These functions write no trace record; their failures carry module 10. SIGCHLD belongs to the
+ * library from CL_Init_M on. */
+#ifndef QVCL_CHILD_H
+#define QVCL_CHILD_H
+
+#include <qvcl/descriptor.h>
+
+QVCL_BEGIN
+
+/* One environment change; an array of them ends with a null name. */
+typedef struct CL_EnvChange {
+    const char *name;
+    const char *value; /* null removes the variable */
+} CL_EnvChange;
+
+/* The SIGCHLD handler: sets the child signal flag. */
+QVCL_API void cl_sigchld(int signal);
+
+/* Installs the handler (CL_Init_M does). 1; 0 with err = errno. */
+QVCL_API uint32_t cl_sigchld_init(CL_ErrInfo *err);
+
+/* Sets SIGCHLD to be ignored: the system reaps children itself and no child-end events arise.
+ * Always 1. */
+QVCL_API uint32_t cl_SIGCHLD_end(void);
+
+/* Applies environment changes in order; meant for a forked child before it runs its program.
+ * 0; -1 with err 12 when a variable could not be set, the rest of the list is not applied. */
+QVCL_API int32_t cl_envchange(const CL_EnvChange *changes, CL_ErrInfo *err);
+
+/* Reaps ended children and calls their callbacks. 0, or the value that ends the loop. */
+QVCL_API uint32_t cl_ChildCall(CL_ErrInfo *err);
+
+/* Release of a CHILD object: kills and reaps a running child. 1; 0 with err CL_ERR_QUEUE. */
+QVCL_API uint32_t cl_DeleteCHILD_M(CL_Object *child, CL_ErrInfo *err);
+
+/* Matches the message event of a report connection with a waiting child, which takes over the
+ * connection. 0 with *childOut set; 1 when it is no report or nobody waits for it; -1 with err. */
+QVCL_API int32_t cl_ExecCompRecv(CL_Object *connection, CL_Event *event, CL_Object **childOut,
+                                 CL_ErrInfo *err);
+
+/* Deletes all report connections once no child waits for a report. 1; 0 with err CL_ERR_QUEUE. */
+QVCL_API uint32_t cl_clear_execc(CL_ErrInfo *err);
+
+QVCL_END
+
+#endif

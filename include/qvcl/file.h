@@ -1,0 +1,68 @@
+/* File objects (FILE): regular files whose input and output is traced.
+ *
+ * One system call an operation, nothing buffered. FILE objects are never listed. After a success
+ * of write, read, flush and seek err and detail are 0, but module, line and version are filled.
+ * Failures carry module 7; a failed system call gives its errno. All handle operations fail with 9
+ * on an invalid handle or an object that is not an open FILE, and with CL_ERR_STATE. */
+#ifndef QVCL_FILE_H
+#define QVCL_FILE_H
+
+#include <qvcl/descriptor.h>
+
+QVCL_BEGIN
+
+/* Opens a file, close-on-exec. flags: O_RDONLY, O_WRONLY or O_RDWR with any of O_CREAT, O_EXCL,
+ * O_TRUNC and O_APPEND; other bits are dropped. mode: permission bits of a file it creates. The
+ * handle; null with err 22 (access mode 3), 14 (path null), 24 (table full), CL_ERR_STATE, errno.
+ */
+QVCL_API CL_Object *CL_OpenFile_M(const char *path, uint32_t flags, uint32_t mode, CL_ErrInfo *err,
+                                  uint8_t callerFlag, const char *file, uint32_t line);
+#define CL_OpenFile(path, flags, mode, err) CL_OpenFile_M((path), (flags), (mode), (err), CL_HERE)
+QVCL_API CL_Object *cl_openfile(const char *path, uint32_t flags, uint32_t mode, CL_ErrInfo *err,
+                                const char *file, uint32_t line);
+
+/* Closes the file and deletes the object. 1; 0: the object stays and may be closed again. */
+QVCL_API uint32_t CL_CloseFile_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag,
+                                 const char *file, uint32_t line);
+#define CL_CloseFile(object, err) CL_CloseFile_M((object), (err), CL_HERE)
+QVCL_API uint32_t cl_closefile(CL_Object *object, CL_ErrInfo *err, const char *file, uint32_t line);
+
+/* One write of `length` bytes at the current offset. Bytes written (may be fewer), or -1. */
+QVCL_API int64_t CL_WriteFile_M(CL_Object *object, const void *buffer, uint64_t length,
+                                CL_ErrInfo *err, uint8_t callerFlag, const char *file,
+                                uint32_t line);
+#define CL_WriteFile(object, buffer, length, err) \
+    CL_WriteFile_M((object), (buffer), (length), (err), CL_HERE)
+QVCL_API int64_t cl_writefile(CL_Object *object, const void *buffer, uint64_t length,
+                              CL_ErrInfo *err);
+
+/* One read of at most `length` bytes. Bytes read, 0 at end of file, or -1. */
+QVCL_API int64_t CL_ReadFile_M(CL_Object *object, void *buffer, uint64_t length, CL_ErrInfo *err,
+                               uint8_t callerFlag, const char *file, uint32_t line);
+#define CL_ReadFile(object, buffer, length, err) \
+    CL_ReadFile_M((object), (buffer), (length), (err), CL_HERE)
+QVCL_API int64_t cl_readfile(CL_Object *object, void *buffer, uint64_t length, CL_ErrInfo *err);
+
+/* Forces written data to the device (fdatasync). 1 or 0. */
+QVCL_API uint32_t CL_FlushFile_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag,
+                                 const char *file, uint32_t line);
+#define CL_FlushFile(object, err) CL_FlushFile_M((object), (err), CL_HERE)
+QVCL_API uint32_t cl_flushfile(CL_Object *object, CL_ErrInfo *err);
+
+/* Moves the offset. whence: SEEK_SET, SEEK_CUR or SEEK_END (else 22). The new offset, or -1. When
+ * the new offset does not fit 32 signed bits: -1 with err 75 (EOVERFLOW), the offset as before. */
+QVCL_API int32_t CL_SeekFile_M(CL_Object *object, int32_t offset, uint32_t whence, CL_ErrInfo *err,
+                               uint8_t callerFlag, const char *file, uint32_t line);
+#define CL_SeekFile(object, offset, whence, err) \
+    CL_SeekFile_M((object), (offset), (whence), (err), CL_HERE)
+QVCL_API int32_t cl_seekfile(CL_Object *object, int32_t offset, uint32_t whence, CL_ErrInfo *err);
+
+/* Removes a file by name; needs neither an object nor an initialised library. 1; 0 with errno. */
+QVCL_API uint32_t CL_DeleteFile_M(const char *path, CL_ErrInfo *err, uint8_t callerFlag,
+                                  const char *file, uint32_t line);
+#define CL_DeleteFile(path, err) CL_DeleteFile_M((path), (err), CL_HERE)
+QVCL_API uint32_t cl_deletefile(const char *path, CL_ErrInfo *err);
+
+QVCL_END
+
+#endif

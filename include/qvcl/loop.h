@@ -1,0 +1,50 @@
+/* The event loop.
+ *
+ * Each iteration: newly listed objects join the priority list; every listed object adds its
+ * descriptors to three sets; due timers, then ended children are dispatched if their signals came;
+ * otherwise pselect waits, with SIGALRM and SIGCHLD open only during the wait. Then due timers,
+ * and the listed objects in ascending priority; between two objects due timers and ended children
+ * that became pending meanwhile.
+ *
+ * CL_EventLoop_M returns the value of the callback that ended it, or CL_LOOP_ERROR with err filled
+ * (module 2 for failures of its own); never 0. It can be entered again. The sets hold descriptors
+ * below 1024; an object with a larger one is reported with CL_EVENT_FAILED, which ends the loop.
+ *
+ * Signals that the application had blocked before are blocked again afterwards, but the loop's own
+ * are open during the wait. The steps below CL_EventLoop_M are the loop's own, exported for
+ * tests. */
+#ifndef QVCL_LOOP_H
+#define QVCL_LOOP_H
+
+#include <qvcl/eventlist.h>
+
+QVCL_BEGIN
+
+#define CL_LOOP_ERROR 0xffffffffu
+
+/* Bits that a look at the signals returns. */
+enum { CL_LOOK_CHILD = 1, CL_LOOK_TIMER = 2, CL_LOOK_WAKE = 4 };
+
+QVCL_API uint32_t CL_EventLoop_M(CL_ErrInfo *err, uint8_t callerFlag, const char *file,
+                                 uint32_t line);
+#define CL_EventLoop(err) CL_EventLoop_M((err), CL_HERE)
+QVCL_API uint32_t cl_eventloop(CL_ErrInfo *err);
+
+/* Builds the descriptor sets from the listed objects. 0, or the value that ends the loop. */
+QVCL_API uint32_t cl_fdmake(CL_ErrInfo *err);
+
+/* Empties the three sets. */
+QVCL_API void cl_clearlist(void);
+
+/* Blocks `set` (keeping the previous mask in `saved`), reads and resets the signal fields, and
+ * unblocks it again when something is pending or `always_unblock` is not 0. CL_LOOK_ bits, or
+ * CL_LOOP_ERROR with err filled. */
+QVCL_API uint32_t cl_sigcheck(uint32_t always_unblock, const sigset_t *set, sigset_t *saved,
+                              CL_ErrInfo *err);
+
+/* Lets every listed object check the sets. 0, or the value that ends the loop. */
+QVCL_API uint32_t cl_fdcheck(const sigset_t *set, sigset_t *saved, CL_ErrInfo *err);
+
+QVCL_END
+
+#endif

@@ -1,0 +1,113 @@
+/* Framed messages over local stream sockets: wire format, message block, transfer steps.
+ *
+ * A message is a 16-byte header and an opaque payload, in host byte order, one after another on
+ * the stream. The application sends from and receives into buffers of its own; nothing is copied
+ * and nothing allocated.
+ *
+ * Who owns a buffer, exactly once:
+ *
+ *   operation                      lent to the connection until
+ *   receive, mode 1                the call returns
+ *   receive, mode 2 and 3          CL_EVENT_MESSAGE or CL_EVENT_DISCONNECT (data), or disconnect
+ *                                  (receiveBufferOut)
+ *   send, mode 1, length returned  the call returns
+ *   send, mode 1, -1               the call returns, but after a time-out (110), a failed wait or
+ *                                  an end request (4): the block stays queued until disconnect
+ *                                  (unsentOut)
+ *   send, mode 2, length returned  the call returns; no event follows
+ *   send, -1 and in progress       CL_EVENT_SENT (data), CL_EVENT_DISCONNECT (queue, during the
+ *                                  callback), or disconnect (unsentOut)
+ *   send, -1 and any other error   never: it is the caller's again
+ *
+ * A block is on the send queue exactly as long as the connection holds it (block->link.owner).
+ *
+ * The functions below are the steps of client.h, exported for tests; module 5, no trace records. */
+#ifndef QVCL_MESSAGE_H
+#define QVCL_MESSAGE_H
+
+#include <qvcl/descriptor.h>
+
+QVCL_BEGIN
+
+#define CL_MSG_VERSION 0x00010001u
+
+/* Message header: the wire format. */
+typedef struct CL_MsgHeader {
+    uint32_t length;  /* bytes of the message, this header included; at least 16 */
+    uint32_t version; /* CL_MSG_VERSION */
+    uint32_t sender;  /* process id of the sender, filled by the send operation */
+    uint32_t type;    /* the sender's choice */
+} CL_MsgHeader;
+CL_LAYOUT_AT(CL_MsgHeader, version, 4);
+CL_LAYOUT_AT(CL_MsgHeader, sender, 8);
+CL_LAYOUT_AT(CL_MsgHeader, type, 12);
+CL_LAYOUT_SIZE(CL_MsgHeader, 16);
+
+/* Message block: what an application sends. Fill header.type and the payload that follows; the
+ * send operation fills the rest. Zero the link before the first use. */
+typedef struct CL_MsgBlock {
+    CL_QueueLink link;  /* send queue */
+    uint64_t reserved;  /* the application's */
+    uint32_t sent;      /* bytes of the message already written */
+    uint32_t reserved2; /* the application's */
+    CL_MsgHeader header;
+    /* payload */
+} CL_MsgBlock;
+CL_LAYOUT_AT(CL_MsgBlock, sent, 32);
+CL_LAYOUT_AT(CL_MsgBlock, header, 40);
+CL_LAYOUT_SIZE(CL_MsgBlock, 56);
+
+enum {
+    CL_MSG_HEADER_SIZE = 16,
+    CL_MSG_PREFIX_SIZE = 40, /* bytes of a block in front of the message */
+    CL_MSG_PATH_MAX = 107    /* characters of a socket path */
+};
+
+/* Transfer modes. */
+enum {
+    CL_MODE_SYNC = 1,      /* the call waits */
+    CL_MODE_IMMEDIATE = 2, /* as much as possible now, the rest in the loop */
+    CL_MODE_DEFERRED = 3   /* completed in the loop, reported by an event */
+};
+
+/* Message types of the exec-completion channel. */
+enum { CL_MSG_EXEC_COMPLETE = 1, CL_MSG_END_REQUEST = 2 };
+
+/* Receive step: reads on. 1 when `event` holds CL_EVENT_MESSAGE or CL_EVENT_DISCONNECT, 0 when the
+ * socket has no more bytes for now. A header with a length below 16 or above the capacity (90),
+ * or another version (71), ends the connection. */
+QVCL_API uint32_t cl_recv(CL_Object *connection, CL_Event *event, CL_ErrInfo *err);
+
+/* Send step: writes the head of the send queue. Its length when it is out (CL_EVENT_SENT in
+ * `event`, block off the queue); 0 with CL_ERR_IN_PROGRESS when the socket is full; -1 with
+ * CL_EVENT_DISCONNECT, or (CL_ERR_QUEUE) when nothing is queued. */
+QVCL_API int32_t cl_send(CL_Object *connection, CL_Event *event, CL_ErrInfo *err);
+
+/* Fills a disconnect event, moving the send queue into it. */
+QVCL_API void cl_setdiscivent(CL_Event *event, CL_Object *connection, const CL_ErrInfo *err);
+
+/* Takes the head block off the send queue and fills a send-complete event with it. */
+QVCL_API void cl_setsendcmp(CL_Event *event, CL_Object *connection);
+
+/* Synchronous transfer of one message; timeout in seconds, 0 for none. The message length, -1 with
+ * err, or the end callback's result (err 4) when the end watch fires. */
+QVCL_API int32_t cl_recv_sync(CL_Object *connection, uint32_t timeout, CL_ErrInfo *err);
+QVCL_API int32_t cl_send_sync(CL_Object *connection, uint32_t timeout, CL_ErrInfo *err);
+
+/* Blocks SIGALRM (previous mask in `saved`) and applies timer ticks. 0 with the signal blocked; 2
+ * timed out (110); -1 with err. */
+QVCL_API int32_t cl_msgc_sigcheck(CL_Object *connection, uint32_t timeout, const sigset_t *alarm,
+                                  sigset_t *saved, CL_ErrInfo *err);
+
+/* Add the connection (and the end object, unless null) to the sets of a synchronous wait. */
+QVCL_API void cl_make_recv_fd(const CL_Object *connection, const CL_Object *end, fd_set *read,
+                              int32_t *count);
+QVCL_API void cl_make_send_fd(const CL_Object *connection, const CL_Object *end, fd_set *read,
+                              fd_set *write, int32_t *count);
+
+/* 1 when the end object's connection delivered an end request or has ended, else 0. */
+QVCL_API uint32_t cl_recv_end(CL_Object *end, CL_ErrInfo *err);
+
+QVCL_END
+
+#endif

@@ -1,0 +1,55 @@
+/* Message server endpoints (MSGS): a listening local socket at a path.
+ *
+ * While it is listed, its callback gets CL_EVENT_CONNECTION whenever a peer waits, again and again
+ * until the callback accepts. The accepted connection is an MSGC object (client.h). Failures carry
+ * module 4. */
+#ifndef QVCL_SERVER_H
+#define QVCL_SERVER_H
+
+#include <qvcl/message.h>
+
+QVCL_BEGIN
+
+/* Listens at `path` (at most 107 characters). Any file there is removed first; the socket file has
+ * mode 0660. backlog: of listen(2). 1 listening; 0 with err 9 (invalid handle, not an MSGS object),
+ * 114 (open already), 14 (path null), 36 (path too long), 24 (descriptor beyond the loop's sets),
+ * CL_ERR_STATE or the errno of a system call; the object is then as before. */
+QVCL_API uint32_t CL_OpenMSGS_M(CL_Object *server, const char *path, uint32_t backlog,
+                                CL_ErrInfo *err, uint8_t callerFlag, const char *file,
+                                uint32_t line);
+#define CL_OpenMSGS(server, path, backlog, err) \
+    CL_OpenMSGS_M((server), (path), (backlog), (err), CL_HERE)
+QVCL_API uint32_t cl_openmsgs(CL_Object *server, const char *path, uint32_t backlog,
+                              CL_ErrInfo *err, uint8_t callerFlag);
+
+/* Accepts a waiting connection as a new MSGC object with the given callback and arguments; ready,
+ * not listed, no receive set up. Null with err 9 (invalid handle, not an open server), 11 (nobody
+ * waits), 24 (table full, or descriptor beyond the loop's sets: the connection is closed),
+ * CL_ERR_STATE or the errno of a system call. */
+QVCL_API CL_Object *CL_AcceptMSGS_M(CL_Object *server, CL_Callback callback, uint64_t arg1,
+                                    uint64_t arg2, CL_ErrInfo *err, uint8_t callerFlag,
+                                    const char *file, uint32_t line);
+#define CL_AcceptMSGS(server, callback, arg1, arg2, err) \
+    CL_AcceptMSGS_M((server), (callback), (arg1), (arg2), (err), CL_HERE)
+QVCL_API CL_Object *cl_acceptmsgs(CL_Object *server, CL_Callback callback, uint64_t arg1,
+                                  uint64_t arg2, CL_ErrInfo *err, uint8_t callerFlag,
+                                  const char *file, uint32_t line);
+
+/* Closes the socket and removes its file; the object stays listed and may be opened again. 1; 0
+ * with err 9 (invalid handle, not an open server), CL_ERR_STATE or the errno of close. */
+QVCL_API uint32_t CL_CloseMSGS_M(CL_Object *server, CL_ErrInfo *err, uint8_t callerFlag,
+                                 const char *file, uint32_t line);
+#define CL_CloseMSGS(server, err) CL_CloseMSGS_M((server), (err), CL_HERE)
+QVCL_API uint32_t cl_closemsgs(CL_Object *server, CL_ErrInfo *err, uint8_t callerFlag);
+
+/* The loop's steps: add to the sets (0, or 9 when the object cannot take part); check (0, or the
+ * callback's result). */
+QVCL_API uint32_t cl_MakeListMSGS_M(CL_Object *server);
+QVCL_API uint32_t cl_CheckMSGS_M(CL_Object *server);
+
+/* Release of an MSGS object: closes it when it is open. */
+QVCL_API uint32_t cl_DeleteMSGS_M(CL_Object *server, CL_ErrInfo *err);
+
+QVCL_END
+
+#endif

@@ -1,0 +1,42 @@
+/* Shared-memory objects (SHM): existing POSIX segments, mapped.
+ *
+ * The library never creates, sizes or removes a segment; it must exist and be at least as large as
+ * the size given. SHM objects are never listed. Failures carry module 8; a failed system call
+ * gives its errno. All handle operations fail with 9 on an invalid handle or an object that is not
+ * an open SHM, and with CL_ERR_STATE. */
+#ifndef QVCL_SHM_H
+#define QVCL_SHM_H
+
+#include <qvcl/descriptor.h>
+
+QVCL_BEGIN
+
+/* Opens the segment `name`, close-on-exec. flags: O_RDONLY or O_RDWR; other bits are not used.
+ * size: bytes to map later. file, line: the caller's position. The object; null with err 22 (access
+ * mode, size 0), 14 (name null), 24 (table full), CL_ERR_STATE or errno. Writes no trace record. */
+QVCL_API CL_Object *cl_openshm(const char *name, int32_t flags, uint64_t size, CL_ErrInfo *err,
+                               const char *file, uint32_t line);
+
+/* Maps the segment, shared, readable and with O_RDWR writable. The address, owned by the object;
+ * null with err 9 also when it is mapped already. */
+QVCL_API void *CL_MapSHM_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag, const char *file,
+                           uint32_t line);
+#define CL_MapSHM(object, err) CL_MapSHM_M((object), (err), CL_HERE)
+QVCL_API void *cl_mapshm(CL_Object *object, CL_ErrInfo *err);
+
+/* Unmaps. 1; 0 with err 2 (not mapped). */
+QVCL_API uint32_t CL_UnmapSHM_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag,
+                                const char *file, uint32_t line);
+#define CL_UnmapSHM(object, err) CL_UnmapSHM_M((object), (err), CL_HERE)
+QVCL_API uint32_t cl_unmapshm(CL_Object *object, CL_ErrInfo *err);
+
+/* Closes and deletes the object. 1; 0 with err 2 (still mapped): unmap first. When the object's
+ * memory.unlink_on_close is not 0 (the application may set it), the name is removed first. */
+QVCL_API uint32_t CL_CloseSHM_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag,
+                                const char *file, uint32_t line);
+#define CL_CloseSHM(object, err) CL_CloseSHM_M((object), (err), CL_HERE)
+QVCL_API uint32_t cl_closeshm(CL_Object *object, CL_ErrInfo *err, const char *file, uint32_t line);
+
+QVCL_END
+
+#endif

@@ -1,0 +1,52 @@
+/* The loop that other threads can wake.
+ *
+ * CL_EventLoopThread_M is the loop of loop.h with a third signal: when SIGUSR1 arrives, the
+ * callback of every listed THREAD object is called, in order of listing, after timers and
+ * children. Masks are those of the calling thread. Failures carry module 17.
+ *
+ * Other threads send SIGUSR1 to the process or to the loop's thread and call nothing else of the
+ * library. Every wake-up between clSIGUSR1Initialize and clSIGUSR1End reaches the loop; several
+ * before it looks count as one. A wake-up ends the wait at once only when the loop's thread takes
+ * the signal: send it with pthread_kill, or block SIGUSR1 in the other threads. */
+#ifndef QVCL_THREAD_H
+#define QVCL_THREAD_H
+
+#include <qvcl/loop.h>
+
+QVCL_BEGIN
+
+/* Installs the SIGUSR1 handler and clears the wake-up flag; the action found is kept in the main
+ * table. 1; 0 with err = errno of the failed call. */
+QVCL_API uint32_t clSIGUSR1Initialize(CL_ErrInfo *err);
+
+/* Sets SIGUSR1 to be ignored. Always 1. */
+QVCL_API uint32_t clSIGUSR1End(void);
+
+/* The handler: sets the wake-up flag. */
+QVCL_API void clSIGUSR1Action(int signal);
+
+/* Makes a THREAD object ready. 1; 0 with err 9 (invalid handle, or not a THREAD object and
+ * callerFlag 0) or CL_ERR_STATE. On success err keeps what the caller passed in. */
+QVCL_API uint32_t CL_SetThreadFd_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag,
+                                   const char *file, uint32_t line);
+#define CL_SetThreadFd(object, err) CL_SetThreadFd_M((object), (err), CL_HERE)
+QVCL_API uint32_t cl_setThreadFd(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag,
+                                 const char *file, uint32_t line);
+
+/* As CL_EventLoop_M. */
+QVCL_API uint32_t CL_EventLoopThread_M(CL_ErrInfo *err, uint8_t callerFlag, const char *file,
+                                       uint32_t line);
+#define CL_EventLoopThread(err) CL_EventLoopThread_M((err), CL_HERE)
+QVCL_API uint32_t cl_eventloopThread(CL_ErrInfo *err);
+
+/* As cl_sigcheck and cl_fdcheck, with the wake-up. */
+QVCL_API uint32_t cl_sigcheckThread(uint32_t always_unblock, const sigset_t *set, sigset_t *saved,
+                                    CL_ErrInfo *err);
+QVCL_API uint32_t cl_fdcheckThread(const sigset_t *set, sigset_t *saved, CL_ErrInfo *err);
+
+/* Calls every listed THREAD object. 0, the first non-zero value of a callback, or CL_LOOP_ERROR. */
+QVCL_API uint32_t cl_ThreadCallBack(CL_ErrInfo *err);
+
+QVCL_END
+
+#endif

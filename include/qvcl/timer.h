@@ -1,0 +1,65 @@
+/* Timers of whole seconds.
+ *
+ * All running timers share one interval timer (ITIMER_REAL, SIGALRM every second, only while a
+ * timer runs), so neither alarm() nor setitimer() nor SIGALRM is free for the application. The
+ * handler only counts. A timer is due when the system's uptime in whole seconds has advanced by
+ * its interval; the loop then calls its callback with CL_EVENT_TIMER. Timers that are due together
+ * are called in order of their start. A periodic timer keeps its phase, and catches up when the
+ * loop was late. */
+#ifndef QVCL_TIMER_H
+#define QVCL_TIMER_H
+
+#include <qvcl/descriptor.h>
+
+QVCL_BEGIN
+
+/* Modes. */
+enum {
+    CL_TIMER_ONESHOT = 10, /* stopped just before its callback */
+    CL_TIMER_PERIODIC = 11
+};
+
+#define CL_TIMER_DUE 0xffffffffu /* value of an object's `remaining` */
+
+/* Starts a stopped TIMER object. seconds: 0 is due at the loop's next look. 1 running; 0 with err
+ * 9 (invalid handle, not a timer, runs already), 22 (mode), CL_ERR_STATE, CL_ERR_QUEUE or the errno
+ * of a system call. When the interval timer cannot be started the result is 0 and the timer stays
+ * on its list. */
+QVCL_API uint32_t CL_StartTIMER_M(CL_Object *object, uint32_t seconds, uint32_t mode,
+                                  CL_ErrInfo *err, uint8_t callerFlag, const char *file,
+                                  uint32_t line);
+#define CL_StartTIMER(object, seconds, mode, err) \
+    CL_StartTIMER_M((object), (seconds), (mode), (err), CL_HERE)
+QVCL_API uint32_t cl_starttimer(CL_Object *object, uint32_t seconds, uint32_t mode, CL_ErrInfo *err,
+                                uint8_t callerFlag);
+
+/* Stops a running or due timer. 1 stopped; 0 with err 9 (invalid handle, not a timer, not
+ * running), CL_ERR_STATE, CL_ERR_QUEUE or the errno of a system call. */
+QVCL_API uint32_t CL_StopTIMER_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag,
+                                 const char *file, uint32_t line);
+#define CL_StopTIMER(object, err) CL_StopTIMER_M((object), (err), CL_HERE)
+QVCL_API uint32_t cl_stoptimer(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag);
+
+/* Brings remaining seconds and due marks up to date; calls no callback. */
+QVCL_API void CL_CommitTIMER(void);
+
+/* Release of a TIMER object: stops it when it runs. */
+QVCL_API uint32_t cl_DeleteTIMER_M(CL_Object *object, CL_ErrInfo *err);
+
+/* Counts `ticks` seconds and marks due timers. 1 when a timer is due; 0 also on failure, with err
+ * filled. */
+QVCL_API uint32_t cl_TimerCheck(uint32_t ticks, CL_ErrInfo *err);
+
+/* Calls the due timers. 0, a callback's non-zero result, or -1 with err filled. */
+QVCL_API int32_t cl_TimerCall(CL_ErrInfo *err);
+
+/* Install and remove handler and interval timer. 1, or 0 with err filled. */
+QVCL_API uint32_t cl_timer_init(CL_ErrInfo *err);
+QVCL_API uint32_t cl_timer_end(CL_ErrInfo *err);
+
+/* The SIGALRM handler: counts. */
+QVCL_API void cl_sigalm(int signal);
+
+QVCL_END
+
+#endif

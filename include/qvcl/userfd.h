@@ -1,0 +1,35 @@
+/* User descriptors (FD): the loop watches descriptors that the application owns.
+ *
+ * The callback gets CL_EVENT_DESCRIPTOR at most once an iteration, with all sets as pselect
+ * returned them (other objects' bits included); it tests its own descriptors in them. The library
+ * never opens, reads, writes or closes these descriptors. Failures carry module 9. */
+#ifndef QVCL_USERFD_H
+#define QVCL_USERFD_H
+
+#include <qvcl/descriptor.h>
+
+QVCL_BEGIN
+
+/* Gives the object its sets: descriptors 0 to count - 1 of each (null: none); count at most 1024.
+ * The sets are copied, and may be replaced at any time; a listed object uses the new ones from the
+ * next iteration on. 1; 0 with err 9 (invalid handle, not an FD object), 22 (count), CL_ERR_STATE;
+ * nothing changed. On success err keeps what the caller passed in. */
+QVCL_API uint32_t CL_SetFD_M(CL_Object *object, uint32_t count, const fd_set *readSet,
+                             const fd_set *writeSet, const fd_set *exceptSet, CL_ErrInfo *err,
+                             uint8_t callerFlag, const char *file, uint32_t line);
+#define CL_SetFD(object, count, readSet, writeSet, exceptSet, err) \
+    CL_SetFD_M((object), (count), (readSet), (writeSet), (exceptSet), (err), CL_HERE)
+QVCL_API uint32_t cl_setfd(CL_Object *object, uint32_t count, const fd_set *readSet,
+                           const fd_set *writeSet, const fd_set *exceptSet, CL_ErrInfo *err,
+                           uint8_t callerFlag);
+
+/* The loop's steps: add to the sets (0, or 9 when the object is not ready); check (0, or the
+ * callback's result). */
+QVCL_API uint32_t cl_MakeListLFD_M(CL_Object *object, uint8_t callerFlag, const char *file,
+                                   uint32_t line);
+QVCL_API uint32_t cl_CheckLFD_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag,
+                                const char *file, uint32_t line);
+
+QVCL_END
+
+#endif

@@ -1,0 +1,17 @@
+/* The one place of the version number: the build reads it from here. */
+#ifndef QVCL_VERSION_H
+#define QVCL_VERSION_H
+
+#include <stdint.h>
+
+#define CL_VERSION_MAJOR 1
+#define CL_VERSION_MINOR 1
+#define CL_VERSION_PATCH 0
+
+/* The number that the main table and every error record carry: one byte each for major, minor,
+ * patch, and one that is zero. */
+#define CL_VERSION                                                             \
+    (((uint32_t)CL_VERSION_MAJOR << 24) | ((uint32_t)CL_VERSION_MINOR << 16) | \
+     ((uint32_t)CL_VERSION_PATCH << 8))
+
+#endif
