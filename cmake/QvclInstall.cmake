@@ -1,0 +1,32 @@
+# What is installed, in two components: runtime (what a program needs to run) and development (what
+# it takes to build one). qvcl-trace and the man pages are installed where they are made.
+include(CMakePackageConfigHelpers)
+
+set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/qvcl")
+set(targets qvcl)
+if(TARGET qvcl-starter)
+    list(APPEND targets qvcl-starter)
+endif()
+install(TARGETS ${targets} EXPORT qvcl-targets
+    LIBRARY COMPONENT runtime NAMELINK_COMPONENT development
+    ARCHIVE COMPONENT development)
+install(DIRECTORY include/qvcl TYPE INCLUDE COMPONENT development FILES_MATCHING PATTERN "*.h")
+
+# Nothing has to be found first, so the exported targets are the whole package file.
+install(EXPORT qvcl-targets FILE qvcl-config.cmake NAMESPACE qvcl:: DESTINATION "${package_dir}"
+        COMPONENT development)
+write_basic_package_version_file(qvcl-config-version.cmake COMPATIBILITY SameMajorVersion)
+install(FILES "${CMAKE_CURRENT_BINARY_DIR}/qvcl-config-version.cmake"
+        DESTINATION "${package_dir}" COMPONENT development)
+
+# The pkg-config files reach the package from where they lie, so that a moved tree still works.
+file(RELATIVE_PATH pc_prefix "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
+function(install_pkgconfig pc_name pc_description pc_requires)
+    configure_file(cmake/pkgconfig.pc.in ${pc_name}.pc @ONLY)
+    install(FILES "${CMAKE_CURRENT_BINARY_DIR}/${pc_name}.pc"
+            DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT development)
+endfunction()
+install_pkgconfig(qvcl "${PROJECT_DESCRIPTION}" "")
+if(TARGET qvcl-starter)
+    install_pkgconfig(qvcl-starter "Starts programs and tells when they are up, on top of qvcl" qvcl)
+endif()

@@ -1,0 +1,12 @@
+# Reads MAJOR.MINOR.PATCH from the public header, so that no number is written twice.
+set(header "${CMAKE_CURRENT_SOURCE_DIR}/include/qvcl/version.h")
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${header}")
+file(READ "${header}" text)
+set(QVCL_VERSION "")
+foreach(part IN ITEMS MAJOR MINOR PATCH)
+    if(NOT text MATCHES "#define +CL_VERSION_${part} +([0-9]+)")
+        message(FATAL_ERROR "${header} does not define CL_VERSION_${part}")
+    endif()
+    list(APPEND QVCL_VERSION ${CMAKE_MATCH_1})
+endforeach()
+list(JOIN QVCL_VERSION "." QVCL_VERSION)
