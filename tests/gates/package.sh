@@ -18,6 +18,7 @@ libdir=$(dirname "$(find "$work/moved" -name libqvcl.so)")
 cmake -S "$program" -B "$work/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$work/moved" \
     -DQVCL_VERSION="$version" -DCMAKE_C_COMPILER="$cc" >>"$work/log" || { cat "$work/log"; exit 1; }
 cmake --build "$work/cmake" >>"$work/log" || { cat "$work/log"; exit 1; }
+unset NOTIFY_SOCKET
 "$work/cmake/program"
 
 export PKG_CONFIG_PATH=$libdir/pkgconfig
