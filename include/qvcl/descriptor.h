@@ -97,6 +97,11 @@ typedef struct CL_UserSets {
     uint32_t end_word;
 } CL_UserSets;
 
+/* Thread wake-up (THREAD). */
+typedef struct CL_Wake {
+    uint32_t called; /* by the walk in progress, or by the last one */
+} CL_Wake;
+
 /* Open file (FILE). */
 typedef struct CL_File {
     char path[140];
@@ -149,6 +154,7 @@ struct CL_Object {
         CL_Connection connection;
         CL_Child child;
         CL_UserSets user;
+        CL_Wake wake;
         CL_File file;
         CL_SharedMemory memory;
     };
@@ -187,9 +193,10 @@ static_assert(sizeof(CL_TableHeader) % alignof(CL_Object) == 0, "objects follow 
  * 1 done; 0 with err 12 (no memory) or CL_ERR_QUEUE. */
 QVCL_API uint32_t CL_FD_TblInit(uint32_t count, CL_ErrInfo *err);
 
-/* A new object of `kind`, status 0. callback: may be null for kinds without events; arg1, arg2:
- * passed to every call of it. Null with err CL_ERR_STATE (library not initialised), 22 (no such
- * kind, or one that only the library creates: END, EXECS, EXECC, SHM, FILE), 24 (table full). */
+/* A new object of `kind`, status 0. callback: with null the object's events are dropped; arg1,
+ * arg2: passed to every call of it. Null with err CL_ERR_STATE (library not initialised), 22 (no
+ * such kind, or one that only the library creates: END, EXECS, EXECC, SHM, FILE), 24 (table full).
+ */
 QVCL_API CL_Object *CL_CreateFD_M(uint32_t kind, CL_Callback callback, uint64_t arg1, uint64_t arg2,
                                   CL_ErrInfo *err, uint8_t callerFlag, const char *file,
                                   uint32_t line);

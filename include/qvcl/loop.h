@@ -10,9 +10,9 @@
  * (module 2 for failures of its own); never 0. It can be entered again. The sets hold descriptors
  * below 1024; an object with a larger one is reported with CL_EVENT_FAILED, which ends the loop.
  *
- * Signals that the application had blocked before are blocked again afterwards, but the loop's own
- * are open during the wait. The steps below CL_EventLoop_M are the loop's own, exported for
- * tests. */
+ * The loop's signals are open from its first wait on, even when the application had blocked them
+ * before; the masks of other signals are left alone. The steps below CL_EventLoop_M are the loop's
+ * own, exported for tests. */
 #ifndef QVCL_LOOP_H
 #define QVCL_LOOP_H
 
@@ -42,7 +42,8 @@ QVCL_API void cl_clearlist(void);
 QVCL_API uint32_t cl_sigcheck(uint32_t always_unblock, const sigset_t *set, sigset_t *saved,
                               CL_ErrInfo *err);
 
-/* Lets every listed object check the sets. 0, or the value that ends the loop. */
+/* Dispatches due timers, then lets every listed object check the sets. 0, or the value that ends
+ * the loop. The masks are not needed: what the signal handlers write is read atomically. */
 QVCL_API uint32_t cl_fdcheck(const sigset_t *set, sigset_t *saved, CL_ErrInfo *err);
 
 QVCL_END

@@ -72,7 +72,11 @@ enum {
 };
 
 /* What searches return instead of an element when they could not run (all bits one). */
+#ifdef __cplusplus
+#define CL_QUE_ERROR (reinterpret_cast<void *>(~uintptr_t{0}))
+#else
 #define CL_QUE_ERROR ((void *)-1)
+#endif
 
 /* Makes `queue` an empty queue whose elements carry their link at byte `link_offset`. */
 QVCL_API void CL_QUE_InitQT(CL_Queue *queue, uint32_t link_offset);

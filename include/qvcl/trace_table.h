@@ -40,8 +40,13 @@ typedef struct CL_TrcOperation {
     CL_TrcField fields[CL_TRC_MAX_FIELDS]; /* in order of arguments, up to a null name */
 } CL_TrcOperation;
 
+#ifdef __cplusplus
+#define CL_TRC_SIZE(record, member) sizeof(record::member)
+#else
+#define CL_TRC_SIZE(record, member) sizeof(((record *)0)->member)
+#endif
 #define CL_TRC_FIELD(record, member, type) \
-    { #member, type, offsetof(record, member), sizeof(((record *)0)->member) }
+    { #member, type, offsetof(record, member), CL_TRC_SIZE(record, member) }
 #define CL_TRC_COMMON(record) \
     CL_TRC_FIELD(record, err_address, CL_TRC_ADDRESS), CL_TRC_FIELD(record, error, CL_TRC_ERROR)
 #define CL_TRC_HANDLE_OPERATION(api, name, type)                                           \
