@@ -1,0 +1,29 @@
+// Bounded texts and switches.
+#pragma once
+
+#include <cstring>
+
+#include <qvcl/system.h>
+
+namespace qvcl {
+
+// Copies at most `bound` characters (none from null) and zeroes the rest of the field, which is not
+// terminated when the text fills it. Returns the number of characters copied.
+inline size_t copy_text(char *to, size_t bound, const char *from) {
+    const size_t length = from != nullptr ? strnlen(from, bound) : 0;
+    if (length != 0) memcpy(to, from, length);
+    memset(to + length, 0, bound - length);
+    return length;
+}
+
+// Switches count only when their value is exactly "1".
+inline bool switched_on(const char *variable) {
+    const char *value = cl_GetEnvValue(variable);
+    return value != nullptr && strcmp(value, "1") == 0;
+}
+
+inline uint64_t address_of(const void *pointer) {
+    return reinterpret_cast<uint64_t>(pointer);
+}
+
+}  // namespace qvcl

@@ -1,0 +1,253 @@
+// The queue container: an intrusive doubly linked list.
+//
+// The rule that everything here keeps: a link that is in no queue is all zero, and a link's owner
+// says which queue holds the element. Membership is therefore one comparison, and removing a known
+// element needs no search.
+#include <cstdlib>
+
+#include <qvcl/memory.h>
+#include <qvcl/queue.h>
+
+namespace {
+
+constexpr uint32_t kStackElements = 128;  // longer queues borrow library memory for a search
+
+CL_QueueLink *link_at(const void *element, uint32_t offset) {
+    return reinterpret_cast<CL_QueueLink *>(const_cast<char *>(static_cast<const char *>(element)) +
+                                            offset);
+}
+
+CL_QueueLink *link_of(const CL_Queue *queue, const void *element) {
+    return link_at(element, queue->link_offset);
+}
+
+bool holds(const CL_Queue *queue, const void *element) {
+    return element != nullptr && link_of(queue, element)->owner == queue;
+}
+
+// Links a free element between two neighbours, either of which may be the queue's end (null).
+void link_between(CL_Queue *queue, void *element, void *previous, void *next) {
+    *link_of(queue, element) = {next, previous, queue};
+    (previous != nullptr ? link_of(queue, previous)->next : queue->head) = element;
+    (next != nullptr ? link_of(queue, next)->previous : queue->tail) = element;
+    ++queue->count;
+}
+
+void *unlink(CL_Queue *queue, void *element) {
+    CL_QueueLink *link = link_of(queue, element);
+    (link->previous != nullptr ? link_of(queue, link->previous)->next : queue->head) = link->next;
+    (link->next != nullptr ? link_of(queue, link->next)->previous : queue->tail) = link->previous;
+    --queue->count;
+    *link = {};
+    return element;
+}
+
+// The array of element pointers that a search or sort works on: the caller's, the stack's or
+// borrowed.
+class WorkArray {
+  public:
+    WorkArray(void **given, uint32_t count) : array_(given) {
+        if (array_ != nullptr) return;
+        array_ = stack_;
+        if (count <= kStackElements) return;
+        borrowed_ = CL_malloc_M(uint64_t{count} * sizeof(void *), 1, "cl_que.c", __LINE__);
+        array_ = static_cast<void **>(borrowed_);
+    }
+    ~WorkArray() {
+        if (borrowed_ != nullptr) CL_free_M(borrowed_, 1, "cl_que.c", __LINE__);
+    }
+    WorkArray(const WorkArray &) = delete;
+    WorkArray &operator=(const WorkArray &) = delete;
+
+    void **get() const { return array_; }
+
+  private:
+    void **array_;
+    void *borrowed_ = nullptr;
+    void *stack_[kStackElements];
+};
+
+// The element after `start` that `equal` accepts; what both linear searches do.
+template <class Equal>
+void *search(const CL_Queue *queue, const void *start, Equal equal) {
+    if (queue->head == nullptr) return nullptr;
+    if (start != nullptr && !holds(queue, start)) return CL_QUE_ERROR;
+    void *element = start != nullptr ? link_of(queue, start)->next : queue->head;
+    while (element != nullptr && !equal(element))
+        element = link_of(queue, element)->next;
+    return element;
+}
+
+uint32_t insert_relative(CL_Queue *queue, void *element, void *reference, bool after) {
+    if (!holds(queue, reference)) return CL_QUE_BAD_REFERENCE;
+    const CL_QueueLink *link = link_of(queue, reference);
+    if (after) {
+        link_between(queue, element, reference, link->next);
+    } else {
+        link_between(queue, element, link->previous, reference);
+    }
+    return CL_QUE_INSERTED;
+}
+
+uint32_t insert_sorted(CL_Queue *queue, void *element, uint32_t flags, void **work,
+                       CL_Comparator compare) {
+    void *lower = CL_QUE_BSearch(queue, element, CL_QUE_EQUAL_OR_LOWER, work, compare);
+    if (lower == CL_QUE_ERROR) return CL_QUE_SEARCH_FAILED;
+    if (lower == nullptr) {
+        link_between(queue, element, nullptr, queue->head);
+        return CL_QUE_INSERTED;
+    }
+    const bool equal = compare(&element, &lower) == 0;
+    if (equal && flags == CL_QUE_SORTED_UNIQUE) return CL_QUE_DUPLICATE;
+    return insert_relative(queue, element, lower, !equal || flags == CL_QUE_SORTED_AFTER);
+}
+
+}  // namespace
+
+void CL_QUE_InitQT(CL_Queue *queue, uint32_t link_offset) {
+    *queue = {nullptr, nullptr, 0, link_offset};
+}
+
+uint32_t CL_QUE_GetNum(const CL_Queue *queue) {
+    return queue->count;
+}
+
+uint32_t CL_QUE_PutTail(CL_Queue *queue, void *element) {
+    if (element == nullptr || link_of(queue, element)->owner != nullptr) return 0;
+    link_between(queue, element, queue->tail, nullptr);
+    return 1;
+}
+
+void *CL_QUE_GetTop(CL_Queue *queue) {
+    return queue->head != nullptr ? unlink(queue, queue->head) : nullptr;
+}
+
+void *CL_QUE_GetData(CL_Queue *queue, void *element) {
+    return holds(queue, element) ? unlink(queue, element) : nullptr;
+}
+
+uint32_t CL_QUE_Isinque(const CL_Queue *queue, const void *element) {
+    return queue->count != 0 && holds(queue, element);
+}
+
+void *CL_QUE_Enum(const CL_Queue *queue, const void *element, uint32_t direction,
+                  uint32_t *status) {
+    *status = CL_QUE_WALKING;
+    if (direction != CL_QUE_FORWARD && direction != CL_QUE_BACKWARD) {
+        *status = CL_QUE_BAD_DIRECTION;
+        return nullptr;
+    }
+    const bool forward = direction == CL_QUE_FORWARD;
+    if (element == nullptr) return forward ? queue->head : queue->tail;
+    if (queue->head == nullptr) return nullptr;
+    if (!holds(queue, element)) {
+        *status = CL_QUE_NOT_HELD;
+        return nullptr;
+    }
+    const CL_QueueLink *link = link_of(queue, element);
+    return forward ? link->next : link->previous;
+}
+
+void *CL_QUE_Search(const CL_Queue *queue, const void *start, const void *key, uint64_t key_length,
+                    uint64_t key_offset) {
+    return search(queue, start, [=](const void *element) {
+        return memcmp(key, static_cast<const char *>(element) + key_offset, key_length) == 0;
+    });
+}
+
+void *CL_QUE_SearchStr(const CL_Queue *queue, const void *start, const char *key,
+                       uint64_t key_offset) {
+    return search(queue, start, [=](const void *element) {
+        return strcmp(key, static_cast<const char *>(element) + key_offset) == 0;
+    });
+}
+
+uint32_t CL_QUE_Sort(CL_Queue *queue, void **work, CL_Comparator compare) {
+    const uint32_t count = queue->count;
+    if (count < 2) return 1;
+    const WorkArray array(work, count);
+    if (array.get() == nullptr) return 0;
+    for (uint32_t i = 0; i < count; ++i)
+        array.get()[i] = CL_QUE_GetTop(queue);
+    qsort(array.get(), count, sizeof(void *), compare);
+    for (uint32_t i = 0; i < count; ++i)
+        CL_QUE_PutTail(queue, array.get()[i]);
+    return 1;
+}
+
+void *CL_QUE_BSearch(const CL_Queue *queue, const void *key, int32_t mode, void **work,
+                     CL_Comparator compare) {
+    if (queue->head == nullptr) return nullptr;
+    if (mode < CL_QUE_EQUAL || mode > CL_QUE_EQUAL_OR_HIGHER) return CL_QUE_ERROR;
+    const WorkArray borrowed(work, queue->count);
+    void **array = borrowed.get();
+    if (array == nullptr) return CL_QUE_ERROR;
+    uint32_t count = 0;
+    for (void *e = queue->head; e != nullptr; e = link_of(queue, e)->next)
+        array[count++] = e;
+
+    uint32_t low = 0;
+    uint32_t high = count - 1;
+    for (;;) {
+        const uint32_t mid = low + (high - low) / 2;
+        const int order = compare(&key, &array[mid]);
+        if (order == 0) return array[mid];
+        if (order < 0) {
+            if (low < mid) {
+                high = mid - 1;
+                continue;
+            }
+            // Everything from mid on is higher, everything before it lower.
+            if (mode == CL_QUE_EQUAL_OR_HIGHER) return array[mid];
+            return mode == CL_QUE_EQUAL_OR_LOWER && mid != 0 ? array[mid - 1] : nullptr;
+        }
+        if (high > mid) {
+            low = mid + 1;
+            continue;
+        }
+        // Everything up to mid is lower, everything behind it higher.
+        if (mode == CL_QUE_EQUAL_OR_LOWER) return array[mid];
+        return mode == CL_QUE_EQUAL_OR_HIGHER && mid != count - 1 ? array[mid + 1] : nullptr;
+    }
+}
+
+uint32_t CL_QUE_Insert(CL_Queue *queue, void *element, uint32_t flags, void *reference, void **work,
+                       CL_Comparator compare) {
+    if (element == nullptr || link_of(queue, element)->owner != nullptr) return CL_QUE_REFUSED;
+    switch (flags) {
+        case CL_QUE_BEFORE_ELEMENT:
+        case CL_QUE_AFTER_ELEMENT:
+            return insert_relative(queue, element, reference, flags == CL_QUE_AFTER_ELEMENT);
+        case CL_QUE_SORTED_BEFORE:
+        case CL_QUE_SORTED_AFTER:
+        case CL_QUE_SORTED_UNIQUE:
+            return insert_sorted(queue, element, flags, work, compare);
+        default:
+            return CL_QUE_REFUSED;
+    }
+}
+
+uint32_t CL_QUE_Apend(CL_Queue *destination, CL_Queue *source) {
+    if (destination->link_offset != source->link_offset) return 0;
+    if (source->head == nullptr || source == destination) return 1;
+    for (void *e = source->head; e != nullptr; e = link_of(source, e)->next) {
+        link_of(source, e)->owner = destination;
+    }
+    link_of(source, source->head)->previous = destination->tail;
+    (destination->tail != nullptr ? link_of(destination, destination->tail)->next
+                                  : destination->head) = source->head;
+    destination->tail = source->tail;
+    destination->count += source->count;
+    CL_QUE_InitQT(source, source->link_offset);
+    return 1;
+}
+
+uint32_t CL_QUE_Clear(CL_Queue *queue) {
+    while (CL_QUE_GetTop(queue) != nullptr) {
+    }
+    return 0;
+}
+
+CL_Queue *CL_QUE_GetQT(const void *link) {
+    return static_cast<const CL_QueueLink *>(link)->owner;
+}
