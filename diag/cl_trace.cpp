@@ -1,0 +1,129 @@
+// Trace rings: where every public call leaves its records.
+//
+// A write is two checks, one clock read and one copy per entry; nothing is formatted, nothing
+// allocated. The indexes keep one rule: `oldest` is always the first entry of a whole record, so a
+// reader can walk from it by the entry counts alone.
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include <qvcl/main.h>
+#include <qvcl/memory.h>
+#include <qvcl/system.h>
+#include <qvcl/trace.h>
+
+#include "core/table_header.h"
+
+namespace {
+
+constexpr char kFile[] = "cl_trace";
+
+CL_TraceRing *&ring_field(int ring) {
+    return ring != CL_RING_USER ? CL_MainTable->library_ring : CL_MainTable->user_ring;
+}
+
+// The library ring's entry count: what CL_TRC_NUM says when it is a number.
+uint32_t library_entries() {
+    const char *value = cl_GetEnvValue("CL_TRC_NUM");
+    if (value == nullptr) return CL_TRC_LIB_COUNT;
+    char *end;
+    const auto count = static_cast<int32_t>(strtol(value, &end, 0));
+    if (*end != '\0') return CL_TRC_LIB_COUNT;
+    return count < CL_TRC_LIB_MIN_COUNT ? uint32_t{CL_TRC_LIB_MIN_COUNT}
+                                        : static_cast<uint32_t>(count);
+}
+
+uint32_t generations() {
+    const char *value = cl_GetEnvValue("CL_TRC_GEN");
+    const long count = value != nullptr ? strtol(value, nullptr, 0) : 0;
+    return count >= 1 ? static_cast<uint32_t>(count) : uint32_t{CL_TRC_GENERATIONS};
+}
+
+// Writes one slice of a record into the next entry.
+void write_entry(CL_TraceRing *ring, const char *slice, uint32_t length, uint32_t flags,
+                 uint32_t remaining) {
+    const uint32_t index = ring->next;
+    // Entries of an odd size are not aligned, so their headers are copied.
+    char *entry = reinterpret_cast<char *>(ring + 1) +
+                  size_t{index} * (ring->entry_size + sizeof(CL_TraceEntry));
+    if (index == ring->oldest && ring->wrapped != 0) {
+        // The oldest record gives way as a whole. Its count fits the ring, so one step wraps.
+        CL_TraceEntry old;
+        memcpy(&old, entry, sizeof old);
+        const uint64_t after = uint64_t{index} + old.remaining;
+        ring->oldest = static_cast<uint32_t>(
+            after < ring->entry_count ? after : (after - ring->entry_count) % ring->entry_count);
+    }
+    const CL_TraceEntry header = {flags, remaining};
+    memcpy(entry, &header, sizeof header);
+    memcpy(entry + sizeof header, slice, length);
+    ring->next = index + 1;
+    if (ring->next == ring->entry_count) {
+        ring->next = 0;
+        ring->wrapped = 1;
+    }
+}
+
+}  // namespace
+
+uint32_t CL_TRC_Init_M(const char *prefix, uint32_t entrySize, uint32_t entryCount,
+                       CL_DumpCallback dumpCallback, int ring) {
+    if (prefix == nullptr && ring == CL_RING_USER) return EFAULT;
+    if (prefix != nullptr && strnlen(prefix, CL_TRC_PREFIX_MAX + 1) > CL_TRC_PREFIX_MAX) {
+        return ENAMETOOLONG;
+    }
+    if (entryCount == 0 || entrySize < CL_TRC_MIN_ENTRY) return EINVAL;
+    return cl_trc_init(ring, prefix, entrySize, entryCount, dumpCallback);
+}
+
+uint32_t cl_trc_init(int ring, const char *prefix, uint32_t entrySize, uint32_t entryCount,
+                     CL_DumpCallback dumpCallback) {
+    CL_TraceRing *&field = ring_field(ring);
+    if (field != nullptr) return EALREADY;
+    const uint64_t size =
+        sizeof(CL_TraceRing) + uint64_t{entryCount} * (uint64_t{entrySize} + sizeof(CL_TraceEntry));
+    auto *block = static_cast<CL_TraceRing *>(CL_malloc_M(size, 1, kFile, __LINE__));
+    if (block == nullptr) return ENOMEM;
+    qvcl::write_table_header(&block->header, ring != CL_RING_USER ? CL_EYE_LIBTRC : CL_EYE_USRTRC, size);
+    qvcl::copy_text(block->prefix, sizeof block->prefix, prefix);
+    block->entry_size = entrySize;
+    block->entry_count = entryCount;
+    field = block;
+    if (ring == CL_RING_USER) CL_MainTable->dump_callback = dumpCallback;
+    CL_MainTable->generations = generations();
+    return 0;
+}
+
+void CL_TRC_End_M(int ring) {
+    CL_TraceRing *&field = ring_field(ring);
+    CL_free_M(field, 1, kFile, __LINE__);
+    field = nullptr;
+    if (ring == CL_RING_USER) CL_MainTable->dump_callback = nullptr;
+}
+
+uint32_t CL_TRC_Write_M(void *record, int ring) {
+    if (record == nullptr) return EFAULT;
+    CL_TraceRing *block = ring_field(ring);
+    if (block == nullptr) return CL_ERR_STATE;
+    auto *head = static_cast<CL_TrcHead *>(record);
+    const uint32_t size = block->entry_size;
+    uint32_t left = head->length;
+    // Most records fit one entry: that needs no division.
+    uint32_t entries = left <= size ? left != 0 : (left - 1) / size + 1;
+    if (entries > block->entry_count) return E2BIG;
+    head->seconds = CL_GetTime_M(&head->microseconds);
+
+    const char *slice = static_cast<const char *>(record);
+    for (uint32_t first = CL_ENTRY_FIRST; entries != 0; --entries, first = 0) {
+        const uint32_t length = left < size ? left : size;
+        const uint32_t last = entries == 1 ? uint32_t{CL_ENTRY_LAST} : 0u;
+        write_entry(block, slice, length, first | last, entries);
+        slice += length;
+        left -= length;
+    }
+    return 0;
+}
+
+uint32_t CL_INTRC_Init() {
+    return CL_TRC_Init_M(nullptr, CL_TRC_LIB_ENTRY, library_entries(), nullptr, CL_RING_LIBRARY);
+}

@@ -1,0 +1,104 @@
+// The one way to an application's callback and the one way to change an object's status, both
+// traced; and positions, which record who did something and when.
+#include <cstring>
+
+#include <qvcl/descriptor.h>
+#include <qvcl/message.h>
+#include <qvcl/system.h>
+
+#include "diag/traced.h"
+
+using qvcl::address_of;
+
+namespace {
+
+// What is copied behind a callback entry record: the start of the message that is reported, or the
+// descriptor sets.
+struct EventData {
+    const void *from;
+    uint32_t length;
+};
+
+EventData bounded(const void *data, int64_t length) {
+    constexpr int64_t kMost = CL_TRC_EVENT_BYTES;
+    if (data == nullptr || length <= 0) return {nullptr, 0};
+    return {data, static_cast<uint32_t>(length < kMost ? length : kMost)};
+}
+
+EventData event_data(const CL_Event &event) {
+    switch (event.type) {
+        case CL_EVENT_MESSAGE:
+            return bounded(event.data, event.length);
+        case CL_EVENT_SENT: {
+            const auto *block = static_cast<const CL_MsgBlock *>(event.data);
+            if (block == nullptr) return {nullptr, 0};
+            return bounded(&block->header, static_cast<int32_t>(block->sent));
+        }
+        case CL_EVENT_DESCRIPTOR:
+            return {&event.sets, sizeof event.sets};
+        default:
+            return {nullptr, 0};
+    }
+}
+
+}  // namespace
+
+uint32_t cl_Callback_M(CL_Callback callback, CL_Object *object, CL_Event *event, uint64_t arg1,
+                       uint64_t arg2, uint8_t callerFlag, const char *file, uint32_t line) {
+    struct {
+        CL_TrcCallback fixed;
+        uint8_t data[sizeof(CL_FdSets)];
+    } record;
+    const EventData data = event_data(*event);
+    CL_TrcCallback &fixed = record.fixed;
+    fixed = {};
+    fixed.head =
+        qvcl::trace_head(CL_API_CALLBACK, sizeof fixed + data.length, callerFlag, file, line);
+    fixed.head.marker = CL_MARK_CALLBACK_ENTRY;
+    fixed.callback = reinterpret_cast<uint64_t>(callback);
+    fixed.handle = address_of(object);
+    fixed.arg1 = arg1;
+    fixed.arg2 = arg2;
+    fixed.type = event->type;
+    fixed.data = address_of(event->data);
+    fixed.data_length = event->length;
+    memcpy(fixed.block, &event->queue, sizeof fixed.block);
+    fixed.exit_reason = event->exit_reason;
+    fixed.exit_value = event->exit_value;
+    fixed.error = event->error;
+    if (data.length != 0) memcpy(record.data, data.from, data.length);
+    CL_TRC_Write_M(&record, CL_RING_LIBRARY);
+
+    // An object without a callback has nobody to tell: the event is dropped.
+    const uint32_t result = callback != nullptr ? callback(object, event, arg1, arg2) : 0;
+
+    fixed.head.length = sizeof fixed;
+    fixed.head.phase = 1;
+    fixed.head.marker = CL_MARK_CALLBACK_EXIT;
+    fixed.result = result;
+    CL_TRC_Write_M(&record, CL_RING_LIBRARY);
+    return result;
+}
+
+uint32_t cl_StatusChange_M(CL_Object *object, uint32_t status, uint32_t sub_status,
+                           const char *file, uint32_t line) {
+    constexpr uint8_t kStatusCaller = 2;
+    CL_TrcStatus record = {};
+    record.old_status = object->status;
+    record.old_sub_status = object->sub_status;
+    object->status = status;
+    object->sub_status = sub_status;
+    record.head = qvcl::trace_head(CL_API_STATUS, sizeof record, kStatusCaller, file, line);
+    record.head.marker = CL_MARK_STATUS;
+    record.handle = address_of(object);
+    record.status = status;
+    record.sub_status = sub_status;
+    return CL_TRC_Write_M(&record, CL_RING_LIBRARY);
+}
+
+void CL_SetPT(CL_Position *position, const char *file, uint32_t line) {
+    qvcl::copy_text(position->file, sizeof position->file, file);
+    position->line = line;
+    position->microseconds = 0;
+    position->seconds = CL_GetTime_M(&position->microseconds);
+}
