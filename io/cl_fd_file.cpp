@@ -1,0 +1,215 @@
+// File objects: one system call an operation, traced, with the error record filled.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <qvcl/file.h>
+#include <qvcl/main.h>
+
+#include "core/error.h"
+#include "diag/traced.h"
+
+using qvcl::address_of;
+
+namespace {
+
+constexpr qvcl::Failure fail{CL_MODULE_FILE};
+constexpr char kFile[] = "cl_fd_file";
+constexpr uint32_t kAccess = 3;
+constexpr uint32_t kFlags = kAccess | O_CREAT | O_EXCL | O_TRUNC | O_APPEND;
+
+// A live FILE object.
+bool is_file(CL_Object *object, CL_ErrInfo *err) {
+    *err = {};
+    if (cl_CheckFD(object, err) == 0) return false;
+    if (object->kind == CL_KIND_FILE) return true;
+    fail(err, EBADF);
+    return false;
+}
+
+bool is_open(const CL_Object *object, CL_ErrInfo *err) {
+    if ((object->status & CL_STATUS_READY) != 0) return true;
+    fail(err, EBADF);
+    return false;
+}
+
+// What write, read and flush do: check, one call on the descriptor, and a record that names the
+// place after a success too.
+template <class Call>
+int64_t transfer(CL_Object *object, CL_ErrInfo *err, Call call) {
+    if (!is_file(object, err) || !is_open(object, err)) return -1;
+    const int64_t result = call(object->descriptor);
+    if (result == -1) {
+        fail.sys(err);
+    } else {
+        fail(err, 0);
+    }
+    return result;
+}
+
+// Opens a new object's file; false with errno, nothing left open.
+bool open_descriptor(CL_Object *object, const char *path, int flags, mode_t mode) {
+    object->descriptor = cl_u_open(path, flags, mode);
+    if (object->descriptor == -1) return false;
+    if (cl_u_fcntl(object->descriptor, F_SETFD, FD_CLOEXEC) != -1) return true;
+    const int kept = errno;
+    cl_u_close(object->descriptor);
+    errno = kept;
+    return false;
+}
+
+CL_TrcFileData data_record(uint8_t api, CL_Object *object, const void *buffer, uint64_t length,
+                           CL_ErrInfo *err, uint8_t callerFlag, const char *file, uint32_t line) {
+    CL_TrcFileData record = {};
+    record.head = qvcl::trace_head(api, sizeof record, callerFlag, file, line);
+    record.handle = address_of(object);
+    record.buffer = address_of(buffer);
+    record.length = length;
+    record.err_address = address_of(err);
+    return record;
+}
+
+void copy_data(CL_TrcFileData &record, const void *buffer, uint64_t length) {
+    if (buffer == nullptr || length == 0) return;
+    memcpy(record.data, buffer, length < sizeof record.data ? length : sizeof record.data);
+}
+
+}  // namespace
+
+CL_Object *CL_OpenFile_M(const char *path, uint32_t flags, uint32_t mode, CL_ErrInfo *err,
+                         uint8_t callerFlag, const char *file, uint32_t line) {
+    CL_TrcOpenFile record = {};
+    record.head = qvcl::trace_head(CL_API_OPEN_FILE, 0, callerFlag, file, line);
+    record.flags = flags;
+    record.mode = mode;
+    record.err_address = address_of(err);
+    qvcl::trace_path(record, path);
+    return qvcl::traced(
+        record, err, [=](CL_ErrInfo *e) { return cl_openfile(path, flags, mode, e, file, line); });
+}
+
+CL_Object *cl_openfile(const char *path, uint32_t flags, uint32_t mode, CL_ErrInfo *err,
+                       const char *file, uint32_t line) {
+    *err = {};
+    if ((flags & kAccess) == kAccess) return fail(err, EINVAL);
+    if (path == nullptr) return fail(err, EFAULT);
+    CL_Object *object = CL_CreateFD_M(CL_KIND_FILE, nullptr, 0, 0, err, 1, file, line);
+    if (object == nullptr) return nullptr;
+    if (!open_descriptor(object, path, static_cast<int>(flags & kFlags), mode)) {
+        fail.sys(err);
+        object->descriptor = -1;
+        CL_ErrInfo scratch;
+        CL_DeleteFD_M(object, &scratch, 1, kFile, __LINE__);
+        return nullptr;
+    }
+    qvcl::copy_text(object->file.path, sizeof object->file.path, path);
+    cl_StatusChange_M(object, CL_STATUS_READY, 0, kFile, __LINE__);
+    return object;
+}
+
+uint32_t CL_CloseFile_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag, const char *file,
+                        uint32_t line) {
+    return qvcl::traced_handle(CL_API_CLOSE_FILE, object, err, callerFlag, file, line,
+                               [=](CL_ErrInfo *e) { return cl_closefile(object, e, file, line); });
+}
+
+uint32_t cl_closefile(CL_Object *object, CL_ErrInfo *err, const char *file, uint32_t line) {
+    if (!is_file(object, err) || !is_open(object, err)) return 0;
+    if (cl_u_close(object->descriptor) != 0) return fail.sys(err);
+    object->descriptor = -1;
+    return CL_DeleteFD_M(object, err, 1, file, line);
+}
+
+int64_t CL_WriteFile_M(CL_Object *object, const void *buffer, uint64_t length, CL_ErrInfo *err,
+                       uint8_t callerFlag, const char *file, uint32_t line) {
+    CL_TrcFileData record =
+        data_record(CL_API_WRITE_FILE, object, buffer, length, err, callerFlag, file, line);
+    copy_data(record, buffer, length);
+    return qvcl::traced(record, err,
+                        [=](CL_ErrInfo *e) { return cl_writefile(object, buffer, length, e); });
+}
+
+int64_t cl_writefile(CL_Object *object, const void *buffer, uint64_t length, CL_ErrInfo *err) {
+    return transfer(object, err, [=](int fd) { return cl_u_write(fd, buffer, length); });
+}
+
+int64_t CL_ReadFile_M(CL_Object *object, void *buffer, uint64_t length, CL_ErrInfo *err,
+                      uint8_t callerFlag, const char *file, uint32_t line) {
+    CL_TrcFileData record =
+        data_record(CL_API_READ_FILE, object, buffer, length, err, callerFlag, file, line);
+    return qvcl::traced(
+        record, err, [=](CL_ErrInfo *e) { return cl_readfile(object, buffer, length, e); },
+        [&record, buffer](int64_t result) {
+            if (result > 0) copy_data(record, buffer, static_cast<uint64_t>(result));
+        });
+}
+
+int64_t cl_readfile(CL_Object *object, void *buffer, uint64_t length, CL_ErrInfo *err) {
+    return transfer(object, err, [=](int fd) { return cl_u_read(fd, buffer, length); });
+}
+
+uint32_t CL_FlushFile_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag, const char *file,
+                        uint32_t line) {
+    CL_TrcFlush record = {};
+    record.head = qvcl::trace_head(CL_API_FLUSH_FILE, sizeof record, callerFlag, file, line);
+    record.handle = address_of(object);
+    record.err_address = address_of(err);
+    return qvcl::traced(record, err, [=](CL_ErrInfo *e) { return cl_flushfile(object, e); });
+}
+
+uint32_t cl_flushfile(CL_Object *object, CL_ErrInfo *err) {
+    return transfer(object, err, [](int fd) { return cl_u_fdatasync(fd); }) == 0;
+}
+
+int32_t CL_SeekFile_M(CL_Object *object, int32_t offset, uint32_t whence, CL_ErrInfo *err,
+                      uint8_t callerFlag, const char *file, uint32_t line) {
+    CL_TrcSeek record = {};
+    record.head = qvcl::trace_head(CL_API_SEEK_FILE, sizeof record, callerFlag, file, line);
+    record.handle = address_of(object);
+    record.offset = offset;
+    record.whence = whence;
+    record.err_address = address_of(err);
+    return qvcl::traced(
+        record, err, [=](CL_ErrInfo *e) { return cl_seekfile(object, offset, whence, e); },
+        [&record](int32_t result) {  // shown as a 64-bit value
+            record.result = static_cast<uint64_t>(int64_t{result});
+        });
+}
+
+int32_t cl_seekfile(CL_Object *object, int32_t offset, uint32_t whence, CL_ErrInfo *err) {
+    const auto refused = [err](uint32_t code, uint32_t line = __builtin_LINE()) {
+        fail(err, code, line);
+        return -1;
+    };
+    if (!is_file(object, err)) return -1;
+    if (whence > SEEK_END) return refused(EINVAL);
+    if (!is_open(object, err)) return -1;
+    const int fd = object->descriptor;
+    const off_t before = whence == SEEK_SET ? 0 : lseek(fd, 0, SEEK_CUR);
+    const off_t result = before == -1 ? -1 : lseek(fd, offset, static_cast<int>(whence));
+    if (result == -1) {
+        fail.sys(err);
+        return -1;
+    }
+    if (result > INT32_MAX) {
+        lseek(fd, before, SEEK_SET);
+        return refused(EOVERFLOW);
+    }
+    fail(err, 0);
+    return static_cast<int32_t>(result);
+}
+
+uint32_t CL_DeleteFile_M(const char *path, CL_ErrInfo *err, uint8_t callerFlag, const char *file,
+                         uint32_t line) {
+    CL_TrcDeleteFile record = {};
+    record.head = qvcl::trace_head(CL_API_DELETE_FILE, 0, callerFlag, file, line);
+    record.err_address = address_of(err);
+    qvcl::trace_path(record, path);
+    return qvcl::traced(record, err, [=](CL_ErrInfo *e) { return cl_deletefile(path, e); });
+}
+
+uint32_t cl_deletefile(const char *path, CL_ErrInfo *err) {
+    *err = {};
+    if (path == nullptr) return fail(err, EFAULT);
+    if (cl_u_unlink(path) != 0) return fail.sys(err);
+    return 1;
+}

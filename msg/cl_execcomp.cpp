@@ -1,0 +1,147 @@
+// The exec-completion channel: the library's own callbacks on both of its ends.
+//
+// They have no caller whose error record they could fill: what makes them fail goes into the main
+// table, and the loop, which their result ends, hands it to its caller.
+#include <cstdio>
+
+#include <qvcl/child.h>
+#include <qvcl/client.h>
+#include <qvcl/execcomp.h>
+#include <qvcl/loop.h>
+#include <qvcl/server.h>
+
+#include "core/error.h"
+
+namespace {
+
+constexpr qvcl::Failure fail{CL_MODULE_MAIN, 1};
+constexpr char kFile[] = "cl_main";
+
+// Fails a callback for a reason of its own.
+uint32_t store(uint32_t code = CL_ERR_QUEUE, uint32_t line = __builtin_LINE()) {
+    fail(&CL_MainTable->exec_error, code, line);
+    return CL_LOOP_ERROR;
+}
+
+// Fails a callback with another operation's error.
+uint32_t store(const CL_ErrInfo &error) {
+    CL_MainTable->exec_error = error;
+    return CL_LOOP_ERROR;
+}
+
+// Disconnects and deletes a report connection that is of no use.
+uint32_t drop(CL_Object *connection) {
+    CL_ErrInfo error = {};
+    if (CL_DiscMSGC_M(connection, nullptr, nullptr, &error, 1, kFile, __LINE__) == 0 ||
+        CL_DeleteFD_M(connection, &error, 1, kFile, __LINE__) == 0) {
+        return store(error);
+    }
+    return 0;
+}
+
+// Turns an accepted connection into one that reports.
+bool become_execc(CL_Object *connection) {
+    CL_Queue *queues = CL_MainTable->kind_queues;
+    if (CL_QUE_GetData(&queues[CL_KIND_QUEUE_MSGC], connection) == nullptr) return false;
+    connection->kind = CL_KIND_EXECC;
+    return CL_QUE_PutTail(&queues[CL_KIND_QUEUE_EXECC], connection) != 0;
+}
+
+// Sets up the deferred receive into the object's own report buffer.
+bool await_report(CL_Object *object) {
+    CL_ErrInfo error = {};
+    auto &report = object->connection.report;
+    return CL_RecvMSGC_M(object, report, sizeof report, CL_MODE_DEFERRED, 0, &error, 1, kFile,
+                         __LINE__) == -1 &&
+           error.err == CL_ERR_IN_PROGRESS;
+}
+
+// Calls the end callback of a started program.
+uint32_t call_end(CL_Object *end, const CL_ErrInfo &why, uint64_t arg1, uint64_t arg2) {
+    CL_Event event = {};
+    event.type = CL_EVENT_END;
+    event.error = why;
+    return cl_Callback_M(end->connection.end_callback, end, &event, arg1, arg2, 0, kFile, __LINE__);
+}
+
+uint32_t end_requested(CL_Object *end, uint64_t arg1, uint64_t arg2) {
+    const uint32_t result = call_end(end, {}, arg1, arg2);
+    CL_ErrInfo error = {};
+    if (CL_DeleteFD_M(end, &error, 1, kFile, __LINE__) == 0) return store(error);
+    return result;
+}
+
+uint32_t parent_lost(CL_Object *end, const CL_Event *event, uint64_t arg1, uint64_t arg2) {
+    CL_ErrInfo why = event->error;
+    why.err = EPIPE;
+    const uint32_t result = call_end(end, why, arg1, arg2);
+    CL_ErrInfo error = {};
+    if (CL_DeleteFD_M(end, &error, 1, kFile, __LINE__) == 0) return store();
+    return result;
+}
+
+uint32_t unknown_message(CL_Object *end, uint32_t type) {
+    char line[256];
+    snprintf(line, sizeof line, "CLLIB:error message was received from the parent process.(%d)",
+             static_cast<int>(type));
+    cl_inlog_write(line);
+    return await_report(end) ? 0 : store();
+}
+
+}  // namespace
+
+uint32_t cl_ExecSWaitCallback(CL_Object *server, CL_Event *event, uint64_t /*arg1*/,
+                              uint64_t /*arg2*/) {
+    if (event->type != CL_EVENT_CONNECTION) return store();
+    CL_ErrInfo error = {};
+    CL_Object *connection =
+        CL_AcceptMSGS_M(server, cl_ExecCWaitCallback, 0, 0, &error, 1, kFile, __LINE__);
+    if (connection == nullptr) return error.err == ENOENT ? 0 : store(error);
+    if (CL_MainTable->exec_wait_list.count == 0) return drop(connection);
+    if (!become_execc(connection)) return store();
+    if (!await_report(connection)) return drop(connection);
+    if (CL_AddEventList_M(connection, CL_PRIORITY_REPORT, &error, 1, kFile, __LINE__) == 0) {
+        return store(error);
+    }
+    return 0;
+}
+
+uint32_t cl_ExecCWaitCallback(CL_Object *connection, CL_Event *event, uint64_t /*arg1*/,
+                              uint64_t /*arg2*/) {
+    if (event->type == CL_EVENT_DISCONNECT || event->type == CL_EVENT_FAILED) {
+        return drop(connection);
+    }
+    if (event->type != CL_EVENT_MESSAGE) return 0;
+    CL_ErrInfo error = {};
+    CL_Object *child = nullptr;
+    const int32_t match = cl_ExecCompRecv(connection, event, &child, &error);
+    if (match < 0) return store(error);
+    if (match > 0) return drop(connection);
+    CL_Event complete = {};
+    complete.type = CL_EVENT_EXEC_COMPLETE;
+    return cl_Callback_M(child->callback, child, &complete, child->arg1, child->arg2, 0, kFile,
+                         __LINE__);
+}
+
+uint32_t cl_EndCallback(CL_Object *end, CL_Event *event, uint64_t arg1, uint64_t arg2) {
+    switch (event->type) {
+        case CL_EVENT_DISCONNECT:
+            return parent_lost(end, event, arg1, arg2);
+        case CL_EVENT_MESSAGE: {
+            const uint32_t type = static_cast<const CL_MsgHeader *>(event->data)->type;
+            if (type == CL_MSG_END_REQUEST) return end_requested(end, arg1, arg2);
+            return unknown_message(end, type);
+        }
+        default:
+            return store();
+    }
+}
+
+uint32_t cl_DeleteEXECS_M(CL_Object *server, CL_ErrInfo *err) {
+    if ((server->status & CL_STATUS_READY) == 0) return 1;
+    CL_Queue &connections = CL_MainTable->kind_queues[CL_KIND_QUEUE_EXECC];
+    while (auto *connection = static_cast<CL_Object *>(connections.head)) {
+        if (CL_DeleteFD_M(connection, err, 1, kFile, __LINE__) == 0) return 0;
+    }
+    return CL_CloseMSGS_M(server, err, 1, kFile, __LINE__);
+}

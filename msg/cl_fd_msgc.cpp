@@ -1,0 +1,359 @@
+// Message client endpoints: connect, receive, send, disconnect, and their part in the loop.
+//
+// Every operation first checks everything and only then touches the connection or the caller's
+// block, so a refused call changes nothing. What a connection waits for is in its sub-status; the
+// loop watches a socket only for that.
+#include <qvcl/client.h>
+#include <qvcl/loop.h>
+#include <qvcl/main.h>
+#include <qvcl/memory.h>
+
+#include "core/error.h"
+#include "diag/traced.h"
+#include "msg/socket.h"
+
+using qvcl::address_of;
+using qvcl::fits_sets;
+using qvcl::ready_in;
+
+namespace {
+
+constexpr qvcl::Failure fail{CL_MODULE_MSGC, 1};
+constexpr char kFile[] = "cl_fd_msgc";
+
+void change(CL_Object *object, uint32_t status, uint32_t sub_status,
+            uint32_t line = __builtin_LINE()) {
+    cl_StatusChange_M(object, status, sub_status, kFile, line);
+}
+
+void set_pending(CL_Object *object, uint32_t bits) {
+    change(object, object->status, object->sub_status | bits);
+}
+
+void clear_pending(CL_Object *object, uint32_t bits) {
+    change(object, object->status, object->sub_status & ~bits);
+}
+
+bool pending(const CL_Object *object, uint32_t bit) {
+    return (object->sub_status & bit) != 0;
+}
+
+bool is_mode(uint32_t mode) {
+    return mode >= CL_MODE_SYNC && mode <= CL_MODE_DEFERRED;
+}
+
+// Not a failure: an event will report the end.
+int32_t goes_on(CL_ErrInfo *err, uint32_t line = __builtin_LINE()) {
+    fail(err, CL_ERR_IN_PROGRESS, line);
+    return -1;
+}
+
+int32_t refused(CL_ErrInfo *err, uint32_t code, uint32_t line = __builtin_LINE()) {
+    fail(err, code, line);
+    return -1;
+}
+
+// A valid object that this caller may use as a client.
+bool usable(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag) {
+    *err = {};
+    if (cl_CheckFD(object, err) == 0) return false;
+    if (callerFlag == 0 && object->kind != CL_KIND_MSGC) {
+        fail(err, EBADF);
+        return false;
+    }
+    return true;
+}
+
+// Whether messages can pass: connected, not failed.
+bool connected(const CL_Object *object) {
+    return (object->status & (CL_STATUS_READY | CL_STATUS_FAILED)) == CL_STATUS_READY &&
+           !pending(object, CL_SUB_CONNECT_PENDING);
+}
+
+uint32_t call(CL_Object *object, CL_Event *event, uint32_t line = __builtin_LINE()) {
+    return cl_Callback_M(object->callback, object, event, object->arg1, object->arg2, 0, kFile,
+                         line);
+}
+
+// Reports a transfer. Blocks of a disconnect event that the callback left in its queue are the
+// application's again.
+uint32_t report(CL_Object *object, CL_Event *event) {
+    const uint32_t result = call(object, event);
+    if (event->type == CL_EVENT_DISCONNECT) CL_QUE_Clear(&event->queue);
+    return result;
+}
+
+}  // namespace
+
+uint32_t CL_CnctMSGC_M(CL_Object *client, const char *path, uint32_t mode, uint32_t reserved,
+                       CL_ErrInfo *err, uint8_t callerFlag, const char *file, uint32_t line) {
+    CL_TrcConnect record = {};
+    record.head = qvcl::trace_head(CL_API_CNCT_MSGC, 0, callerFlag, file, line);
+    record.handle = address_of(client);
+    record.mode = mode;
+    record.reserved = reserved;
+    record.err_address = address_of(err);
+    qvcl::trace_path(record, path);
+    return qvcl::traced(
+        record, err, [=](CL_ErrInfo *e) { return cl_cnctmsgc(client, path, mode, e, callerFlag); });
+}
+
+uint32_t cl_cnctmsgc(CL_Object *client, const char *path, uint32_t mode, CL_ErrInfo *err,
+                     uint8_t callerFlag) {
+    if (!usable(client, err, callerFlag)) return 0;
+    if (CL_QUE_Isinque(&CL_MainTable->used_queue, client) == 0) return fail(err, EBADF);
+    if ((client->status & CL_STATUS_READY) != 0) return fail(err, EALREADY);
+    if (path == nullptr) return fail(err, EFAULT);
+    if (qvcl::path_too_long(path)) return fail(err, ENAMETOOLONG);
+    if (!is_mode(mode)) return fail(err, EINVAL);
+    CL_Connection &connection = client->connection;
+    connection.receive_buffer = nullptr;
+    connection.receive_capacity = 0;
+    connection.received_count = 0;
+    CL_QUE_InitQT(&connection.send_queue, 0);
+    connection.address = qvcl::socket_address(path);
+
+    client->descriptor = cl_u_socket(AF_UNIX, SOCK_STREAM, 0);
+    if (client->descriptor == -1 || !qvcl::prepare_socket(client->descriptor) ||
+        cl_u_connect(client->descriptor, qvcl::generic(connection.address),
+                     sizeof connection.address) != 0) {
+        qvcl::abandon_socket(client);
+        return fail.sys(err);
+    }
+    const uint32_t status = CL_STATUS_READY | (client->status & CL_STATUS_LISTED);
+    if (mode == CL_MODE_SYNC) {
+        change(client, status, 0);
+        return 1;
+    }
+    change(client, status, CL_SUB_CONNECT_PENDING);
+    return fail(err, CL_ERR_IN_PROGRESS);
+}
+
+int32_t CL_RecvMSGC_M(CL_Object *client, void *buffer, int32_t capacity, uint32_t mode,
+                      uint32_t timeout, CL_ErrInfo *err, uint8_t callerFlag, const char *file,
+                      uint32_t line) {
+    CL_TrcReceive record = {};
+    record.head = qvcl::trace_head(CL_API_RECV_MSGC, sizeof record, callerFlag, file, line);
+    record.handle = address_of(client);
+    record.buffer = address_of(buffer);
+    record.capacity = static_cast<uint32_t>(capacity);
+    record.mode = mode;
+    record.timeout = timeout;
+    record.err_address = address_of(err);
+    return qvcl::traced(
+        record, err,
+        [=](CL_ErrInfo *e) {
+            return cl_recvmsgc(client, buffer, capacity, mode, timeout, e, callerFlag, file, line);
+        },
+        [&record, buffer, capacity](int32_t) {
+            if (record.error.err != 0 || capacity <= 0) return;
+            const size_t size = sizeof record.data;
+            const auto held = static_cast<size_t>(capacity);
+            memcpy(record.data, buffer, held < size ? held : size);
+        });
+}
+
+int32_t cl_recvmsgc(CL_Object *client, void *buffer, int32_t capacity, uint32_t mode,
+                    uint32_t timeout, CL_ErrInfo *err, uint8_t callerFlag, const char * /*file*/,
+                    uint32_t /*line*/) {
+    if (!usable(client, err, callerFlag)) return -1;
+    if (!connected(client)) return refused(err, EBADF);
+    if (pending(client, CL_SUB_RECV_PENDING)) return refused(err, EINPROGRESS);
+    if (!is_mode(mode)) return refused(err, EINVAL);
+    if (capacity < CL_MSG_HEADER_SIZE) return refused(err, EINVAL);
+    if (buffer == nullptr) return refused(err, EFAULT);
+    CL_Connection &connection = client->connection;
+    connection.receive_buffer = buffer;
+    connection.receive_capacity = capacity;
+    connection.received_count = 0;
+    if (mode == CL_MODE_SYNC) return cl_recv_sync(client, timeout, err);
+    set_pending(client, CL_SUB_RECV_PENDING);
+    return goes_on(err);
+}
+
+int32_t CL_SendMSGC_M(CL_Object *client, void *block, int32_t blockSize, uint32_t mode,
+                      uint32_t timeout, CL_ErrInfo *err, uint8_t callerFlag, const char *file,
+                      uint32_t line) {
+    CL_TrcSend record = {};
+    int32_t shown = blockSize < 0 ? 0 : blockSize;
+    if (shown > static_cast<int32_t>(sizeof record.data)) shown = sizeof record.data;
+    const bool readable = cl_addrchk(block, shown) == 0;
+    const auto copy_block = [&record, block, shown, readable] {
+        if (readable && shown != 0) memcpy(record.data, block, static_cast<size_t>(shown));
+    };
+    record.head =
+        qvcl::trace_head(CL_API_SEND_MSGC, offsetof(CL_TrcSend, data) + static_cast<size_t>(shown),
+                         callerFlag, file, line);
+    record.handle = address_of(client);
+    record.block = address_of(block);
+    record.block_size = static_cast<uint32_t>(blockSize);
+    record.mode = mode;
+    record.timeout = timeout;
+    record.err_address = address_of(err);
+    record.data_length = static_cast<uint32_t>(shown);
+    copy_block();
+    return qvcl::traced(
+        record, err,
+        [=](CL_ErrInfo *e) {
+            return cl_sendmsgc(client, block, blockSize, mode, timeout, e, callerFlag, file, line);
+        },
+        [&](int32_t) {
+            record.head.length = sizeof record;
+            copy_block();
+        });
+}
+
+namespace {
+
+// Sends the block that stands alone in the queue as far as it goes now. In mode 3 even a block that
+// went out whole is reported by the loop: it is queued again with nothing left to write.
+int32_t send_now(CL_Object *client, CL_MsgBlock *block, uint32_t mode, CL_ErrInfo *err) {
+    CL_Event event = {};
+    const int32_t result = cl_send(client, &event, err);
+    if (result < 0) {
+        CL_QUE_Clear(&event.queue);
+        return -1;
+    }
+    if (result > 0 && mode == CL_MODE_IMMEDIATE) return result;
+    if (result > 0 && CL_QUE_PutTail(&client->connection.send_queue, block) == 0) {
+        return refused(err, CL_ERR_QUEUE);
+    }
+    set_pending(client, CL_SUB_SEND_PENDING);
+    return goes_on(err);
+}
+
+}  // namespace
+
+int32_t cl_sendmsgc(CL_Object *client, void *block, int32_t blockSize, uint32_t mode,
+                    uint32_t timeout, CL_ErrInfo *err, uint8_t callerFlag, const char * /*file*/,
+                    uint32_t /*line*/) {
+    if (!usable(client, err, callerFlag)) return -1;
+    if (!connected(client)) return refused(err, EBADF);
+    if (!is_mode(mode)) return refused(err, EINVAL);
+    CL_Queue *queue = &client->connection.send_queue;
+    if (mode == CL_MODE_SYNC && queue->count != 0) return refused(err, EINPROGRESS);
+    if (blockSize < static_cast<int32_t>(sizeof(CL_MsgBlock))) return refused(err, EINVAL);
+    if (block == nullptr) return refused(err, EFAULT);
+    auto *message = static_cast<CL_MsgBlock *>(block);
+    if (message->link.owner != nullptr) return refused(err, EINVAL);
+    message->sent = 0;
+    message->header.length = static_cast<uint32_t>(blockSize - CL_MSG_PREFIX_SIZE);
+    message->header.version = CL_MSG_VERSION;
+    message->header.sender = CL_GetPid();
+    CL_QUE_PutTail(queue, message);
+    if (queue->count > 1) return goes_on(err);
+    if (mode == CL_MODE_SYNC) return cl_send_sync(client, timeout, err);
+    return send_now(client, message, mode, err);
+}
+
+uint32_t CL_DiscMSGC_M(CL_Object *client, uint64_t *receiveBufferOut, CL_Queue *unsentOut,
+                       CL_ErrInfo *err, uint8_t callerFlag, const char *file, uint32_t line) {
+    CL_TrcDisconnect record = {};
+    record.head = qvcl::trace_head(CL_API_DISC_MSGC, sizeof record, callerFlag, file, line);
+    record.handle = address_of(client);
+    record.buffer_out = address_of(receiveBufferOut);
+    record.unsent_out = address_of(unsentOut);
+    record.err_address = address_of(err);
+    return qvcl::traced(record, err, [=](CL_ErrInfo *e) {
+        return cl_discmsgc(client, receiveBufferOut, unsentOut, e, callerFlag, file, line);
+    });
+}
+
+uint32_t cl_discmsgc(CL_Object *client, uint64_t *receiveBufferOut, CL_Queue *unsentOut,
+                     CL_ErrInfo *err, uint8_t callerFlag, const char * /*file*/,
+                     uint32_t /*line*/) {
+    if (!usable(client, err, callerFlag)) return 0;
+    if ((client->status & CL_STATUS_READY) == 0) return fail(err, EBADF);
+    CL_Connection &connection = client->connection;
+    if (receiveBufferOut != nullptr) *receiveBufferOut = address_of(connection.receive_buffer);
+    connection.receive_buffer = nullptr;
+    if (unsentOut != nullptr) {
+        CL_QUE_InitQT(unsentOut, 0);
+        if (CL_QUE_Apend(unsentOut, &connection.send_queue) == 0) return fail(err, CL_ERR_QUEUE);
+    } else {
+        CL_QUE_Clear(&connection.send_queue);
+    }
+    if (client->descriptor != -1 && cl_u_close(client->descriptor) != 0) return fail.sys(err);
+    client->descriptor = -1;
+    change(client, client->status & CL_STATUS_LISTED, 0);
+    return 1;
+}
+
+uint32_t cl_DeleteMSGC_M(CL_Object *client, CL_ErrInfo *err) {
+    if ((client->status & CL_STATUS_READY) == 0) return 1;
+    return CL_DiscMSGC_M(client, nullptr, nullptr, err, 1, kFile, __LINE__);
+}
+
+uint32_t cl_MakeListMSGC_M(CL_Object *client) {
+    if ((client->status & CL_STATUS_READY) == 0) {
+        change(client, client->status | CL_STATUS_FAILED, client->sub_status);
+        fail(&client->error, EBADF);
+        return EBADF;
+    }
+    if ((client->status & CL_STATUS_FAILED) != 0) {
+        fail(&client->error, EBADF);
+        return EBADF;
+    }
+    if (!fits_sets(client->descriptor)) {
+        change(client, client->status | CL_STATUS_FAILED, client->sub_status);
+        fail(&client->error, EMFILE);
+        return EBADF;
+    }
+    CL_MainBlock &main = *CL_MainTable;
+    if (pending(client, CL_SUB_CONNECT_PENDING | CL_SUB_SEND_PENDING)) {
+        qvcl::watch(client->descriptor, main.sets.write, main.descriptor_count);
+    }
+    if (pending(client, CL_SUB_RECV_PENDING)) {
+        qvcl::watch(client->descriptor, main.sets.read, main.descriptor_count);
+    }
+    return 0;
+}
+
+namespace {
+
+// The write side of a check. `ended`: the connection has nothing more to check in this iteration.
+uint32_t check_write(CL_Object *client, CL_ErrInfo *err, bool *ended) {
+    CL_Event event = {};
+    if (pending(client, CL_SUB_CONNECT_PENDING)) {
+        clear_pending(client, CL_SUB_CONNECT_PENDING);
+        event.type = CL_EVENT_CONNECTED;
+        return call(client, &event);
+    }
+    if (!pending(client, CL_SUB_SEND_PENDING)) {
+        fail(err, CL_ERR_QUEUE);
+        return CL_LOOP_ERROR;
+    }
+    CL_ErrInfo scratch = {};
+    const int32_t sent = cl_send(client, &event, &scratch);
+    if (sent == 0) return 0;
+    // A failed transfer has no received count to go on from. An empty queue makes no event.
+    *ended = sent < 0;
+    if (client->connection.send_queue.count == 0) clear_pending(client, CL_SUB_SEND_PENDING);
+    return event.type != 0 ? report(client, &event) : 0;
+}
+
+uint32_t check_read(CL_Object *client, CL_ErrInfo *err) {
+    if (!pending(client, CL_SUB_RECV_PENDING)) {
+        fail(err, CL_ERR_QUEUE);
+        return CL_LOOP_ERROR;
+    }
+    CL_Event event;
+    CL_ErrInfo scratch = {};
+    if (cl_recv(client, &event, &scratch) == 0) return 0;
+    clear_pending(client, CL_SUB_RECV_PENDING);
+    return report(client, &event);
+}
+
+}  // namespace
+
+uint32_t cl_CheckMSGC_M(CL_Object *client, CL_ErrInfo *err) {
+    const CL_FdSets &sets = CL_MainTable->sets;
+    bool ended = false;
+    if (ready_in(client->descriptor, sets.write)) {
+        const uint32_t result = check_write(client, err, &ended);
+        if (result != 0) return result;
+    }
+    // The callback may have disconnected; a socket that it opened has no result in these sets.
+    if (ended || !ready_in(client->descriptor, sets.read)) return 0;
+    return check_read(client, err);
+}

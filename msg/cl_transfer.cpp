@@ -1,0 +1,334 @@
+// Message transfer: the resumable steps, and the synchronous wait that runs them without the loop.
+//
+// All progress lives in the connection (receiving) and in the block at the head of the send queue
+// (sending), so a step may stop at any byte and go on in a later iteration. A receive never asks
+// for more than the rest of the current message: the next one stays in the socket.
+#include <sys/select.h>
+#include <csignal>
+#include <initializer_list>
+
+#include <qvcl/loop.h>
+#include <qvcl/main.h>
+#include <qvcl/message.h>
+#include <qvcl/timer.h>
+
+#include "core/error.h"
+#include "core/signal_field.h"
+#include "msg/socket.h"
+
+namespace {
+
+constexpr qvcl::Failure fail{CL_MODULE_MSGC};
+constexpr char kFile[] = "cl_fd_msgc";
+
+void mark_failed(CL_Object *connection) {
+    cl_StatusChange_M(connection, connection->status | CL_STATUS_FAILED, connection->sub_status,
+                      kFile, __LINE__);
+}
+
+// Ends the connection: disconnect event, failed status.
+void disconnect(CL_Object *connection, CL_Event *event, const CL_ErrInfo *err) {
+    cl_setdiscivent(event, connection, err);
+    mark_failed(connection);
+}
+
+enum class Read { more, later, over };
+
+// Receives at most `wanted` bytes behind those received; `over` with the disconnect event made.
+Read read_on(CL_Object *object, int32_t wanted, CL_Event *event, CL_ErrInfo *err) {
+    CL_Connection &connection = object->connection;
+    char *at = static_cast<char *>(connection.receive_buffer) + connection.received_count;
+    const int32_t got =
+        cl_u_recv(object->descriptor, at, static_cast<size_t>(wanted), MSG_NOSIGNAL);
+    if (got > 0) {
+        connection.received_count += got;
+        return Read::more;
+    }
+    if (got < 0 && errno == EAGAIN) return Read::later;
+    if (got < 0) {
+        fail.sys(err);
+        connection.received_count = -1;
+    } else {
+        fail(err, EPIPE);
+        connection.received_count = 0;
+    }
+    disconnect(object, event, err);
+    return Read::over;
+}
+
+// Checks a complete header; false with the disconnect event made.
+bool header_fine(CL_Object *object, CL_Event *event, CL_ErrInfo *err) {
+    const CL_Connection &connection = object->connection;
+    const auto *header = static_cast<const CL_MsgHeader *>(connection.receive_buffer);
+    const auto length = static_cast<int32_t>(header->length);
+    if (length > connection.receive_capacity) {
+        fail(err, EMSGSIZE);
+    } else if (header->version != CL_MSG_VERSION || length < CL_MSG_HEADER_SIZE) {
+        fail(err, EPROTO);
+    } else {
+        return true;
+    }
+    disconnect(object, event, err);
+    return false;
+}
+
+}  // namespace
+
+uint32_t cl_recv(CL_Object *object, CL_Event *event, CL_ErrInfo *err) {
+    CL_Connection &connection = object->connection;
+    if (connection.received_count < 0) connection.received_count = 0;  // after a failed transfer
+    for (;;) {
+        int32_t wanted = CL_MSG_HEADER_SIZE - connection.received_count;
+        if (wanted <= 0) {
+            if (!header_fine(object, event, err)) return 1;
+            const auto *header = static_cast<const CL_MsgHeader *>(connection.receive_buffer);
+            wanted = static_cast<int32_t>(header->length) - connection.received_count;
+            if (wanted <= 0) break;
+        }
+        switch (read_on(object, wanted, event, err)) {
+            case Read::more:
+                break;
+            case Read::later:
+                return 0;
+            case Read::over:
+                return 1;
+        }
+    }
+    fail(err, 0);
+    *event = {};
+    event->type = CL_EVENT_MESSAGE;
+    event->data = connection.receive_buffer;
+    event->length = connection.received_count;
+    event->error = *err;
+    return 1;
+}
+
+void cl_setdiscivent(CL_Event *event, CL_Object *object, const CL_ErrInfo *err) {
+    CL_Connection &connection = object->connection;
+    *event = {};
+    event->type = CL_EVENT_DISCONNECT;
+    event->data = connection.receive_buffer;
+    event->length = connection.received_count;
+    CL_QUE_InitQT(&event->queue, 0);
+    CL_QUE_Apend(&event->queue, &connection.send_queue);
+    event->error = *err;
+}
+
+int32_t cl_send(CL_Object *object, CL_Event *event, CL_ErrInfo *err) {
+    CL_Connection &connection = object->connection;
+    auto *block = static_cast<CL_MsgBlock *>(connection.send_queue.head);
+    if (block == nullptr) {
+        fail(err, CL_ERR_QUEUE);
+        return -1;
+    }
+    const uint32_t length = block->header.length;
+    while (block->sent < length) {
+        const char *rest = reinterpret_cast<const char *>(&block->header) + block->sent;
+        const int32_t written =
+            cl_u_send(object->descriptor, rest, length - block->sent, MSG_NOSIGNAL);
+        if (written >= 0) {
+            block->sent += static_cast<uint32_t>(written);
+        } else if (errno == EAGAIN) {
+            fail(err, CL_ERR_IN_PROGRESS);
+            return 0;
+        } else {
+            fail.sys(err);
+            connection.received_count = -1;
+            disconnect(object, event, err);
+            return -1;
+        }
+    }
+    fail(err, 0);
+    cl_setsendcmp(event, object);
+    return static_cast<int32_t>(block->sent);
+}
+
+void cl_setsendcmp(CL_Event *event, CL_Object *object) {
+    *event = {};
+    event->type = CL_EVENT_SENT;
+    CL_QUE_InitQT(&event->queue, 0);
+    event->data = CL_QUE_GetTop(&object->connection.send_queue);
+}
+
+// ---------------------------------------------------------------- the synchronous wait
+
+namespace {
+
+// What a synchronous transfer waits for and does; all else is the same in both directions.
+struct Direction {
+    void (*watch)(const CL_Object *connection, const CL_Object *end, CL_FdSets &sets,
+                  int32_t &count);
+    fd_set CL_FdSets::*ready;
+    int32_t (*step)(CL_Object *connection, CL_ErrInfo *err);  // 0 again, length, or -1
+};
+
+constexpr Direction kReceive = {
+    [](const CL_Object *connection, const CL_Object *end, CL_FdSets &sets, int32_t &count) {
+        cl_make_recv_fd(connection, end, &sets.read, &count);
+    },
+    &CL_FdSets::read,
+    [](CL_Object *connection, CL_ErrInfo *err) -> int32_t {
+        CL_Event event;
+        if (cl_recv(connection, &event, err) == 0) return 0;
+        if (event.type == CL_EVENT_MESSAGE) return event.length;
+        CL_QUE_Clear(&event.queue);  // blocks that it took are the caller's again
+        return -1;
+    },
+};
+
+constexpr Direction kSend = {
+    [](const CL_Object *connection, const CL_Object *end, CL_FdSets &sets, int32_t &count) {
+        cl_make_send_fd(connection, end, &sets.read, &sets.write, &count);
+    },
+    &CL_FdSets::write,
+    [](CL_Object *connection, CL_ErrInfo *err) -> int32_t {
+        CL_Event event = {};
+        const int32_t result = cl_send(connection, &event, err);
+        if (result < 0) CL_QUE_Clear(&event.queue);
+        return result;
+    },
+};
+
+// One synchronous transfer. SIGALRM is blocked between the look at the ticks and the wait, and open
+// in the wait, so that no tick is missed; without a running timer there is nothing to miss.
+class SyncWait {
+  public:
+    SyncWait(CL_Object *connection, uint32_t timeout, CL_ErrInfo *err, const Direction &direction)
+        : connection_(connection), timeout_(timeout), err_(err), direction_(direction) {
+        sigemptyset(&alarm_);
+        sigaddset(&alarm_, SIGALRM);
+        if (CL_MainTable->sync_flag == 0) return;
+        end_ = static_cast<CL_Object *>(CL_MainTable->kind_queues[CL_KIND_QUEUE_END].head);
+        if (end_ == connection_) end_ = nullptr;
+    }
+
+    int32_t run() {
+        if (!qvcl::fits_sets(connection_->descriptor)) {
+            fail(err_, EMFILE);
+            return -1;
+        }
+        if (timeout_ != 0 && CL_StartTIMER_M(connection_, timeout_, CL_TIMER_ONESHOT, err_, 1,
+                                             kFile, __LINE__) == 0) {
+            return -1;
+        }
+        // Nothing may be wrong with just doing it: only an end watch has to be looked at first.
+        int32_t result = end_ == nullptr ? direction_.step(connection_, err_) : 0;
+        while (result == 0 && !over_)
+            result = pass();
+        return timeout_ != 0 ? stop_timer(result) : result;
+    }
+
+  private:
+    // One wait and what it brought: 0 for another pass, unless over_ says it was the last.
+    int32_t pass() {
+        CL_FdSets sets = {};
+        int32_t count = 0;
+        direction_.watch(connection_, end_, sets, count);
+        sigset_t saved;
+        const bool ticking = CL_MainTable->timer_list.head != nullptr;
+        if (ticking && cl_msgc_sigcheck(connection_, timeout_, &alarm_, &saved, err_) != 0) {
+            return -1;
+        }
+        if (ticking) sigdelset(&saved, SIGALRM);
+        const int ready = pselect(count, &sets.read, &sets.write, &sets.except, nullptr,
+                                  ticking ? &saved : nullptr);
+        const int code = errno;
+        if (ticking) cl_u_sigprocmask(SIG_UNBLOCK, &alarm_, nullptr);
+        if (ready < 0) {
+            if (code == EINTR) return 0;  // the next pass looks at the ticks
+            fail(err_, static_cast<uint32_t>(code));
+            return -1;
+        }
+        if (end_ != nullptr && qvcl::ready_in(end_->descriptor, sets.read) &&
+            cl_recv_end(end_, err_) != 0) {
+            return end_request();
+        }
+        if (!qvcl::ready_in(connection_->descriptor, sets.*direction_.ready)) return 0;
+        return direction_.step(connection_, err_);
+    }
+
+    int32_t end_request() {
+        CL_Event event = {};
+        event.type = CL_EVENT_END;
+        const uint32_t result = cl_Callback_M(end_->connection.end_callback, end_, &event,
+                                              end_->arg1, end_->arg2, 0, kFile, __LINE__);
+        fail(err_, EINTR);
+        over_ = true;
+        return static_cast<int32_t>(result);
+    }
+
+    // The end callback may have deleted the connection, and its timer with it.
+    int32_t stop_timer(int32_t result) {
+        if ((connection_->status & CL_STATUS_RUNNING) == 0) return result;
+        CL_ErrInfo scratch = {};
+        CL_ErrInfo *err = err_->err != 0 ? &scratch : err_;
+        return CL_StopTIMER_M(connection_, err, 1, kFile, __LINE__) != 0 ? result : -1;
+    }
+
+    CL_Object *connection_;
+    uint32_t timeout_;
+    CL_ErrInfo *err_;
+    const Direction &direction_;
+    CL_Object *end_ = nullptr;
+    sigset_t alarm_;
+    bool over_ = false;
+};
+
+}  // namespace
+
+int32_t cl_recv_sync(CL_Object *connection, uint32_t timeout, CL_ErrInfo *err) {
+    return SyncWait(connection, timeout, err, kReceive).run();
+}
+
+int32_t cl_send_sync(CL_Object *connection, uint32_t timeout, CL_ErrInfo *err) {
+    return SyncWait(connection, timeout, err, kSend).run();
+}
+
+int32_t cl_msgc_sigcheck(CL_Object *connection, uint32_t timeout, const sigset_t *alarm,
+                         sigset_t *saved, CL_ErrInfo *err) {
+    constexpr int32_t kTimedOut = 2;
+    if (cl_u_sigprocmask(SIG_BLOCK, alarm, saved) != 0) {
+        fail.sys(err);
+        return -1;
+    }
+    const uint64_t ticks = qvcl::take(CL_MainTable->timer_signals);
+    if (ticks == 0) return 0;
+    cl_TimerCheck(static_cast<uint32_t>(ticks), err);
+    if (timeout == 0 || connection->remaining != CL_TIMER_DUE) return 0;
+    if (cl_u_sigprocmask(SIG_UNBLOCK, alarm, nullptr) != 0) {
+        fail.sys(err);
+        return -1;
+    }
+    fail(err, ETIMEDOUT);
+    return kTimedOut;
+}
+
+void cl_make_recv_fd(const CL_Object *connection, const CL_Object *end, fd_set *read,
+                     int32_t *count) {
+    for (const CL_Object *object : {connection, end}) {
+        if (object != nullptr && qvcl::fits_sets(object->descriptor)) {
+            qvcl::watch(object->descriptor, *read, *count);
+        }
+    }
+}
+
+void cl_make_send_fd(const CL_Object *connection, const CL_Object *end, fd_set *read, fd_set *write,
+                     int32_t *count) {
+    if (qvcl::fits_sets(connection->descriptor)) {
+        qvcl::watch(connection->descriptor, *write, *count);
+    }
+    cl_make_recv_fd(end, nullptr, read, count);
+}
+
+uint32_t cl_recv_end(CL_Object *end, CL_ErrInfo *err) {
+    CL_Event event;
+    if (cl_recv(end, &event, err) == 0) return 0;
+    if (event.type == CL_EVENT_DISCONNECT) {
+        CL_QUE_Clear(&event.queue);
+        return 1;
+    }
+    if (static_cast<const CL_MsgHeader *>(event.data)->type == CL_MSG_END_REQUEST) return 1;
+    end->connection.receive_capacity = sizeof end->connection.report;
+    end->connection.received_count = 0;
+    return 0;
+}

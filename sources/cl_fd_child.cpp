@@ -1,0 +1,190 @@
+// Child processes: reaping without blocking, and reports that started programs have come up.
+//
+// The SIGCHLD handler only sets a flag. One dispatch asks every watched child whether it has ended,
+// so one signal serves any number of them, and children without an object are left alone. The
+// dispatch keeps its place in the main table; a deletion moves it back first.
+#include <sys/wait.h>
+#include <csignal>
+
+#include <qvcl/child.h>
+#include <qvcl/loop.h>
+#include <qvcl/main.h>
+#include <qvcl/message.h>
+#include <qvcl/system.h>
+
+#include "core/error.h"
+#include "core/signal_field.h"
+
+namespace {
+
+constexpr qvcl::Failure fail{CL_MODULE_CHILD};
+constexpr char kFile[] = "cl_fd_child";
+
+pid_t pid_of(const CL_Object *child) {
+    return static_cast<pid_t>(child->child.pid);
+}
+
+void close_connection(CL_Object *child) {
+    if (child->descriptor == -1) return;
+    cl_u_close(child->descriptor);
+    child->descriptor = -1;
+}
+
+// Makes the child's predecessor on the child event list the place of the dispatch.
+bool step_cursor_back(CL_Object *child) {
+    uint32_t status;
+    CL_MainTable->child_cursor = static_cast<CL_Object *>(
+        CL_QUE_Enum(&CL_MainTable->child_list, child, CL_QUE_BACKWARD, &status));
+    return status == CL_QUE_WALKING;
+}
+
+// Takes the child off the exec-completion wait list, if it is there.
+bool stop_waiting(CL_Object *child) {
+    CL_Queue *list = &CL_MainTable->exec_wait_list;
+    return CL_QUE_Isinque(list, child) == 0 || CL_QUE_GetData(list, child) != nullptr;
+}
+
+CL_Event end_event(int status) {
+    CL_Event event = {};
+    event.type = CL_EVENT_CHILD_END;
+    if (WIFEXITED(status)) {
+        event.exit_reason = CL_CHILD_EXITED;
+        event.exit_value = static_cast<uint32_t>(WEXITSTATUS(status));
+    } else if (WIFSIGNALED(status)) {
+        event.exit_reason = CL_CHILD_KILLED;
+        event.exit_value = static_cast<uint32_t>(WTERMSIG(status));
+    }
+    return event;
+}
+
+// Ends the dispatch: nobody's turn any more, and without a waiting child no report connections.
+uint32_t end_dispatch(uint32_t result, CL_ErrInfo *err) {
+    CL_MainTable->child_cursor = nullptr;
+    return cl_clear_execc(err) != 0 ? result : CL_LOOP_ERROR;
+}
+
+}  // namespace
+
+void cl_sigchld(int /*signal*/) {
+    qvcl::raise_flag(CL_MainTable->child_signal);
+}
+
+uint32_t cl_sigchld_init(CL_ErrInfo *err) {
+    __atomic_store_n(&CL_MainTable->child_signal, 0u, __ATOMIC_RELEASE);
+    struct sigaction action = {};
+    action.sa_handler = cl_sigchld;
+    action.sa_flags = SA_RESTART | SA_SIGINFO | SA_NOCLDSTOP;
+    if (cl_u_sigemptyset(&action.sa_mask) != 0) return fail.sys(err);
+    if (cl_u_sigaddset(&action.sa_mask, SIGCHLD) != 0) return fail.sys(err);
+    if (cl_u_sigaction(SIGCHLD, &action, nullptr) != 0) return fail.sys(err);
+    return 1;
+}
+
+uint32_t cl_SIGCHLD_end() {
+    cl_u_signal(SIGCHLD, SIG_IGN);
+    return 1;
+}
+
+int32_t cl_envchange(const CL_EnvChange *changes, CL_ErrInfo *err) {
+    for (; changes != nullptr && changes->name != nullptr; ++changes) {
+        if (changes->value == nullptr) {
+            cl_u_unsetenv(changes->name);
+        } else if (cl_u_setenv(changes->name, changes->value, 1) != 0) {
+            fail(err, ENOMEM);
+            return -1;
+        }
+    }
+    return 0;
+}
+
+uint32_t cl_ChildCall(CL_ErrInfo *err) {
+    CL_MainBlock &main = *CL_MainTable;
+    for (;;) {
+        uint32_t walk;
+        auto *child = static_cast<CL_Object *>(
+            CL_QUE_Enum(&main.child_list, main.child_cursor, CL_QUE_FORWARD, &walk));
+        if (walk != CL_QUE_WALKING) {
+            fail.both(err, CL_ERR_QUEUE, walk);
+            return CL_LOOP_ERROR;
+        }
+        if (child == nullptr) return end_dispatch(0, err);
+        main.child_cursor = child;
+
+        int status = 0;
+        const pid_t ended = cl_u_waitpid(pid_of(child), &status, WNOHANG);
+        if (ended == 0) continue;
+        if (ended == -1) {
+            fail.sys(err);
+            return CL_LOOP_ERROR;
+        }
+        CL_Event event = end_event(status);
+        close_connection(child);
+        if (!stop_waiting(child)) return fail(err, CL_ERR_QUEUE);
+        if (!step_cursor_back(child)) return fail(err, CL_ERR_QUEUE);
+        CL_QUE_GetData(&main.child_list, child);
+        cl_StatusChange_M(child, 0, 0, kFile, __LINE__);
+        const uint32_t result = cl_Callback_M(child->callback, child, &event, child->arg1,
+                                              child->arg2, 0, kFile, __LINE__);
+        if (result != 0) return end_dispatch(result, err);
+    }
+}
+
+uint32_t cl_DeleteCHILD_M(CL_Object *child, CL_ErrInfo *err) {
+    CL_MainBlock &main = *CL_MainTable;
+    if ((child->status & CL_STATUS_READY) == 0) return 1;
+    const auto failed = [err](uint32_t line = __builtin_LINE()) {
+        return fail.both(err, CL_ERR_QUEUE, static_cast<uint32_t>(errno), line);
+    };
+    if (cl_u_kill(pid_of(child), SIGABRT) != 0 && errno != ESRCH) return failed();
+    if (cl_u_waitpid(pid_of(child), nullptr, 0) == -1) return failed();
+    close_connection(child);
+    if (main.child_cursor == child && !step_cursor_back(child)) return fail(err, CL_ERR_QUEUE);
+    if (CL_QUE_GetData(&main.child_list, child) == nullptr) return fail(err, CL_ERR_QUEUE);
+    cl_StatusChange_M(child, child->status & ~uint32_t{CL_STATUS_LISTED}, child->sub_status, kFile,
+                      __LINE__);
+    if (!stop_waiting(child)) return fail(err, CL_ERR_QUEUE);
+    cl_clear_execc(err);
+    return 1;
+}
+
+int32_t cl_ExecCompRecv(CL_Object *connection, CL_Event *event, CL_Object **childOut,
+                        CL_ErrInfo *err) {
+    CL_Queue *waiting = &CL_MainTable->exec_wait_list;
+    const auto failed = [err](uint32_t line = __builtin_LINE()) {
+        fail(err, CL_ERR_QUEUE, line);
+        return -1;
+    };
+    const auto *message = static_cast<const CL_MsgHeader *>(event->data);
+    if (message->type != CL_MSG_EXEC_COMPLETE) return 1;
+    const uint32_t pid = message->sender;
+    auto *child = static_cast<CL_Object *>(
+        CL_QUE_Search(waiting, nullptr, &pid, sizeof pid, offsetof(CL_Object, child.pid)));
+    *childOut = nullptr;
+    if (child == CL_QUE_ERROR) return failed();
+    *childOut = child;
+    if (child == nullptr || (child->sub_status & CL_SUB_EXEC_AWAITED) == 0) return 1;
+    if (CL_QUE_GetData(waiting, child) == nullptr) return failed();
+    if (child->descriptor == -1) {
+        child->descriptor = connection->descriptor;
+        connection->descriptor = -1;
+        if (CL_DeleteFD_M(connection, err, 1, kFile, __LINE__) == 0) return failed();
+        cl_StatusChange_M(
+            child, child->status,
+            (child->sub_status & ~uint32_t{CL_SUB_EXEC_AWAITED}) | CL_SUB_EXEC_COMPLETE, kFile,
+            __LINE__);
+    }
+    return cl_clear_execc(err) != 0 ? 0 : -1;
+}
+
+uint32_t cl_clear_execc(CL_ErrInfo *err) {
+    CL_MainBlock &main = *CL_MainTable;
+    if (main.exec_wait_list.count != 0) return 1;
+    CL_Queue &connections = main.kind_queues[CL_KIND_QUEUE_EXECC];
+    while (auto *connection = static_cast<CL_Object *>(connections.head)) {
+        CL_ErrInfo own = {};
+        if (CL_DeleteFD_M(connection, &own, 1, kFile, __LINE__) == 0) {
+            return fail(err, CL_ERR_QUEUE);
+        }
+    }
+    return 1;
+}
