@@ -1,0 +1,73 @@
+// The table of kinds.
+#include "loop/kinds.h"
+
+#include <qvcl/child.h>
+#include <qvcl/client.h>
+#include <qvcl/execcomp.h>
+#include <qvcl/server.h>
+#include <qvcl/timer.h>
+#include <qvcl/userfd.h>
+
+namespace qvcl {
+
+namespace {
+
+constexpr auto anyone = Access::anyone;
+constexpr auto library = Access::library;
+constexpr auto nobody = Access::nobody;
+
+uint32_t check_server(CL_Object *object, CL_ErrInfo *) {
+    return cl_CheckMSGS_M(object);
+}
+uint32_t add_user(CL_Object *object) {
+    return cl_MakeListLFD_M(object, 1, "cl_loop", __LINE__);
+}
+uint32_t check_user(CL_Object *object, CL_ErrInfo *err) {
+    return cl_CheckLFD_M(object, err, 1, "cl_loop", __LINE__);
+}
+
+}  // namespace
+
+// clang-format off
+const Kind kKinds[CL_KIND_COUNT] = {
+    // number         name             create   remove   list    internal  event list                    release            add                check
+    {CL_KIND_MSGS,   "MSGS",           anyone,  anyone,  anyone,  false, &CL_MainBlock::pending_list, cl_DeleteMSGS_M,   cl_MakeListMSGS_M, check_server},
+    {CL_KIND_MSGC,   "MSGC",           anyone,  anyone,  anyone,  false, &CL_MainBlock::pending_list, cl_DeleteMSGC_M,   cl_MakeListMSGC_M, cl_CheckMSGC_M},
+    {CL_KIND_CHILD,  "CHILD",          anyone,  anyone,  library, false, &CL_MainBlock::child_list,   cl_DeleteCHILD_M,  nullptr,           nullptr},
+    {CL_KIND_FD,     "FD",             anyone,  anyone,  anyone,  false, &CL_MainBlock::pending_list, nullptr,           add_user,          check_user},
+    {CL_KIND_THREAD, "THREAD",         anyone,  anyone,  anyone,  false, &CL_MainBlock::thread_list,  nullptr,           nullptr,           nullptr},
+    {CL_KIND_END,    "END(ExecComp)",  library, anyone,  library, true,  &CL_MainBlock::pending_list, cl_DeleteMSGC_M,   cl_MakeListMSGC_M, cl_CheckMSGC_M},
+    {CL_KIND_EXECS,  "EXECS",          library, library, library, true,  &CL_MainBlock::pending_list, cl_DeleteEXECS_M,  cl_MakeListMSGS_M, check_server},
+    {CL_KIND_EXECC,  "EXECC",          library, library, library, true,  &CL_MainBlock::pending_list, cl_DeleteMSGC_M,   cl_MakeListMSGC_M, cl_CheckMSGC_M},
+    {CL_KIND_TIMER,  "TIMER",          anyone,  anyone,  library, false, &CL_MainBlock::timer_list,   cl_DeleteTIMER_M,  nullptr,           nullptr},
+    {CL_KIND_SHM,    "SHM",            library, library, nobody,  false, nullptr,                     nullptr,           nullptr,           nullptr},
+    {CL_KIND_FILE,   "FILE",           library, library, nobody,  false, nullptr,                     nullptr,           nullptr,           nullptr},
+};
+// clang-format on
+
+namespace {
+
+// Places by number, so that looking a kind up is one array access.
+struct Places {
+    int8_t at[CL_KIND_THREAD + 1];
+};
+constexpr Places places() {
+    Places result = {};
+    for (auto &place : result.at)
+        place = -1;
+    int8_t next = 0;
+#define QVCL_PLACE(number, symbol, name) result.at[number] = next++;
+    CL_KINDS(QVCL_PLACE)
+#undef QVCL_PLACE
+    return result;
+}
+constexpr Places kPlaces = places();
+
+}  // namespace
+
+const Kind *kind_of(uint32_t number) {
+    if (number > CL_KIND_THREAD || kPlaces.at[number] < 0) return nullptr;
+    return &kKinds[kPlaces.at[number]];
+}
+
+}  // namespace qvcl

@@ -1,0 +1,44 @@
+// What a kind is, as one table: who may create, delete and list its objects, which lists they are
+// on, and what the loop and a deletion do with them. Nothing else switches on kinds.
+#pragma once
+
+#include <qvcl/main.h>
+
+namespace qvcl {
+
+enum class Access : uint8_t { anyone, library, nobody };
+
+// Whether a call with this caller flag may.
+inline bool allows(Access access, uint8_t callerFlag) {
+    return access == Access::anyone || (access == Access::library && callerFlag == 1);
+}
+
+struct Kind {
+    uint32_t number;
+    const char *name;
+    Access create;
+    Access remove;
+    Access list;
+    bool internal;                       // in the leak report with CLLIB_DEBUG only
+    CL_Queue CL_MainBlock::*event_list;  // where listing puts an object; null: never listed
+    uint32_t (*release)(CL_Object *, CL_ErrInfo *);  // on deletion; null: nothing to release
+    uint32_t (*add)(CL_Object *);                    // to the sets before a wait
+    uint32_t (*check)(CL_Object *, CL_ErrInfo *);    // of the sets after a wait
+};
+
+// The kinds in the order of the main table's kind queues.
+extern const Kind kKinds[CL_KIND_COUNT];
+
+// The kind with this number, or null.
+const Kind *kind_of(uint32_t number);
+
+inline CL_Queue *kind_queue(const Kind &kind) {
+    return &CL_MainTable->kind_queues[&kind - kKinds];
+}
+
+// Whether objects of the kind are sorted by priority: they wait in the pending list first.
+inline bool has_priority(const Kind &kind) {
+    return kind.event_list == &CL_MainBlock::pending_list;
+}
+
+}  // namespace qvcl

@@ -1,0 +1,166 @@
+// The event loop, once for both of its variants. A policy says which signals the loop waits for,
+// how they are masked and which module its failures name:
+//
+//     module                           CL_MODULE_... of the loop's own failures
+//     signals                          the signals of the loop
+//     wakes                            whether SIGUSR1 wakes THREAD objects
+//     mask(how, set, saved)            0, or the error number
+//
+// Order within one iteration, and what keeps a signal from being lost:
+//
+//     build the sets -> block the signals, look at their fields -> dispatch, or wait with them open
+//     -> unblock -> due timers -> each object's check, and between two objects another look.
+//
+// The fields are atomics, so only the look before a wait needs the signals blocked: a signal that
+// arrives after it stays pending and ends the wait. All other looks cost no system call.
+#pragma once
+
+#include <sys/select.h>
+#include <csignal>
+
+#include <qvcl/child.h>
+#include <qvcl/thread.h>
+#include <qvcl/timer.h>
+
+#include "core/error.h"
+#include "core/signal_field.h"
+#include "loop/kinds.h"
+
+namespace qvcl {
+
+template <class Policy>
+struct Loop {
+    static constexpr Failure fail{Policy::module, 1};
+
+    // Reads and resets the signal fields.
+    static uint32_t look(CL_ErrInfo *err) {
+        CL_MainBlock &main = *CL_MainTable;
+        uint32_t bits = take(main.child_signal) != 0 ? CL_LOOK_CHILD : 0;
+        const uint64_t ticks = take(main.timer_signals);
+        if (Policy::wakes && take(main.wake_signal) != 0) bits |= CL_LOOK_WAKE;
+        if (ticks != 0) {
+            const bool due = cl_TimerCheck(static_cast<uint32_t>(ticks), err) != 0;
+            if (main.timer_dispatched != 0) {
+                main.timer_dispatched = 0;
+            } else if (due) {
+                bits |= CL_LOOK_TIMER;
+            }
+        }
+        return bits;
+    }
+
+    // What a look took but nobody dispatched is there again for the next look. Due timers stay
+    // marked on their list.
+    static void put_back(uint32_t bits) {
+        if ((bits & CL_LOOK_CHILD) != 0) raise_flag(CL_MainTable->child_signal);
+        if ((bits & CL_LOOK_WAKE) != 0) raise_flag(CL_MainTable->wake_signal);
+    }
+
+    // Timers, then children, then the wake-up; the first that ends the loop keeps the rest for
+    // later.
+    static uint32_t dispatch(uint32_t bits, CL_ErrInfo *err) {
+        if (bits == 0) return 0;
+        uint32_t result = 0;
+        if ((bits & CL_LOOK_TIMER) != 0) result = static_cast<uint32_t>(cl_TimerCall(err));
+        bits &= ~uint32_t{CL_LOOK_TIMER};
+        if (result == 0 && (bits & CL_LOOK_CHILD) != 0) {
+            bits &= ~uint32_t{CL_LOOK_CHILD};
+            result = cl_ChildCall(err);
+        }
+        if (result == 0 && (bits & CL_LOOK_WAKE) != 0) {
+            bits &= ~uint32_t{CL_LOOK_WAKE};
+            result = cl_ThreadCallBack(err);
+        }
+        put_back(bits);
+        return result;
+    }
+
+    static uint32_t sigcheck(uint32_t always_unblock, const sigset_t *set, sigset_t *saved,
+                             CL_ErrInfo *err) {
+        if (const int code = Policy::mask(SIG_BLOCK, set, saved)) {
+            fail(err, static_cast<uint32_t>(code));
+            return CL_LOOP_ERROR;
+        }
+        const uint32_t bits = look(err);
+        if (bits == 0 && always_unblock == 0) return bits;
+        if (const int code = Policy::mask(SIG_UNBLOCK, set, nullptr)) {
+            put_back(bits);
+            fail(err, static_cast<uint32_t>(code));
+            return CL_LOOP_ERROR;
+        }
+        return bits;
+    }
+
+    static uint32_t fdcheck(CL_ErrInfo *err) {
+        CL_MainBlock &main = *CL_MainTable;
+        const uint64_t ticks = take(main.timer_signals);
+        // Without a timer there is no uptime to read.
+        if (main.timer_list.head != nullptr && cl_TimerCheck(static_cast<uint32_t>(ticks), err)) {
+            if (const int32_t result = cl_TimerCall(err)) return static_cast<uint32_t>(result);
+        }
+        main.loop_cursor = nullptr;
+        for (;;) {
+            uint32_t status;
+            auto *object = static_cast<CL_Object *>(
+                CL_QUE_Enum(&main.priority_list, main.loop_cursor, CL_QUE_FORWARD, &status));
+            if (status != CL_QUE_WALKING) return end(err, CL_ERR_QUEUE);
+            main.loop_cursor = object;
+            if (object == nullptr) return 0;
+            const Kind *kind = kind_of(object->kind);
+            if (kind == nullptr || kind->check == nullptr) return end(err, CL_ERR_QUEUE);
+            if (const uint32_t result = kind->check(object, err)) {
+                if (main.exec_error.err != 0) *err = main.exec_error;
+                return result;
+            }
+            if (const uint32_t result = dispatch(look(err), err)) return result;
+        }
+    }
+
+    static uint32_t run(CL_ErrInfo *err) {
+        CL_ErrInfo own = {};
+        CL_MainTable->timer_dispatched = 0;
+        sigset_t set;
+        sigemptyset(&set);
+        for (const int signal : Policy::signals)
+            sigaddset(&set, signal);
+        uint32_t result = 0;
+        while (result == 0)
+            result = iterate(&set, &own);
+        *err = own;
+        return result;
+    }
+
+  private:
+    static uint32_t end(CL_ErrInfo *err, uint32_t code, uint32_t line = __builtin_LINE()) {
+        fail(err, code, line);
+        return CL_LOOP_ERROR;
+    }
+
+    static uint32_t iterate(const sigset_t *set, CL_ErrInfo *err) {
+        CL_MainBlock &main = *CL_MainTable;
+        if (const uint32_t result = cl_fdmake(err)) return result;
+        sigset_t saved;
+        const uint32_t bits = sigcheck(0, set, &saved, err);
+        if (bits == CL_LOOP_ERROR) return bits;
+        if (bits != 0) {
+            if ((bits & CL_LOOK_TIMER) != 0) main.timer_dispatched = 1;
+            const uint32_t result = dispatch(bits, err);
+            if (main.timer_list.head == nullptr) main.timer_dispatched = 0;
+            return result;
+        }
+
+        // The wait is open to the loop's signals even when the application had blocked them.
+        for (const int signal : Policy::signals)
+            sigdelset(&saved, signal);
+        const int ready = pselect(main.descriptor_count, &main.sets.read, &main.sets.write,
+                                  &main.sets.except, nullptr, &saved);
+        const int code = errno;
+        main.timer_dispatched = 0;
+        Policy::mask(SIG_UNBLOCK, set, nullptr);
+        if (ready >= 0) return fdcheck(err);
+        if (code != EINTR) return end(err, static_cast<uint32_t>(code));
+        return dispatch(look(err), err);
+    }
+};
+
+}  // namespace qvcl
