@@ -14,7 +14,6 @@
 #include "diag/traced.h"
 #include "loop/kinds.h"
 
-using qvcl::Access;
 using qvcl::address_of;
 using qvcl::Kind;
 

@@ -15,12 +15,12 @@ inline bool allows(Access access, uint8_t callerFlag) {
 
 struct Kind {
     uint32_t number;
-    const char *name;
     Access create;
     Access remove;
     Access list;
-    bool internal;                       // in the leak report with CLLIB_DEBUG only
-    CL_Queue CL_MainBlock::*event_list;  // where listing puts an object; null: never listed
+    bool internal;  // in the leak report with CLLIB_DEBUG only
+    const char *name;
+    CL_Queue CL_MainBlock::*event_list;              // listing puts an object here; null: never
     uint32_t (*release)(CL_Object *, CL_ErrInfo *);  // on deletion; null: nothing to release
     uint32_t (*add)(CL_Object *);                    // to the sets before a wait
     uint32_t (*check)(CL_Object *, CL_ErrInfo *);    // of the sets after a wait

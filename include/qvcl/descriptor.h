@@ -34,7 +34,7 @@ QVCL_BEGIN
 
 /* CL_KIND_MSGS = 1, ... */
 enum {
-#define CL_KIND_NUMBER(number, symbol, name) CL_KIND_##symbol = number,
+#define CL_KIND_NUMBER(number, symbol, name) CL_KIND_##symbol = (number),
     CL_KINDS(CL_KIND_NUMBER)
 #undef CL_KIND_NUMBER
 };
