@@ -99,7 +99,7 @@ void report_leaks() {
         const uint32_t count = qvcl::kind_queue(kind)->count;
         if (count == 0 || (kind.internal && !debug)) continue;
         char what[40];
-        snprintf(what, sizeof what, "%s objects", kind.name);
+        snprintf(what, sizeof what, "%s objects", qvcl::kKindNames[qvcl::place_of(kind)]);
         report_line(what, count);
     }
 }

@@ -84,7 +84,8 @@ uint32_t cl_trc_init(int ring, const char *prefix, uint32_t entrySize, uint32_t 
         sizeof(CL_TraceRing) + uint64_t{entryCount} * (uint64_t{entrySize} + sizeof(CL_TraceEntry));
     auto *block = static_cast<CL_TraceRing *>(CL_malloc_M(size, 1, kFile, __LINE__));
     if (block == nullptr) return ENOMEM;
-    qvcl::write_table_header(&block->header, ring != CL_RING_USER ? CL_EYE_LIBTRC : CL_EYE_USRTRC, size);
+    qvcl::write_table_header(&block->header, ring != CL_RING_USER ? CL_EYE_LIBTRC : CL_EYE_USRTRC,
+                             size);
     qvcl::copy_text(block->prefix, sizeof block->prefix, prefix);
     block->entry_size = entrySize;
     block->entry_count = entryCount;

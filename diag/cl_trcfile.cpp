@@ -59,14 +59,15 @@ bool add_tables() {
            add_block(&main.header) && add_block(main.descriptor_table);
 }
 
-// The number that the generation file names; 0 when there is no usable one.
+// The number that the generation file names, 0 instead of an unusable one; kNone when it names
+// none.
 int32_t stored_generation(const char *path) {
     CL_Queue conf;
     CL_QUE_InitQT(&conf, 0);
     uint32_t line;
-    if (CL_ReadConf(&conf, path, &line) != CL_CONF_OK) return 0;
+    if (CL_ReadConf(&conf, path, &line) != CL_CONF_OK) return kNone;
     char value[CL_CONF_VALUE_MAX + 1];
-    long number = 0;
+    long number = kNone;
     if (CL_GetMember(&conf, kSection, kMember, value, sizeof value, &line) == CL_CONF_OK) {
         char *end;
         number = strtol(value, &end, 0);
@@ -125,6 +126,10 @@ int32_t cl_getgen(const char *prefix) {
     char path[sizeof CL_TraceRing{}.prefix + 8];
     snprintf(path, sizeof path, "%.255s.cnf", prefix);
     const int32_t now = stored_generation(path);
+    if (now == kNone) {
+        cl_writegen(path, 1);
+        return 0;
+    }
     const int32_t next = now + 1;
     cl_writegen(path, static_cast<uint32_t>(next) < CL_MainTable->generations ? next : 0);
     return now;

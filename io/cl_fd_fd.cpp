@@ -87,6 +87,7 @@ uint32_t CL_SetFD_M(CL_Object *object, uint32_t count, const fd_set *readSet,
 
 uint32_t cl_setfd(CL_Object *object, uint32_t count, const fd_set *readSet, const fd_set *writeSet,
                   const fd_set *exceptSet, CL_ErrInfo *err, uint8_t callerFlag) {
+    *err = {};
     if (cl_CheckFD(object, err) == 0) return 0;
     if (callerFlag == 0 && object->kind != CL_KIND_FD) return fail(err, EBADF);
     if (count > FD_SETSIZE) return fail(err, EINVAL);

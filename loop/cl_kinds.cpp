@@ -29,19 +29,19 @@ uint32_t check_user(CL_Object *object, CL_ErrInfo *err) {
 }  // namespace
 
 // clang-format off
-const Kind kKinds[CL_KIND_COUNT] = {
-    // number         create   remove   list    internal name            event list                    release            add                check
-    {CL_KIND_MSGS,    anyone,  anyone,  anyone,  false,   "MSGS",          &CL_MainBlock::pending_list, cl_DeleteMSGS_M,   cl_MakeListMSGS_M, check_server},
-    {CL_KIND_MSGC,    anyone,  anyone,  anyone,  false,   "MSGC",          &CL_MainBlock::pending_list, cl_DeleteMSGC_M,   cl_MakeListMSGC_M, cl_CheckMSGC_M},
-    {CL_KIND_CHILD,   anyone,  anyone,  library, false,   "CHILD",         &CL_MainBlock::child_list,   cl_DeleteCHILD_M,  nullptr,           nullptr},
-    {CL_KIND_FD,      anyone,  anyone,  anyone,  false,   "FD",            &CL_MainBlock::pending_list, nullptr,           add_user,          check_user},
-    {CL_KIND_THREAD,  anyone,  anyone,  anyone,  false,   "THREAD",        &CL_MainBlock::thread_list,  nullptr,           nullptr,           nullptr},
-    {CL_KIND_END,     library, anyone,  library, true,    "END(ExecComp)", &CL_MainBlock::pending_list, cl_DeleteMSGC_M,   cl_MakeListMSGC_M, cl_CheckMSGC_M},
-    {CL_KIND_EXECS,   library, library, library, true,    "EXECS",         &CL_MainBlock::pending_list, cl_DeleteEXECS_M,  cl_MakeListMSGS_M, check_server},
-    {CL_KIND_EXECC,   library, library, library, true,    "EXECC",         &CL_MainBlock::pending_list, cl_DeleteMSGC_M,   cl_MakeListMSGC_M, cl_CheckMSGC_M},
-    {CL_KIND_TIMER,   anyone,  anyone,  library, false,   "TIMER",         &CL_MainBlock::timer_list,   cl_DeleteTIMER_M,  nullptr,           nullptr},
-    {CL_KIND_SHM,     library, library, nobody,  false,   "SHM",           nullptr,                     nullptr,           nullptr,           nullptr},
-    {CL_KIND_FILE,    library, library, nobody,  false,   "FILE",          nullptr,                     nullptr,           nullptr,           nullptr},
+constexpr Kind kKinds[CL_KIND_COUNT] = {
+    // number         create   remove   list    internal event list                    release            add                check
+    {CL_KIND_MSGS,    anyone,  anyone,  anyone,  false,   &CL_MainBlock::pending_list, cl_DeleteMSGS_M,   cl_MakeListMSGS_M, check_server},
+    {CL_KIND_MSGC,    anyone,  anyone,  anyone,  false,   &CL_MainBlock::pending_list, cl_DeleteMSGC_M,   cl_MakeListMSGC_M, cl_CheckMSGC_M},
+    {CL_KIND_CHILD,   anyone,  anyone,  library, false,   &CL_MainBlock::child_list,   cl_DeleteCHILD_M,  nullptr,           nullptr},
+    {CL_KIND_FD,      anyone,  anyone,  anyone,  false,   &CL_MainBlock::pending_list, nullptr,           add_user,          check_user},
+    {CL_KIND_THREAD,  anyone,  anyone,  anyone,  false,   &CL_MainBlock::thread_list,  nullptr,           nullptr,           nullptr},
+    {CL_KIND_END,     library, anyone,  library, true,    &CL_MainBlock::pending_list, cl_DeleteMSGC_M,   cl_MakeListMSGC_M, cl_CheckMSGC_M},
+    {CL_KIND_EXECS,   library, library, library, true,    &CL_MainBlock::pending_list, cl_DeleteEXECS_M,  cl_MakeListMSGS_M, check_server},
+    {CL_KIND_EXECC,   library, library, library, true,    &CL_MainBlock::pending_list, cl_DeleteMSGC_M,   cl_MakeListMSGC_M, cl_CheckMSGC_M},
+    {CL_KIND_TIMER,   anyone,  anyone,  library, false,   &CL_MainBlock::timer_list,   cl_DeleteTIMER_M,  nullptr,           nullptr},
+    {CL_KIND_SHM,     library, library, nobody,  false,   nullptr,                     nullptr,           nullptr,           nullptr},
+    {CL_KIND_FILE,    library, library, nobody,  false,   nullptr,                     nullptr,           nullptr,           nullptr},
 };
 // clang-format on
 
@@ -62,6 +62,14 @@ constexpr Places places() {
     return result;
 }
 constexpr Places kPlaces = places();
+
+constexpr bool in_order() {
+    for (const Kind &kind : kKinds) {
+        if (&kKinds[kPlaces.at[kind.number]] != &kind) return false;
+    }
+    return true;
+}
+static_assert(in_order(), "the rows stand in the order of CL_KINDS");
 
 }  // namespace
 

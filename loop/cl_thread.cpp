@@ -30,6 +30,7 @@ static_assert(sizeof(struct sigaction) == sizeof CL_MainBlock{}.saved_sigusr1);
 uint32_t clSIGUSR1Initialize(CL_ErrInfo *err) {
     CL_ErrInfo own;
     if (err == nullptr) err = &own;
+    *err = {};
     CL_MainBlock &main = *CL_MainTable;
     __atomic_store_n(&main.wake_signal, 0u, __ATOMIC_RELEASE);
     struct sigaction action = {};

@@ -18,22 +18,28 @@ struct Kind {
     Access create;
     Access remove;
     Access list;
-    bool internal;  // in the leak report with CLLIB_DEBUG only
-    const char *name;
+    bool internal;                                   // in the leak report with CLLIB_DEBUG only
     CL_Queue CL_MainBlock::*event_list;              // listing puts an object here; null: never
     uint32_t (*release)(CL_Object *, CL_ErrInfo *);  // on deletion; null: nothing to release
     uint32_t (*add)(CL_Object *);                    // to the sets before a wait
     uint32_t (*check)(CL_Object *, CL_ErrInfo *);    // of the sets after a wait
 };
 
-// The kinds in the order of the main table's kind queues.
+// The kinds in the order of the main table's kind queues, and their names in reports.
 extern const Kind kKinds[CL_KIND_COUNT];
+#define QVCL_KIND_NAME(number, symbol, name) name,
+inline constexpr const char *kKindNames[CL_KIND_COUNT] = {CL_KINDS(QVCL_KIND_NAME)};
+#undef QVCL_KIND_NAME
 
 // The kind with this number, or null.
 const Kind *kind_of(uint32_t number);
 
+inline size_t place_of(const Kind &kind) {
+    return static_cast<size_t>(&kind - kKinds);
+}
+
 inline CL_Queue *kind_queue(const Kind &kind) {
-    return &CL_MainTable->kind_queues[&kind - kKinds];
+    return &CL_MainTable->kind_queues[place_of(kind)];
 }
 
 // Whether objects of the kind are sorted by priority: they wait in the pending list first.

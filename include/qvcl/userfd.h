@@ -13,7 +13,7 @@ QVCL_BEGIN
 /* Gives the object its sets: descriptors 0 to count - 1 of each (null: none); count at most 1024.
  * The sets are copied, and may be replaced at any time; a listed object uses the new ones from the
  * next iteration on. 1; 0 with err 9 (invalid handle, not an FD object), 22 (count), CL_ERR_STATE;
- * nothing changed. On success err keeps what the caller passed in. */
+ * nothing changed. */
 QVCL_API uint32_t CL_SetFD_M(CL_Object *object, uint32_t count, const fd_set *readSet,
                              const fd_set *writeSet, const fd_set *exceptSet, CL_ErrInfo *err,
                              uint8_t callerFlag, const char *file, uint32_t line);
