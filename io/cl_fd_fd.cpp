@@ -9,6 +9,7 @@
 
 #include "core/error.h"
 #include "diag/traced.h"
+#include "loop/live_object.h"
 
 using qvcl::address_of;
 
@@ -87,9 +88,7 @@ uint32_t CL_SetFD_M(CL_Object *object, uint32_t count, const fd_set *readSet,
 
 uint32_t cl_setfd(CL_Object *object, uint32_t count, const fd_set *readSet, const fd_set *writeSet,
                   const fd_set *exceptSet, CL_ErrInfo *err, uint8_t callerFlag) {
-    *err = {};
-    if (cl_CheckFD(object, err) == 0) return 0;
-    if (callerFlag == 0 && object->kind != CL_KIND_FD) return fail(err, EBADF);
+    if (!qvcl::live_object(fail, object, CL_KIND_FD, err, callerFlag)) return 0;
     if (count > FD_SETSIZE) return fail(err, EINVAL);
     CL_UserSets &user = object->user;
     user.count = static_cast<int32_t>(count);

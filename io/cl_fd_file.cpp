@@ -7,6 +7,8 @@
 
 #include "core/error.h"
 #include "diag/traced.h"
+#include "io/open_descriptor.h"
+#include "loop/live_object.h"
 
 using qvcl::address_of;
 
@@ -17,26 +19,16 @@ constexpr char kFile[] = "cl_fd_file";
 constexpr uint32_t kAccess = 3;
 constexpr uint32_t kFlags = kAccess | O_CREAT | O_EXCL | O_TRUNC | O_APPEND;
 
-// A live FILE object.
-bool is_file(CL_Object *object, CL_ErrInfo *err) {
-    *err = {};
-    if (cl_CheckFD(object, err) == 0) return false;
-    if (object->kind == CL_KIND_FILE) return true;
-    fail(err, EBADF);
-    return false;
-}
-
-bool is_open(const CL_Object *object, CL_ErrInfo *err) {
-    if ((object->status & CL_STATUS_READY) != 0) return true;
-    fail(err, EBADF);
-    return false;
+// A live, open FILE object; who calls makes no difference.
+bool is_open(CL_Object *object, CL_ErrInfo *err, uint32_t line = __builtin_LINE()) {
+    return qvcl::ready_object(fail, object, CL_KIND_FILE, err, 0, line);
 }
 
 // What write, read and flush do: check, one call on the descriptor, and a record that names the
 // place after a success too.
 template <class Call>
 int64_t transfer(CL_Object *object, CL_ErrInfo *err, Call call) {
-    if (!is_file(object, err) || !is_open(object, err)) return -1;
+    if (!is_open(object, err)) return -1;
     const int64_t result = call(object->descriptor);
     if (result == -1) {
         fail.sys(err);
@@ -44,17 +36,6 @@ int64_t transfer(CL_Object *object, CL_ErrInfo *err, Call call) {
         fail(err, 0);
     }
     return result;
-}
-
-// Opens a new object's file; false with errno, nothing left open.
-bool open_descriptor(CL_Object *object, const char *path, int flags, mode_t mode) {
-    object->descriptor = cl_u_open(path, flags, mode);
-    if (object->descriptor == -1) return false;
-    if (cl_u_fcntl(object->descriptor, F_SETFD, FD_CLOEXEC) != -1) return true;
-    const int kept = errno;
-    cl_u_close(object->descriptor);
-    errno = kept;
-    return false;
 }
 
 CL_TrcFileData data_record(uint8_t api, CL_Object *object, const void *buffer, uint64_t length,
@@ -94,9 +75,10 @@ CL_Object *cl_openfile(const char *path, uint32_t flags, uint32_t mode, CL_ErrIn
     if (path == nullptr) return fail(err, EFAULT);
     CL_Object *object = CL_CreateFD_M(CL_KIND_FILE, nullptr, 0, 0, err, 1, file, line);
     if (object == nullptr) return nullptr;
-    if (!open_descriptor(object, path, static_cast<int>(flags & kFlags), mode)) {
+    object->descriptor = qvcl::open_close_on_exec(
+        [=] { return cl_u_open(path, static_cast<int>(flags & kFlags), mode); });
+    if (object->descriptor == -1) {
         fail.sys(err);
-        object->descriptor = -1;
         CL_ErrInfo scratch;
         CL_DeleteFD_M(object, &scratch, 1, kFile, __LINE__);
         return nullptr;
@@ -113,7 +95,7 @@ uint32_t CL_CloseFile_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag, 
 }
 
 uint32_t cl_closefile(CL_Object *object, CL_ErrInfo *err, const char *file, uint32_t line) {
-    if (!is_file(object, err) || !is_open(object, err)) return 0;
+    if (!is_open(object, err)) return 0;
     if (cl_u_close(object->descriptor) != 0) return fail.sys(err);
     object->descriptor = -1;
     return CL_DeleteFD_M(object, err, 1, file, line);
@@ -180,7 +162,7 @@ int32_t cl_seekfile(CL_Object *object, int32_t offset, uint32_t whence, CL_ErrIn
         fail(err, code, line);
         return -1;
     };
-    if (!is_file(object, err)) return -1;
+    if (!qvcl::live_object(fail, object, CL_KIND_FILE, err, 0)) return -1;
     if (whence > SEEK_END) return refused(EINVAL);
     if (!is_open(object, err)) return -1;
     const int fd = object->descriptor;

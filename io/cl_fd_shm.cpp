@@ -7,6 +7,8 @@
 
 #include "core/error.h"
 #include "diag/traced.h"
+#include "io/open_descriptor.h"
+#include "loop/live_object.h"
 
 namespace {
 
@@ -15,24 +17,9 @@ constexpr char kFile[] = "cl_fd_shm";
 constexpr int32_t kAccess = 3;
 constexpr mode_t kMode = 0660;
 
-// A live, open SHM object.
-bool is_open(CL_Object *object, CL_ErrInfo *err) {
-    *err = {};
-    if (cl_CheckFD(object, err) == 0) return false;
-    if (object->kind == CL_KIND_SHM && (object->status & CL_STATUS_READY) != 0) return true;
-    fail(err, EBADF);
-    return false;
-}
-
-// Opens a new object's segment; false with errno, nothing left open.
-bool open_descriptor(CL_Object *object, const char *name, int32_t access) {
-    object->descriptor = cl_u_shm_open(name, access, kMode);
-    if (object->descriptor == -1) return false;
-    if (cl_u_fcntl(object->descriptor, F_SETFD, FD_CLOEXEC) != -1) return true;
-    const int kept = errno;
-    cl_u_close(object->descriptor);
-    errno = kept;
-    return false;
+// A live, open SHM object; who calls makes no difference.
+bool is_open(CL_Object *object, CL_ErrInfo *err, uint32_t line = __builtin_LINE()) {
+    return qvcl::ready_object(fail, object, CL_KIND_SHM, err, 0, line);
 }
 
 }  // namespace
@@ -48,9 +35,10 @@ CL_Object *cl_openshm(const char *name, int32_t flags, uint64_t size, CL_ErrInfo
     if (size == 0) return fail(err, EINVAL);
     CL_Object *object = CL_CreateFD_M(CL_KIND_SHM, nullptr, 0, 0, err, 1, file, line);
     if (object == nullptr) return nullptr;
-    if (!open_descriptor(object, name, access)) {
+    object->descriptor =
+        qvcl::open_close_on_exec([=] { return cl_u_shm_open(name, access, kMode); });
+    if (object->descriptor == -1) {
         fail.sys(err);
-        object->descriptor = -1;
         CL_ErrInfo scratch;
         CL_DeleteFD_M(object, &scratch, 1, kFile, __LINE__);
         return nullptr;

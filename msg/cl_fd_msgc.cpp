@@ -10,6 +10,7 @@
 
 #include "core/error.h"
 #include "diag/traced.h"
+#include "loop/live_object.h"
 #include "msg/socket.h"
 
 using qvcl::address_of;
@@ -53,17 +54,6 @@ int32_t refused(CL_ErrInfo *err, uint32_t code, uint32_t line = __builtin_LINE()
     return -1;
 }
 
-// A valid object that this caller may use as a client.
-bool usable(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag) {
-    *err = {};
-    if (cl_CheckFD(object, err) == 0) return false;
-    if (callerFlag == 0 && object->kind != CL_KIND_MSGC) {
-        fail(err, EBADF);
-        return false;
-    }
-    return true;
-}
-
 // Whether messages can pass: connected, not failed.
 bool connected(const CL_Object *object) {
     return (object->status & (CL_STATUS_READY | CL_STATUS_FAILED)) == CL_STATUS_READY &&
@@ -100,8 +90,7 @@ uint32_t CL_CnctMSGC_M(CL_Object *client, const char *path, uint32_t mode, uint3
 
 uint32_t cl_cnctmsgc(CL_Object *client, const char *path, uint32_t mode, CL_ErrInfo *err,
                      uint8_t callerFlag) {
-    if (!usable(client, err, callerFlag)) return 0;
-    if (CL_QUE_Isinque(&CL_MainTable->used_queue, client) == 0) return fail(err, EBADF);
+    if (!qvcl::live_object(fail, client, CL_KIND_MSGC, err, callerFlag)) return 0;
     if ((client->status & CL_STATUS_READY) != 0) return fail(err, EALREADY);
     if (path == nullptr) return fail(err, EFAULT);
     if (qvcl::path_too_long(path)) return fail(err, ENAMETOOLONG);
@@ -156,7 +145,7 @@ int32_t CL_RecvMSGC_M(CL_Object *client, void *buffer, int32_t capacity, uint32_
 int32_t cl_recvmsgc(CL_Object *client, void *buffer, int32_t capacity, uint32_t mode,
                     uint32_t timeout, CL_ErrInfo *err, uint8_t callerFlag, const char * /*file*/,
                     uint32_t /*line*/) {
-    if (!usable(client, err, callerFlag)) return -1;
+    if (!qvcl::live_object(fail, client, CL_KIND_MSGC, err, callerFlag)) return -1;
     if (!connected(client)) return refused(err, EBADF);
     if (pending(client, CL_SUB_RECV_PENDING)) return refused(err, EINPROGRESS);
     if (!is_mode(mode)) return refused(err, EINVAL);
@@ -227,7 +216,7 @@ int32_t send_now(CL_Object *client, CL_MsgBlock *block, uint32_t mode, CL_ErrInf
 int32_t cl_sendmsgc(CL_Object *client, void *block, int32_t blockSize, uint32_t mode,
                     uint32_t timeout, CL_ErrInfo *err, uint8_t callerFlag, const char * /*file*/,
                     uint32_t /*line*/) {
-    if (!usable(client, err, callerFlag)) return -1;
+    if (!qvcl::live_object(fail, client, CL_KIND_MSGC, err, callerFlag)) return -1;
     if (!connected(client)) return refused(err, EBADF);
     if (!is_mode(mode)) return refused(err, EINVAL);
     CL_Queue *queue = &client->connection.send_queue;
@@ -262,8 +251,7 @@ uint32_t CL_DiscMSGC_M(CL_Object *client, uint64_t *receiveBufferOut, CL_Queue *
 uint32_t cl_discmsgc(CL_Object *client, uint64_t *receiveBufferOut, CL_Queue *unsentOut,
                      CL_ErrInfo *err, uint8_t callerFlag, const char * /*file*/,
                      uint32_t /*line*/) {
-    if (!usable(client, err, callerFlag)) return 0;
-    if ((client->status & CL_STATUS_READY) == 0) return fail(err, EBADF);
+    if (!qvcl::ready_object(fail, client, CL_KIND_MSGC, err, callerFlag)) return 0;
     CL_Connection &connection = client->connection;
     if (receiveBufferOut != nullptr) *receiveBufferOut = address_of(connection.receive_buffer);
     connection.receive_buffer = nullptr;

@@ -6,6 +6,7 @@
 
 #include "core/error.h"
 #include "diag/traced.h"
+#include "loop/live_object.h"
 #include "msg/socket.h"
 
 using qvcl::address_of;
@@ -15,18 +16,6 @@ namespace {
 constexpr qvcl::Failure fail{CL_MODULE_MSGS};
 constexpr char kFile[] = "cl_fd_msgs";
 constexpr mode_t kSocketMode = 0660;  // owner and group may connect
-
-// A valid, live object that this caller may use as a server.
-bool usable(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag) {
-    *err = {};
-    if (cl_CheckFD(object, err) == 0) return false;
-    if (CL_QUE_Isinque(&CL_MainTable->used_queue, object) == 0 ||
-        (callerFlag == 0 && object->kind != CL_KIND_MSGS)) {
-        fail(err, EBADF);
-        return false;
-    }
-    return true;
-}
 
 bool listening(const CL_Object *server) {
     return (server->status & CL_STATUS_READY) != 0;
@@ -60,7 +49,7 @@ uint32_t CL_OpenMSGS_M(CL_Object *server, const char *path, uint32_t backlog, CL
 
 uint32_t cl_openmsgs(CL_Object *server, const char *path, uint32_t backlog, CL_ErrInfo *err,
                      uint8_t callerFlag) {
-    if (!usable(server, err, callerFlag)) return 0;
+    if (!qvcl::live_object(fail, server, CL_KIND_MSGS, err, callerFlag)) return 0;
     if (listening(server)) return fail(err, EALREADY);
     if (path == nullptr) return fail(err, EFAULT);
     if (qvcl::path_too_long(path)) return fail(err, ENAMETOOLONG);
@@ -90,8 +79,7 @@ CL_Object *CL_AcceptMSGS_M(CL_Object *server, CL_Callback callback, uint64_t arg
 
 CL_Object *cl_acceptmsgs(CL_Object *server, CL_Callback callback, uint64_t arg1, uint64_t arg2,
                          CL_ErrInfo *err, uint8_t callerFlag, const char *file, uint32_t line) {
-    if (!usable(server, err, callerFlag)) return nullptr;
-    if (!listening(server)) return fail(err, EBADF);
+    if (!qvcl::ready_object(fail, server, CL_KIND_MSGS, err, callerFlag)) return nullptr;
     CL_Object *client = CL_CreateFD_M(CL_KIND_MSGC, callback, arg1, arg2, err, 1, file, line);
     if (client == nullptr) return nullptr;
     struct sockaddr_un peer;
@@ -116,8 +104,7 @@ uint32_t CL_CloseMSGS_M(CL_Object *server, CL_ErrInfo *err, uint8_t callerFlag, 
 }
 
 uint32_t cl_closemsgs(CL_Object *server, CL_ErrInfo *err, uint8_t callerFlag) {
-    if (!usable(server, err, callerFlag)) return 0;
-    if (!listening(server)) return fail(err, EBADF);
+    if (!qvcl::ready_object(fail, server, CL_KIND_MSGS, err, callerFlag)) return 0;
     if (cl_u_close(server->descriptor) != 0) return fail.sys(err);
     cl_u_unlink(server->server.address.sun_path);
     server->descriptor = -1;

@@ -13,6 +13,7 @@
 #include "core/error.h"
 #include "core/signal_field.h"
 #include "diag/traced.h"
+#include "loop/live_object.h"
 
 using qvcl::address_of;
 
@@ -29,18 +30,6 @@ bool uptime(int64_t *seconds, CL_ErrInfo *err) {
         return false;
     }
     *seconds = info.uptime;
-    return true;
-}
-
-// A valid, live object that this caller may use as a timer.
-bool usable(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag) {
-    *err = {};
-    if (cl_CheckFD(object, err) == 0) return false;
-    if (CL_QUE_Isinque(&CL_MainTable->used_queue, object) == 0 ||
-        (callerFlag == 0 && object->kind != CL_KIND_TIMER)) {
-        fail(err, EBADF);
-        return false;
-    }
     return true;
 }
 
@@ -118,7 +107,7 @@ uint32_t CL_StartTIMER_M(CL_Object *object, uint32_t seconds, uint32_t mode, CL_
 uint32_t cl_starttimer(CL_Object *object, uint32_t seconds, uint32_t mode, CL_ErrInfo *err,
                        uint8_t callerFlag) {
     CL_MainBlock &main = *CL_MainTable;
-    if (!usable(object, err, callerFlag)) return 0;
+    if (!qvcl::live_object(fail, object, CL_KIND_TIMER, err, callerFlag)) return 0;
     if ((object->status & CL_STATUS_RUNNING) != 0) return fail(err, EBADF);
     if (mode != CL_TIMER_ONESHOT && mode != CL_TIMER_PERIODIC) return fail(err, EINVAL);
     int64_t now;
@@ -140,7 +129,7 @@ uint32_t CL_StopTIMER_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag, 
 }
 
 uint32_t cl_stoptimer(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag) {
-    if (!usable(object, err, callerFlag)) return 0;
+    if (!qvcl::live_object(fail, object, CL_KIND_TIMER, err, callerFlag)) return 0;
     if ((object->status & CL_STATUS_RUNNING) == 0) return fail(err, EBADF);
     if (!take_off(object)) return fail(err, CL_ERR_QUEUE);
     cl_StatusChange_M(object, object->status & ~uint32_t{CL_STATUS_RUNNING},

@@ -1,0 +1,31 @@
+// The first step of every operation on an object.
+#pragma once
+
+#include "core/error.h"
+
+namespace qvcl {
+
+// Clears the error record and tests the handle: a live object and, unless the library itself calls
+// (caller flag not 0), one of the operation's kind. False with err filled.
+inline bool live_object(const Failure &fail, CL_Object *object, uint32_t kind, CL_ErrInfo *err,
+                        uint8_t callerFlag, uint32_t line = __builtin_LINE()) {
+    *err = {};
+    if (cl_CheckFD(object, err) == 0) return false;
+    if (CL_QUE_Isinque(&CL_MainTable->used_queue, object) != 0 &&
+        (callerFlag != 0 || object->kind == kind)) {
+        return true;
+    }
+    fail(err, EBADF, line);
+    return false;
+}
+
+// The same for operations that need the object set up.
+inline bool ready_object(const Failure &fail, CL_Object *object, uint32_t kind, CL_ErrInfo *err,
+                         uint8_t callerFlag, uint32_t line = __builtin_LINE()) {
+    if (!live_object(fail, object, kind, err, callerFlag, line)) return false;
+    if ((object->status & CL_STATUS_READY) != 0) return true;
+    fail(err, EBADF, line);
+    return false;
+}
+
+}  // namespace qvcl
