@@ -50,7 +50,7 @@ static_assert(sizeof(void *) == 8, "the layouts are those of a 64-bit process");
 #endif
 
 /* The last three arguments of an operation called by the application. */
-#define CL_HERE 0, CL_FILE_NAME, (uint32_t)__LINE__
+#define CL_HERE 0, CL_FILE_NAME, __LINE__
 
 QVCL_BEGIN
 
