@@ -51,6 +51,7 @@ static void connect_to_server(CL_Object *connection) {
         CL_Sleep(PAUSE);
     }
     ++connections;
+    printf("connected\n");
 }
 
 /* One request and its reply, whose length is the result; -1 when the connection is lost. The block
