@@ -1,0 +1,113 @@
+#!/usr/bin/env bash
+# The demonstration: real programs on real input, a few readable lines each. Stops with exit status 1
+# at the first thing that is not as it should be.
+#   demo.sh BUILD_DIR        leaves BUILD_DIR/echo_server.trc and .json to look at
+set -euo pipefail
+build=$(cd "$1" && pwd)
+bin=$build/examples trace=$build/tools/qvcl-trace
+work=$(mktemp -d)
+cd "$work"
+
+finish() {
+    local status=$?
+    local -a left
+    mapfile -t left < <(jobs -p)
+    ((${#left[@]} == 0)) || kill -KILL "${left[@]}" 2>/dev/null || true
+    ((status == 0)) || { tail -n 20 -- *.out *.log || true; echo 'demo: FAILED'; }
+    rm -rf "$work"
+}
+trap finish EXIT
+
+title() { printf '\n\033[1m%s\033[0m\n' "$1"; }
+[[ -t 1 ]] || title() { printf '\n== %s\n' "$1"; }
+# show FILE [PATTERN]: the lines that match, indented; there must be one.
+show() { grep -E -- "${2:-.}" "$1" | sed 's/^/    /' || { echo "demo: no '${2:-}' in $1"; exit 1; }; }
+wait_for() { # wait_for FILE PATTERN
+    for ((i = 0; i < 200; ++i)); do
+        grep -Eqs -- "$2" "$1" && return
+        sleep 0.05
+    done
+    echo "demo: waited in vain for '$2' in $1"
+    exit 1
+}
+succeeds() { # succeeds WHAT PID
+    wait "$2" || { echo "demo: $1 failed"; exit 1; }
+}
+
+title 'A daemon that watches a FIFO, a signal descriptor and an event descriptor, by priority'
+input=/var/lib/dpkg/status
+[[ -r $input ]] || input=/proc/self/mountinfo
+mkfifo fifo
+"$bin/watcher" -o fifo >watcher.out 2>watcher.log &
+watcher=$!
+exec 7>fifo
+echo "    feeding it $input, $(wc -l <$input) lines, through the FIFO"
+cat $input >&7
+wait_for watcher.out 'callback lines'
+kill -HUP $watcher
+exec 7>&-
+succeeds watcher $watcher
+show watcher.out
+show watcher.log '^watcher : [IW] '
+
+title 'A server and four client processes; every payload comes back and is compared'
+"$bin/echo_server" -r 1 -d "$build/echo_server.trc" socket >server.out 2>server.log &
+server=$!
+wait_for server.out listening
+clients=()
+for size in 0 64 1024 4096; do
+    "$bin/echo_client" -n 10000 -s $size socket >client$size.out 2>&1 &
+    clients+=($!)
+done
+for client in "${clients[@]}"; do succeeds client "$client"; done
+for size in 0 64 1024 4096; do show client$size.out 'round trips'; done
+"$bin/echo_client" -n 20000 socket >alone.out 2>&1
+show alone.out 'round trips' | sed 's/$/ (alone)/'
+
+echo '    the server is killed while a client waits, and started again on its stale socket file'
+kill -STOP $server
+"$bin/echo_client" -n 1000 -d socket >again.out 2>&1 &
+client=$!
+wait_for again.out connected
+kill -KILL $server
+wait $server 2>/dev/null || true
+"$bin/echo_server" -r 1 -d "$build/echo_server.trc" socket >server2.out 2>server2.log &
+server=$!
+succeeds client $client
+show again.out '1000 round trips .* 2 connection'
+kill -TERM $server
+succeeds echo_server $server
+show server2.out 'clients|leak'
+
+title 'A supervisor and three programs: one crashes once, one never reports'
+cat >programs.conf <<END
+[1-steady]
+command = $bin/worker
+[2-crashes]
+command = $bin/worker -c $work/crashed
+[3-silent]
+command = $bin/worker -q
+patience = 1
+END
+"$bin/supervisor" supervisor.socket programs.conf >supervisor.out 2>supervisor.log &
+supervisor=$!
+wait_for supervisor.out 'all started'
+wait_for supervisor.out 'starting again in 1 s'
+for ((i = 0; $(grep -c '2-crashes: up' supervisor.out) < 2 && i < 100; ++i)); do sleep 0.05; done
+kill -TERM $supervisor
+succeeds supervisor $supervisor
+show supervisor.out '^([123]|all|asking|supervisor)'
+
+title 'What the server did, from the dump it wrote when the client asked for it'
+if [[ -x $trace ]]; then
+    "$trace" check "$build/echo_server.trc" >check.out
+    "$trace" report "$build/echo_server.trc" >report.out
+    head -n 20 report.out | sed 's/^/    /'
+    echo '    ...'
+    "$trace" show "$build/echo_server.trc" >show.out
+    tail -n 6 show.out | sed 's/^/    /'
+    "$trace" export --json "$build/echo_server.trc" >"$build/echo_server.json"
+    echo "    as a timeline, for a browser's tracing page: $build/echo_server.json"
+else
+    echo "    (qvcl-trace is not built) $(wc -c <"$build/echo_server.trc") bytes in $build/echo_server.trc"
+fi

@@ -1,0 +1,56 @@
+/* What all the examples share: where the internal log goes, how a failure is told, and how an
+ * example ends. Every example begins with example_begin and ends with `return example_end()`, which
+ * is 0 only when the library found nothing that was not given back. */
+#ifndef EXAMPLE_H
+#define EXAMPLE_H
+
+#include <qvcl/qvcl.h>
+
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+
+static const char *example_name;
+static int example_leaks;
+
+/* The internal log: the library's own lines and the application's, each with its time stamp. The
+ * library writes no file; who wants one writes it here. */
+static int example_log(int kind, const char *line) {
+    (void)kind;
+    if (strstr(line, " not released.")) ++example_leaks;
+    fprintf(stderr, "%s: %s", example_name, line);
+    return 0;
+}
+
+/* Ends the program because something failed that it cannot go on without. */
+_Noreturn static inline void example_fail(const char *what, const CL_ErrInfo *err) {
+    fprintf(stderr, "%s: %s: error %u (%s), module %u, place %u\n", example_name, what, err->err,
+            strerror((int)err->err), err->module, err->line);
+    exit(EXIT_FAILURE);
+}
+
+/* The same for a call of the C library. */
+_Noreturn static inline void example_fail_errno(const char *what) {
+    fprintf(stderr, "%s: %s: %s\n", example_name, what, strerror(errno));
+    exit(EXIT_FAILURE);
+}
+
+/* objects: descriptor objects that the program needs at a time. exec_path: socket path on which
+ * started programs report, or null. */
+static inline void example_begin(const char *name, uint32_t objects, const char *exec_path) {
+    CL_ErrInfo err;
+    example_name = name;
+    setvbuf(stdout, NULL, _IOLBF, 0); /* whoever reads along sees every line at once */
+    CL_SetLogCallbackFunction(example_log);
+    if (!CL_Init(objects, exec_path, &err)) example_fail("CL_Init", &err);
+}
+
+static inline int example_end(void) {
+    CL_ErrInfo err = {0};
+    if (!CL_End(&err)) example_fail("CL_End", &err);
+    if (example_leaks) return EXIT_FAILURE;
+    printf("%s: leak report clean\n", example_name);
+    return EXIT_SUCCESS;
+}
+
+#endif

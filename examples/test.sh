@@ -1,0 +1,182 @@
+#!/usr/bin/env bash
+# Runs one example as a user would and looks at what it prints and leaves behind.
+#   test.sh EXAMPLE DIRECTORY_OF_THE_PROGRAMS
+set -euo pipefail
+name=$1 bin=$2
+work=$(mktemp -d)
+cd "$work"
+
+# Whatever happens, no process of ours and no file stays.
+finish() {
+    local status=$?
+    local -a left
+    mapfile -t left < <(jobs -p)
+    ((${#left[@]} == 0)) || kill -KILL "${left[@]}" 2>/dev/null || true
+    ((status == 0)) || tail -n +1 -- *.out *.log 2>/dev/null || true
+    rm -rf "$work"
+}
+trap finish EXIT
+
+complain() {
+    echo "$name: $1"
+    exit 1
+}
+# expect FILE PATTERN: some line matches.
+expect() { grep -Eq -- "$2" "$1" || complain "no line like '$2' in $1"; }
+# in_order FILE PATTERN...: lines that match the patterns, one after the other.
+in_order() {
+    local file=$1 from=1 found
+    shift
+    for pattern; do
+        found=$(tail -n "+$from" "$file" | grep -Enm 1 -- "$pattern" | cut -d: -f1) ||
+            complain "no line like '$pattern' from line $from on in $file"
+        ((from += found))
+    done
+}
+# wait_for FILE PATTERN: at most ten seconds.
+wait_for() {
+    for ((i = 0; i < 200; ++i)); do
+        grep -Eqs -- "$2" "$1" && return
+        sleep 0.05
+    done
+    complain "waited in vain for '$2' in $1"
+}
+# ends_with STATUS PID
+ends_with() {
+    local status=0
+    wait "$2" || status=$?
+    ((status == $1)) || complain "exit status $status instead of $1"
+}
+
+test_watcher() {
+    # Lines that are there at once, at the lower priority what may wait; ends with the input.
+    "$bin/watcher" -o </etc/passwd >input.out 2>input.log
+    in_order input.out 'callback lines' 'callback digest' \
+        "by a callback with 1 after $(wc -l </etc/passwd) lines" 'leak report clean'
+    expect input.log '^watcher : I 00001 started as process [0-9]+$'
+    expect input.log '^watcher: [0-9/]+ [0-9:.]+ I 00003 ended with 1: '
+
+    # A FIFO fed by another program, more than the memory limit holds, and signals in between.
+    mkfifo fifo
+    "$bin/watcher" -o -l 2000 fifo >fifo.out 2>fifo.log &
+    local watcher=$!
+    exec 7>fifo
+    seq 1 1000 >&7
+    wait_for fifo.log 'W 00002 memory is full'
+    kill -HUP $watcher
+    wait_for fifo.out 'remembers [0-9]+ lines \(longest [34]\)'
+    kill -TERM $watcher
+    ends_with 0 $watcher
+    exec 7>&-
+    in_order fifo.out 'callback digest' 'callback lines' 'callback signals' 'with 2 after 1000 lines' \
+        'leak report clean'
+}
+
+test_echo() {
+    local server client
+    "$bin/echo_server" -r 1 -d dump.trc socket >server.out 2>server.log &
+    server=$!
+    wait_for server.out listening
+    for size in 0 1 64 4096; do
+        "$bin/echo_client" -n 200 -s $size socket >client$size.out 2>&1 &
+        clients[size]=$!
+    done
+    for client in "${clients[@]}"; do ends_with 0 "$client"; done
+    expect client4096.out '^200 round trips of 4096 bytes in [0-9.]+ s: [0-9]+ a second, 822400 bytes'
+    expect client0.out 'leak report clean'
+
+    # A server that is killed while a client waits for its reply leaves its socket file; the client
+    # finds the next server at the same place and repeats the request.
+    kill -STOP $server
+    "$bin/echo_client" -n 200 -d socket >reconnect.out 2>&1 &
+    client=$!
+    wait_for reconnect.out '^connected'
+    kill -KILL $server
+    wait $server 2>/dev/null || true
+    [[ -S socket ]] || complain 'the killed server should have left its socket file'
+    "$bin/echo_server" -r 1 -d dump.trc socket >again.out 2>again.log &
+    server=$!
+    ends_with 0 $client
+    expect reconnect.out '^200 round trips .*, 2 connection\(s\)$'
+    [[ -s dump.trc ]] || complain 'no trace file'
+    wait_for again.out '^0 clients, 201 messages '
+
+    kill -TERM $server
+    ends_with 0 $server
+    expect again.out 'leak report clean'
+    [[ ! -e socket ]] || complain 'the socket file is left'
+}
+
+test_supervisor() {
+    cat >programs.conf <<END
+[1-steady]
+command = $bin/worker
+[2-crashes]
+command = $bin/worker -c $work/crashed
+[3-silent]
+command = $bin/worker -q
+patience = 1
+[4-missing]
+command = $work/missing
+END
+    "$bin/supervisor" socket programs.conf >conf.out 2>conf.log &
+    local supervisor=$!
+    wait_for conf.out '2-crashes: killed by signal 6'
+    wait_for conf.out '4-missing: starting again in 2 s'
+    kill -TERM $supervisor
+    ends_with 0 $supervisor
+    in_order conf.out '1-steady: up' '2-crashes: started' '2-crashes: up' '3-silent: started' \
+        '3-silent: has not reported in 1 s' '4-missing: cannot be started: No such file' \
+        'all started' 'asking all to end' 'leak report clean'
+    in_order conf.out '2-crashes: killed by signal 6' '2-crashes: starting again in 1 s' \
+        '2-crashes: up' 'asking' '2-crashes: exited with 0'
+    in_order conf.out 'asking' '1-steady: exited with 0'
+    in_order conf.out 'asking' '3-silent: killed by signal 15'
+    expect conf.out 'asked to end after'
+
+    # From the command line; the programs notice when the supervisor is gone.
+    "$bin/supervisor" socket -- "$bin/worker" '/bin/false -q' >line.out 2>line.log &
+    supervisor=$!
+    wait_for line.out 'false -q: starting again in 2 s'
+    kill -KILL $supervisor
+    wait $supervisor 2>/dev/null || true
+    wait_for line.out 'supervisor lost after'
+
+    ! "$bin/supervisor" socket /etc/passwd >bad.out 2>&1 || complain 'took a strange configuration'
+    expect bad.out '/etc/passwd, line 1: code 4'
+}
+
+test_pool() {
+    for threads in 1 4 16; do
+        "$bin/pool" -t $threads -l 1000000 >pool.out 2>&1
+        expect pool.out '^78498 primes below 1000000'
+        expect pool.out 'leak report clean'
+    done
+}
+
+test_recorder() {
+    local segment=/qvcl-example-$$
+    mkfifo fifo
+    "$bin/recorder" $segment records <fifo >recorder.out 2>recorder.log &
+    local recorder=$!
+    exec 7>fifo
+    seq 1 500 >&7
+    printf 'x%.0s' {1..1000} >&7
+    echo >&7
+    wait_for records '^00000500 500$'
+    for _ in {1..20}; do
+        echo more >&7
+        "$bin/recorder_reader" $segment records >reader.out 2>&1 || complain 'board and file differ'
+    done
+    in_order reader.out '^5[0-9]+ records, the last: 00000' 'the file agrees' 'leak report clean'
+    printf unfinished >&7
+    exec 7>&-
+    ends_with 0 $recorder
+    tail -n 1 records | grep -Eq '^[0-9]{8} unfinished$' || complain 'the last line is lost'
+    [[ $(cut -c1-8 records) == "$(seq -f %08g 1 "$(wc -l <records)")" ]] || complain 'records missing'
+    [[ ! -e /dev/shm$segment ]] || complain 'the segment is left'
+    ! "$bin/recorder_reader" $segment records >gone.out 2>&1 || complain 'read what is gone'
+}
+
+declare -a clients
+"test_$name"
