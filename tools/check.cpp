@@ -46,10 +46,11 @@ void check_main(Dump &dump) {
     const auto complain = [&](size_t place, const auto &...what) {
         dump.problems.add(dump.main_block.offset + place, what...);
     };
-    Text version;
-    put_version(version, main.version);
-    if (version.str() != own_version())
+    if (main.version != CL_VERSION) {
+        Text version;
+        put_version(version, main.version);
         complain(offsetof(CL_MainBlock, version), "a dump of version ", version.str());
+    }
     if (main.state != CL_STATE_FAILED &&
         (main.state < CL_STATE_CONSTRUCTED || main.state > CL_STATE_ENDED))
         complain(offsetof(CL_MainBlock, state), "state ", main.state);

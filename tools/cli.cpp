@@ -55,44 +55,11 @@ bool set_handle(Options &options, const char *text) {
     return true;
 }
 
-// "[YYYY-MM-DD ]HH:MM[:SS[.fraction]]", or seconds since the epoch with a fraction.
-bool parse_moment(std::optional<Moment> &moment, const char *text) {
-    Moment m;
-    int end = 0;
-    const auto seconds = [&](const char *from) {
-        char *stop = nullptr;
-        const double value = std::strtod(from, &stop);
-        if (stop == from || *stop || !(value >= 0 && value < 1e12)) return false;
-        m.usec = static_cast<uint64_t>(std::llround(value * 1e6));
-        return true;
-    };
-    if (std::string_view(text).find(':') == std::string_view::npos) {
-        m.absolute = true;
-        if (!seconds(text)) return false;
-    } else {
-        if (std::sscanf(text, "%4d-%2d-%2d%*1[T ]%n", &m.clock.tm_year, &m.clock.tm_mon,
-                        &m.clock.tm_mday, &end) == 3 &&
-            end) {
-            m.dated = true;
-            m.clock.tm_year -= 1900;
-            m.clock.tm_mon -= 1;
-            text += end;
-        }
-        end = 0;
-        if (std::sscanf(text, "%2d:%2d%n", &m.clock.tm_hour, &m.clock.tm_min, &end) != 2)
-            return false;
-        text += end;
-        if (*text == ':' ? !seconds(text + 1) : *text) return false;
-    }
-    moment = m;
-    return true;
-}
-
 bool set_since(Options &options, const char *text) {
-    return parse_moment(options.since, text);
+    return parse_time(options.since = text, 0).has_value();
 }
 bool set_until(Options &options, const char *text) {
-    return parse_moment(options.until, text);
+    return parse_time(options.until = text, 0).has_value();
 }
 
 bool set_slower(Options &options, const char *text) {
@@ -139,8 +106,7 @@ constexpr Option OPTIONS[] = {
     {"api", "NAME", "show", set_api,
      "calls whose name holds NAME, or with that number; repeatable"},
     {"handle", "#N|ADDRESS", "show", set_handle, "calls about the object in slot N, or at ADDRESS"},
-    {"since", "TIME", "show", set_since,
-     "[YYYY-MM-DD ]HH:MM[:SS[.FRACTION]] or seconds since 1970"},
+    {"since", "TIME", "show", set_since, "[YYYY-MM-DD ]HH:MM[:SS[.FRACTION]], local time"},
     {"until", "TIME", "show", set_until, "the same, for the end"},
     {"failures", nullptr, "show", set_failures, "only what failed"},
     {"slower", "TIME", "show", set_slower, "calls that took at least so long: 250us, 10ms, 1.5s"},
@@ -229,7 +195,10 @@ Status run(int argc, char **argv, Text &out, Text &err) {
     Line line;
     if (const Status status = parse(argc, argv, line, err); status != FINE) return status;
     if (line.other == HELP) put_help(out);
-    if (line.other == VERSION) out << "qvcl-trace " << own_version() << '\n';
+    if (line.other == VERSION) {
+        put_version(out << "qvcl-trace ", CL_VERSION);
+        out << '\n';
+    }
     if (line.other >= 0) return FINE;
     if (line.words.empty()) return usage(err, "no command");
     const auto command = std::ranges::find(TABLE, line.words.front(), &Command::name);

@@ -8,26 +8,22 @@
 
 namespace trace_reader {
 
-// A time on the command line; without a date it is of the day of the dump's first record.
-struct Moment {
-    std::tm clock{};  // local
-    bool dated = false;
-    bool absolute = false;  // `usec` is all of it, since the epoch
-    uint64_t usec = 0;
-};
-
 struct Options {
     std::bitset<256> apis;  // none: all
     std::optional<uint64_t> slot;
     std::optional<uint64_t> handle;
-    std::optional<Moment> since;
-    std::optional<Moment> until;
+    std::string since;  // texts that parse_time takes, or empty
+    std::string until;
     std::optional<int64_t> slower;  // microseconds
     bool failures = false;
     int ring = -1;
     uint64_t last = UINT64_MAX;
     bool all = false;
 };
+
+// "[YYYY-MM-DD ]HH:MM[:SS[.FRACTION]]", local, as microseconds since the epoch; on the day that
+// `day` is of when it names none.
+std::optional<uint64_t> parse_time(const std::string &text, uint64_t day);
 
 using Dumps = std::span<Dump>;
 bool show(Dumps dumps, const Options &options, Text &out);

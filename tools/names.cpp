@@ -137,12 +137,6 @@ void put_version(Text &out, uint64_t version) {
     if (version & 255) out << '+' << (version & 255);
 }
 
-std::string own_version() {
-    Text text;
-    text << CL_VERSION_MAJOR << '.' << CL_VERSION_MINOR << '.' << CL_VERSION_PATCH;
-    return text.str();
-}
-
 void put_sets(Text &out, Bytes sets) {
     const size_t before = out.size();
     const size_t each = sizeof(fd_set);

@@ -17,9 +17,9 @@ void put_address(Text &out, const Dump &dump, uint64_t address, Mask mask) {
 }
 
 std::string_view text_at(Bytes bytes, size_t offset, size_t size) {
-    if (offset >= bytes.size()) return {};
-    const auto *text = reinterpret_cast<const char *>(bytes.data() + offset);
-    return {text, strnlen(text, std::min(size, bytes.size() - offset))};
+    const Bytes place = part(bytes, offset, size);
+    const auto *text = reinterpret_cast<const char *>(place.data());
+    return {text, strnlen(text, place.size())};
 }
 
 // The message whose beginning is at `bytes`, when it is one.
@@ -32,7 +32,7 @@ void put_message(Text &out, Bytes bytes, Mask mask) {
     out << "{length=" << header.length;
     if (mask == Mask::NO) out << ", sender=" << header.sender;
     out << ", type=" << header.type << ", ";
-    out.dump(bytes.subspan(sizeof header)) << '}';
+    out.dump(part(bytes, sizeof header)) << '}';
 }
 
 }  // namespace
@@ -75,10 +75,10 @@ void put_field(Text &out, const Dump &dump, Bytes bytes, const CL_TrcField &fiel
                 out.quoted(text_at(bytes, field.offset, field.size));
             break;
         case CL_TRC_BYTES:
-            out.dump(bytes.subspan(std::min<size_t>(field.offset, bytes.size())));
+            out.dump(part(bytes, field.offset, field.size));
             break;
         case CL_TRC_SETS:
-            put_sets(out, bytes.subspan(std::min<size_t>(field.offset, bytes.size())));
+            put_sets(out, part(bytes, field.offset));
             break;
         case CL_TRC_ERROR:
             put_error(out, load<CL_ErrInfo>(bytes, field.offset));
@@ -112,41 +112,33 @@ void put_position(Text &out, const Record &record) {
 }
 
 Carried carried(const Record &record) {
-    const auto from = [&](size_t begin, uint64_t count) {
-        begin = std::min(begin, record.bytes.size());
-        return record.bytes.subspan(begin, std::min<uint64_t>(count, record.bytes.size() - begin));
-    };
-    const auto filled = [&](uint64_t room) {  // bytes that a successful read left in `room`
-        const auto result = static_cast<int64_t>(number(record.bytes, record.operation->result));
-        return record.exit && result > 0 ? std::min<uint64_t>(static_cast<uint64_t>(result), room)
-                                         : 0;
-    };
-    switch (record.api()) {
-        case CL_API_RECV_MSGC:
-            return {"message",
-                    from(offsetof(CL_TrcReceive, data), filled(sizeof CL_TrcReceive::data))};
-        case CL_API_SEND_MSGC: {
-            const auto held = load<uint32_t>(record.bytes, offsetof(CL_TrcSend, data_length));
-            const size_t prefix = offsetof(CL_MsgBlock, header);
-            return {"message", from(offsetof(CL_TrcSend, data) + prefix,
-                                    held - std::min<uint64_t>(held, prefix))};
-        }
-        case CL_API_READ_FILE:
-            return {"data",
-                    from(offsetof(CL_TrcFileData, data), filled(sizeof CL_TrcFileData::data))};
-        case CL_API_WRITE_FILE:
-            return {"data", from(offsetof(CL_TrcFileData, data),
-                                 std::min<uint64_t>(
-                                     load<uint64_t>(record.bytes, offsetof(CL_TrcFileData, length)),
-                                     sizeof CL_TrcFileData::data))};
-        case CL_API_CALLBACK: {
-            const auto type = load<uint32_t>(record.bytes, offsetof(CL_TrcCallback, type));
-            return {type == CL_EVENT_DESCRIPTOR ? "ready" : "message",
-                    from(sizeof(CL_TrcCallback), sizeof(CL_FdSets))};
-        }
-        default:
-            return {};
+    static constexpr struct {
+        uint8_t api;
+        std::string_view name;
+        CL_TrcField data;
+        CL_TrcField count;  // bytes of it that mean something; without a name: the result
+        size_t skipped;
+    } DATA[] = {
+        {CL_API_RECV_MSGC, "message", CL_TRC_FIELD(CL_TrcReceive, data, CL_TRC_BYTES), {}, 0},
+        {CL_API_SEND_MSGC, "message", CL_TRC_FIELD(CL_TrcSend, data, CL_TRC_BYTES),
+         CL_TRC_FIELD(CL_TrcSend, data_length, CL_TRC_UNSIGNED), offsetof(CL_MsgBlock, header)},
+        {CL_API_READ_FILE, "data", CL_TRC_FIELD(CL_TrcFileData, data, CL_TRC_BYTES), {}, 0},
+        {CL_API_WRITE_FILE, "data", CL_TRC_FIELD(CL_TrcFileData, data, CL_TRC_BYTES),
+         CL_TRC_FIELD(CL_TrcFileData, length, CL_TRC_UNSIGNED), 0}};
+    if (record.is_callback()) {
+        const auto type = load<uint32_t>(record.bytes, offsetof(CL_TrcCallback, type));
+        return {type == CL_EVENT_DESCRIPTOR ? "ready" : "message",
+                part(record.bytes, sizeof(CL_TrcCallback))};
     }
+    for (const auto &[api, name, data, count, skipped] : DATA) {
+        if (api != record.api() || (!count.name && (!record.exit || failed(record)))) continue;
+        const CL_TrcField &field = count.name ? count : record.operation->result;
+        const auto room = part(record.bytes, data.offset, data.size);
+        const auto used = static_cast<int64_t>(number(record.bytes, field));
+        return {name,
+                part(part(room, 0, static_cast<size_t>(std::max<int64_t>(used, 0))), skipped)};
+    }
+    return {};
 }
 
 void put_carried(Text &out, const Carried &carried, Mask mask) {
@@ -185,11 +177,9 @@ void put_outcome(Text &out, const Dump &dump, const Record &exit, Mask mask) {
 
 void put_record(Text &out, const Dump &dump, const Record &record, Mask mask) {
     if (!record.operation) {
-        const size_t begin = std::min(offsetof(CL_TrcHead, api), record.bytes.size());
         out << name_of(record) << ' ' << record.length << " bytes";
-        if (mask == Mask::YES) return;
-        out << ": ";
-        out.dump(record.bytes.subspan(begin, std::min(record.bytes.size() - begin, USER_BYTES)));
+        if (mask == Mask::NO)
+            (out << ": ").dump(part(record.bytes, offsetof(CL_TrcHead, api), USER_BYTES));
     } else if (record.api() == CL_API_STATUS) {
         const auto change = load<CL_TrcStatus>(record.bytes, 0);
         out << "status ";

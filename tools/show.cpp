@@ -1,6 +1,7 @@
 // show: one line a call, where its entry record stands: when, how long, what, with which result;
 // what happened inside it follows, indented.
-#include <tuple>
+#include <algorithm>
+#include <cmath>
 
 #include "tools/commands.h"
 #include "tools/render.h"
@@ -17,8 +18,8 @@ class Filter {
   public:
     Filter(const Options &o, const Dump &dump, const Trace &t) : options(o), trace(t) {
         const uint64_t first = trace.records.empty() ? 0 : trace.records.front().time;
-        if (options.since) since = resolve(*options.since, first);
-        if (options.until) until = resolve(*options.until, first);
+        since = parse_time(options.since, first).value_or(0);
+        until = parse_time(options.until, first).value_or(UINT64_MAX);
         if (options.handle) handle = *options.handle;
         if (options.slot) handle = dump.address_of(*options.slot);
     }
@@ -35,23 +36,10 @@ class Filter {
     }
 
   private:
-    static uint64_t resolve(const Moment &moment, uint64_t first) {
-        if (moment.absolute) return moment.usec;
-        std::tm date = moment.clock;
-        if (const auto second = static_cast<std::time_t>(first / 1000000); !moment.dated) {
-            std::tm day{};
-            localtime_r(&second, &day);
-            std::tie(date.tm_year, date.tm_mon, date.tm_mday) =
-                std::tie(day.tm_year, day.tm_mon, day.tm_mday);
-        }
-        date.tm_isdst = -1;
-        return static_cast<uint64_t>(std::mktime(&date)) * 1000000 + moment.usec;
-    }
-
     const Options &options;
     const Trace &trace;
-    uint64_t since = 0;
-    uint64_t until = UINT64_MAX;
+    uint64_t since;
+    uint64_t until;
     std::optional<uint64_t> handle;
 };
 
@@ -111,6 +99,23 @@ void Lines::put(const Record &record) {
 }
 
 }  // namespace
+
+std::optional<uint64_t> parse_time(const std::string &text, uint64_t day) {
+    for (const char *format : {"%Y-%m-%d %H:%M:%S", "%Y-%m-%d %H:%M", "%H:%M:%S", "%H:%M"}) {
+        std::tm time{};
+        const auto second = static_cast<std::time_t>(day / 1000000);
+        localtime_r(&second, &time);
+        time.tm_sec = 0;
+        const char *rest = strptime(text.c_str(), format, &time);
+        char *end = nullptr;
+        const double fraction = rest && *rest == '.' ? std::strtod(rest, &end) : 0;
+        if (!rest || *(end ? end : rest)) continue;
+        time.tm_isdst = -1;
+        return static_cast<uint64_t>(std::mktime(&time)) * 1000000 +
+               static_cast<uint64_t>(std::llround(fraction * 1e6));
+    }
+    return {};
+}
 
 bool show(Dumps dumps, const Options &options, Text &out) {
     Dump &dump = dumps.front();

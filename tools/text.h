@@ -3,6 +3,7 @@
 // `quoted`, so no control character of it reaches a terminal and JSON strings stay valid.
 #pragma once
 
+#include <algorithm>
 #include <charconv>
 #include <concepts>
 #include <cstdint>
@@ -15,6 +16,12 @@
 namespace trace_reader {
 
 using Bytes = std::span<const uint8_t>;
+
+// A part of the bytes, or as much of it as there is.
+inline Bytes part(Bytes bytes, size_t begin, size_t count = SIZE_MAX) {
+    begin = std::min(begin, bytes.size());
+    return bytes.subspan(begin, std::min(count, bytes.size() - begin));
+}
 
 enum class Escape { C, JSON };
 enum class Colour { NONE, DIM, RED, BOLD };
