@@ -13,7 +13,7 @@ typedef enum CL_TrcType {
     CL_TRC_HANDLE,  /* address of a descriptor object */
     CL_TRC_ADDRESS, /* any other address */
     CL_TRC_KIND,
-    CL_TRC_MODE,
+    CL_TRC_MODE, /* CL_MODE_..., CL_TIMER_... */
     CL_TRC_EVENT,
     CL_TRC_STATUS,     /* status bits */
     CL_TRC_SUB_STATUS, /* sub-status bits */
@@ -147,7 +147,7 @@ __attribute__((unused)) static const CL_TrcOperation CL_TRC_OPERATIONS[] = {
      CL_TRC_FIELD(CL_TrcStartTimer, result, CL_TRC_UNSIGNED),
      {CL_TRC_FIELD(CL_TrcStartTimer, handle, CL_TRC_HANDLE),
       CL_TRC_FIELD(CL_TrcStartTimer, seconds, CL_TRC_UNSIGNED),
-      CL_TRC_FIELD(CL_TrcStartTimer, mode, CL_TRC_UNSIGNED), CL_TRC_COMMON(CL_TrcStartTimer)}},
+      CL_TRC_FIELD(CL_TrcStartTimer, mode, CL_TRC_MODE), CL_TRC_COMMON(CL_TrcStartTimer)}},
     CL_TRC_HANDLE_OPERATION(CL_API_STOP_TIMER, "CL_StopTIMER_M", CL_TRC_UNSIGNED),
     {CL_API_OPEN_FILE,
      "CL_OpenFile_M",

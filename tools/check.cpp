@@ -1,0 +1,124 @@
+// check: what must hold in every dump, since the library writes none while one of its operations
+// is half done. Sizes and eye-catchers are tested while the file is read, records while the rings
+// are walked, chains while the queues are followed; here, what spans tables.
+#include "tools/commands.h"
+#include "tools/names.h"
+#include "tools/records.h"
+
+namespace trace_reader {
+
+namespace {
+
+constexpr struct {
+    uint32_t kind;
+    size_t place;
+    std::string_view name;
+} KIND_QUEUES[] = {
+#define KIND_QUEUE(number, symbol, name) \
+    {number, offsetof(CL_MainBlock, kind_queues[CL_KIND_QUEUE_##symbol]), name},
+    CL_KINDS(KIND_QUEUE)
+#undef KIND_QUEUE
+};
+
+// For each slot the lists that it is on: bit i for the i-th list that was followed.
+class Memberships {
+  public:
+    explicit Memberships(Dump &dump) : bits(dump.objects.size()) {
+        for (const auto lists : {TABLE_QUEUES, EVENT_LISTS})
+            for (const QueueView &view : lists) {
+                for (const uint64_t slot : dump.follow(view))
+                    bits[slot] |= uint64_t{1} << places.size();
+                places.push_back(view.place);
+            }
+    }
+    bool on(uint64_t slot, size_t place) const {
+        const auto index = std::ranges::find(places, place) - places.begin();
+        return bits[slot] >> index & 1;
+    }
+
+  private:
+    std::vector<uint64_t> bits;
+    std::vector<size_t> places;
+};
+
+void check_main(Dump &dump) {
+    const CL_MainBlock &main = dump.main;
+    const auto complain = [&](size_t place, const auto &...what) {
+        dump.problems.add(dump.main_block.offset + place, what...);
+    };
+    if (main.version != CL_VERSION) {
+        Text version;
+        put_version(version, main.version);
+        complain(offsetof(CL_MainBlock, version), "a dump of version ", version.str());
+    }
+    if (main.state != CL_STATE_FAILED &&
+        (main.state < CL_STATE_CONSTRUCTED || main.state > CL_STATE_ENDED))
+        complain(offsetof(CL_MainBlock, state), "state ", main.state);
+    const uint32_t capacity = main.descriptor_table ? main.requested + CL_SPARE_OBJECTS : 0;
+    if (main.capacity != capacity)
+        complain(offsetof(CL_MainBlock, capacity), main.capacity, " objects, ", main.requested,
+                 " were asked for");
+    const struct {
+        size_t place;
+        const CL_Object *object;
+    } cursors[] = {{offsetof(CL_MainBlock, execs), main.execs},
+                   {offsetof(CL_MainBlock, loop_cursor), main.loop_cursor},
+                   {offsetof(CL_MainBlock, timer_cursor), main.timer_cursor},
+                   {offsetof(CL_MainBlock, child_cursor), main.child_cursor}};
+    for (const auto &[place, object] : cursors)
+        if (object && !dump.slot_of(address(object))) complain(place, "the address of no object");
+}
+
+void check_object(Dump &dump, const Memberships &lists, uint64_t slot) {
+    const CL_Object &object = dump.objects[slot];
+    const auto on = [&](size_t place) { return lists.on(slot, place); };
+    const auto complain = [&](size_t place, const auto &...what) {
+        dump.problems.add(dump.offset_of(slot) + place, "#", slot, what...);
+    };
+    if (object.own_address != dump.address_of(slot))
+        complain(offsetof(CL_Object, own_address), " has another address");
+    const bool live = on(offsetof(CL_MainBlock, used_queue));
+    if (live == on(offsetof(CL_MainBlock, free_queue)))
+        complain(offsetof(CL_Object, link),
+                 live ? " is free and used" : " is neither free nor used");
+    for (const auto &[kind, place, name] : KIND_QUEUES)
+        if (on(place) && (!live || object.kind != kind))
+            complain(offsetof(CL_Object, kind_link), " is on the queue of ", name);
+    if (live && kind_name(object.kind).empty())
+        complain(offsetof(CL_Object, kind), " is of kind ", object.kind);
+    const bool listed =
+        on(offsetof(CL_MainBlock, priority_list)) || on(offsetof(CL_MainBlock, pending_list)) ||
+        on(offsetof(CL_MainBlock, child_list)) || on(offsetof(CL_MainBlock, thread_list));
+    if (listed != !!(object.status & CL_STATUS_LISTED))
+        complain(offsetof(CL_Object, status), listed ? " is on a list" : " is on no list",
+                 ", its status says otherwise");
+    const bool timing = on(offsetof(CL_MainBlock, timer_list));
+    if (timing != !!(object.status & CL_STATUS_RUNNING))
+        complain(offsetof(CL_Object, status),
+                 timing ? " is on the timer list" : " is on no timer list",
+                 ", its status says otherwise");
+}
+
+}  // namespace
+
+bool check(Dumps dumps, const Options &, Text &out) {
+    Dump &dump = dumps.front();
+    const Trace trace(dump);
+    uint64_t live = 0;
+    if (dump.main_block.size) {
+        check_main(dump);
+        const Memberships lists(dump);
+        for (uint64_t slot = 0; slot < dump.objects.size(); ++slot) {
+            check_object(dump, lists, slot);
+            live += dump.is_live(slot);
+        }
+    }
+    out << dump.name << ": " << trace.records.size() << " records, " << live << " live objects, ";
+    if (const size_t problems = dump.problems.count())
+        out << problems << " problem" << (problems > 1 ? "s\n" : "\n");
+    else
+        out << "whole and consistent\n";
+    return true;
+}
+
+}  // namespace trace_reader

@@ -1,0 +1,223 @@
+#include "tools/cli.h"
+
+#include <getopt.h>
+#include <strings.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <list>
+
+#include "tools/names.h"
+#include "tools/records.h"
+
+namespace trace_reader {
+
+namespace {
+
+constexpr Command TABLE[] = {
+    {"show", show, 1, false, "calls, callbacks and status changes, oldest first"},
+    {"tables", tables, 1, true, "main table, lists and queues, descriptor objects"},
+    {"report", report, 1, true, "counts, failures and durations by operation and object"},
+    {"export", export_json, 1, true, "the trace as a timeline in trace-event JSON"},
+    {"diff", diff, 2, false, "first difference between two traces"},
+    {"check", check, 1, true, "whether the file is whole and consistent"}};
+
+bool parse_number(const char *text, uint64_t &value) {
+    const bool hex = text[0] == '0' && (text[1] | 0x20) == 'x';
+    const char *begin = hex ? text + 2 : text;
+    const char *end = begin + strlen(begin);
+    const auto [stop, error] = std::from_chars(begin, end, value, hex ? 16 : 10);
+    return error == std::errc() && stop == end;
+}
+
+bool set_api(Options &options, const char *text) {
+    uint64_t number = 0;
+    const bool numeric = parse_number(text, number);
+    const std::string_view wanted = text;
+    bool found = false;
+    for (const CL_TrcOperation &operation : operations()) {
+        const std::string_view name = operation.name;
+        const auto same = [](char a, char b) { return (a | 0x20) == (b | 0x20); };
+        if (numeric ? operation.api != number : std::ranges::search(name, wanted, same).empty())
+            continue;
+        options.apis.set(operation.api);
+        found = true;
+    }
+    return found;
+}
+
+bool set_handle(Options &options, const char *text) {
+    uint64_t value = 0;
+    const bool is_slot = *text == '#' || !(text[0] == '0' && text[1] == 'x');
+    if (!parse_number(*text == '#' ? text + 1 : text, value)) return false;
+    (is_slot ? options.slot : options.handle) = value;
+    return true;
+}
+
+bool set_since(Options &options, const char *text) {
+    return parse_time(options.since = text, 0).has_value();
+}
+bool set_until(Options &options, const char *text) {
+    return parse_time(options.until = text, 0).has_value();
+}
+
+bool set_slower(Options &options, const char *text) {
+    char *unit = nullptr;
+    const double value = std::strtod(text, &unit);
+    static constexpr std::pair<std::string_view, double> UNITS[] = {
+        {"us", 1}, {"ms", 1e3}, {"s", 1e6}, {"", 1}};
+    for (const auto &[name, factor] : UNITS)
+        if (unit != text && name == unit && value >= 0 && value < 1e12) {
+            options.slower = std::llround(value * factor);
+            return true;
+        }
+    return false;
+}
+
+bool set_ring(Options &options, const char *text) {
+    const std::string_view name = text;
+    options.ring = name == "user" ? CL_RING_USER : CL_RING_LIBRARY;
+    return name == "user" || name == "library";
+}
+
+bool set_last(Options &options, const char *text) {
+    return parse_number(text, options.last);
+}
+
+bool set_failures(Options &options, const char *) {
+    return options.failures = true;
+}
+bool set_all(Options &options, const char *) {
+    return options.all = true;
+}
+bool set_nothing(Options &, const char *) {
+    return true;
+}
+
+struct Option {
+    const char *name;
+    const char *value;         // null: takes none
+    std::string_view command;  // that it belongs to
+    bool (*set)(Options &options, const char *value);
+    std::string_view help;
+};
+constexpr Option OPTIONS[] = {
+    {"api", "NAME", "show", set_api,
+     "calls whose name holds NAME, or with that number; repeatable"},
+    {"handle", "#N|ADDRESS", "show", set_handle, "calls about the object in slot N, or at ADDRESS"},
+    {"since", "TIME", "show", set_since, "[YYYY-MM-DD ]HH:MM[:SS[.FRACTION]], local time"},
+    {"until", "TIME", "show", set_until, "the same, for the end"},
+    {"failures", nullptr, "show", set_failures, "only what failed"},
+    {"slower", "TIME", "show", set_slower, "calls that took at least so long: 250us, 10ms, 1.5s"},
+    {"ring", "NAME", "show", set_ring, "only records of the library or the user ring"},
+    {"last", "N", "show", set_last, "the last N lines"},
+    {"all", nullptr, "tables", set_all, "also free slots, and where all were used before"},
+    {"json", nullptr, "export", set_nothing, "the format, and the only one"}};
+constexpr int HELP = std::size(OPTIONS), VERSION = HELP + 1;
+
+void put_help(Text &out) {
+    out << "usage: qvcl-trace COMMAND [OPTION...] FILE\n"
+           "       qvcl-trace diff FILE FILE\n"
+           "Reads trace files of libqvcl; \"-\" is standard input.\n\n";
+    for (const Command &command : TABLE) {
+        (out << "  " << command.name).fill(10 - command.name.size()) << command.help << '\n';
+        for (const Option &option : OPTIONS) {
+            if (option.command != command.name) continue;
+            const size_t begin = out.size();
+            out << "    --" << option.name << (option.value ? "=" : "")
+                << (option.value ? option.value : "");
+            out.column(begin, 26) << option.help << '\n';
+        }
+    }
+    out << "\nExit status: 0 fine, 1 the file is damaged or the traces differ, 2 wrong usage or no "
+           "such\n"
+           "file.\n";
+}
+
+Status usage(Text &err, std::string_view problem, std::string_view what = {}) {
+    err << "qvcl-trace: " << problem << what << "\nTry \"qvcl-trace --help\".\n";
+    return USAGE;
+}
+
+struct Line {
+    Options options;
+    std::vector<const Option *> used;
+    std::vector<std::string> words;  // command and files
+    int other = -1;                  // HELP, VERSION
+};
+
+Status parse(int argc, char **argv, Line &line, Text &err) {
+    std::array<option, std::size(OPTIONS) + 3> longs{};
+    for (size_t i = 0; i < std::size(OPTIONS); ++i)
+        longs[i] = {OPTIONS[i].name, OPTIONS[i].value ? 1 : 0, nullptr, static_cast<int>(i)};
+    longs[HELP] = {"help", 0, nullptr, HELP};
+    longs[VERSION] = {"version", 0, nullptr, VERSION};
+    optind = 0;  // starts over
+    opterr = 0;
+    for (int index = 0; (index = getopt_long(argc, argv, "", longs.data(), nullptr)) != -1;) {
+        if (index == '?')
+            return usage(err, "unknown option, or a value is missing: ", argv[optind - 1]);
+        if (index >= HELP) {
+            line.other = index;
+            return FINE;
+        }
+        const Option &option = OPTIONS[index];
+        if (!option.set(line.options, optarg))
+            return usage(err, "no value for this option: ", optarg);
+        line.used.push_back(&option);
+    }
+    line.words.assign(argv + optind, argv + argc);
+    return FINE;
+}
+
+}  // namespace
+
+constinit const std::span<const Command> COMMANDS = TABLE;
+
+Status run_command(const Command &command, const Options &options,
+                   std::span<const std::string> names, std::span<const Source *const> sources,
+                   Text &out, Text &err) {
+    std::vector<Dump> dumps(sources.size());
+    for (size_t i = 0; i < dumps.size(); ++i) {
+        dumps[i].name = names[i];
+        dumps[i].load(*sources[i], command.objects);
+    }
+    bool fine = command.run(dumps, options, out);
+    for (const Dump &dump : dumps) {
+        dump.problems.print(err, dump.name);
+        fine = fine && !dump.problems.count();
+    }
+    return fine ? FINE : DAMAGED;
+}
+
+Status run(int argc, char **argv, Text &out, Text &err) {
+    Line line;
+    if (const Status status = parse(argc, argv, line, err); status != FINE) return status;
+    if (line.other == HELP) put_help(out);
+    if (line.other == VERSION) {
+        put_version(out << "qvcl-trace ", CL_VERSION);
+        out << '\n';
+    }
+    if (line.other >= 0) return FINE;
+    if (line.words.empty()) return usage(err, "no command");
+    const auto command = std::ranges::find(TABLE, line.words.front(), &Command::name);
+    if (command == std::end(TABLE)) return usage(err, "no such command: ", line.words.front());
+    for (const Option *option : line.used)
+        if (option->command != command->name)
+            return usage(err, "not an option of this command: --", option->name);
+    const std::span names = std::span(line.words).subspan(1);
+    if (names.size() != command->files)
+        return usage(err, command->files > 1 ? "two files are needed" : "one file is needed");
+    std::list<Source> sources;
+    std::vector<const Source *> pointers;
+    for (const std::string &name : names) {
+        pointers.push_back(&sources.emplace_back(name.c_str()));
+        if (sources.back().error().empty()) continue;
+        err << "qvcl-trace: " << name << ": " << sources.back().error() << '\n';
+        return USAGE;
+    }
+    return run_command(*command, line.options, names, pointers, out, err);
+}
+
+}  // namespace trace_reader

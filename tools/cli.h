@@ -1,0 +1,28 @@
+// The command line of qvcl-trace without its process: tests call it with output that stays in
+// memory.
+#pragma once
+
+#include "tools/commands.h"
+#include "tools/source.h"
+
+namespace trace_reader {
+
+enum Status { FINE = 0, DAMAGED = 1, USAGE = 2 };  // DAMAGED: or it differs
+
+struct Command {
+    std::string_view name;
+    bool (*run)(Dumps dumps, const Options &options, Text &out);
+    size_t files;
+    bool objects;  // whether it reads the descriptor table
+    std::string_view help;
+};
+extern const std::span<const Command> COMMANDS;
+
+// What is wrong with the files goes to `err` at the end.
+Status run_command(const Command &command, const Options &options,
+                   std::span<const std::string> names, std::span<const Source *const> sources,
+                   Text &out, Text &err);
+
+Status run(int argc, char **argv, Text &out, Text &err);
+
+}  // namespace trace_reader

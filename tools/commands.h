@@ -1,0 +1,36 @@
+// The commands of qvcl-trace, one source file each. A command writes to `out` and notes in the dump
+// what is wrong with it; its result is true unless it found something to complain about itself.
+#pragma once
+
+#include <bitset>
+
+#include "tools/dump.h"
+
+namespace trace_reader {
+
+struct Options {
+    std::bitset<256> apis;  // none: all
+    std::optional<uint64_t> slot;
+    std::optional<uint64_t> handle;
+    std::string since;  // texts that parse_time takes, or empty
+    std::string until;
+    std::optional<int64_t> slower;  // microseconds
+    bool failures = false;
+    int ring = -1;
+    uint64_t last = UINT64_MAX;
+    bool all = false;
+};
+
+// "[YYYY-MM-DD ]HH:MM[:SS[.FRACTION]]", local, as microseconds since the epoch; on the day that
+// `day` is of when it names none.
+std::optional<uint64_t> parse_time(const std::string &text, uint64_t day);
+
+using Dumps = std::span<Dump>;
+bool show(Dumps dumps, const Options &options, Text &out);
+bool tables(Dumps dumps, const Options &options, Text &out);
+bool report(Dumps dumps, const Options &options, Text &out);
+bool export_json(Dumps dumps, const Options &options, Text &out);
+bool diff(Dumps dumps, const Options &options, Text &out);
+bool check(Dumps dumps, const Options &options, Text &out);
+
+}  // namespace trace_reader

@@ -1,0 +1,298 @@
+#include "tools/dump.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace trace_reader {
+
+namespace {
+
+// In the order of the file. All but the main table may be absent.
+enum Rank : size_t { LIBRARY_RING, USER_RING, MAIN, TABLE, RANKS };
+struct BlockKind {
+    char eye[sizeof CL_TableHeader::eye];
+    uint64_t smallest;
+};
+constexpr BlockKind KINDS[RANKS] = {{CL_EYE_LIBTRC, sizeof(CL_TraceRing)},
+                                    {CL_EYE_USRTRC, sizeof(CL_TraceRing)},
+                                    {CL_EYE_MAIN, sizeof(CL_MainBlock)},
+                                    {CL_EYE_FDTBL, sizeof(CL_TableHeader)}};
+constexpr size_t EYE = sizeof CL_TableHeader::eye;
+constexpr uint64_t TEXT_ALIGNMENT = 16;
+constexpr uint64_t LONGEST_TEXT = 1 << 20;
+constexpr uint64_t LARGEST_RING = 1 << 28;
+
+// Rank of the block whose eye-catcher is at `bytes`, not below `from`; RANKS for none.
+size_t rank_of(const uint8_t *bytes, size_t from) {
+    while (from < RANKS && std::memcmp(bytes, KINDS[from].eye, EYE) != 0)
+        ++from;
+    return from;
+}
+
+class Loader {
+  public:
+    Loader(Dump &d, const Source &s) : dump(d), source(s) {}
+    void blocks();
+    void ring(Ring &ring);
+    void table(bool with_objects);
+    void compare_addresses();
+
+  private:
+    size_t rank_at(uint64_t offset, size_t from) const;
+    uint64_t find(uint64_t offset, size_t from) const;
+    uint64_t first_block();
+    Block &block(size_t rank);
+    void take(uint64_t offset, size_t rank);
+    uint64_t content_size(const Block &block, size_t rank) const;
+    uint64_t length(const Block &block, size_t rank);
+
+    Dump &dump;
+    const Source &source;
+};
+
+size_t Loader::rank_at(uint64_t offset, size_t from) const {
+    uint8_t bytes[EYE];
+    return source.read(offset, bytes, EYE) == EYE ? rank_of(bytes, from) : RANKS;
+}
+
+// Offset of the next block of at least that rank, at whatever alignment; the file's size for none.
+uint64_t Loader::find(uint64_t offset, size_t from) const {
+    std::vector<uint8_t> piece(64 * 1024);
+    for (;; offset += piece.size() - (EYE - 1)) {
+        const uint64_t got = source.read(offset, piece.data(), piece.size());
+        for (uint64_t i = 0; i + EYE <= got; ++i)
+            if (piece[i] == KINDS[0].eye[0] && rank_of(&piece[i], from) < RANKS) return offset + i;
+        if (got < piece.size()) return dump.size;
+    }
+}
+
+// Passes the header text: NUL-terminated, then zeros up to the next multiple, at least one.
+uint64_t Loader::first_block() {
+    const uint64_t first = find(0, 0);
+    if (first == 0) return 0;
+    std::string text(std::min(first, LONGEST_TEXT), '\0');
+    text.resize(source.read(0, text.data(), text.size()));
+    const uint64_t end = std::min(text.find('\0'), text.size()) + 1;
+    if (first == dump.size)
+        dump.problems.add(0, "no block of a dump in this file");
+    else if (first != end + TEXT_ALIGNMENT - end % TEXT_ALIGNMENT)
+        dump.problems.add(0, first, " bytes that are neither a block nor a header text");
+    else
+        dump.text = text.substr(0, end - 1);
+    return first;
+}
+
+Block &Loader::block(size_t rank) {
+    Block *const places[RANKS] = {&dump.rings[CL_RING_LIBRARY].block,
+                                  &dump.rings[CL_RING_USER].block, &dump.main_block, &dump.table};
+    return *places[rank];
+}
+
+// The size that the contents of a block call for.
+uint64_t Loader::content_size(const Block &block, size_t rank) const {
+    if (rank == MAIN) return sizeof(CL_MainBlock);
+    if (rank == TABLE)
+        return dump.main_block.size ? sizeof(CL_TableHeader) + dump.capacity * sizeof(CL_Object)
+                                    : std::max(block.header.size, KINDS[TABLE].smallest);
+    CL_TraceRing ring{};
+    source.read(block.offset, &ring, sizeof ring);
+    return sizeof ring + ring.entry_count * (uint64_t{ring.entry_size} + sizeof(CL_TraceEntry));
+}
+
+// Bytes from the block's offset to its end. Two fields say it; when they differ, a block that
+// follows decides.
+uint64_t Loader::length(const Block &block, size_t rank) {
+    const uint64_t content = content_size(block, rank);
+    const uint64_t declared = block.header.size;
+    if (declared == content) return content;
+    dump.problems.add(block.offset + offsetof(CL_TableHeader, size), KINDS[rank].eye, " of ",
+                      declared, " bytes by its header, ", content, " by its contents");
+    if (rank >= MAIN) return content;
+    const uint64_t rest = dump.size - block.offset;
+    for (const uint64_t candidate : {content, declared})
+        if (candidate >= KINDS[rank].smallest && candidate < rest &&
+            rank_at(block.offset + candidate, rank + 1) < RANKS)
+            return candidate;
+    return find(block.offset + EYE, rank + 1) - block.offset;
+}
+
+void Loader::take(uint64_t offset, size_t rank) {
+    Block &block = this->block(rank);
+    block.offset = offset;
+    source.read(offset, &block.header, sizeof block.header);
+    const uint64_t whole = length(block, rank);
+    block.size = std::min(whole, dump.size - offset);
+    if (block.size < whole)
+        dump.problems.add(dump.size, "the file ends ", whole - block.size, " bytes inside ",
+                          KINDS[rank].eye);
+    if (rank != MAIN) return;
+    source.read(offset, &dump.main, std::min<uint64_t>(block.size, sizeof dump.main));
+    dump.capacity = dump.main.capacity;
+    if (dump.capacity > CL_MAX_OBJECTS + CL_SPARE_OBJECTS) {
+        dump.problems.add(offset + offsetof(CL_MainBlock, capacity), dump.capacity,
+                          " objects are more than a table can have");
+        dump.capacity = CL_MAX_OBJECTS + CL_SPARE_OBJECTS;
+    }
+}
+
+void Loader::blocks() {
+    uint64_t at = first_block();
+    size_t rank = 0;
+    while (rank < RANKS && at < dump.size) {
+        if (const size_t found = rank_at(at, rank); found < RANKS) {
+            take(at, found);
+            at += block(found).size;
+            rank = found + 1;
+            continue;
+        }
+        if (dump.main_block.size && !dump.main.descriptor_table) break;
+        const uint64_t next = find(at, rank);
+        if (next == dump.size) break;
+        dump.problems.add(at, next - at, " bytes that are no block");
+        at = next;
+    }
+    dump.application_offset = at;
+    if (!dump.main_block.size) dump.problems.add(dump.size, "there is no main table");
+}
+
+void Loader::ring(Ring &ring) {
+    const Block &block = ring.block;
+    if (block.size < sizeof ring.head) return;
+    source.read(block.offset, &ring.head, sizeof ring.head);
+    if (ring.head.entry_size < CL_TRC_MIN_ENTRY || !ring.head.entry_count) {
+        dump.problems.add(block.offset + offsetof(CL_TraceRing, entry_size), "a ring of ",
+                          ring.head.entry_count, " entries of ", ring.head.entry_size, " bytes");
+        return;
+    }
+    const uint64_t bytes = std::min(block.size - sizeof ring.head, LARGEST_RING);
+    ring.held = std::min<uint64_t>(ring.head.entry_count, bytes / ring.stride());
+    ring.entries = std::make_unique_for_overwrite<uint8_t[]>(ring.held * ring.stride());
+    ring.held = source.read(ring.offset_of(0), ring.entries.get(), ring.held * ring.stride()) /
+                ring.stride();
+}
+
+void Loader::table(bool with_objects) {
+    dump.table_address =
+        dump.main_block.size ? address(dump.main.descriptor_table) : dump.table.header.address;
+    const uint64_t data = dump.table.size - std::min(dump.table.size, sizeof(CL_TableHeader));
+    const uint64_t slots =
+        std::min<uint64_t>(data / sizeof(CL_Object), CL_MAX_OBJECTS + CL_SPARE_OBJECTS);
+    if (!dump.main_block.size) dump.capacity = slots;
+    if (!with_objects) return;
+    dump.objects.resize(std::min(slots, dump.capacity));
+    const uint64_t bytes = dump.objects.size() * sizeof(CL_Object);
+    dump.objects.resize(source.read(dump.offset_of(0), dump.objects.data(), bytes) /
+                        sizeof(CL_Object));
+}
+
+// The main table says where the other blocks were, and so whether they should be here.
+void Loader::compare_addresses() {
+    const CL_MainBlock &main = dump.main;
+    const struct {
+        size_t rank;
+        size_t place;
+        uint64_t there;
+    } expected[] = {
+        {LIBRARY_RING, offsetof(CL_MainBlock, library_ring), address(main.library_ring)},
+        {USER_RING, offsetof(CL_MainBlock, user_ring), address(main.user_ring)},
+        {TABLE, offsetof(CL_MainBlock, descriptor_table), address(main.descriptor_table)}};
+    if (!dump.main_block.size) return;
+    for (const auto &[rank, place, there] : expected) {
+        const Block &block = this->block(rank);
+        if (!block.size && there)
+            dump.problems.add(dump.main_block.offset + place, KINDS[rank].eye, " is missing");
+        else if (block.size && there != block.header.address)
+            dump.problems.add(dump.main_block.offset + place, "another address than that of ",
+                              KINDS[rank].eye);
+    }
+}
+
+}  // namespace
+
+void Problems::print(Text &out, std::string_view file) const {
+    for (const std::string &text : list)
+        out << "qvcl-trace: " << file << ": " << text << '\n';
+    if (total > list.size())
+        out << "qvcl-trace: " << file << ": and " << total - list.size() << " more\n";
+}
+
+void Dump::load(const Source &source, bool with_objects) {
+    size = source.size();
+    Loader loader(*this, source);
+    loader.blocks();
+    for (Ring &ring : rings)
+        loader.ring(ring);
+    loader.table(with_objects);
+    loader.compare_addresses();
+}
+
+std::optional<uint64_t> Dump::slot_of(uint64_t address) const {
+    const uint64_t distance = address - address_of(0);
+    const uint64_t slot = distance / sizeof(CL_Object);
+    if (!table_address || distance % sizeof(CL_Object) || slot >= capacity) return {};
+    return slot;
+}
+
+void Dump::put_handle(Text &out, uint64_t address) const {
+    if (const auto slot = slot_of(address))
+        out << '#' << *slot;
+    else
+        out.hex(address);
+}
+
+bool Dump::is_live(uint64_t slot) const {
+    return trace_reader::address(objects[slot].link.owner) ==
+           main_block.header.address + offsetof(CL_MainBlock, used_queue);
+}
+
+std::vector<uint64_t> Dump::follow(const QueueView &view) {
+    const auto queue = trace_reader::load<CL_Queue>(bytes_of(main), view.place);
+    const uint64_t place = main_block.offset + view.place;
+    if (queue.link_offset != view.link)
+        problems.add(place + offsetof(CL_Queue, link_offset), view.name, ": links at ",
+                     queue.link_offset, " instead of ", view.link);
+    std::vector<uint64_t> found;
+    uint64_t previous = 0;
+    for (uint64_t at = address(queue.head); at;) {
+        const auto slot = slot_of(at);
+        if (!slot || *slot >= objects.size() || found.size() == objects.size()) {
+            const bool circle = slot && *slot < objects.size();
+            problems.add(found.empty() ? place : offset_of(found.back()) + view.link, view.name,
+                         circle ? ": a circle" : ": leads to an address that is no object here");
+            return found;
+        }
+        const auto link = trace_reader::load<CL_QueueLink>(bytes_of(objects[*slot]), view.link);
+        if (address(link.previous) != previous ||
+            address(link.owner) != main_block.header.address + view.place)
+            problems.add(offset_of(*slot) + view.link, view.name, ": the link of #", *slot,
+                         " leads elsewhere");
+        found.push_back(*slot);
+        previous = at;
+        at = address(link.next);
+    }
+    if (address(queue.tail) != previous || queue.count != found.size())
+        problems.add(place, view.name, ": ", queue.count, " elements by its head, ", found.size(),
+                     " on the chain, or another tail");
+    return found;
+}
+
+namespace {
+#define LIST(name, queue, link) \
+    { name, offsetof(CL_MainBlock, queue), offsetof(CL_Object, link) }
+constexpr QueueView TABLES[] = {LIST("free queue", free_queue, link),
+                                LIST("used queue", used_queue, link),
+#define KIND_LIST(number, symbol, name) LIST(name, kind_queues[CL_KIND_QUEUE_##symbol], kind_link),
+                                CL_KINDS(KIND_LIST)
+#undef KIND_LIST
+};
+constexpr QueueView LISTS[] = {LIST("priority list", priority_list, event_link),
+                               LIST("pending list", pending_list, event_link),
+                               LIST("timer list", timer_list, timer_link),
+                               LIST("child list", child_list, child_link),
+                               LIST("thread list", thread_list, thread_link),
+                               LIST("exec wait list", exec_wait_list, exec_link)};
+}  // namespace
+constinit const std::span<const QueueView> TABLE_QUEUES = TABLES;
+constinit const std::span<const QueueView> EVENT_LISTS = LISTS;
+
+}  // namespace trace_reader

@@ -1,0 +1,117 @@
+// A dump file as validated views. Nothing in the file is believed: sizes are held against the file,
+// indexes against their tables, addresses are translated into slots or refused. What does not fit
+// becomes a problem with its offset, and reading goes on with whatever is left.
+#pragma once
+
+#include <qvcl/main.h>
+#include <qvcl/trace.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/source.h"
+#include "tools/text.h"
+
+namespace trace_reader {
+
+// What is wrong with a file; of a long list the beginning is kept.
+class Problems {
+  public:
+    template <typename... Part>
+    void add(uint64_t offset, const Part &...parts) {
+        if (++total > KEPT) return;
+        Text text;
+        text << "offset " << offset << ": ";
+        (text << ... << parts);
+        list.push_back(text.str());
+    }
+    size_t count() const { return total; }
+    void print(Text &out, std::string_view file) const;
+
+  private:
+    static constexpr size_t KEPT = 20;
+    size_t total = 0;
+    std::vector<std::string> list;
+};
+
+// A block of the file; `size` is what of it the file holds, 0 when there is none.
+struct Block {
+    uint64_t offset = 0;
+    uint64_t size = 0;
+    CL_TableHeader header{};
+};
+
+struct Ring {
+    Block block;
+    CL_TraceRing head{};
+    uint64_t held = 0;  // entries that the file holds
+    std::unique_ptr<uint8_t[]> entries;
+
+    uint64_t stride() const { return uint64_t{head.entry_size} + sizeof(CL_TraceEntry); }
+    uint64_t offset_of(uint64_t entry) const {
+        return block.offset + sizeof(CL_TraceRing) + entry * stride();
+    }
+};
+
+// A queue of descriptor objects in the main table.
+struct QueueView {
+    std::string_view name;
+    size_t place;  // in the main table
+    size_t link;   // in each object
+};
+extern const std::span<const QueueView> TABLE_QUEUES;  // free, used, then one of each kind
+extern const std::span<const QueueView> EVENT_LISTS;
+
+struct Dump {
+    std::string name;
+    uint64_t size = 0;
+    std::string text;  // in front of the blocks
+    Ring rings[2];     // CL_RING_USER, CL_RING_LIBRARY
+    Block main_block;
+    CL_MainBlock main{};
+    Block table;
+    uint64_t table_address = 0;
+    uint64_t capacity = 0;            // objects that the table has
+    std::vector<CL_Object> objects;   // those in the file, when they were asked for
+    uint64_t application_offset = 0;  // what the application appended, up to the end
+    Problems problems;
+
+    // with_objects: also reads the descriptor table, by far the largest block.
+    void load(const Source &source, bool with_objects);
+
+    std::optional<uint64_t> slot_of(uint64_t address) const;
+    uint64_t address_of(uint64_t slot) const {
+        return table_address + sizeof(CL_TableHeader) + slot * sizeof(CL_Object);
+    }
+    uint64_t offset_of(uint64_t slot) const {
+        return table.offset + sizeof(CL_TableHeader) + slot * sizeof(CL_Object);
+    }
+    bool is_live(uint64_t slot) const;  // on the used queue, by its own link
+    // The slots on a queue from its head on; whatever is wrong with it is noted.
+    std::vector<uint64_t> follow(const QueueView &view);
+    void put_handle(Text &out, uint64_t address) const;  // #4, or the address
+};
+
+inline uint64_t address(const volatile void *pointer) {
+    return reinterpret_cast<uint64_t>(pointer);
+}
+
+template <typename T>
+Bytes bytes_of(const T &object) {
+    return {reinterpret_cast<const uint8_t *>(&object), sizeof object};
+}
+
+// A value out of bytes that may end before it does; zero where they do.
+template <typename T>
+T load(Bytes bytes, uint64_t offset) {
+    T value{};
+    if (offset < bytes.size())
+        std::memcpy(&value, bytes.data() + offset, std::min(sizeof value, bytes.size() - offset));
+    return value;
+}
+
+}  // namespace trace_reader

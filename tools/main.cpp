@@ -1,0 +1,27 @@
+// qvcl-trace: reads the trace files of libqvcl.
+#include <unistd.h>
+
+#include <cstdlib>
+#include <exception>
+
+#include "tools/cli.h"
+
+using namespace trace_reader;
+
+int main(int argc, char **argv) {
+    const char *none = std::getenv("NO_COLOR");
+    Text out(stdout, isatty(STDOUT_FILENO) && !(none && *none));
+    Text err(stderr);
+    int status = USAGE;
+    try {
+        status = run(argc, argv, out, err);
+    } catch (const std::exception &e) {  // out of memory
+        err << "qvcl-trace: " << e.what() << '\n';
+    }
+    if (!out.flush()) {
+        err << "qvcl-trace: the output could not be written\n";
+        status = USAGE;
+    }
+    err.flush();
+    return status;
+}

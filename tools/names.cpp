@@ -1,0 +1,149 @@
+#include "tools/names.h"
+
+#include <qvcl/main.h>
+#include <qvcl/message.h>
+#include <qvcl/starter.h>
+#include <qvcl/timer.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace trace_reader {
+
+namespace {
+
+struct Name {
+    uint64_t value;
+    std::string_view name;
+};
+#define NAME(prefix, word) \
+    { prefix##word, #word }
+
+constexpr Name KINDS[] = {
+#define KIND_NAME(number, symbol, name) {number, name},
+    CL_KINDS(KIND_NAME)
+#undef KIND_NAME
+};
+constexpr Name EVENTS[] = {
+    NAME(CL_EVENT_, CONNECTION), NAME(CL_EVENT_, CONNECTED),  NAME(CL_EVENT_, MESSAGE),
+    NAME(CL_EVENT_, SENT),       NAME(CL_EVENT_, DISCONNECT), NAME(CL_EVENT_, EXEC_COMPLETE),
+    NAME(CL_EVENT_, CHILD_END),  NAME(CL_EVENT_, TIMER),      NAME(CL_EVENT_, END),
+    NAME(CL_EVENT_, DESCRIPTOR), NAME(CL_EVENT_, FAILED),     NAME(CL_EVENT_, WAKE)};
+constexpr Name MODES[] = {NAME(CL_MODE_, SYNC), NAME(CL_MODE_, IMMEDIATE), NAME(CL_MODE_, DEFERRED),
+                          NAME(CL_TIMER_, ONESHOT), NAME(CL_TIMER_, PERIODIC)};
+constexpr Name STATES[] = {NAME(CL_STATE_, CONSTRUCTED), NAME(CL_STATE_, INITIALISED),
+                           NAME(CL_STATE_, ENDED), NAME(CL_STATE_, FAILED)};
+constexpr Name MODULES[] = {
+    NAME(CL_MODULE_, MAIN),   NAME(CL_MODULE_, LOOP), NAME(CL_MODULE_, FD),
+    NAME(CL_MODULE_, MSGS),   NAME(CL_MODULE_, MSGC), NAME(CL_MODULE_, TIMER),
+    NAME(CL_MODULE_, FILE),   NAME(CL_MODULE_, SHM),  NAME(CL_MODULE_, USERFD),
+    NAME(CL_MODULE_, CHILD),  NAME(CL_MODULE_, LOG),  NAME(CL_MODULE_, THREAD),
+    NAME(CL_MODULE_, STARTER)};
+constexpr Name ERRORS[] = {NAME(CL_ERR_, QUEUE), NAME(CL_ERR_, IN_PROGRESS), NAME(CL_ERR_, STATE)};
+constexpr Name STATUS_BITS[] = {NAME(CL_STATUS_, READY), NAME(CL_STATUS_, LISTED),
+                                NAME(CL_STATUS_, RUNNING), NAME(CL_STATUS_, FAILED)};
+constexpr Name SUB_STATUS_BITS[] = {NAME(CL_SUB_, CONNECT_PENDING), NAME(CL_SUB_, RECV_PENDING),
+                                    NAME(CL_SUB_, SEND_PENDING),    NAME(CL_SUB_, PERIODIC),
+                                    NAME(CL_SUB_, EXEC_AWAITED),    NAME(CL_SUB_, EXEC_COMPLETE)};
+
+std::string_view find(std::span<const Name> names, uint64_t value) {
+    const auto found = std::ranges::find(names, value, &Name::value);
+    return found == names.end() ? std::string_view() : found->name;
+}
+
+void put_name(Text &out, std::span<const Name> names, uint64_t value) {
+    if (const auto name = find(names, value); !name.empty())
+        out << name;
+    else
+        out << value;
+}
+
+void put_bits(Text &out, std::span<const Name> names, uint64_t bits) {
+    if (!bits) out << '0';
+    std::string_view between;
+    for (const Name &bit : names) {
+        if ((bits & bit.value) != bit.value) continue;
+        out << between << bit.name;
+        between = "|";
+        bits &= ~bit.value;
+    }
+    if (bits) (out << between).hex(bits);
+}
+
+void put_set(Text &out, std::string_view name, Bytes set) {
+    const int last = static_cast<int>(set.size() * 8);
+    const auto holds = [&](int fd) {
+        return fd < last && (set[static_cast<size_t>(fd) / 8] >> (fd % 8) & 1);
+    };
+    bool first = true;
+    for (int fd = 0; fd < last; ++fd) {
+        if (!holds(fd)) continue;
+        const int begin = fd;
+        while (holds(fd + 1))
+            ++fd;
+        out << (first ? name : std::string_view(",")) << begin;
+        if (fd > begin) out << '-' << fd;
+        first = false;
+    }
+}
+
+}  // namespace
+
+std::string_view kind_name(uint64_t kind) {
+    return find(KINDS, kind);
+}
+void put_kind(Text &out, uint64_t kind) {
+    put_name(out, KINDS, kind);
+}
+void put_event(Text &out, uint64_t type) {
+    put_name(out, EVENTS, type);
+}
+void put_mode(Text &out, uint64_t mode) {
+    put_name(out, MODES, mode);
+}
+void put_state(Text &out, uint64_t state) {
+    put_name(out, STATES, state);
+}
+void put_status(Text &out, uint64_t bits) {
+    put_bits(out, STATUS_BITS, bits);
+}
+void put_sub_status(Text &out, uint64_t bits) {
+    put_bits(out, SUB_STATUS_BITS, bits);
+}
+
+void put_error_code(Text &out, uint64_t code) {
+    if (const auto name = find(ERRORS, code); !name.empty())
+        out << name;
+    else if (const char *word = strerrorname_np(static_cast<int>(code)); word && code)
+        out << word;
+    else
+        out << code;
+}
+
+void put_error(Text &out, const CL_ErrInfo &error) {
+    put_error_code(out, error.err);
+    out << " (";
+    put_name(out, MODULES, error.module);
+    out << ':' << error.line;
+    if (error.detail != error.err) {
+        out << ", detail ";
+        put_error_code(out, error.detail);
+    }
+    out << ')';
+}
+
+void put_version(Text &out, uint64_t version) {
+    out << (version >> 24) << '.' << (version >> 16 & 255) << '.' << (version >> 8 & 255);
+    if (version & 255) out << '+' << (version & 255);
+}
+
+void put_sets(Text &out, Bytes sets) {
+    const size_t before = out.size();
+    const size_t each = sizeof(fd_set);
+    static constexpr std::string_view NAMES[] = {"read ", " write ", " except "};
+    for (size_t i = 0; i < 3 && (i + 1) * each <= sets.size(); ++i)
+        put_set(out, NAMES[i].substr(i && out.size() == before), sets.subspan(i * each, each));
+    if (out.size() == before) out << "none";
+}
+
+}  // namespace trace_reader

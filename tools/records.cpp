@@ -1,0 +1,267 @@
+#include "tools/records.h"
+
+#include <algorithm>
+#include <array>
+#include <ranges>
+
+namespace trace_reader {
+
+namespace {
+
+// A call is looked for among so many that are open, so that a hostile trace stays linear.
+constexpr size_t SEARCHED = 64;
+
+const CL_TrcOperation *operation_of(uint8_t api) {
+    static const auto table = [] {
+        std::array<const CL_TrcOperation *, 256> places{};
+        for (const CL_TrcOperation &operation : CL_TRC_OPERATIONS)
+            places[operation.api] = &operation;
+        return places;
+    }();
+    return table[api];
+}
+
+const CL_TrcField *field_of(const CL_TrcOperation &operation, CL_TrcType type) {
+    for (const CL_TrcField &field : fields(operation))
+        if (field.type == type) return &field;
+    return nullptr;
+}
+
+// Shortest and longest record of an operation, as far as its layout bounds it.
+bool length_fits(const CL_TrcOperation &operation, uint64_t length) {
+    if (const CL_TrcField *text = field_of(operation, CL_TRC_TEXT))
+        return length >= text->offset + 7u && length <= text->offset + text->size + 8u;
+    if (operation.api == CL_API_SEND_MSGC)
+        return length >= offsetof(CL_TrcSend, data) && length <= operation.length;
+    if (operation.api == CL_API_CALLBACK)
+        return length >= operation.length && length <= operation.length + sizeof(CL_FdSets);
+    return length == operation.length;
+}
+
+// The entries of one ring from the oldest to the newest.
+class RingWalk {
+  public:
+    RingWalk(Dump &d, int number) : dump(d), ring(d.rings[number]), which(number) {}
+    void run(Records &out, std::vector<std::unique_ptr<uint8_t[]>> &joined);
+
+  private:
+    void bounds();
+    const uint8_t *entry(uint64_t k) const;
+    uint64_t whole(uint64_t k);
+    void take(uint64_t k, uint64_t count, Records &out,
+              std::vector<std::unique_ptr<uint8_t[]>> &joined);
+
+    Dump &dump;
+    const Ring &ring;
+    int which;
+    uint64_t start = 0;
+    uint64_t used = 0;
+};
+
+void RingWalk::bounds() {
+    const CL_TraceRing &head = ring.head;
+    const uint64_t count = head.entry_count;
+    const uint64_t place = ring.block.offset + offsetof(CL_TraceRing, oldest);
+    if (head.oldest >= count || head.next >= count || head.wrapped > 1 ||
+        (!head.wrapped && head.oldest)) {
+        dump.problems.add(place, "ring indexes oldest ", head.oldest, ", next ", head.next,
+                          ", wrapped ", head.wrapped, " for ", count, " entries");
+        used = ring.held;
+        return;
+    }
+    start = head.wrapped ? head.oldest : 0;
+    used = head.next > start || !head.wrapped ? head.next - start : head.next + count - start;
+    if (ring.held < count)
+        dump.problems.add(ring.offset_of(ring.held), count - ring.held,
+                          " entries of a ring are missing");
+}
+
+// The k-th entry from the oldest on; null when the file does not hold it.
+const uint8_t *RingWalk::entry(uint64_t k) const {
+    const uint64_t index = (start + k) % ring.head.entry_count;
+    return index < ring.held ? ring.entries.get() + index * ring.stride() : nullptr;
+}
+
+// Entries of the record that begins at entry k; 0 when none does.
+uint64_t RingWalk::whole(uint64_t k) {
+    const auto head_of = [&](uint64_t i) {
+        CL_TraceEntry head{};
+        if (const uint8_t *place = entry(i)) std::memcpy(&head, place, sizeof head);
+        return head;
+    };
+    const uint64_t count = head_of(k).remaining;
+    if (!count || count > used - k) return 0;
+    for (uint64_t i = 0; i < count; ++i) {
+        const CL_TraceEntry head = head_of(k + i);
+        const uint32_t flags = (i ? 0 : CL_ENTRY_FIRST) + (i + 1 < count ? 0 : CL_ENTRY_LAST);
+        if (head.flags != flags || head.remaining != count - i) return 0;
+    }
+    return count;
+}
+
+void RingWalk::take(uint64_t k, uint64_t count, Records &out,
+                    std::vector<std::unique_ptr<uint8_t[]>> &joined) {
+    const uint64_t data = ring.head.entry_size;
+    Record record;
+    record.ring = which;
+    record.offset = ring.offset_of((start + k) % ring.head.entry_count);
+    record.bytes = {entry(k) + sizeof(CL_TraceEntry), data};
+    if (count > 1) {
+        auto &whole = joined.emplace_back(std::make_unique_for_overwrite<uint8_t[]>(count * data));
+        for (uint64_t i = 0; i < count; ++i)
+            std::memcpy(&whole[i * data], entry(k + i) + sizeof(CL_TraceEntry), data);
+        record.bytes = {whole.get(), count * data};
+    }
+    const auto head = load<CL_TrcHead>(record.bytes, 0);
+    record.length = head.length;
+    record.time = head.seconds * 1000000 + head.microseconds;
+    if ((head.length + data - 1) / data != count)
+        dump.problems.add(record.offset, "a record of ", head.length, " bytes in ", count,
+                          " entries of ", data);
+    record.bytes = record.bytes.first(std::min<size_t>(record.bytes.size(), head.length));
+    if (which == CL_RING_LIBRARY && record.bytes.size() >= sizeof head) {
+        record.operation = operation_of(head.api);
+        record.exit = head.phase != 0;
+    }
+    if (which == CL_RING_LIBRARY && !record.operation)
+        dump.problems.add(record.offset, "a record of no known operation, API ", head.api);
+    else if (record.operation && !length_fits(*record.operation, head.length))
+        dump.problems.add(record.offset, record.operation->name, ": a record of ", head.length,
+                          " bytes");
+    out.push_back(record);
+}
+
+void RingWalk::run(Records &out, std::vector<std::unique_ptr<uint8_t[]>> &joined) {
+    if (!ring.held) return;
+    bounds();
+    out.reserve(std::min(used, ring.held));
+    bool lost = false;
+    for (uint64_t k = 0; k < used;) {
+        if (const uint64_t count = whole(k)) {
+            take(k, count, out, joined);
+            k += count;
+            lost = false;
+            continue;
+        }
+        if (!lost && entry(k))
+            dump.problems.add(ring.offset_of((start + k) % ring.head.entry_count),
+                              "no record begins in this entry");
+        lost = true;
+        ++k;
+    }
+}
+
+bool same_call(const Record &entry, const Record &exit) {
+    constexpr size_t POSITION = offsetof(CL_TrcHead, file);
+    return entry.operation == exit.operation &&
+           std::memcmp(&entry.bytes[POSITION], &exit.bytes[POSITION],
+                       sizeof(CL_TrcHead) - POSITION) == 0;
+}
+
+}  // namespace
+
+std::span<const CL_TrcOperation> operations() {
+    return CL_TRC_OPERATIONS;
+}
+
+std::span<const CL_TrcField> fields(const CL_TrcOperation &operation) {
+    size_t count = 0;
+    while (count < CL_TRC_MAX_FIELDS && operation.fields[count].name)
+        ++count;
+    return {operation.fields, count};
+}
+
+uint64_t number(Bytes bytes, const CL_TrcField &field) {
+    const bool is_signed = field.type == CL_TRC_SIGNED;
+    if (field.size == 8) return load<uint64_t>(bytes, field.offset);
+    if (field.size != 4) return load<uint8_t>(bytes, field.offset);
+    const auto value = load<uint32_t>(bytes, field.offset);
+    return is_signed ? static_cast<uint64_t>(static_cast<int32_t>(value)) : value;
+}
+
+Trace::Trace(Dump &dump, int ring) {
+    Records user, library;
+    if (ring != CL_RING_LIBRARY) RingWalk(dump, CL_RING_USER).run(user, joined);
+    if (ring != CL_RING_USER) RingWalk(dump, CL_RING_LIBRARY).run(library, joined);
+    if (user.empty()) {
+        records = std::move(library);
+    } else {
+        records.reserve(user.size() + library.size());
+        auto next = library.begin();
+        for (const Record &record : user) {
+            while (next != library.end() && next->time <= record.time)
+                records.push_back(*next++);
+            records.push_back(record);
+        }
+        records.insert(records.end(), next, library.end());
+    }
+    pair();
+}
+
+void Trace::pair() {
+    std::vector<uint32_t> open;
+    for (uint32_t i = 0; i < records.size(); ++i) {
+        Record &record = records[i];
+        if (record.is_call() && record.exit) {
+            const size_t searched = std::min(open.size(), SEARCHED);
+            const auto found =
+                std::find_if(open.rbegin(), open.rbegin() + static_cast<ptrdiff_t>(searched),
+                             [&](uint32_t entry) { return same_call(records[entry], record); });
+            if (found != open.rbegin() + static_cast<ptrdiff_t>(searched)) {
+                record.partner = *found;
+                records[*found].partner = i;
+                open.erase(std::next(found).base(), open.end());
+            }
+        }
+        record.parent = open.empty() ? NONE : open.back();
+        record.depth = static_cast<uint32_t>(open.size());
+        if (record.is_call() && !record.exit) open.push_back(i);
+    }
+    // A call whose entry record is overwritten encloses everything before its exit record.
+    uint32_t enclosing = 0;
+    for (Record &record : records | std::views::reverse) {
+        record.depth += enclosing;
+        if (record.is_call() && record.exit && record.partner == NONE && record.parent == NONE)
+            ++enclosing;
+    }
+}
+
+std::optional<int64_t> Trace::duration(const Record &record) const {
+    const Record *other = partner(record);
+    if (!other) return {};
+    return static_cast<int64_t>(record.exit ? record.time - other->time
+                                            : other->time - record.time);
+}
+
+uint64_t handle_of(const Record &record) {
+    if (!record.operation) return 0;
+    if (const CL_TrcField *handle = field_of(*record.operation, CL_TRC_HANDLE))
+        return number(record.bytes, *handle);
+    const CL_TrcField &result = record.operation->result;
+    return result.name && result.type == CL_TRC_HANDLE ? number(record.bytes, result) : 0;
+}
+
+CL_ErrInfo error_of(const Record &record) {
+    const CL_TrcField *error =
+        record.operation ? field_of(*record.operation, CL_TRC_ERROR) : nullptr;
+    return error ? load<CL_ErrInfo>(record.bytes, error->offset) : CL_ErrInfo{};
+}
+
+bool failed(const Record &record) {
+    if (!record.operation) return false;
+    const CL_ErrInfo error = error_of(record);
+    switch (record.api()) {
+        case CL_API_STATUS: {
+            const auto status = load<CL_TrcStatus>(record.bytes, 0);
+            return status.status & ~status.old_status & CL_STATUS_FAILED;
+        }
+        case CL_API_CALLBACK:
+            return error.err != 0;
+        case CL_API_END:  // leaves the caller's error record as it was
+            return record.exit && !number(record.bytes, record.operation->result);
+        default:
+            return record.exit && error.err && error.err != CL_ERR_IN_PROGRESS;
+    }
+}
+
+}  // namespace trace_reader

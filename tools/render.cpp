@@ -1,0 +1,208 @@
+#include "tools/render.h"
+
+#include <qvcl/message.h>
+
+namespace trace_reader {
+
+namespace {
+
+constexpr size_t USER_BYTES = 32;  // shown of a record of the application's
+
+// A slot has the same number in every run, an address has not.
+void put_address(Text &out, const Dump &dump, uint64_t address, Mask mask) {
+    if (mask == Mask::NO || !address || dump.slot_of(address))
+        dump.put_handle(out, address);
+    else
+        out << '*';
+}
+
+std::string_view text_at(Bytes bytes, size_t offset, size_t size) {
+    const Bytes place = part(bytes, offset, size);
+    const auto *text = reinterpret_cast<const char *>(place.data());
+    return {text, strnlen(text, place.size())};
+}
+
+// The message whose beginning is at `bytes`, when it is one.
+void put_message(Text &out, Bytes bytes, Mask mask) {
+    const auto header = load<CL_MsgHeader>(bytes, 0);
+    if (bytes.size() < sizeof header || header.version != CL_MSG_VERSION) {
+        out.dump(bytes);
+        return;
+    }
+    out << "{length=" << header.length;
+    if (mask == Mask::NO) out << ", sender=" << header.sender;
+    out << ", type=" << header.type << ", ";
+    out.dump(part(bytes, sizeof header)) << '}';
+}
+
+}  // namespace
+
+void put_field(Text &out, const Dump &dump, Bytes bytes, const CL_TrcField &field, Mask mask) {
+    const uint64_t value = number(bytes, field);
+    switch (field.type) {
+        case CL_TRC_UNSIGNED:
+            out << value;
+            break;
+        case CL_TRC_SIGNED:
+            out << static_cast<int64_t>(value);
+            break;
+        case CL_TRC_HEX:  // arguments of a callback may be addresses
+            put_address(out, dump, value, value > UINT32_MAX ? mask : Mask::NO);
+            break;
+        case CL_TRC_HANDLE:
+        case CL_TRC_ADDRESS:
+            put_address(out, dump, value, mask);
+            break;
+        case CL_TRC_KIND:
+            put_kind(out, value);
+            break;
+        case CL_TRC_MODE:
+            put_mode(out, value);
+            break;
+        case CL_TRC_EVENT:
+            put_event(out, value);
+            break;
+        case CL_TRC_STATUS:
+            put_status(out, value);
+            break;
+        case CL_TRC_SUB_STATUS:
+            put_sub_status(out, value);
+            break;
+        case CL_TRC_TEXT:  // a record without a text is one byte shorter than that of an empty one
+            if (bytes.size() < field.offset + 8u)
+                out << "null";
+            else
+                out.quoted(text_at(bytes, field.offset, field.size));
+            break;
+        case CL_TRC_BYTES:
+            out.dump(part(bytes, field.offset, field.size));
+            break;
+        case CL_TRC_SETS:
+            put_sets(out, part(bytes, field.offset));
+            break;
+        case CL_TRC_ERROR:
+            put_error(out, load<CL_ErrInfo>(bytes, field.offset));
+            break;
+    }
+}
+
+std::string_view name_of(const Record &record) {
+    return record.operation              ? record.operation->name
+           : record.ring == CL_RING_USER ? "user record"
+                                         : "unknown record";
+}
+
+void put_title(Text &out, const Record &record) {
+    out << name_of(record);
+    if (record.is_callback())
+        put_event(out << ' ', load<uint32_t>(record.bytes, offsetof(CL_TrcCallback, type)));
+}
+
+void put_object(Text &out, const Dump &dump, uint64_t address) {
+    dump.put_handle(out, address);
+    const auto slot = dump.slot_of(address);
+    if (slot && *slot < dump.objects.size() && dump.objects[*slot].kind)
+        put_kind(out << ' ', dump.objects[*slot].kind);
+}
+
+void put_position(Text &out, const Record &record) {
+    const size_t place = offsetof(CL_TrcHead, file);
+    out.plain(text_at(record.bytes, place, sizeof CL_TrcHead::file));
+    out << ':' << load<uint32_t>(record.bytes, offsetof(CL_TrcHead, line));
+}
+
+Carried carried(const Record &record) {
+    static constexpr struct {
+        uint8_t api;
+        std::string_view name;
+        CL_TrcField data;
+        CL_TrcField count;  // bytes of it that mean something; without a name: the result
+        size_t skipped;
+    } DATA[] = {
+        {CL_API_RECV_MSGC, "message", CL_TRC_FIELD(CL_TrcReceive, data, CL_TRC_BYTES), {}, 0},
+        {CL_API_SEND_MSGC, "message", CL_TRC_FIELD(CL_TrcSend, data, CL_TRC_BYTES),
+         CL_TRC_FIELD(CL_TrcSend, data_length, CL_TRC_UNSIGNED), offsetof(CL_MsgBlock, header)},
+        {CL_API_READ_FILE, "data", CL_TRC_FIELD(CL_TrcFileData, data, CL_TRC_BYTES), {}, 0},
+        {CL_API_WRITE_FILE, "data", CL_TRC_FIELD(CL_TrcFileData, data, CL_TRC_BYTES),
+         CL_TRC_FIELD(CL_TrcFileData, length, CL_TRC_UNSIGNED), 0}};
+    if (record.is_callback()) {
+        const auto type = load<uint32_t>(record.bytes, offsetof(CL_TrcCallback, type));
+        return {type == CL_EVENT_DESCRIPTOR ? "ready" : "message",
+                part(record.bytes, sizeof(CL_TrcCallback))};
+    }
+    for (const auto &[api, name, data, count, skipped] : DATA) {
+        if (api != record.api() || (!count.name && (!record.exit || failed(record)))) continue;
+        const CL_TrcField &field = count.name ? count : record.operation->result;
+        const auto room = part(record.bytes, data.offset, data.size);
+        const auto used = static_cast<int64_t>(number(record.bytes, field));
+        return {name,
+                part(part(room, 0, static_cast<size_t>(std::max<int64_t>(used, 0))), skipped)};
+    }
+    return {};
+}
+
+void put_carried(Text &out, const Carried &carried, Mask mask) {
+    if (carried.name == "ready")
+        put_sets(out, carried.bytes);
+    else if (carried.name == "message")
+        put_message(out, carried.bytes, mask);
+    else
+        out.dump(carried.bytes);
+}
+
+bool worth_showing(const Record &record, const CL_TrcField &field) {
+    switch (field.type) {
+        case CL_TRC_BYTES:  // part of what the record carries
+            return false;
+        case CL_TRC_ERROR:  // an event's; that of a call is its outcome
+            return record.is_callback() && error_of(record).err;
+        case CL_TRC_EVENT:
+        case CL_TRC_HANDLE:
+        case CL_TRC_TEXT:
+        case CL_TRC_SETS:
+            return true;
+        default:  // events fill only what belongs to their type
+            return record.is_callback() ? number(record.bytes, field) != 0
+                                        : std::string_view(field.name) != "err_address";
+    }
+}
+
+void put_outcome(Text &out, const Dump &dump, const Record &exit, Mask mask) {
+    put_field(out, dump, exit.bytes, exit.operation->result, mask);
+    const CL_ErrInfo error = error_of(exit);
+    if (!error.err || exit.is_callback() || (exit.api() == CL_API_END && !failed(exit))) return;
+    out << ' ';
+    put_error(out, error);
+}
+
+void put_record(Text &out, const Dump &dump, const Record &record, Mask mask) {
+    if (!record.operation) {
+        out << name_of(record) << ' ' << record.length << " bytes";
+        if (mask == Mask::NO)
+            (out << ": ").dump(part(record.bytes, offsetof(CL_TrcHead, api), USER_BYTES));
+    } else if (record.api() == CL_API_STATUS) {
+        const auto change = load<CL_TrcStatus>(record.bytes, 0);
+        out << "status ";
+        put_address(out, dump, change.handle, mask);
+        out << ": ";
+        put_status(out, change.old_status);
+        out << " -> ";
+        put_status(out, change.status);
+        if (!(change.old_sub_status | change.sub_status)) return;
+        out << ", ";
+        put_sub_status(out, change.old_sub_status);
+        out << " -> ";
+        put_sub_status(out, change.sub_status);
+    } else {
+        out << name_of(record) << '(';
+        std::string_view between;
+        each_argument(dump, record, mask, [&](std::string_view name, auto write) {
+            out << between << name << '=';
+            write(out);
+            between = ", ";
+        });
+        out << ')';
+    }
+}
+
+}  // namespace trace_reader

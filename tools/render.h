@@ -1,0 +1,46 @@
+// Records as text. Masked, what differs from run to run is left out: times, addresses, process ids.
+#pragma once
+
+#include "tools/names.h"
+#include "tools/records.h"
+
+namespace trace_reader {
+
+enum class Mask { NO, YES };
+
+// One field of a record, or of any other struct whose fields are described the same way.
+void put_field(Text &out, const Dump &dump, Bytes bytes, const CL_TrcField &field,
+               Mask mask = Mask::NO);
+
+std::string_view name_of(const Record &record);
+void put_title(Text &out, const Record &record);                 // with a callback's event
+void put_object(Text &out, const Dump &dump, uint64_t address);  // #4 TIMER
+void put_position(Text &out, const Record &record);              // server.c:42
+// CL_Name_M(argument=value, ...), a change of status, or the beginning of an application's record.
+void put_record(Text &out, const Dump &dump, const Record &record, Mask mask = Mask::NO);
+// The result of a call, and the error record in words.
+void put_outcome(Text &out, const Dump &dump, const Record &exit, Mask mask = Mask::NO);
+
+// Calls visit(name, write) for each argument that says something, write(text) to append its value.
+template <typename Visit>
+void each_argument(const Dump &dump, const Record &record, Mask mask, Visit visit);
+
+// What a record carries besides arguments: the beginning of a message, or ready descriptors.
+struct Carried {
+    std::string_view name;
+    Bytes bytes;
+};
+Carried carried(const Record &record);
+void put_carried(Text &out, const Carried &carried, Mask mask);
+bool worth_showing(const Record &record, const CL_TrcField &field);
+
+template <typename Visit>
+void each_argument(const Dump &dump, const Record &record, Mask mask, Visit visit) {
+    for (const CL_TrcField &field : fields(*record.operation))
+        if (worth_showing(record, field))
+            visit(field.name, [&](Text &out) { put_field(out, dump, record.bytes, field, mask); });
+    if (const Carried data = carried(record); !data.bytes.empty())
+        visit(data.name, [&](Text &out) { put_carried(out, data, mask); });
+}
+
+}  // namespace trace_reader

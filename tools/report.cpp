@@ -1,0 +1,149 @@
+// report: how often, how long, how many failures, by operation and by object; which callbacks were
+// slow, and how long the loop went without calling any.
+#include <algorithm>
+#include <map>
+
+#include "tools/commands.h"
+#include "tools/render.h"
+
+namespace trace_reader {
+
+namespace {
+
+constexpr size_t SLOWEST = 10;
+constexpr size_t NAME_WIDTH = 28;
+constexpr size_t NUMBER_WIDTH = 10;
+
+struct Row {
+    uint64_t count = 0;
+    uint64_t failures = 0;
+    std::vector<int64_t> durations;
+};
+using Rows = std::map<std::string, Row>;
+
+template <typename Put>
+std::string text_of(Put put) {
+    Text text;
+    put(text);
+    return text.str();
+}
+
+void put_rows(Text &out, std::string_view title, Rows &rows) {
+    std::vector<Rows::iterator> order;
+    for (auto row = rows.begin(); row != rows.end(); ++row)
+        order.push_back(row);
+    std::ranges::stable_sort(order, std::greater(),
+                             [](const auto &row) { return row->second.count; });
+    const size_t begin = out.size();
+    (out << '\n' << title).column(begin, NAME_WIDTH + 1);
+    for (const std::string_view head : {"count", "failed", "p50", "p99", "max"})
+        out.right(head, NUMBER_WIDTH);
+    out << '\n';
+    for (const auto &row : order) {
+        auto &[name, figures] = *row;
+        std::ranges::sort(figures.durations);
+        out << name;
+        out.column(out.size() - name.size(), NAME_WIDTH);
+        out.right((Text() << figures.count).str(), NUMBER_WIDTH);
+        out.right((Text() << figures.failures).str(), NUMBER_WIDTH);
+        const size_t n = figures.durations.size();
+        for (const size_t percent : {size_t{50}, size_t{99}, size_t{100}})  // nearest rank
+            out.right(
+                n ? Text().duration(figures.durations[(n * percent + 99) / 100 - 1]).str() : "-",
+                NUMBER_WIDTH);
+        out << '\n';
+    }
+}
+
+void put_slowest(Text &out, const Dump &dump, const Trace &trace) {
+    std::vector<std::pair<int64_t, const Record *>> slow;
+    for (const Record &record : trace.records)
+        if (const auto duration = trace.duration(record);
+            record.is_callback() && !record.exit && duration)
+            slow.emplace_back(*duration, &record);
+    const size_t shown = std::min(slow.size(), SLOWEST);
+    std::ranges::partial_sort(slow, slow.begin() + static_cast<ptrdiff_t>(shown), std::greater(),
+                              &std::pair<int64_t, const Record *>::first);
+    out << "\nslowest callbacks\n";
+    for (const auto &[duration, record] : std::span(slow).first(shown)) {
+        out.right(Text().duration(duration).str(), NUMBER_WIDTH) << "  ";
+        out.clock(record->time) << "  ";
+        put_title(out, *record);
+        put_object(out << ' ', dump, handle_of(*record));
+        out << '\n';
+    }
+}
+
+// A loop calls back, waits, calls back. The gap is from the end of one callback, or the loop's
+// beginning, to the next callback, or the loop's end; where the loop itself is older than the
+// trace, callbacks outside of any call are its.
+void put_longest_gap(Text &out, const Trace &trace) {
+    const auto in_loop = [&](const Record &record) {
+        return record.api() == CL_API_LOOP ||
+               (record.is_callback() &&
+                (record.parent == NONE || trace.records[record.parent].api() == CL_API_LOOP));
+    };
+    const Record *from = nullptr, *longest = nullptr;
+    int64_t gap = -1;
+    for (const Record &record : trace.records) {
+        if (record.ring != CL_RING_LIBRARY || (!in_loop(record) && record.parent != NONE)) continue;
+        const bool is_loop = record.api() == CL_API_LOOP;
+        if (!in_loop(record) || (is_loop && !record.exit)) {
+            from = is_loop ? &record : nullptr;
+            continue;
+        }
+        const bool ends_gap = is_loop || !record.exit;
+        const auto length = from ? static_cast<int64_t>(record.time - from->time) : -1;
+        if (ends_gap && length > gap) {
+            gap = length;
+            longest = from;
+        }
+        from = ends_gap ? nullptr : &record;
+    }
+    if (!longest) return;
+    out << "longest gap between two iterations that called back: ";
+    out.duration(gap) << ", from ";
+    out.clock(longest->time) << '\n';
+}
+
+}  // namespace
+
+bool report(Dumps dumps, const Options &, Text &out) {
+    const Dump &dump = dumps.front();
+    const Trace trace(dumps.front());
+    uint64_t changes = 0, users = 0;
+    Rows by_operation, by_object;
+    for (const Record &record : trace.records) {
+        changes += record.api() == CL_API_STATUS;
+        users += record.ring == CL_RING_USER;
+        if (!record.is_call() || (record.exit && trace.partner(record))) continue;
+        const Record *exit = record.exit ? &record : trace.partner(record);
+        const auto add = [&](Row &row) {
+            ++row.count;
+            row.failures += failed(record) || (exit && failed(*exit));
+            if (const auto duration = trace.duration(record)) row.durations.push_back(*duration);
+        };
+        add(by_operation[text_of([&](Text &t) { put_title(t, record); })]);
+        uint64_t handle = handle_of(record);
+        if (!handle && exit) handle = handle_of(*exit);
+        if (handle) add(by_object[text_of([&](Text &t) { put_object(t, dump, handle); })]);
+    }
+    out << trace.records.size() << " records, " << changes << " status changes, " << users
+        << " of the application";
+    if (!trace.records.empty()) {
+        const uint64_t first = trace.records.front().time, last = trace.records.back().time;
+        out << ", ";
+        out.day(first) << ' ';
+        out.clock(first) << " to ";
+        out.clock(last) << " (";
+        out.duration(static_cast<int64_t>(last - first)) << ')';
+    }
+    out << '\n';
+    put_longest_gap(out, trace);
+    put_rows(out, "operation", by_operation);
+    put_rows(out, "object", by_object);
+    put_slowest(out, dump, trace);
+    return true;
+}
+
+}  // namespace trace_reader

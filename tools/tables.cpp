@@ -1,0 +1,246 @@
+// tables: the header text, the blocks of the file, the main table, lists and queues as chains of
+// slots, and what each descriptor object is and waits for.
+#include <qvcl/timer.h>
+
+#include "tools/commands.h"
+#include "tools/render.h"
+
+namespace trace_reader {
+
+namespace {
+
+constexpr size_t LABEL_WIDTH = 20;
+constexpr size_t SLOTS_A_LINE = 12;
+
+#define MAIN_FIELD(member, type) CL_TRC_FIELD(CL_MainBlock, member, CL_TRC_##type)
+constexpr CL_TrcField MAIN_FIELDS[] = {MAIN_FIELD(pid, UNSIGNED),
+                                       MAIN_FIELD(capacity, UNSIGNED),
+                                       MAIN_FIELD(requested, UNSIGNED),
+                                       MAIN_FIELD(execs, HANDLE),
+                                       MAIN_FIELD(exec_error, ERROR),
+                                       MAIN_FIELD(exec_path, TEXT),
+                                       MAIN_FIELD(sync_flag, UNSIGNED),
+                                       MAIN_FIELD(loop_cursor, HANDLE),
+                                       MAIN_FIELD(timer_cursor, HANDLE),
+                                       MAIN_FIELD(child_cursor, HANDLE),
+                                       MAIN_FIELD(timer_signals, UNSIGNED),
+                                       MAIN_FIELD(child_signal, UNSIGNED),
+                                       MAIN_FIELD(wake_signal, UNSIGNED),
+                                       MAIN_FIELD(timer_dispatched, UNSIGNED),
+                                       MAIN_FIELD(descriptor_count, SIGNED),
+                                       MAIN_FIELD(sets, SETS),
+                                       MAIN_FIELD(dump_callback, ADDRESS),
+                                       MAIN_FIELD(generations, UNSIGNED),
+                                       MAIN_FIELD(memory_check, UNSIGNED),
+                                       MAIN_FIELD(memory_limit, UNSIGNED),
+                                       MAIN_FIELD(library_bytes, UNSIGNED),
+                                       MAIN_FIELD(library_peak, UNSIGNED),
+                                       MAIN_FIELD(library_blocks.count, UNSIGNED),
+                                       MAIN_FIELD(user_bytes, UNSIGNED),
+                                       MAIN_FIELD(user_peak, UNSIGNED),
+                                       MAIN_FIELD(user_blocks.count, UNSIGNED),
+                                       MAIN_FIELD(log_ready, UNSIGNED),
+                                       MAIN_FIELD(log_name, TEXT),
+                                       MAIN_FIELD(log_catalogue, TEXT),
+                                       MAIN_FIELD(log_alt_catalogue, TEXT),
+                                       MAIN_FIELD(log_path, TEXT),
+                                       MAIN_FIELD(log_callback, ADDRESS)};
+
+Text &label(Text &out, std::string_view text) {
+    out << "  " << text;
+    return out.column(out.size() - text.size(), LABEL_WIDTH);
+}
+
+void put_block(Text &out, const Dump &dump, const Block &block) {
+    if (!block.size) return;
+    const auto *eye = block.header.eye;
+    label(out, {eye, strnlen(eye, sizeof block.header.eye)});
+    out << block.size << " bytes at offset " << block.offset << ", address ";
+    dump.put_handle(out, block.header.address);
+}
+
+void put_ring(Text &out, const Dump &dump, const Ring &ring) {
+    if (!ring.block.size) return;
+    put_block(out, dump, ring.block);
+    const CL_TraceRing &head = ring.head;
+    out << ", " << head.entry_count << " entries of " << head.entry_size << ", oldest "
+        << head.oldest << ", next " << head.next << (head.wrapped ? ", wrapped" : "");
+    if (*head.prefix)
+        (out << ", prefix ").quoted({head.prefix, strnlen(head.prefix, sizeof head.prefix)});
+    out << '\n';
+}
+
+void put_file(Text &out, const Dump &dump) {
+    out << "file of " << dump.size << " bytes\n";
+    if (!dump.text.empty()) label(out, "header text").quoted(dump.text) << '\n';
+    put_ring(out, dump, dump.rings[CL_RING_LIBRARY]);
+    put_ring(out, dump, dump.rings[CL_RING_USER]);
+    for (const Block *block : {&dump.main_block, &dump.table}) {
+        put_block(out, dump, *block);
+        out << (block->size ? "\n" : "");
+    }
+    if (dump.application_offset < dump.size)
+        label(out, "application's") << dump.size - dump.application_offset << " bytes at offset "
+                                    << dump.application_offset << '\n';
+}
+
+void put_main(Text &out, const Dump &dump) {
+    out << "\nmain table\n";
+    label(out, "version");
+    put_version(out, dump.main.version);
+    label(out << '\n', "state");
+    put_state(out, dump.main.state);
+    out << '\n';
+    for (const CL_TrcField &field : MAIN_FIELDS) {
+        label(out, field.name);
+        const Bytes bytes = bytes_of(dump.main).first(sizeof dump.main);
+        if (field.type == CL_TRC_ERROR && !dump.main.exec_error.err)
+            out << '0';
+        else
+            put_field(out, dump, bytes, field);
+        out << '\n';
+    }
+}
+
+void put_chain(Text &out, std::string_view name, const std::vector<uint64_t> &slots, bool brief) {
+    label(out, name) << slots.size();
+    for (size_t i = 0; i < slots.size() && !brief; ++i) {
+        if (i && i % SLOTS_A_LINE == 0) (out << "\n  ").fill(LABEL_WIDTH + 1);
+        out << " #" << slots[i];
+    }
+    out << '\n';
+}
+
+void put_time_and_place(Text &out, std::string_view what, const CL_Position &position) {
+    if (!position.seconds) return;
+    const uint64_t time = position.seconds * 1000000 + position.microseconds;
+    out << "    " << what << ' ';
+    out.day(time) << ' ';
+    out.clock(time) << "  ";
+    out.plain({position.file, strnlen(position.file, sizeof position.file)});
+    out << ':' << position.line << '\n';
+}
+
+template <size_t Size>
+void put_text(Text &out, const char (&text)[Size]) {
+    out.quoted({text, strnlen(text, Size)});
+}
+
+void put_server(Text &out, const CL_Object &object) {
+    put_text(out << "connections at ", object.server.address.sun_path);
+}
+
+void put_connection(Text &out, const CL_Object &object) {
+    const CL_Connection &connection = object.connection;
+    const size_t begin = out.size();
+    const auto next = [&] { return out.size() == begin ? "" : ", "; };
+    if (object.sub_status & CL_SUB_CONNECT_PENDING)
+        put_text(out << "the connection to ", connection.address.sun_path);
+    if (object.sub_status & CL_SUB_RECV_PENDING)
+        out << next() << "a message, " << connection.received_count << " bytes of at most "
+            << connection.receive_capacity << " are here";
+    if (object.sub_status & CL_SUB_SEND_PENDING)
+        out << next() << "room to send " << connection.send_queue.count << " messages";
+    if (out.size() == begin) out << "nothing";
+}
+
+void put_child(Text &out, const CL_Object &object) {
+    out << "the end of process " << object.child.pid;
+    if (object.sub_status & CL_SUB_EXEC_AWAITED) out << ", its report that it is up";
+}
+
+void put_user(Text &out, const CL_Object &object) {
+    put_sets(out << "descriptors ", bytes_of(object.user.sets));
+}
+
+void put_thread(Text &out, const CL_Object &) {
+    out << "a wake-up";
+}
+
+void put_timer(Text &out, const CL_Object &object) {
+    if (!(object.status & CL_STATUS_RUNNING))
+        out << "nothing";
+    else if (object.remaining == CL_TIMER_DUE)
+        out << "its callback, it is due";
+    else
+        out << object.remaining << " of " << object.interval << " s, started at uptime "
+            << object.start_time;
+}
+
+void put_memory(Text &out, const CL_Object &object) {
+    put_text(out << "nothing, is ", object.memory.name);
+    (out << " of " << object.memory.size << " bytes, mapped at ")
+        .hex(address(object.memory.address));
+}
+
+void put_open_file(Text &out, const CL_Object &object) {
+    put_text(out << "nothing, is ", object.file.path);
+}
+
+constexpr struct {
+    uint32_t kind;
+    void (*put)(Text &out, const CL_Object &object);
+} WAITS[] = {
+    {CL_KIND_MSGS, put_server},    {CL_KIND_EXECS, put_server},     {CL_KIND_MSGC, put_connection},
+    {CL_KIND_END, put_connection}, {CL_KIND_EXECC, put_connection}, {CL_KIND_CHILD, put_child},
+    {CL_KIND_FD, put_user},        {CL_KIND_THREAD, put_thread},    {CL_KIND_TIMER, put_timer},
+    {CL_KIND_SHM, put_memory},     {CL_KIND_FILE, put_open_file}};
+
+void put_live(Text &out, const CL_Object &object) {
+    put_kind(out << ' ', object.kind);
+    put_status(out << "  ", object.status);
+    if (object.sub_status) put_sub_status(out << ", ", object.sub_status);
+    out << "  priority " << object.priority << "  descriptor " << object.descriptor << '\n';
+    for (const auto &[kind, put] : WAITS) {
+        if (kind != object.kind) continue;
+        put(out << "    waits for ", object);
+        out << '\n';
+    }
+    if (object.error.err) {
+        put_error(out << "    error ", object.error);
+        out << '\n';
+    }
+    (out << "    callback ").hex(reinterpret_cast<uint64_t>(object.callback));
+    (out << "  arg1 ").hex(object.arg1);
+    (out << "  arg2 ").hex(object.arg2) << '\n';
+}
+
+void put_object(Text &out, const Dump &dump, uint64_t slot, bool all) {
+    const CL_Object &object = dump.objects[slot];
+    const bool live = dump.is_live(slot);
+    if (!live && !all) return;
+    (out << '#' << slot << ' ').hex(dump.address_of(slot));
+    if (live)
+        put_live(out, object);
+    else
+        out << " free\n";
+    put_time_and_place(out, "created", object.created);
+    if (all) {
+        put_time_and_place(out, "created before", object.created_before);
+        put_time_and_place(out, "deleted", object.deleted);
+        put_time_and_place(out, "deleted before", object.deleted_before);
+    }
+    out.spill();
+}
+
+}  // namespace
+
+bool tables(Dumps dumps, const Options &options, Text &out) {
+    Dump &dump = dumps.front();
+    put_file(out, dump);
+    if (!dump.main_block.size) return true;
+    put_main(out, dump);
+    out << "\nlists and queues\n";
+    for (const QueueView &view : EVENT_LISTS)
+        put_chain(out, view.name, dump.follow(view), false);
+    for (const QueueView &view : TABLE_QUEUES) {
+        const bool is_free_queue = view.place == offsetof(CL_MainBlock, free_queue);
+        put_chain(out, view.name, dump.follow(view), is_free_queue && !options.all);
+    }
+    out << "\nobjects\n";
+    for (uint64_t slot = 0; slot < dump.objects.size(); ++slot)
+        put_object(out, dump, slot, options.all);
+    return true;
+}
+
+}  // namespace trace_reader

@@ -1,0 +1,144 @@
+#include "tools/text.h"
+
+#include <array>
+
+namespace trace_reader {
+
+namespace {
+constexpr size_t PIECE = 64 * 1024;
+constexpr uint64_t SECOND = 1000000;
+
+bool printable(uint8_t c) {
+    return c >= 0x20 && c < 0x7f;
+}
+}  // namespace
+
+Text &Text::hex(uint64_t value) {
+    return (*this << "0x").number(value, 16);
+}
+
+Text &Text::quoted(std::string_view bytes, Escape escape) {
+    static constexpr char DIGITS[] = "0123456789abcdef";
+    buffer.push_back('"');
+    for (const char c : bytes) {
+        const auto byte = static_cast<uint8_t>(c);
+        if (printable(byte)) {
+            if (c == '"' || c == '\\') buffer.push_back('\\');
+            buffer.push_back(c);
+        } else {
+            buffer.append(escape == Escape::C ? "\\x" : "\\u00");
+            buffer.push_back(DIGITS[byte >> 4]);
+            buffer.push_back(DIGITS[byte & 15]);
+        }
+    }
+    buffer.push_back('"');
+    return *this;
+}
+
+Text &Text::plain(std::string_view bytes) {
+    for (const char c : bytes)
+        buffer.push_back(printable(static_cast<uint8_t>(c)) ? c : '?');
+    return *this;
+}
+
+Text &Text::dump(Bytes bytes) {
+    static constexpr char DIGITS[] = "0123456789abcdef";
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        if (i && i % 4 == 0) buffer.push_back(' ');
+        buffer.push_back(DIGITS[bytes[i] >> 4]);
+        buffer.push_back(DIGITS[bytes[i] & 15]);
+    }
+    buffer.append(" |");
+    for (const uint8_t byte : bytes)
+        buffer.push_back(printable(byte) ? static_cast<char>(byte) : '.');
+    buffer.push_back('|');
+    return *this;
+}
+
+Text &Text::padded(uint64_t value, size_t width) {
+    char digits[24];
+    const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+    const auto length = static_cast<size_t>(end - digits);
+    if (length < width) buffer.append(width - length, '0');
+    buffer.append(digits, end);
+    return *this;
+}
+
+Text &Text::duration(int64_t usec) {
+    struct Unit {
+        uint64_t from, size;
+        size_t decimals;
+        std::string_view name;
+    };
+    static constexpr std::array<Unit, 3> UNITS{
+        {{SECOND, SECOND, 3, "s"}, {1000, 1000, 3, "ms"}, {0, 1, 0, "us"}}};
+    if (usec < 0) buffer.push_back('-');  // the clock was set back
+    const uint64_t value = usec < 0 ? 0 - static_cast<uint64_t>(usec) : static_cast<uint64_t>(usec);
+    for (const Unit &unit : UNITS) {
+        if (value < unit.from) continue;
+        *this << value / unit.size;
+        if (unit.decimals) (*this << '.').padded(value % unit.size / (unit.size / 1000), 3);
+        return *this << unit.name;
+    }
+    return *this;
+}
+
+bool Text::local(uint64_t usec) {
+    const uint64_t second = usec / SECOND;
+    if (second == known_second) return true;
+    const auto time = static_cast<std::time_t>(second);
+    if (!localtime_r(&time, &known) || known.tm_year < -1900) return false;
+    known_second = second;
+    return true;
+}
+
+Text &Text::day(uint64_t usec) {
+    if (!local(usec)) return *this << "second " << usec / SECOND;
+    padded(static_cast<uint64_t>(known.tm_year) + 1900, 4) << '-';
+    padded(static_cast<uint64_t>(known.tm_mon) + 1, 2) << '-';
+    return padded(static_cast<uint64_t>(known.tm_mday), 2);
+}
+
+Text &Text::clock(uint64_t usec) {
+    if (!local(usec)) {
+        *this << '@' << usec / SECOND;
+    } else {
+        padded(static_cast<uint64_t>(known.tm_hour), 2) << ':';
+        padded(static_cast<uint64_t>(known.tm_min), 2) << ':';
+        padded(static_cast<uint64_t>(known.tm_sec), 2);
+    }
+    return (*this << '.').padded(usec % SECOND, 6);
+}
+
+Text &Text::colour(Colour colour) {
+    static constexpr std::string_view CODES[] = {"\33[0m", "\33[2m", "\33[31m", "\33[1m"};
+    return colours ? *this << CODES[static_cast<size_t>(colour)] : *this;
+}
+
+Text &Text::fill(size_t count, char c) {
+    buffer.append(count, c);
+    return *this;
+}
+
+Text &Text::column(size_t start, size_t width) {
+    const size_t used = buffer.size() - start;
+    return fill(used < width ? width - used : 1);
+}
+
+Text &Text::right(std::string_view text, size_t width) {
+    return fill(text.size() < width ? width - text.size() : 0) << text;
+}
+
+void Text::spill() {
+    if (stream && buffer.size() >= PIECE) flush();
+}
+
+bool Text::flush() {
+    if (!stream) return true;
+    failed |= std::fwrite(buffer.data(), 1, buffer.size(), stream) != buffer.size();
+    buffer.clear();
+    failed |= std::fflush(stream) != 0;
+    return !failed;
+}
+
+}  // namespace trace_reader

@@ -1,0 +1,84 @@
+// Building output: text, numbers, times and untrusted bytes are appended to one buffer, which goes
+// to its stream in large pieces. Everything that comes out of a dump as text passes through
+// `quoted`, so no control character of it reaches a terminal and JSON strings stay valid.
+#pragma once
+
+#include <algorithm>
+#include <charconv>
+#include <concepts>
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace trace_reader {
+
+using Bytes = std::span<const uint8_t>;
+
+// A part of the bytes, or as much of it as there is.
+inline Bytes part(Bytes bytes, size_t begin, size_t count = SIZE_MAX) {
+    begin = std::min(begin, bytes.size());
+    return bytes.subspan(begin, std::min(count, bytes.size() - begin));
+}
+
+enum class Escape { C, JSON };
+enum class Colour { NONE, DIM, RED, BOLD };
+
+class Text {
+  public:
+    // Without a stream everything stays in the buffer.
+    explicit Text(std::FILE *sink = nullptr, bool coloured = false)
+        : stream(sink), colours(coloured) {}
+
+    Text &operator<<(std::string_view text) {
+        buffer.append(text);
+        return *this;
+    }
+    Text &operator<<(char c) {
+        buffer.push_back(c);
+        return *this;
+    }
+    template <std::integral T>
+    Text &operator<<(T value) {
+        return number(value, 10);
+    }
+    Text &hex(uint64_t value);
+    Text &quoted(std::string_view bytes, Escape escape = Escape::C);
+    Text &plain(std::string_view bytes);  // unquoted, what does not print as '?'
+    Text &dump(Bytes bytes);              // hexadecimal in groups of four, then as characters
+    Text &duration(int64_t usec);         // 3us, 1.204ms, 2.500s
+    Text &day(uint64_t usec);             // local date
+    Text &clock(uint64_t usec);           // local time of day
+    Text &colour(Colour colour);
+    Text &fill(size_t count, char c = ' ');
+    Text &column(size_t start, size_t width);  // pads what was appended since `start`
+    Text &right(std::string_view text, size_t width);
+
+    size_t size() const { return buffer.size(); }
+    const std::string &str() const { return buffer; }
+    void clear() { buffer.clear(); }
+    void spill();  // to the stream, when there is enough of it
+    bool flush();  // false when something could not be written
+
+  private:
+    template <std::integral T>
+    Text &number(T value, int base) {
+        char digits[24];
+        auto end = std::to_chars(digits, digits + sizeof digits, value, base).ptr;
+        buffer.append(digits, end);
+        return *this;
+    }
+    Text &padded(uint64_t value, size_t width);
+    bool local(uint64_t usec);
+
+    std::FILE *stream;
+    bool colours;
+    bool failed = false;
+    std::string buffer;
+    uint64_t known_second = UINT64_MAX;  // the one that `known` breaks down
+    std::tm known{};
+};
+
+}  // namespace trace_reader
