@@ -1,0 +1,27 @@
+# The tests of everything but children, messages, files of traces and configuration, and what all
+# tests share: link `test-support`.
+add_library(test-support OBJECT support.cpp)
+target_include_directories(test-support PUBLIC "${PROJECT_SOURCE_DIR}" "${PROJECT_SOURCE_DIR}/tests")
+target_link_libraries(test-support PUBLIC qvcl::qvcl GTest::gmock ${CMAKE_DL_LIBS})
+
+function(core_test name)
+    qvcl_test(${name} SOURCES ${name}.cpp LIBS test-support ${ARGN})
+endfunction()
+
+core_test(queue_test)
+core_test(memory_test LABELS valgrind)
+core_test(system_test)
+core_test(log_test LABELS valgrind)
+core_test(ring_test LABELS valgrind)
+core_test(descriptor_test)
+
+core_test(lifecycle_test)
+add_executable(dlopen_probe dlopen_probe.cpp)
+target_include_directories(dlopen_probe PRIVATE "${PROJECT_SOURCE_DIR}/include")
+target_link_libraries(dlopen_probe PRIVATE ${CMAKE_DL_LIBS})
+add_dependencies(lifecycle_test dlopen_probe)
+target_compile_definitions(lifecycle_test PRIVATE
+    QVCL_LIBRARY="$<TARGET_FILE:qvcl>" QVCL_DLOPEN_PROBE="$<TARGET_FILE:dlopen_probe>")
+core_test(eventlist_test)
+core_test(userfd_test)
+core_test(loop_test LABELS threads valgrind)

@@ -1,0 +1,370 @@
+/* The log: forms of lines, destinations, and catalogue texts that nobody should write. */
+#include <qvcl/log.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <syslog.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "tests/support.h"
+
+namespace {
+
+using test::FailsWith;
+using test::log_lines;
+using test::Plan;
+using testing::ElementsAre;
+
+std::string repeat(const std::string &text, int times) {
+    std::string result;
+    for (int i = 0; i < times; i++) {
+        result += text;
+    }
+    return result;
+}
+
+class Log : public testing::Test {
+  protected:
+    void SetUp() override {
+        test::set_env("TZ", "UTC");
+        ASSERT_EQ(CL_LOG_Init_M("tester", "primary", "secondary", "/nowhere/log", &err), 1u);
+        test::capture_log();
+        text_is(nullptr);
+    }
+    /* Every message of the catalogue has this text. */
+    void text_is(const char *text) {
+        test::set_catalogue([text](int) { return text; });
+    }
+    /* The one line that came since the last look. */
+    std::string line() {
+        const auto lines = log_lines();
+        test::raw_log().clear();
+        EXPECT_EQ(lines.size(), 1u);
+        return lines.empty() ? "" : lines[0];
+    }
+    CL_ErrInfo err = test::UNTOUCHED;
+};
+
+TEST(LogSetup, ChecksItsArgumentsInOrder) {
+    const std::string s31(31, 'n'), s32(32, 'n'), s252(252, 'p'), s253(253, 'p'), s255(255, 'c'),
+        s256(256, 'c');
+    const char *none = nullptr;
+    const struct {
+        const char *name, *catalogue, *alternative, *path;
+        uint32_t code;
+    } rows[] = {
+        {none, none, none, none, 22},
+        {s32.c_str(), none, none, none, 36},
+        {"n", none, none, none, 22},
+        {"n", s256.c_str(), s256.c_str(), none, 36},
+        {"n", "c", s256.c_str(), none, 36},
+        {"n", "c", "a", none, 22},
+        {"n", "c", "a", s253.c_str(), 36},
+        {s31.c_str(), s255.c_str(), s255.c_str(), s252.c_str(), 0},
+        {"n", none, "a", "p", 0},
+        {"", "c", none, "", 0},
+    };
+    std::set<uint32_t> sites;
+    for (const auto &row : rows) {
+        CL_ErrInfo err = test::UNTOUCHED;
+        const std::string before(CL_MainTable->log_name, CL_MainTable->log_path + 256);
+        EXPECT_EQ(CL_LOG_Init_M(row.name, row.catalogue, row.alternative, row.path, &err),
+                  row.code == 0 ? 1u : 0u);
+        if (row.code != 0) {
+            EXPECT_THAT(err, FailsWith(row.code, CL_MODULE_LOG));
+            EXPECT_TRUE(sites.insert(err.line).second) << "a failure site of its own";
+            const std::string after(CL_MainTable->log_name, CL_MainTable->log_path + 256);
+            EXPECT_EQ(after, before);
+            continue;
+        }
+        EXPECT_EQ(err, test::UNTOUCHED);
+        EXPECT_EQ(CL_MainTable->log_ready, 1u);
+        EXPECT_STREQ(CL_MainTable->log_name, row.name);
+        EXPECT_STREQ(CL_MainTable->log_catalogue, row.catalogue != none ? row.catalogue : "");
+        EXPECT_STREQ(CL_MainTable->log_alt_catalogue,
+                     row.alternative != none ? row.alternative : "");
+        EXPECT_STREQ(CL_MainTable->log_path, row.path);
+        EXPECT_EQ(CL_MainTable->log_size, 1024u);
+        EXPECT_EQ(CL_MainTable->log_rotations, 4u);
+    }
+}
+
+TEST(LogSetup, NothingIsSentBefore) {
+    test::capture_log();
+    EXPECT_EQ(CL_LOG_Out(7, CL_LOG_ERROR, 0, 1, ""), 0u);
+    Plan plan;
+    EXPECT_EQ(cl_log_lotate(), 0);
+    EXPECT_TRUE(plan.calls().empty());
+    EXPECT_TRUE(test::system_log().empty());
+    cl_inlog_write("but the library's own lines");
+    EXPECT_THAT(log_lines(), ElementsAre("but the library's own lines"));
+    CL_SetLogCallbackFunction(nullptr);
+    cl_inlog_write("go nowhere now");
+    EXPECT_EQ(test::raw_log().size(), 1u);
+}
+
+TEST_F(Log, MakesTextOfEveryArgumentType) {
+    const void *pointer = reinterpret_cast<void *>(0x1234abcd);
+    text_is(nullptr);
+    CL_LOG_Out(2, 1, 0, 42, "ds", 7, "abc");
+    EXPECT_EQ(line(), "E 00042 catalog(id) not found:7,abc");
+    CL_LOG_Out(2, 2, 0, 70000, "dDxXps", INT32_MIN, INT64_MIN, 255u, uint64_t{255}, pointer, "");
+    EXPECT_EQ(line(),
+              "W 04464 catalog(id) not found:-2147483648,-9223372036854775808,0x000000ff,"
+              "0x00000000000000ff,0x1234abcd,");
+    CL_LOG_Out(2, 3, 0, 5, "xXp", UINT32_MAX, UINT64_MAX, nullptr);
+    EXPECT_EQ(line(), "I 00005 catalog(id) not found:0xffffffff,0xffffffffffffffff,(nil)");
+    CL_LOG_Out(2, 3, 0, 5, "sds", static_cast<char *>(nullptr), 1, "x");
+    EXPECT_EQ(line(), "I 00005 catalog(id) not found:(null),1,x");
+    CL_LOG_Out(2, 3, 0, 99999, "d?d", 1, 2);
+    EXPECT_EQ(line(), "I 34463 catalog(id) not found:1") << "an unknown type ends the list";
+    CL_LOG_Out(2, 3, 0, 0, "");
+    EXPECT_EQ(line(), "I 00000 catalog(id) not found:");
+
+    int asked = 0;
+    test::set_catalogue([&](int id) {
+        asked = id;
+        return "%s name %s";
+    });
+    CL_LOG_Out(2, 1, 0, 42, "ds", 7, "abc");
+    EXPECT_EQ(line(), "E 00042 7 name abc");
+    CL_LOG_Out(2, 1, 0, 70000, "ds", 7, "abc");
+    EXPECT_EQ(asked, 4464);
+}
+
+/* Nothing in a catalogue can do more than choose arguments and text. */
+TEST_F(Log, PrintsHostileCatalogueTexts) {
+    const struct {
+        std::string text;
+        std::string message;
+    } rows[] = {
+        {"plain", "plain"},
+        {"%s %s", "one two"},
+        {"%2$s %1$s", "two one"},
+        {"%2$s %2$s", "two two"},
+        {"%s %s %s %s", "one two (null) (null)"},
+        {"%99$s", "(null)"},
+        {"50%% of %s", "50% of one"},
+        {"%n", "%n"},
+        {"%s%n%s", "one%ntwo"},
+        {"%hhn %ln %1$n", "%hhn %ln %1$n"},
+        {"%d", "%d"},
+        {"%s is %d", "one is %d"},
+        {"%*s", "%*s"},
+        {"%1$*2$s", "%1$*2$s"},
+        {"%999999s", std::string(998, ' ')},
+        {"%.2s", "on"},
+        {"%5s|%-5.1s|", "  one|t    |"},
+        {"%ls", "%ls"},
+        {"%S %c %f %p", "%S %c %f %p"},
+        {"%m", "%m"},
+        {"%0$s", "%0$s"},
+        {"%100$s", "(null)"},
+        {"%99999999999999999999$s", "(null)"},
+        {"%", "%"},
+        {"%s %", "one %"},
+        {"%1$", "%1$"},
+        {"%1", "%1"},
+        {repeat("%s", 99), "onetwo" + repeat("(null)", 97)},
+        {std::string(1022, 'x'), std::string(998, 'x')},
+        {std::string(5000, 'x'), std::string(998, 'x')},
+        {std::string(997, 'x') + "%s", std::string(997, 'x') + "o"},
+        {"\xff\x80\n\t%s", "\xff\x80\n\tone"},
+    };
+    for (const auto &row : rows) {
+        text_is(row.text.c_str());
+        EXPECT_EQ(CL_LOG_Out(CL_LOG_INTERNAL, CL_LOG_INFO, 0, 1, "ss", "one", "two"), 1u);
+        const auto lines = test::raw_log();
+        test::raw_log().clear();
+        ASSERT_EQ(lines.size(), 1u);
+        const std::string expected = "I 00001 " + row.message;
+        EXPECT_EQ(lines[0].substr(28, std::min(expected.size(), lines[0].size() - 28)),
+                  expected.substr(0, lines[0].size() - 28))
+            << row.text.substr(0, 60);
+        EXPECT_LE(lines[0].size(), 1023u);
+        if (expected.size() + 29 <= 1023) {
+            EXPECT_EQ(lines[0].size(), expected.size() + 29);
+        }
+    }
+}
+
+TEST_F(Log, CutsWhatIsTooLong) {
+    const std::string s400(400, 'a'), s979(979, 'b'), s976(976, 'c');
+    /* One text stays within 999 characters, separators not counted; what does not fit is skipped,
+     * what follows it is still tried. */
+    CL_LOG_Out(2, 1, 0, 1, "sssds", s400.c_str(), s400.c_str(), s400.c_str(), 7, "end");
+    EXPECT_EQ(line(), "E 00001 catalog(id) not found:" + s400 + "," + s400 + ",7,end");
+    CL_LOG_Out(2, 1, 0, 1, "ss", s979.c_str(), "x");
+    EXPECT_EQ(line(), "E 00001 catalog(id) not found:x");
+    CL_LOG_Out(CL_LOG_SYSLOG, 1, 0, 1, "ss", s976.c_str(), "x");
+    EXPECT_EQ(test::system_log().back(), "tester/0/24/3/E 00001 catalog(id) not found:" + s976);
+
+    /* The system log gets up to 1022 characters; the internal log's line ends at 1023 with its
+     * stamp. */
+    text_is("%s%s%s");
+    CL_LOG_Out(3, 1, 0, 1, "sss", s400.c_str(), s400.c_str(), s400.c_str());
+    const std::string message = "E 00001 " + s400 + s400 + s400.substr(0, 198);
+    EXPECT_EQ(test::system_log().back(), "tester/0/24/3/" + message);
+    EXPECT_EQ(test::raw_log().back().size(), 1023u);
+    EXPECT_EQ(test::raw_log().back().substr(28, 900), message.substr(0, 900));
+
+    const std::string endless(100000, 'z');
+    cl_inlog_write(endless.c_str());
+    EXPECT_EQ(test::raw_log().back().size(), 1023u);
+
+    char out[1024 + 16];
+    memset(out, 0x55, sizeof out);
+    text_is(endless.c_str());
+    EXPECT_EQ(cl_GetLogString(9, out), 1u);
+    EXPECT_EQ(strlen(out), 1023u);
+    EXPECT_EQ(out[1024], 0x55);
+    text_is("short");
+    EXPECT_EQ(cl_GetLogString(9, out), 1u);
+    EXPECT_STREQ(out, "short");
+    text_is("");
+    EXPECT_EQ(cl_GetLogString(9, out), 0u) << "an empty text is none";
+    test::set_catalogue(nullptr);
+    EXPECT_EQ(cl_GetLogString(9, out), 0u);
+}
+
+#define TEN(x) x, x, x, x, x, x, x, x, x, x
+TEST_F(Log, TakesNinetyNineArguments) {
+    const std::string types(110, 'd');
+    CL_LOG_Out(2, 1, 0, 1, types.c_str(), TEN(1), TEN(2), TEN(3), TEN(4), TEN(5), TEN(6), TEN(7),
+               TEN(8), TEN(9), TEN(10), TEN(11));
+    std::string expected = "E 00001 catalog(id) not found:";
+    for (int i = 0; i < 99; i++) {
+        expected += (i == 0 ? "" : ",") + std::to_string(i / 10 + 1);
+    }
+    EXPECT_EQ(line(), expected);
+    text_is("%99$s %98$s %1$s");
+    CL_LOG_Out(2, 1, 0, 1, types.c_str(), TEN(1), TEN(2), TEN(3), TEN(4), TEN(5), TEN(6), TEN(7),
+               TEN(8), TEN(9), TEN(10), TEN(11));
+    EXPECT_EQ(line(), "E 00001 10 10 1");
+}
+
+TEST_F(Log, SendsToWhatIsAskedFor) {
+    const struct {
+        uint32_t destinations;
+        uint16_t severity;
+        uint32_t result;
+        const char *priority;
+    } rows[] = {
+        {1, 1, 1, "3"}, {2, 2, 1, "4"}, {4, 3, 1, "6"}, {7, 3, 1, "6"}, {9, 1, 1, "3"},
+        {8, 1, 0, ""},  {0, 1, 0, ""},  {7, 0, 0, ""},  {7, 4, 0, ""},  {7, 0xffff, 0, ""},
+    };
+    text_is("text");
+    for (const auto &row : rows) {
+        test::raw_log().clear();
+        test::system_log().clear();
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(CL_LOG_Out(row.destinations, row.severity, 99, 3, ""), row.result);
+        const std::string error_output = testing::internal::GetCapturedStderr();
+        const uint32_t sent = row.result != 0 ? row.destinations : 0;
+        const std::string expected = std::string(1, " EWI"[row.severity & 3]) + " 00003 text";
+        EXPECT_EQ(test::system_log(),
+                  (sent & 1) != 0
+                      ? std::vector<std::string>{"tester/0/24/" + std::string(row.priority) + "/" +
+                                                 expected}
+                      : std::vector<std::string>{});
+        EXPECT_EQ(log_lines(), (sent & 2) != 0 ? std::vector<std::string>{expected}
+                                               : std::vector<std::string>{});
+        EXPECT_EQ(error_output, (sent & 4) != 0 ? "tester : " + expected + "\n" : "");
+    }
+    /* A per cent sign of a message is text everywhere. */
+    text_is("%s");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(CL_LOG_Out(7, 1, 0, 1, "s", "%s%n"), 1u);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "tester : E 00001 %s%n\n");
+    EXPECT_EQ(test::system_log().back(), "tester/0/24/3/E 00001 %s%n");
+}
+
+TEST_F(Log, StampsEveryLine) {
+    test::set_time(1794852345, 123456); /* 2026-11-16 18:05:45 UTC */
+    cl_inlog_write("text");
+    test::set_time(0, 7008);
+    cl_inlog_write("");
+    EXPECT_THAT(test::raw_log(), ElementsAre("2026/11/16 18:05:45:123.456 text\n",
+                                             "1970/01/01 00:00:00:007.008 \n"));
+    int kind = 0;
+    static int *seen;
+    seen = &kind;
+    static std::string first;
+    const CL_LogCallback callback = [](int k, const char *text) {
+        *seen = k;
+        first = text;
+        return 99;
+    };
+    CL_SetLogCallbackFunction(callback);
+    char expected[64];
+    snprintf(expected, sizeof expected, "Trace Callback is set by Kelvaris. %p\n",
+             reinterpret_cast<void *>(callback));
+    EXPECT_EQ(first.substr(28), expected);
+    EXPECT_EQ(kind, 4);
+}
+
+TEST_F(Log, LooksIntoBothCatalogues) {
+    char directory[] = "/tmp/qvcl-log-XXXXXX";
+    ASSERT_NE(mkdtemp(directory), nullptr);
+    const std::string base = directory;
+    std::ofstream(base + "/text") << "$set 1\n42 value %s name %s\n$set 2\n43 wrong set\n";
+    ASSERT_EQ(system(("gencat " + base + "/real.cat " + base + "/text").c_str()), 0);
+    const std::string real = base + "/real.cat", missing = base + "/missing.cat";
+    test::set_env("LANG", "C");
+
+    const struct {
+        const char *primary, *secondary;
+        uint32_t id;
+        const char *text;
+    } rows[] = {
+        {real.c_str(), nullptr, 42, "value 7 name abc"},
+        {missing.c_str(), real.c_str(), 42, "value 7 name abc"},
+        {nullptr, real.c_str(), 42, "value 7 name abc"},
+        {real.c_str(), missing.c_str(), 43, "catalog(id) not found:7,abc"},
+        {missing.c_str(), missing.c_str(), 42, "catalog(id) not found:7,abc"},
+        {missing.c_str(), nullptr, 42, "catalog(id) not found:7,abc"},
+    };
+    for (const auto &row : rows) {
+        test::use_real_catalogue();
+        ASSERT_EQ(CL_LOG_Init_M("n", row.primary, row.secondary, "p", &err), 1u);
+        const test::Balance before = test::Balance::now();
+        CL_LOG_Out(2, 1, 0, row.id, "ds", 7, "abc");
+        EXPECT_EQ(line(), "E 000" + std::to_string(row.id) + " " + row.text);
+        EXPECT_EQ(test::Balance::now(), before);
+    }
+    EXPECT_EQ(system(("rm -r " + base).c_str()), 0);
+}
+
+TEST_F(Log, RotatesGenerations) {
+    char directory[] = "/tmp/qvcl-log-XXXXXX";
+    ASSERT_NE(mkdtemp(directory), nullptr);
+    const std::string base = directory, path = base + "/log";
+    ASSERT_EQ(CL_LOG_Init_M("n", "c", nullptr, path.c_str(), &err), 1u);
+    const auto put = [](const std::string &name, const char *text) { std::ofstream(name) << text; };
+    const auto get = [](const std::string &name) {
+        std::ifstream file(name);
+        std::stringstream text;
+        text << file.rdbuf();
+        return file ? text.str() : "none";
+    };
+    EXPECT_EQ(cl_log_lotate(), -1) << "there is no log yet";
+    put(path, "a");
+    EXPECT_EQ(cl_log_lotate(), 0);
+    EXPECT_EQ(get(path) + get(path + ".1"), "nonea");
+    for (const char *text : {"b", "c", "d", "e"}) {
+        put(path, text);
+        EXPECT_EQ(cl_log_lotate(), 0);
+    }
+    EXPECT_EQ(get(path + ".1") + get(path + ".2") + get(path + ".3") + get(path + ".4") +
+                  get(path + ".5"),
+              "edcbnone");
+    /* A gap stays a gap. */
+    unlink((path + ".2").c_str());
+    put(path, "f");
+    EXPECT_EQ(cl_log_lotate(), 0);
+    EXPECT_EQ(get(path + ".1") + get(path + ".2") + get(path + ".3") + get(path + ".4"), "fenonec");
+    EXPECT_EQ(system(("rm -r " + base).c_str()), 0);
+}
+
+}  // namespace

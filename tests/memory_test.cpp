@@ -1,0 +1,310 @@
+/* The tracked allocator: who may hold how much, what the guard sees, and how the lists read. */
+#include <qvcl/memory.h>
+
+#include <ctime>
+
+#include "tests/support.h"
+
+namespace {
+
+using test::log_lines;
+using test::Plan;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+constexpr uint64_t SECONDS = 1794851969; /* 2026-11-16 17:59:29 UTC, a Monday */
+
+const CL_BlockHeader &header(const void *data) {
+    return static_cast<const CL_BlockHeader *>(data)[-1];
+}
+
+struct Counters {
+    uint64_t bytes;
+    uint64_t peak;
+    uint32_t blocks;
+    bool operator==(const Counters &) const = default;
+};
+std::ostream &operator<<(std::ostream &out, const Counters &c) {
+    return out << c.bytes << " bytes, peak " << c.peak << ", " << c.blocks << " blocks";
+}
+Counters user() {
+    return {CL_MainTable->user_bytes, CL_MainTable->user_peak, CL_nmem_M(0)};
+}
+Counters library() {
+    return {CL_MainTable->library_bytes, CL_MainTable->library_peak, CL_nmem_M(1)};
+}
+
+TEST(Memory, CountsAndRemembersEveryBlock) {
+    test::set_time(SECONDS, 123);
+    const Counters before = library();
+    auto *block = static_cast<uint8_t *>(CL_malloc_M(1000, 0, "longer_than_16_chars.c", 42));
+    ASSERT_NE(block, nullptr);
+    for (int i = 0; i < 1000; i++) {
+        ASSERT_EQ(block[i], 0);
+    }
+    EXPECT_EQ(user(), (Counters{1000, 1000, 1}));
+    EXPECT_EQ(library(), before);
+    EXPECT_EQ(std::string(header(block).allocated.file, 16), "longer_than_16_c");
+    EXPECT_EQ(header(block).allocated.line, 42u);
+    EXPECT_EQ(header(block).allocated.seconds, SECONDS);
+    EXPECT_EQ(header(block).allocated.microseconds, 123u);
+    EXPECT_EQ(header(block).size, 1000u);
+    EXPECT_EQ(header(block).link.owner, &CL_MainTable->user_blocks);
+
+    /* Any flag but 1 means the application. */
+    void *second = CL_malloc_M(24, -1, "a", 1);
+    void *library_block = CL_malloc_M(500, 1, "b", 2);
+    EXPECT_EQ(user(), (Counters{1024, 1024, 2}));
+    EXPECT_EQ(library().bytes, before.bytes + 500);
+    EXPECT_EQ(CL_nmem_M(7), 2u);
+
+    const struct {
+        void *data;
+        int32_t flag;
+    } refused[] = {{nullptr, 0}, {nullptr, 1}, {block, 1}, {library_block, 0}};
+    for (const auto &row : refused) {
+        EXPECT_EQ(CL_free_M(row.data, row.flag, "c", 3), 0u);
+        EXPECT_EQ(user(), (Counters{1024, 1024, 2}));
+        EXPECT_EQ(library().bytes, before.bytes + 500);
+    }
+    EXPECT_EQ(header(block).released.line, 0u);
+    EXPECT_EQ(CL_free_M(block, 0, "c", 3), 1u);
+    EXPECT_EQ(CL_free_M(second, 2, "c", 3), 1u);
+    EXPECT_EQ(CL_free_M(library_block, 1, "c", 3), 1u);
+    EXPECT_EQ(user(), (Counters{0, 1024, 0})) << "peaks stay";
+    EXPECT_EQ(library().bytes, before.bytes);
+    EXPECT_EQ(library().blocks, before.blocks);
+}
+
+TEST(Memory, HoldsTheApplicationToItsLimit) {
+    EXPECT_EQ(CL_memlimit(1000), uint64_t{CL_MEM_DEFAULT_LIMIT});
+    void *block = CL_malloc(600);
+    const struct {
+        uint64_t limit;
+        uint64_t size;
+        int32_t flag;
+        bool fits;
+    } rows[] = {
+        {1000, 400, 0, true},
+        {1000, 401, 0, false},
+        {1000, UINT64_MAX, 0, false},
+        {1000, 401, 1, true},
+        {599, 1, 0, false},
+        {0, 2000, 0, true},
+        {1000, UINT64_MAX - 599, 0, false}, /* in use + size is 0 in 64 bits */
+        {1000, UINT64_MAX - 199, 0, false}, /* in use + size is 400 in 64 bits */
+        {0, UINT64_MAX, 0, false},          /* nor does header + size come to little */
+        {0, UINT64_MAX - 111, 0, false},
+        {0, UINT64_MAX - 100, 1, false},
+        {1000, 0, 0, false},
+        {1000, 0, 1, false},
+    };
+    uint64_t previous = 1000;
+    for (const auto &row : rows) {
+        EXPECT_EQ(CL_memlimit(row.limit), previous);
+        previous = row.limit;
+        const test::Balance before = test::Balance::now();
+        void *more = CL_malloc_M(row.size, row.flag, "x", 1);
+        EXPECT_EQ(more != nullptr, row.fits) << row.limit << " " << row.size << " " << row.flag;
+        EXPECT_EQ(CL_free_M(more, row.flag, "x", 1), row.fits ? 1u : 0u);
+        EXPECT_EQ(test::Balance::now(), before);
+    }
+    for (const int32_t flag : {0, 1}) {
+        const test::Balance before = test::Balance::now();
+        Plan plan{{.call = "malloc", .error = ENOMEM}};
+        EXPECT_EQ(CL_malloc_M(64, flag, "x", 1), nullptr);
+        EXPECT_EQ(plan.hits(), 1);
+        EXPECT_EQ(test::Balance::now(), before);
+    }
+    CL_free(block);
+}
+
+/* Blocks of both owners at random, against a list of what should be there. */
+TEST(Memory, FollowsItsModel) {
+    test::Random random;
+    struct Block {
+        uint8_t *data;
+        uint64_t size;
+        uint8_t fill;
+    };
+    std::vector<Block> held[2];
+    const uint64_t limit = 50000;
+    CL_memlimit(limit);
+    const Counters start[2] = {user(), library()};
+    uint64_t bytes[2] = {start[0].bytes, start[1].bytes};
+    uint64_t peak[2] = {start[0].peak, start[1].peak};
+    for (int step = 0; step < 5000; step++) {
+        const uint32_t owner = random.below(2);
+        auto &blocks = held[owner];
+        const auto flag = static_cast<int32_t>(owner);
+        if (blocks.empty() || random.below(100) < 52) {
+            const uint64_t size = random.below(4000);
+            auto *data = static_cast<uint8_t *>(CL_malloc_M(size, flag, "model", 1));
+            const bool fits = size > 0 && (owner == 1 || bytes[0] + size <= limit);
+            ASSERT_EQ(data != nullptr, fits) << "step " << step;
+            if (!fits) {
+                continue;
+            }
+            const auto fill = static_cast<uint8_t>(random.below(256));
+            memset(data, fill, size);
+            blocks.push_back({data, size, fill});
+            bytes[owner] += size;
+            peak[owner] = std::max(peak[owner], bytes[owner]);
+        } else {
+            const std::size_t i = random.below(static_cast<uint32_t>(blocks.size()));
+            const Block block = blocks[i];
+            for (uint64_t b = 0; b < block.size; b++) {
+                ASSERT_EQ(block.data[b], block.fill);
+            }
+            ASSERT_EQ(CL_free_M(block.data, 1 - flag, "model", 2), 0u);
+            ASSERT_EQ(CL_free_M(block.data, flag, "model", 2), 1u);
+            blocks.erase(blocks.begin() + static_cast<std::ptrdiff_t>(i));
+            bytes[owner] -= block.size;
+        }
+        ASSERT_EQ(user(), (Counters{bytes[0], peak[0], static_cast<uint32_t>(held[0].size())}));
+        ASSERT_EQ(library(), (Counters{bytes[1], peak[1],
+                                       start[1].blocks + static_cast<uint32_t>(held[1].size())}));
+    }
+    /* Oldest first. */
+    const void *element = CL_MainTable->user_blocks.head;
+    for (const Block &block : held[0]) {
+        ASSERT_EQ(element, &header(block.data));
+        element = header(block.data).link.next;
+    }
+    for (const int32_t flag : {0, 1}) {
+        for (const Block &block : held[flag]) {
+            CL_free_M(block.data, flag, "model", 3);
+        }
+    }
+}
+
+TEST(Memory, ListsReadTheSameInLogAndOutput) {
+    test::set_env("TZ", "UTC");
+    test::set_env("CLLIB_DEBUG", nullptr);
+    test::capture_log();
+    const auto printed = [] {
+        testing::internal::CaptureStdout();
+        mem_disp();
+        fflush(stdout);
+        return testing::internal::GetCapturedStdout();
+    };
+    cl_memdisp();
+    EXPECT_THAT(log_lines(), ElementsAre()) << "no user block, no line";
+
+    test::set_time(SECONDS, 123);
+    void *first = CL_malloc_M(8432, 0, "main", 42);
+    void *second = CL_malloc_M(1, 0, "a_file_name_of_more_than_16", 7);
+    const std::string expected[] = {
+        "CLLIB:usr memory list",
+        "CLLIB:main(42) 2026/11/16(Mon) 17:59:29.000123 8432 byte",
+        "CLLIB:a_file_name_of_m(7) 2026/11/16(Mon) 17:59:29.000123 1 byte",
+    };
+    for (const char *debug : {static_cast<const char *>(nullptr), "10", "yes", " 1", "0", ""}) {
+        test::set_env("CLLIB_DEBUG", debug);
+        test::raw_log().clear();
+        cl_memdisp();
+        EXPECT_THAT(log_lines(), testing::ElementsAreArray(expected));
+        EXPECT_EQ(printed(), expected[0] + "\n" + expected[1] + "\n" + expected[2] + "\n");
+    }
+    test::set_env("CLLIB_DEBUG", "1");
+    test::raw_log().clear();
+    cl_memdisp();
+    const auto lines = log_lines();
+    ASSERT_EQ(lines.size(), 2 + CL_nmem_M(1) + 2);
+    EXPECT_EQ(lines[0], "CLLIB:lib memory list");
+    EXPECT_THAT(lines[1], StartsWith("CLLIB:cl_trace")) << "the library ring is the oldest";
+    EXPECT_TRUE(std::equal(std::begin(expected), std::end(expected), lines.end() - 3));
+    std::string all;
+    for (const std::string &line : lines) {
+        all += line + "\n";
+    }
+    EXPECT_EQ(printed(), all);
+    CL_free(first);
+    CL_free(second);
+}
+
+TEST(Memory, GuardIsOnOnlyForExactlyOne) {
+    for (const char *value :
+         {static_cast<const char *>(nullptr), "", "0", "10", " 1", "1 ", "yes", "1"}) {
+        test::set_env("CL_MEM_CHECK", value);
+        IN_NEW_PROCESS({
+            const bool on = value != nullptr && strcmp(value, "1") == 0;
+            EXPECT_EQ(CL_MainTable->memory_check, on ? 1u : 0u);
+            auto *block = static_cast<char *>(CL_malloc(16));
+            if (on) {
+                EXPECT_EQ(memcmp(block + 16, CL_MEM_GUARD, 16), 0);
+            }
+            EXPECT_EQ(CL_free(block), 1u);
+        });
+    }
+}
+
+TEST(Memory, GuardSeesOverruns) {
+    test::set_env("CL_MEM_CHECK", "1");
+    test::set_env("TZ", "UTC");
+    IN_NEW_PROCESS({
+        test::capture_log();
+        const auto swept = [] {
+            testing::internal::CaptureStdout();
+            mem_check();
+            fflush(stdout);
+            return testing::internal::GetCapturedStdout();
+        };
+        test::set_time(SECONDS, 99);
+        const std::string name(300, 'n');
+        auto *sound = static_cast<char *>(CL_malloc(10));
+        auto *block = static_cast<char *>(CL_malloc_M(33, 0, "name_of_16_chars", 12));
+        auto *other = static_cast<char *>(CL_malloc_M(7, 1, name.c_str(), UINT32_MAX));
+        sound[9] = 'x';
+        EXPECT_EQ(swept(), "");
+        const auto line = [](const char *data, const std::string &where, int size) {
+            char text[200];
+            snprintf(text, sizeof text,
+                     "CLLIB:memory over run. addr = %p at %s 2026/11/16(Mon) 17:59:29.000099 %d "
+                     "byte\n",
+                     static_cast<const void *>(data), where.c_str(), size);
+            return std::string(text);
+        };
+        const std::string user_line = line(block, "name_of_16_chars(12)", 33);
+        const std::string library_line = line(other, std::string(16, 'n') + "(-1)", 7);
+        const test::Balance before = test::Balance::now();
+        /* The first and the last byte of the guard. */
+        block[33] = 0;
+        other[7 + 15] = 0;
+        EXPECT_EQ(swept(), library_line + user_line) << "the library's list comes first";
+        EXPECT_EQ(CL_free(block), 0u);
+        EXPECT_EQ(CL_free_M(other, 1, "x", 1), 0u);
+        EXPECT_EQ(test::Balance::now(), before);
+        ASSERT_EQ(test::raw_log().size(), 2u);
+        EXPECT_THAT(test::raw_log()[0], HasSubstr(user_line));
+        EXPECT_THAT(test::raw_log()[1], HasSubstr(library_line.substr(0, 60)));
+        /* Repaired, it can be released. */
+        block[33] = '*';
+        other[7 + 15] = '*';
+        EXPECT_EQ(CL_free(block), 1u);
+        EXPECT_EQ(CL_free_M(other, 1, "x", 1), 1u);
+        EXPECT_EQ(swept(), "");
+        CL_free(sound);
+    });
+    test::set_env("CL_MEM_CHECK", nullptr);
+    IN_NEW_PROCESS({
+        testing::internal::CaptureStdout();
+        void *block = CL_malloc(8);
+        mem_check();
+        fflush(stdout);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+        CL_free(block);
+    });
+}
+
+TEST(Memory, AddressCheck) {
+    const int here = 0;
+    EXPECT_EQ(cl_addrchk(nullptr, 0), 0u);
+    EXPECT_EQ(cl_addrchk(nullptr, 32), 14u);
+    EXPECT_EQ(cl_addrchk(nullptr, -1), 14u);
+    EXPECT_EQ(cl_addrchk(&here, 32), 0u);
+    EXPECT_EQ(cl_addrchk(&here, 0), 0u);
+}
+
+}  // namespace

@@ -1,0 +1,639 @@
+/* The tests' shared support. The first half stands in for the C library: each function looks up
+ * the plan in force and then passes on to the real one. */
+#include "tests/support.h"
+
+#include <dirent.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <link.h>
+#include <nl_types.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/sysinfo.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <cstdarg>
+#include <cstdlib>
+#include <iostream>
+#include <optional>
+
+namespace test {
+namespace {
+
+// ---- Faults
+
+struct Running {
+    std::vector<Fault> faults;
+    std::vector<int> seen; /* calls counted for each fault */
+    std::vector<std::string_view> calls;
+    int hits = 0;
+};
+
+/* Null-initialised, so that calls which the library makes while it is loaded pass through. */
+Running *running;
+uintptr_t code_begin;
+uintptr_t code_end;
+std::optional<long> uptime;
+std::optional<timeval> time_of_day;
+std::function<const char *(int)> *catalogue;
+std::string log_identity;
+
+int find_code(dl_phdr_info *object, size_t /*size*/, void * /*data*/) {
+    if (std::string_view(object->dlpi_name).find("libqvcl.so") == std::string_view::npos) {
+        return 0;
+    }
+    for (int i = 0; i < object->dlpi_phnum; i++) {
+        const auto &segment = object->dlpi_phdr[i];
+        if (segment.p_type == PT_LOAD && (segment.p_flags & PF_X) != 0) {
+            code_begin = object->dlpi_addr + segment.p_vaddr;
+            code_end = code_begin + segment.p_memsz;
+        }
+    }
+    return 1;
+}
+
+bool from_library(const void *caller) {
+    if (code_end == 0) {
+        dl_iterate_phdr(find_code, nullptr);
+    }
+    const auto address = reinterpret_cast<uintptr_t>(caller);
+    return address >= code_begin && address < code_end;
+}
+
+struct Verdict {
+    bool fail = false;
+    bool swallow = false;
+    std::size_t at_most = SIZE_MAX;
+};
+
+/* What is to happen to the call that is being made. */
+Verdict judge(std::string_view call, const void *caller) {
+    Verdict verdict;
+    Running *plan = running;
+    if (plan == nullptr) {
+        return verdict;
+    }
+    const bool own = from_library(caller);
+    if (own) {
+        plan->calls.push_back(call);
+    }
+    for (std::size_t i = 0; i < plan->faults.size(); i++) {
+        const Fault &fault = plan->faults[i];
+        if (fault.call != call || (!own && !fault.from_anyone)) {
+            continue;
+        }
+        const int number = ++plan->seen[i];
+        if (number < fault.nth || number - fault.nth >= fault.times) {
+            continue;
+        }
+        plan->hits++;
+        if (fault.before) {
+            fault.before();
+        }
+        verdict.fail = verdict.fail || fault.error != 0;
+        verdict.swallow = verdict.swallow || fault.swallow;
+        verdict.at_most = std::min(verdict.at_most, fault.at_most);
+        if (fault.error != 0) {
+            errno = fault.error;
+        }
+    }
+    return verdict;
+}
+
+template <class Function>
+Function *real(const char *name) {
+    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+Plan::Plan(std::initializer_list<Fault> faults) {
+    EXPECT_EQ(running, nullptr) << "one plan at a time";
+    auto *plan = new Running;
+    plan->faults = faults;
+    plan->seen.resize(faults.size());
+    plan->calls.reserve(4096);
+    for (const Fault &fault : faults) {
+        const auto &known = reachable_calls();
+        EXPECT_NE(std::find(known.begin(), known.end(), fault.call), known.end()) << fault.call;
+    }
+    running = plan;
+}
+
+Plan::~Plan() {
+    delete std::exchange(running, nullptr);
+}
+
+const std::vector<std::string_view> &Plan::calls() const {
+    return running->calls;
+}
+
+int Plan::count(std::string_view call) const {
+    return static_cast<int>(std::count(running->calls.begin(), running->calls.end(), call));
+}
+
+int Plan::hits() const {
+    return running->hits;
+}
+
+void Plan::forget_calls() {
+    running->calls.clear();
+}
+
+void set_uptime(long seconds) {
+    uptime = seconds;
+}
+
+void set_time(uint64_t seconds, uint64_t microseconds) {
+    time_of_day = timeval{static_cast<time_t>(seconds), static_cast<suseconds_t>(microseconds)};
+}
+
+void set_catalogue(std::function<const char *(int id)> text) {
+    delete std::exchange(catalogue, new std::function<const char *(int)>(std::move(text)));
+}
+
+void use_real_catalogue() {
+    delete std::exchange(catalogue, nullptr);
+}
+
+std::vector<timespec> &sleeps() {
+    static std::vector<timespec> requests;
+    return requests;
+}
+
+std::vector<std::string> &system_log() {
+    static std::vector<std::string> lines;
+    return lines;
+}
+
+}  // namespace test
+
+/* name, parameters, arguments, result of a failure */
+#define PLAIN_CALLS(CALL)                                                                          \
+    CALL(int, accept, (int fd, sockaddr *address, socklen_t *length), (fd, address, length), -1)   \
+    CALL(int, bind, (int fd, const sockaddr *address, socklen_t length), (fd, address, length),    \
+         -1)                                                                                       \
+    CALL(int, chdir, (const char *path), (path), -1)                                               \
+    CALL(int, chmod, (const char *path, mode_t mode), (path, mode), -1)                            \
+    CALL(int, close, (int fd), (fd), -1)                                                           \
+    CALL(int, connect, (int fd, const sockaddr *address, socklen_t length), (fd, address, length), \
+         -1)                                                                                       \
+    CALL(int, execv, (const char *path, char *const arguments[]), (path, arguments), -1)           \
+    CALL(int, fdatasync, (int fd), (fd), -1)                                                       \
+    CALL(FILE *, fopen, (const char *path, const char *mode), (path, mode), nullptr)               \
+    CALL(pid_t, fork, (), (), -1)                                                                  \
+    CALL(int, ftruncate, (int fd, off_t length), (fd, length), -1)                                 \
+    CALL(pid_t, getpid, (), (), -1)                                                                \
+    CALL(int, kill, (pid_t pid, int signal), (pid, signal), -1)                                    \
+    CALL(int, listen, (int fd, int backlog), (fd, backlog), -1)                                    \
+    CALL(off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence), -1)               \
+    CALL(void *, mmap,                                                                             \
+         (void *address, size_t length, int protection, int flags, int fd, off_t offset),          \
+         (address, length, protection, flags, fd, offset), MAP_FAILED)                             \
+    CALL(int, munmap, (void *address, size_t length), (address, length), -1)                       \
+    CALL(int, pselect,                                                                             \
+         (int count, fd_set *readable, fd_set *writable, fd_set *except, const timespec *timeout,  \
+          const sigset_t *mask),                                                                   \
+         (count, readable, writable, except, timeout, mask), -1)                                   \
+    CALL(int, pthread_sigmask, (int how, const sigset_t *set, sigset_t *old), (how, set, old),     \
+         errno)                                                                                    \
+    CALL(int, rename, (const char *from, const char *to), (from, to), -1)                          \
+    CALL(int, setenv, (const char *variable, const char *value, int overwrite),                    \
+         (variable, value, overwrite), -1)                                                         \
+    CALL(int, setitimer, (__itimer_which_t which, const itimerval *value, itimerval *old),         \
+         (which, value, old), -1)                                                                  \
+    CALL(char *, setlocale, (int category, const char *locale), (category, locale), nullptr)       \
+    CALL(int, shm_open, (const char *path, int flags, mode_t mode), (path, flags, mode), -1)       \
+    CALL(int, shm_unlink, (const char *path), (path), -1)                                          \
+    CALL(int, sigaction, (int signal, const struct sigaction *action, struct sigaction *old),      \
+         (signal, action, old), -1)                                                                \
+    CALL(int, sigaddset, (sigset_t * set, int signal), (set, signal), -1)                          \
+    CALL(int, sigemptyset, (sigset_t * set), (set), -1)                                            \
+    CALL(__sighandler_t, signal, (int number, __sighandler_t handler), (number, handler), SIG_ERR) \
+    CALL(int, sigprocmask, (int how, const sigset_t *set, sigset_t *old), (how, set, old), -1)     \
+    CALL(int, socket, (int domain, int type, int protocol), (domain, type, protocol), -1)          \
+    CALL(int, unlink, (const char *path), (path), -1)                                              \
+    CALL(int, unsetenv, (const char *variable), (variable), -1)                                    \
+    CALL(pid_t, waitpid, (pid_t pid, int *status, int options), (pid, status, options), -1)
+
+/* The same, with the count among the arguments called `length`. */
+#define TRANSFER_CALLS(CALL)                                                                       \
+    CALL(ssize_t, read, (int fd, void *data, size_t length), (fd, data, length), -1)               \
+    CALL(ssize_t, recv, (int fd, void *data, size_t length, int flags), (fd, data, length, flags), \
+         -1)                                                                                       \
+    CALL(ssize_t, send, (int fd, const void *data, size_t length, int flags),                      \
+         (fd, data, length, flags), -1)                                                            \
+    CALL(ssize_t, write, (int fd, const void *data, size_t length), (fd, data, length), -1)
+
+/* Those written out below. */
+#define OTHER_CALLS                                                                           \
+    "catclose", "catgets", "catopen", "fcntl", "gettimeofday", "malloc", "nanosleep", "open", \
+        "sysinfo"
+
+const std::vector<std::string_view> &test::reachable_calls() {
+#define CALL_NAME(result, name, parameters, arguments, failure) #name,
+    static const std::vector<std::string_view> names = {PLAIN_CALLS(CALL_NAME)
+                                                            TRANSFER_CALLS(CALL_NAME) OTHER_CALLS};
+    return names;
+}
+
+#define CALLER __builtin_return_address(0)
+
+#define DEFINE_PLAIN(result, name, parameters, arguments, failure)         \
+    result name parameters noexcept(noexcept(::name arguments)) {          \
+        using Result = result;                                             \
+        static const auto original = test::real<result parameters>(#name); \
+        const test::Verdict verdict = test::judge(#name, CALLER);          \
+        if (verdict.fail) {                                                \
+            return failure;                                                \
+        }                                                                  \
+        return verdict.swallow ? Result{} : original arguments;            \
+    }
+#define DEFINE_TRANSFER(result, name, parameters, arguments, failure)      \
+    result name parameters noexcept(noexcept(::name arguments)) {          \
+        static const auto original = test::real<result parameters>(#name); \
+        const test::Verdict verdict = test::judge(#name, CALLER);          \
+        if (verdict.fail) {                                                \
+            return failure;                                                \
+        }                                                                  \
+        length = std::min(length, verdict.at_most);                        \
+        return verdict.swallow ? result{} : original arguments;            \
+    }
+
+extern "C" {
+
+PLAIN_CALLS(DEFINE_PLAIN)
+TRANSFER_CALLS(DEFINE_TRANSFER)
+
+int open(const char *path, int flags, ...) {
+    static const auto original = test::real<int(const char *, int, ...)>("open");
+    va_list more;
+    va_start(more, flags);
+    const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(more, mode_t) : 0;
+    va_end(more);
+    const test::Verdict verdict = test::judge("open", CALLER);
+    return verdict.fail ? -1 : original(path, flags, mode);
+}
+
+int fcntl(int fd, int command, ...) {
+    static const auto original = test::real<int(int, int, ...)>("fcntl");
+    va_list more;
+    va_start(more, command);
+    void *argument = va_arg(more, void *);
+    va_end(more);
+    const test::Verdict verdict = test::judge("fcntl", CALLER);
+    return verdict.fail ? -1 : original(fd, command, argument);
+}
+
+int gettimeofday(struct timeval *time, void *zone) noexcept {
+    static const auto original = test::real<int(timeval *, void *)>("gettimeofday");
+    const bool own = test::time_of_day && test::from_library(CALLER);
+    const test::Verdict verdict = test::judge("gettimeofday", CALLER);
+    if (verdict.fail) {
+        return -1;
+    }
+    if (!own) {
+        return original(time, zone);
+    }
+    *time = *test::time_of_day;
+    return 0;
+}
+
+int nanosleep(const struct timespec *request, struct timespec *remaining) {
+    static const auto original =
+        test::real<int(const struct timespec *, struct timespec *)>("nanosleep");
+    if (test::from_library(CALLER)) test::sleeps().push_back(*request);
+    const test::Verdict verdict = test::judge("nanosleep", CALLER);
+    if (verdict.fail) {
+        const int64_t half = (request->tv_sec * 1'000'000'000 + request->tv_nsec) / 2;
+        if (remaining != nullptr) *remaining = {half / 1'000'000'000, half % 1'000'000'000};
+        return -1;
+    }
+    return verdict.swallow ? 0 : original(request, remaining);
+}
+
+int sysinfo(struct sysinfo *info) noexcept {
+    static const auto original = test::real<int(struct sysinfo *)>("sysinfo");
+    const bool own = test::uptime && test::from_library(CALLER);
+    const test::Verdict verdict = test::judge("sysinfo", CALLER);
+    if (verdict.fail) {
+        return -1;
+    }
+    const int result = original(info);
+    if (own) {
+        info->uptime = *test::uptime;
+    }
+    return result;
+}
+
+nl_catd catopen(const char *name, int flag) {
+    static const auto original = test::real<nl_catd(const char *, int)>("catopen");
+    const bool own = test::catalogue != nullptr && test::from_library(CALLER);
+    const test::Verdict verdict = test::judge("catopen", CALLER);
+    if (verdict.fail || (own && !*test::catalogue)) {
+        return reinterpret_cast<nl_catd>(-1);
+    }
+    return own ? static_cast<nl_catd>(test::catalogue) : original(name, flag);
+}
+
+char *catgets(nl_catd open, int set, int number, const char *fallback) noexcept {
+    static const auto original = test::real<char *(nl_catd, int, int, const char *)>("catgets");
+    const test::Verdict verdict = test::judge("catgets", CALLER);
+    const char *text = fallback;
+    if (verdict.fail) {
+        return const_cast<char *>(text);
+    }
+    if (open != test::catalogue) {
+        text = original(open, set, number, fallback);
+    } else if (const char *own = set == 1 ? (*test::catalogue)(number) : nullptr) {
+        text = own;
+    }
+    return const_cast<char *>(text);
+}
+
+int catclose(nl_catd open) noexcept {
+    static const auto original = test::real<int(nl_catd)>("catclose");
+    const test::Verdict verdict = test::judge("catclose", CALLER);
+    if (verdict.fail) {
+        return -1;
+    }
+    return open == test::catalogue ? 0 : original(open);
+}
+
+void openlog(const char *identity, int options, int facility) {
+    test::log_identity = std::string(identity) + "/" + std::to_string(options) + "/" +
+                         std::to_string(facility) + "/";
+}
+
+__attribute__((format(printf, 2, 0))) static void keep_line(int priority, const char *format,
+                                                            va_list arguments) {
+    char text[2048];
+    vsnprintf(text, sizeof text, format, arguments);
+    test::system_log().push_back(test::log_identity + std::to_string(priority) + "/" + text);
+}
+
+void syslog(int priority, const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    keep_line(priority, format, arguments);
+    va_end(arguments);
+}
+
+/* What a fortified library calls. */
+__attribute__((format(printf, 3, 4))) void __syslog_chk(int priority, int /*flag*/,
+                                                        const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    keep_line(priority, format, arguments);
+    va_end(arguments);
+}
+
+void closelog() {
+    test::log_identity.clear();
+}
+
+/* Looked up without a guarded static: the look-up itself may allocate. The thread sanitizer wants
+ * its own allocator to be called first of all. */
+#ifndef __SANITIZE_THREAD__
+void *malloc(size_t size) noexcept {
+    static void *(*original)(size_t);
+    static bool looking;
+    if (original == nullptr) {
+        alignas(16) static std::array<char, 4096> early;
+        static size_t used;
+        if (looking) {
+            void *block = early.data() + used;
+            used += (size + 15) & ~size_t{15};
+            return used <= early.size() ? block : nullptr;
+        }
+        looking = true;
+        original = test::real<void *(size_t)>("malloc");
+        looking = false;
+    }
+    if (test::running == nullptr || !test::from_library(CALLER)) {
+        return original(size);
+    }
+    return test::judge("malloc", CALLER).fail ? nullptr : original(size);
+}
+#endif
+
+}  // extern "C"
+
+namespace test {
+
+// ---- Trace records
+
+namespace {
+
+const CL_TraceEntry *entry(const CL_TraceRing *ring, uint32_t index) {
+    const auto *bytes = reinterpret_cast<const char *>(ring + 1);
+    return reinterpret_cast<const CL_TraceEntry *>(
+        bytes + std::size_t{index} * (sizeof(CL_TraceEntry) + ring->entry_size));
+}
+
+/* The records in `entries` entries from index `at` on. */
+std::vector<Record> read_records(const CL_TraceRing *ring, uint32_t at, uint32_t entries) {
+    std::vector<Record> result;
+    while (entries > 0) {
+        Record record;
+        const uint32_t length = entry(ring, at)->remaining;
+        EXPECT_TRUE(length >= 1 && length <= entries) << "entry " << at << ": " << length;
+        if (length < 1 || length > entries) {
+            break;
+        }
+        for (uint32_t i = 0; i < length; i++, at = (at + 1) % ring->entry_count) {
+            const CL_TraceEntry *slice = entry(ring, at);
+            const uint32_t flags = (i == 0 ? 1u : 0u) | (i == length - 1 ? 2u : 0u);
+            EXPECT_EQ(slice->flags, flags) << "entry " << at;
+            EXPECT_EQ(slice->remaining, length - i) << "entry " << at;
+            const auto *data = reinterpret_cast<const uint8_t *>(slice + 1);
+            record.bytes.insert(record.bytes.end(), data, data + ring->entry_size);
+        }
+        const uint32_t bytes = record.head().length;
+        EXPECT_EQ((bytes + ring->entry_size - 1) / ring->entry_size, length);
+        record.bytes.resize(bytes);
+        result.push_back(std::move(record));
+        entries -= length;
+    }
+    return result;
+}
+
+}  // namespace
+
+std::vector<Record> records(const CL_TraceRing *ring) {
+    if (ring->wrapped == 0) {
+        EXPECT_EQ(ring->oldest, 0u);
+        return read_records(ring, 0, ring->next);
+    }
+    const uint32_t distance = (ring->next + ring->entry_count - ring->oldest) % ring->entry_count;
+    return read_records(ring, ring->oldest, distance == 0 ? ring->entry_count : distance);
+}
+
+std::vector<Record> Tape::records() const {
+    const CL_TraceRing *ring = CL_MainTable->library_ring;
+    return read_records(ring, start_,
+                        (ring->next + ring->entry_count - start_) % ring->entry_count);
+}
+
+std::vector<Record> Tape::records(uint8_t api) const {
+    std::vector<Record> result = records();
+    std::erase_if(result, [api](const Record &record) { return record.head().api != api; });
+    return result;
+}
+
+std::ostream &operator<<(std::ostream &out, const Record &record) {
+    const CL_TrcHead head = record.head();
+    return out << "record of api " << int{head.api} << " phase " << int{head.phase} << " length "
+               << head.length;
+}
+
+// ---- Log
+
+std::vector<std::string> &raw_log() {
+    static std::vector<std::string> lines;
+    return lines;
+}
+
+void capture_log() {
+    CL_SetLogCallbackFunction([](int, const char *line) {
+        raw_log().emplace_back(line);
+        return 0;
+    });
+    raw_log().clear();
+}
+
+std::vector<std::string> log_lines() {
+    constexpr std::size_t STAMP = sizeof "2026/11/16 18:05:45:123.456 " - 1;
+    std::vector<std::string> lines;
+    for (const std::string &line : raw_log()) {
+        EXPECT_GE(line.size(), STAMP);
+        EXPECT_EQ(line.back(), '\n');
+        lines.push_back(line.substr(STAMP, line.size() - STAMP - 1));
+    }
+    return lines;
+}
+
+// ---- Resources
+
+std::vector<int> descriptors() {
+    std::vector<int> open;
+    DIR *directory = opendir("/proc/self/fd");
+    while (const dirent *item = readdir(directory)) {
+        const int number = atoi(item->d_name);
+        if (item->d_name[0] != '.' && number != dirfd(directory)) {
+            open.push_back(number);
+        }
+    }
+    closedir(directory);
+    std::sort(open.begin(), open.end());
+    return open;
+}
+
+Balance Balance::now() {
+    const CL_MainBlock &table = *CL_MainTable;
+    Balance balance;
+    balance.live = table.used_queue.count;
+    balance.free = table.free_queue.count;
+    for (const CL_Queue &queue : table.kind_queues) {
+        balance.kinds.push_back(queue.count);
+    }
+    balance.listed = table.timer_list.count + table.child_list.count + table.priority_list.count +
+                     table.pending_list.count + table.thread_list.count;
+    balance.library_blocks = table.library_blocks.count;
+    balance.user_blocks = table.user_blocks.count;
+    balance.library_bytes = table.library_bytes;
+    balance.user_bytes = table.user_bytes;
+    sigset_t mask;
+    pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+    for (int signal = 1; signal < NSIG; signal++) {
+        if (sigismember(&mask, signal) == 1) {
+            balance.blocked_signals |= 1ULL << (signal - 1);
+        }
+    }
+    balance.descriptors = test::descriptors();
+    return balance;
+}
+
+std::ostream &operator<<(std::ostream &out, const Balance &balance) {
+    return out << "live " << balance.live << ", free " << balance.free << ", by kind "
+               << testing::PrintToString(balance.kinds) << ", listed " << balance.listed
+               << ", library blocks " << balance.library_blocks << " of " << balance.library_bytes
+               << " bytes, user blocks " << balance.user_blocks << " of " << balance.user_bytes
+               << " bytes, blocked signals 0x" << std::hex << balance.blocked_signals << std::dec
+               << ", descriptors " << testing::PrintToString(balance.descriptors);
+}
+
+// ---- The library
+
+uint32_t call_action(CL_Object *object, CL_Event *event, uint64_t action, uint64_t /*arg2*/) {
+    return (*reinterpret_cast<Action *>(action))(object, event);
+}
+
+CL_Object *Library::watch(int fd, Action *action, uint32_t priority, uint64_t arg2) {
+    CL_Object *object = create(CL_KIND_FD, call_action, address(action), arg2);
+    EXPECT_NE(object, nullptr) << err;
+    if (object == nullptr) return nullptr;
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(fd, &set);
+    const auto count = static_cast<uint32_t>(fd) + 1;
+    EXPECT_EQ(CL_SetFD(object, count, &set, nullptr, nullptr, &err), 1u) << err;
+    EXPECT_EQ(priority == 0 ? 1u : CL_AddEventList(object, priority, &err), 1u) << err;
+    return object;
+}
+
+std::size_t sorted_place(const std::vector<int64_t> &keys, int64_t key) {
+    std::ptrdiff_t low = 0;
+    std::ptrdiff_t high = std::ssize(keys) - 1;
+    while (low <= high) {
+        const std::ptrdiff_t middle = low + (high - low) / 2;
+        if (keys[static_cast<std::size_t>(middle)] == key)
+            return static_cast<std::size_t>(middle) + 1;
+        if (keys[static_cast<std::size_t>(middle)] < key) {
+            low = middle + 1;
+        } else {
+            high = middle - 1;
+        }
+    }
+    return static_cast<std::size_t>(low);
+}
+
+// ---- The rest
+
+Random::Random() {
+    const char *given = getenv("QVCL_TEST_SEED");
+    const uint64_t seed = given != nullptr ? strtoull(given, nullptr, 0) : std::random_device{}();
+    engine_.seed(seed);
+    std::cout << "QVCL_TEST_SEED=" << seed << " repeats this run" << std::endl;
+}
+
+Pipe::Pipe() {
+    EXPECT_EQ(pipe2(ends_, O_NONBLOCK | O_CLOEXEC), 0);
+}
+
+Pipe::~Pipe() {
+    close(ends_[0]);
+    close(ends_[1]);
+}
+
+void Pipe::drain() const {
+    char bytes[256];
+    while (read(out(), bytes, sizeof bytes) > 0) {
+    }
+}
+
+void set_env(const char *name, const char *value) {
+    EXPECT_EQ(value != nullptr ? setenv(name, value, 1) : unsetenv(name), 0);
+}
+
+}  // namespace test
+
+std::ostream &operator<<(std::ostream &out, const CL_ErrInfo &error) {
+    return out << "error " << error.err << " detail " << error.detail << " module " << error.module
+               << " line " << error.line << " version " << error.version;
+}
