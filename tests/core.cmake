@@ -25,3 +25,5 @@ target_compile_definitions(lifecycle_test PRIVATE
 core_test(eventlist_test)
 core_test(userfd_test)
 core_test(loop_test LABELS threads valgrind)
+core_test(timer_test LABELS threads valgrind)
+core_test(trace_records_test)

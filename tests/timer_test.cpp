@@ -1,0 +1,368 @@
+/* Timers: when they are due, in which order they are called, and what callbacks may do meanwhile.
+ * The uptime is the test's own, so nothing here waits but the one test that uses the real one. */
+#include <qvcl/loop.h>
+#include <qvcl/timer.h>
+#include <sys/time.h>
+
+#include <csignal>
+
+#include "tests/support.h"
+
+namespace {
+
+using test::Action;
+using test::FailsWith;
+using test::IsClear;
+using test::Plan;
+
+CL_MainBlock &table() {
+    return *CL_MainTable;
+}
+
+void *alarm_handler() {
+    struct sigaction action {};
+    sigaction(SIGALRM, nullptr, &action);
+    return reinterpret_cast<void *>(action.sa_handler);
+}
+itimerval interval_timer() {
+    itimerval value{};
+    getitimer(ITIMER_REAL, &value);
+    return value;
+}
+
+class Timer : public test::Library {
+  protected:
+    void SetUp() override {
+        Library::SetUp();
+        test::set_uptime(1000);
+    }
+    CL_Object *timer(Action *action = nullptr) {
+        return create(CL_KIND_TIMER, test::call_action, test::address(action));
+    }
+};
+
+TEST_F(Timer, SharesOneIntervalTimer) {
+    CL_Object *first = timer(), *second = timer();
+    table().timer_signals = 5;
+    Plan plan;
+    ASSERT_EQ(CL_StartTIMER(first, 3, CL_TIMER_ONESHOT, &err), 1u);
+    EXPECT_THAT(err, IsClear());
+    EXPECT_EQ(first->status, uint32_t{CL_STATUS_RUNNING});
+    EXPECT_EQ(first->sub_status, 0u);
+    EXPECT_EQ(first->interval, 3u);
+    EXPECT_EQ(first->remaining, 3u);
+    EXPECT_EQ(first->start_time, 1000u);
+    EXPECT_EQ(table().timer_signals, 0u);
+    ASSERT_EQ(CL_StartTIMER(second, 7, CL_TIMER_PERIODIC, &err), 1u);
+    EXPECT_EQ(second->sub_status, uint32_t{CL_SUB_PERIODIC});
+    EXPECT_EQ(plan.count("setitimer"), 1);
+    EXPECT_EQ(interval_timer().it_interval.tv_sec, 1);
+    EXPECT_EQ(interval_timer().it_interval.tv_usec, 0);
+
+    struct sigaction action {};
+    sigaction(SIGALRM, nullptr, &action);
+    EXPECT_EQ(alarm_handler(), reinterpret_cast<void *>(cl_sigalm));
+    EXPECT_EQ(action.sa_flags & (SA_RESTART | SA_SIGINFO), SA_RESTART | SA_SIGINFO);
+    EXPECT_EQ(sigismember(&action.sa_mask, SIGALRM), 1);
+    raise(SIGALRM);
+    raise(SIGALRM);
+    EXPECT_EQ(table().timer_signals, 2u);
+
+    /* Counting without calling anybody. */
+    test::set_uptime(1002);
+    CL_CommitTIMER();
+    EXPECT_EQ(table().timer_signals, 0u);
+    EXPECT_EQ(first->remaining, 1u);
+    EXPECT_EQ(second->remaining, 5u);
+    CL_CommitTIMER();
+    EXPECT_EQ(first->remaining, 1u) << "nothing came";
+
+    EXPECT_EQ(CL_StopTIMER(first, &err), 1u);
+    EXPECT_EQ(first->interval + first->remaining + first->status, 0u);
+    EXPECT_EQ(first->start_time, 1000u);
+    EXPECT_EQ(plan.count("setitimer"), 1);
+    EXPECT_EQ(CL_StopTIMER(second, &err), 1u);
+    EXPECT_EQ(second->sub_status, 0u);
+    EXPECT_EQ(plan.count("setitimer"), 2);
+    EXPECT_EQ(interval_timer().it_value.tv_sec + interval_timer().it_value.tv_usec, 0);
+    EXPECT_EQ(alarm_handler(), reinterpret_cast<void *>(SIG_IGN));
+    plan.forget_calls();
+    EXPECT_EQ(CL_DeleteFD(second, &err), 1u);
+    EXPECT_EQ(plan.count("setitimer"), 0) << "a stopped timer is only deleted";
+}
+
+TEST_F(Timer, Refuses) {
+    CL_Object *stopped = timer(), *running = timer();
+    CL_Object *other = create(CL_KIND_FD);
+    ASSERT_EQ(CL_StartTIMER(running, 5, CL_TIMER_ONESHOT, &err), 1u);
+    const struct {
+        bool start;
+        CL_Object *object;
+        uint32_t mode;
+        uint8_t flag;
+        uint32_t code, module;
+    } rows[] = {
+        {true, other, CL_TIMER_ONESHOT, 0, EBADF, CL_MODULE_TIMER},
+        {true, running, CL_TIMER_ONESHOT, 0, EBADF, CL_MODULE_TIMER},
+        {true, running, CL_TIMER_ONESHOT, 1, EBADF, CL_MODULE_TIMER},
+        {true, stopped, 9, 0, EINVAL, CL_MODULE_TIMER},
+        {true, stopped, 12, 1, EINVAL, CL_MODULE_TIMER},
+        {true, stopped, 0, 0, EINVAL, CL_MODULE_TIMER},
+        {false, stopped, 0, 0, EBADF, CL_MODULE_TIMER},
+        {false, other, 0, 0, EBADF, CL_MODULE_TIMER},
+        {false, other, 0, 1, EBADF, CL_MODULE_TIMER},
+    };
+    for (const auto &row : rows) {
+        const test::Balance before = test::Balance::now();
+        const uint32_t result =
+            row.start ? CL_StartTIMER_M(row.object, 3, row.mode, &err, row.flag, "x", 1)
+                      : CL_StopTIMER_M(row.object, &err, row.flag, "x", 1);
+        EXPECT_EQ(result, 0u);
+        EXPECT_THAT(err, FailsWith(row.code, row.module));
+        EXPECT_EQ(test::Balance::now(), before);
+    }
+    /* The library times objects of any kind. */
+    EXPECT_EQ(CL_StartTIMER_M(other, 3, CL_TIMER_ONESHOT, &err, 1, "x", 1), 1u);
+    EXPECT_EQ(CL_StopTIMER_M(other, &err, 0, "x", 1), 0u);
+    EXPECT_EQ(CL_StopTIMER_M(other, &err, 1, "x", 1), 1u);
+}
+
+TEST_F(Timer, FailuresOfTheSystem) {
+    const auto start = [this](CL_Object *object) {
+        return CL_StartTIMER(object, 5, CL_TIMER_PERIODIC, &err);
+    };
+    const struct {
+        const char *call;
+        bool starting, running_after;
+        uint32_t code;
+    } rows[] = {
+        {"sysinfo", true, false, EFAULT},       {"sigemptyset", true, true, EFAULT},
+        {"sigaddset", true, true, EFAULT},      {"sigaction", true, true, EFAULT},
+        {"setitimer", true, true, EFAULT},      {"setitimer", false, false, EFAULT},
+        {"signal", false, false, CL_ERR_QUEUE},
+    };
+    for (const auto &row : rows) {
+        CL_Object *object = timer();
+        if (!row.starting) {
+            ASSERT_EQ(start(object), 1u);
+        }
+        {
+            Plan plan{{.call = row.call, .error = EFAULT}};
+            EXPECT_EQ(row.starting ? start(object) : CL_StopTIMER(object, &err), 0u) << row.call;
+            EXPECT_EQ(plan.hits(), 1);
+        }
+        EXPECT_THAT(err, FailsWith(row.code, CL_MODULE_TIMER)) << row.call;
+        EXPECT_EQ(object->status, row.running_after ? uint32_t{CL_STATUS_RUNNING} : 0u) << row.call;
+        EXPECT_EQ(table().timer_list.count, row.running_after ? 1u : 0u);
+        EXPECT_EQ(CL_DeleteFD(object, &err), 1u) << row.call;
+        EXPECT_EQ(table().timer_list.count, 0u);
+    }
+    Action action = [](CL_Object *, CL_Event *) { return 0u; };
+    CL_Object *object = timer(&action);
+    ASSERT_EQ(CL_StartTIMER(object, 0, CL_TIMER_ONESHOT, &err), 1u);
+    {
+        Plan plan{{.call = "sysinfo", .error = EFAULT}};
+        EXPECT_EQ(cl_TimerCheck(1, &err), 0u);
+        EXPECT_THAT(err, FailsWith(EFAULT, CL_MODULE_TIMER));
+    }
+    err = {};
+    EXPECT_EQ(cl_TimerCheck(1, &err), 1u);
+    Plan plan{{.call = "setitimer", .error = EFAULT}};
+    EXPECT_EQ(cl_TimerCall(&err), -1);
+    EXPECT_THAT(err, FailsWith(EFAULT, CL_MODULE_TIMER));
+    EXPECT_EQ(object->status, 0u);
+}
+
+TEST_F(Timer, CallsWithAnEventThatSaysNothingElse) {
+    CL_Event seen{};
+    memset(&seen, 0xee, sizeof seen);
+    Action action = [&](CL_Object *object, CL_Event *event) {
+        seen = *event;
+        EXPECT_EQ(object->status, 0u) << "a one-shot timer is stopped before its callback";
+        EXPECT_EQ(object->interval + object->remaining, 0u);
+        EXPECT_EQ(CL_StartTIMER(object, 4, CL_TIMER_PERIODIC, &err), 1u) << "and can be restarted";
+        return 0u;
+    };
+    CL_Object *object = timer(&action);
+    ASSERT_EQ(CL_StartTIMER(object, 2, CL_TIMER_ONESHOT, &err), 1u);
+    test::set_uptime(1001);
+    EXPECT_EQ(cl_TimerCheck(UINT32_MAX, &err), 0u) << "signals alone make no timer due";
+    EXPECT_EQ(object->remaining, 0u);
+    test::set_uptime(1002);
+    EXPECT_EQ(cl_TimerCheck(0, &err), 1u);
+    EXPECT_EQ(object->remaining, CL_TIMER_DUE);
+    EXPECT_EQ(cl_TimerCall(&err), 0);
+    CL_Event expected{};
+    expected.type = CL_EVENT_TIMER;
+    EXPECT_EQ(memcmp(&seen, &expected, sizeof seen), 0);
+    EXPECT_EQ(object->start_time, 1002u) << "not shifted";
+    EXPECT_EQ(object->remaining, 4u);
+    test::set_uptime(500);
+    EXPECT_EQ(cl_TimerCheck(1, &err), 0u) << "a clock that jumps back makes nothing due";
+    /* A periodic timer that restarts itself starts now, too. */
+    action = [&](CL_Object *self, CL_Event *) {
+        EXPECT_EQ(CL_StopTIMER(self, &err), 1u);
+        EXPECT_EQ(CL_StartTIMER(self, 6, CL_TIMER_PERIODIC, &err), 1u);
+        return 0u;
+    };
+    test::set_uptime(2000);
+    EXPECT_EQ(cl_TimerCheck(1, &err), 1u);
+    EXPECT_EQ(cl_TimerCall(&err), 0);
+    EXPECT_EQ(object->start_time, 2000u);
+    EXPECT_EQ(object->remaining, 6u);
+    EXPECT_EQ(table().timer_cursor, nullptr);
+}
+
+/* Random starts, stops, deletions and callbacks that do all that, against a list. */
+TEST_F(Timer, FollowsItsModel) {
+    test::Random random;
+    struct State {
+        CL_Object *object;
+        int64_t start, interval;
+        bool periodic, due;
+    };
+    std::vector<State> running; /* in order of their start */
+    std::vector<CL_Object *> stopped;
+    int64_t now = 1000;
+    std::ptrdiff_t cursor = -1; /* of the pass */
+    const auto find = [&](const CL_Object *object) {
+        return std::find_if(running.begin(), running.end(),
+                            [=](const State &state) { return state.object == object; });
+    };
+    Action action;
+    const auto stop = [&](CL_Object *object) {
+        const auto at = find(object);
+        if (at - running.begin() <= cursor) {
+            cursor--;
+        }
+        running.erase(at);
+        stopped.push_back(object);
+    };
+    const auto deed = [&](CL_Object *object) {
+        const bool runs = find(object) != running.end();
+        if (!runs && std::count(stopped.begin(), stopped.end(), object) == 0) {
+            return;
+        }
+        const uint32_t choice = random.below(4);
+        if (choice == 0) {
+            ASSERT_EQ(CL_StopTIMER(object, &err), runs ? 1u : 0u);
+            if (runs) {
+                stop(object);
+            }
+        } else if (choice == 1) {
+            const uint32_t seconds = random.below(6);
+            const bool periodic = random.below(2) == 0;
+            ASSERT_EQ(CL_StartTIMER(object, seconds,
+                                    periodic ? CL_TIMER_PERIODIC : CL_TIMER_ONESHOT, &err),
+                      runs ? 0u : 1u);
+            if (runs) {
+                return;
+            }
+            std::erase(stopped, object);
+            running.push_back({object, now, seconds, periodic, false});
+        } else if (choice == 2 && random.below(4) == 0) {
+            ASSERT_EQ(CL_DeleteFD(object, &err), 1u);
+            if (runs) {
+                stop(object);
+            }
+            std::erase(stopped, object);
+            stopped.push_back(timer(&action));
+            ASSERT_NE(stopped.back(), nullptr);
+        }
+    };
+    const auto any = [&] {
+        const auto i = random.below(static_cast<uint32_t>(running.size() + stopped.size()));
+        return i < running.size() ? running[i].object : stopped[i - running.size()];
+    };
+    int calls = 0;
+    uint32_t value = 0;
+    action = [&](CL_Object *object, CL_Event *) {
+        /* The next due timer of the list. */
+        do {
+            cursor++;
+        } while (cursor < std::ssize(running) && !running[static_cast<std::size_t>(cursor)].due);
+        calls++;
+        EXPECT_LT(cursor, std::ssize(running));
+        if (cursor >= std::ssize(running)) {
+            return 1u;
+        }
+        State state = running[static_cast<std::size_t>(cursor)];
+        EXPECT_EQ(object, state.object) << "call " << calls;
+        if (!state.periodic) {
+            stop(object);
+        }
+        for (uint32_t i = random.below(3); i > 0; i--) {
+            deed(random.below(3) == 0 ? object : any());
+        }
+        value = random.below(10) == 0 ? 1 + random.below(100) : 0;
+        if (state.periodic && value == 0) {
+            /* Re-armed unless the callback has stopped it, whatever it did then. */
+            const auto at = find(object);
+            if (at != running.end() && at - running.begin() == cursor) {
+                at->due = false;
+                at->start += at->interval;
+            }
+        }
+        return value;
+    };
+    for (int i = 0; i < 30; i++) {
+        stopped.push_back(timer(&action));
+    }
+    for (int step = 0; step < 3000 && !HasFailure(); step++) {
+        for (uint32_t i = random.below(4); i > 0; i--) {
+            deed(any());
+        }
+        now += random.below(4);
+        test::set_uptime(now);
+        bool due = false;
+        for (State &state : running) {
+            state.due = state.due || now - state.start >= state.interval;
+            due = due || state.due;
+        }
+        ASSERT_EQ(cl_TimerCheck(random.below(3), &err), due ? 1u : 0u);
+        if (!due) {
+            continue;
+        }
+        cursor = -1;
+        value = 0;
+        const int32_t result = cl_TimerCall(&err);
+        ASSERT_EQ(result, static_cast<int32_t>(value));
+        if (result == 0) {
+            for (auto i = cursor + 1; i < std::ssize(running); i++) {
+                ASSERT_FALSE(running[static_cast<std::size_t>(i)].due) << "nobody is forgotten";
+            }
+        }
+        cursor = -1;
+        ASSERT_EQ(table().timer_cursor, nullptr);
+        ASSERT_EQ(table().timer_list.count, running.size());
+        for (const State &state : running) {
+            ASSERT_EQ(state.object->start_time, static_cast<uint64_t>(state.start));
+            ASSERT_EQ(state.object->interval, state.interval);
+        }
+        ASSERT_EQ(alarm_handler(), running.empty() ? reinterpret_cast<void *>(SIG_IGN)
+                                                   : reinterpret_cast<void *>(cl_sigalm));
+    }
+    EXPECT_GT(calls, 500);
+}
+
+/* The one test that lets time pass. */
+TEST(TimerClock, RunsInTheLoop) {
+    CL_ErrInfo err;
+    ASSERT_EQ(CL_Init(5, nullptr, &err), 1u);
+    Action action = [](CL_Object *, CL_Event *) { return 42u; };
+    CL_Object *object =
+        CL_CreateFD(CL_KIND_TIMER, test::call_action, test::address(&action), 0, &err);
+    timespec before;
+    timespec after;
+    clock_gettime(CLOCK_MONOTONIC, &before);
+    ASSERT_EQ(CL_StartTIMER(object, 1, CL_TIMER_ONESHOT, &err), 1u);
+    EXPECT_EQ(CL_EventLoop(&err), 42u);
+    clock_gettime(CLOCK_MONOTONIC, &after);
+    const double seconds = static_cast<double>(after.tv_sec - before.tv_sec) +
+                           static_cast<double>(after.tv_nsec - before.tv_nsec) / 1e9;
+    EXPECT_GE(seconds, 0.9);
+    EXPECT_LT(seconds, 5);
+    EXPECT_EQ(alarm_handler(), reinterpret_cast<void *>(SIG_IGN));
+}
+
+}  // namespace
