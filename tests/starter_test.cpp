@@ -151,7 +151,9 @@ TEST_F(Starter, AProgramThatIsUpEndsWhenItIsAsked) {
     EXPECT_THAT(second.told, ElementsAreArray({"up", "exited 30"}));
     EXPECT_FALSE(first.ended);
     EXPECT_EQ(CL_RequestEnd(first.object, &err), 1u) << err;
-    EXPECT_EQ(CL_RequestEnd(first.object, &err), 1u) << "asking twice does no harm: " << err;
+    /* Asking twice does no harm; the program may be gone already. */
+    EXPECT_TRUE(CL_RequestEnd(first.object, &err) || err.err == EPIPE || err.err == ECONNRESET)
+        << err;
     run_until([&] { return first.ended; });
     EXPECT_THAT(first.told, ElementsAreArray({"up", "exited 30"}));
 }
