@@ -41,17 +41,22 @@ wait_for() {
     done
     complain "waited in vain for '$2' in $1"
 }
-# ends_with STATUS PID
+# ends_with STATUS PID: within twenty seconds.
 ends_with() {
     local status=0
+    for ((i = 0; i < 400; ++i)); do
+        kill -0 "$2" 2>/dev/null || break
+        sleep 0.05
+    done
+    ! kill -0 "$2" 2>/dev/null || complain "process $2 does not end"
     wait "$2" || status=$?
     ((status == $1)) || complain "exit status $status instead of $1"
 }
 
 test_watcher() {
-    # Lines that are there at once, at the lower priority what may wait; ends with the input.
-    "$bin/watcher" -o </etc/passwd >input.out 2>input.log
-    in_order input.out 'callback lines' 'callback digest' \
+    # Everything is ready at once: by priority, then; it ends with the input.
+    timeout 20 "$bin/watcher" -o </etc/passwd >input.out 2>input.log
+    in_order input.out 'callback signals' '^remembers 0 ' 'callback lines' 'callback digest' \
         "by a callback with 1 after $(wc -l </etc/passwd) lines" 'leak report clean'
     expect input.log '^watcher : I 00001 started as process [0-9]+$'
     expect input.log '^watcher: [0-9/]+ [0-9:.]+ I 00003 ended with 1: '
@@ -68,8 +73,7 @@ test_watcher() {
     kill -TERM $watcher
     ends_with 0 $watcher
     exec 7>&-
-    in_order fifo.out 'callback digest' 'callback lines' 'callback signals' 'with 2 after 1000 lines' \
-        'leak report clean'
+    in_order fifo.out 'callback digest' 'callback lines' 'with 2 after 1000 lines' 'leak report clean'
 }
 
 test_echo() {
@@ -91,8 +95,8 @@ test_echo() {
     "$bin/echo_client" -n 200 -d socket >reconnect.out 2>&1 &
     client=$!
     wait_for reconnect.out '^connected'
+    disown $server # bash need not tell that it was killed
     kill -KILL $server
-    wait $server 2>/dev/null || true
     [[ -S socket ]] || complain 'the killed server should have left its socket file'
     "$bin/echo_server" -r 1 -d dump.trc socket >again.out 2>again.log &
     server=$!
@@ -138,17 +142,17 @@ END
     "$bin/supervisor" socket -- "$bin/worker" '/bin/false -q' >line.out 2>line.log &
     supervisor=$!
     wait_for line.out 'false -q: starting again in 2 s'
+    disown $supervisor
     kill -KILL $supervisor
-    wait $supervisor 2>/dev/null || true
     wait_for line.out 'supervisor lost after'
 
-    ! "$bin/supervisor" socket /etc/passwd >bad.out 2>&1 || complain 'took a strange configuration'
+    ! timeout 20 "$bin/supervisor" socket /etc/passwd >bad.out 2>&1 || complain 'took a strange configuration'
     expect bad.out '/etc/passwd, line 1: code 4'
 }
 
 test_pool() {
     for threads in 1 4 16; do
-        "$bin/pool" -t $threads -l 1000000 >pool.out 2>&1
+        timeout 60 "$bin/pool" -t $threads -l 1000000 >pool.out 2>&1
         expect pool.out '^78498 primes below 1000000'
         expect pool.out 'leak report clean'
     done
@@ -166,7 +170,7 @@ test_recorder() {
     wait_for records '^00000500 500$'
     for _ in {1..20}; do
         echo more >&7
-        "$bin/recorder_reader" $segment records >reader.out 2>&1 || complain 'board and file differ'
+        timeout 20 "$bin/recorder_reader" $segment records >reader.out 2>&1 || complain 'board and file differ'
     done
     in_order reader.out '^5[0-9]+ records, the last: 00000' 'the file agrees' 'leak report clean'
     printf unfinished >&7
@@ -175,7 +179,7 @@ test_recorder() {
     tail -n 1 records | grep -Eq '^[0-9]{8} unfinished$' || complain 'the last line is lost'
     [[ $(cut -c1-8 records) == "$(seq -f %08g 1 "$(wc -l <records)")" ]] || complain 'records missing'
     [[ ! -e /dev/shm$segment ]] || complain 'the segment is left'
-    ! "$bin/recorder_reader" $segment records >gone.out 2>&1 || complain 'read what is gone'
+    ! timeout 20 "$bin/recorder_reader" $segment records >gone.out 2>&1 || complain 'read what is gone'
 }
 
 declare -a clients

@@ -1,6 +1,6 @@
 /* A daemon that watches three descriptors of its own, each at a priority:
  *
- *   10  signals   a signalfd: SIGTERM ends it, SIGHUP makes it tell what it remembers
+ *   15  signals   a signalfd: SIGTERM ends it, SIGHUP makes it tell what it remembers
  *   20  lines     a FIFO, or standard input: the lines that somebody feeds it
  *   90  digest    an eventfd that the lines callback raises: work that may wait until nothing
  *                 more urgent is left in the same round
@@ -11,7 +11,7 @@
  *
  *   watcher [-l BYTES] [-o] [FIFO]
  *     -l BYTES  memory limit (default 65536)
- *     -o        show the order of the first callbacks
+ *     -o        have signals and digest ready when the loop begins, and show the first callbacks
  */
 #define _GNU_SOURCE
 #include "example.h"
@@ -23,7 +23,7 @@
 #include <unistd.h>
 
 enum { AT_END_OF_INPUT = 1, AT_REQUEST = 2 }; /* values that end the loop */
-enum { SHOWN_CALLBACKS = 6, LINE_ROOM = 4096 };
+enum { SHOWN_CALLBACKS = 6, LINE_ROOM = 32768 };
 enum { MESSAGE_STARTED = 1, MESSAGE_FORGOT = 2, MESSAGE_ENDED = 3, MESSAGE_STATE = 4 };
 
 #ifndef WATCHER_CATALOGUE
@@ -199,7 +199,7 @@ int main(int argc, char **argv) {
     }
 
     CL_ErrInfo err;
-    Watch signals = {"signals", open_signals(), 10, NULL};
+    Watch signals = {"signals", open_signals(), 15, NULL};
     example_begin("watcher", 3, NULL);
     if (!CL_LOG_Init_M("watcher", WATCHER_CATALOGUE, NULL, "watcher.log", &err))
         example_fail("CL_LOG_Init", &err);
@@ -207,7 +207,7 @@ int main(int argc, char **argv) {
     CL_QUE_InitQT(&memory, offsetof(Line, link));
 
     Watch lines = {"lines", STDIN_FILENO, 20, NULL};
-    Watch digest = {"digest", eventfd(1, EFD_NONBLOCK | EFD_CLOEXEC), 90, NULL};
+    Watch digest = {"digest", eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC), 90, NULL};
     if (optind < argc) lines.fd = open(argv[optind], O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (signals.fd < 0 || lines.fd < 0 || digest.fd < 0) example_fail_errno("descriptors");
 
@@ -216,6 +216,8 @@ int main(int argc, char **argv) {
     watch_it(&lines, on_lines, &digest);
     watch_it(&signals, on_signal, NULL);
     TELL(CL_LOG_INFO, MESSAGE_STARTED, "d", (int32_t)getpid());
+    if (callbacks_to_show && (eventfd_write(digest.fd, 1) != 0 || raise(SIGHUP) != 0))
+        example_fail_errno("raise");
 
     const uint32_t result = CL_EventLoop(&err);
     if (result == CL_LOOP_ERROR) example_fail("CL_EventLoop", &err);
