@@ -14,6 +14,10 @@
  * and objects. For each of them there is a macro of the same name without `_M` that supplies the
  * last three arguments: CL_CreateFD(kind, callback, a1, a2, &err).
  *
+ * A line that begins with "Errors:" lists the codes that a failing operation leaves in `err`, or
+ * returns where it takes no error record: errno values as numbers, the library's own by name, and
+ * "errno" for whatever the system calls behind it report.
+ *
  * Nothing here is locked: one thread drives the library, the one that runs the loop. */
 #ifndef QVCL_BASE_H
 #define QVCL_BASE_H

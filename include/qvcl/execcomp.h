@@ -28,7 +28,8 @@ QVCL_API uint32_t cl_ExecCWaitCallback(CL_Object *connection, CL_Event *event, u
 /* END(ExecComp): calls the end callback and deletes the object. */
 QVCL_API uint32_t cl_EndCallback(CL_Object *end, CL_Event *event, uint64_t arg1, uint64_t arg2);
 
-/* Release of the EXECS object: deletes all report connections, then closes the server. */
+/* Release of the EXECS object: deletes all report connections, then closes the server. 1, or 0.
+ * Errors: CL_ERR_STATE, CL_ERR_QUEUE, errno (close). */
 QVCL_API uint32_t cl_DeleteEXECS_M(CL_Object *server, CL_ErrInfo *err);
 
 QVCL_END

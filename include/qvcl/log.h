@@ -27,8 +27,8 @@ typedef int (*CL_LogCallback)(int kind, const char *line);
 
 /* Sets up the log; may be repeated. name: identity, at most 31 characters. catalogue, altCatalogue:
  * message catalogues as of catopen(3), at most 255 characters; one may be null. logPath: file whose
- * generations cl_log_lotate rotates, at most 252 characters. 1 with err untouched; 0 with err 22
- * (name, both catalogues or logPath null), 36 (too long), module 12. */
+ * generations cl_log_lotate rotates, at most 252 characters. 1 with err untouched, or 0. Module 12.
+ * Errors: 22 (name, both catalogues or logPath null), 36 (one of them too long). */
 QVCL_API uint32_t CL_LOG_Init_M(const char *name, const char *catalogue, const char *altCatalogue,
                                 const char *logPath, CL_ErrInfo *err);
 QVCL_API uint32_t cl_log_init(const char *name, const char *catalogue, const char *altCatalogue,

@@ -149,23 +149,29 @@ CL_LAYOUT_AT(CL_MainBlock, saved_sigusr1, 2072);
 CL_LAYOUT_AT(CL_MainBlock, log_callback, 2224);
 CL_LAYOUT_SIZE(CL_MainBlock, 2232);
 
-QVCL_API extern CL_MainBlock CL_EM_MainTable; /* storage; reach it through CL_MainTable */
+/* The table: CL_EM_MainTable is its storage, and everything reaches it through CL_MainTable. */
+QVCL_API extern CL_MainBlock CL_EM_MainTable;
 QVCL_API extern CL_MainBlock *CL_MainTable;
 
 /* Initialises the library. count: objects that the application needs, at most 10000. execPath:
  * socket path (at most 107 characters) of the exec-completion server, null or empty for none.
  * SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGUSR2 and SIGPROF are ignored from then on, and SIGCHLD is
- * the library's. 1; 0 with err 1 (not in the constructed state), 36 (path), 22 (count): may be
- * called again; or the error of the step that failed: state CL_STATE_FAILED. */
+ * the library's. 1; 0: after 1, 36 and 22 nothing has changed, and the call may be repeated after
+ * the last two; after any other the state is CL_STATE_FAILED.
+ * Errors: 1 (not in the constructed state), 36 (path too long), 22 (count too large), 12 (no memory
+ * for the table), 24 (server's descriptor beyond the loop's sets), CL_ERR_QUEUE, errno (opening the
+ * server, installing the SIGCHLD handler). */
 QVCL_API uint32_t CL_Init_M(uint32_t count, const char *execPath, CL_ErrInfo *err,
                             uint8_t callerFlag, const char *file, uint32_t line);
 #define CL_Init(count, execPath, err) CL_Init_M((count), (execPath), (err), CL_HERE)
 QVCL_API uint32_t cl_init(uint32_t count, const char *execPath, CL_ErrInfo *err);
 
-/* Ends the library: deletes the exec-completion server and reports blocks and objects that are
- * left to the internal log (the library's own too when the environment variable CLLIB_DEBUG is
- * exactly "1"); releases nothing else. 1 with err untouched (CL_ERR_QUEUE in it when the server
- * could not be deleted); 0 with CL_ERR_STATE when the library is not initialised. */
+/* Ends the library: deletes the exec-completion server and reports blocks and objects that are left
+ * to the internal log (the library's own too when the environment variable CLLIB_DEBUG is exactly
+ * "1"); releases nothing else. 1 with err untouched, or CL_ERR_QUEUE in it when the server could
+ * not be deleted; 0.
+ * Errors: CL_ERR_STATE (not initialised, or ended), CL_ERR_QUEUE (server not deleted; the result is
+ * 1). */
 QVCL_API uint32_t CL_End_M(CL_ErrInfo *err, uint8_t callerFlag, const char *file, uint32_t line);
 #define CL_End(err) CL_End_M((err), CL_HERE)
 QVCL_API uint32_t cl_end(CL_ErrInfo *err);

@@ -74,13 +74,15 @@ enum {
 enum { CL_MSG_EXEC_COMPLETE = 1, CL_MSG_END_REQUEST = 2 };
 
 /* Receive step: reads on. 1 when `event` holds CL_EVENT_MESSAGE or CL_EVENT_DISCONNECT, 0 when the
- * socket has no more bytes for now. A header with a length below 16 or above the capacity (90),
- * or another version (71), ends the connection. */
+ * socket has no more bytes for now. Each of the errors ends the connection.
+ * Errors: 32 (peer closed), 90 (length above the capacity), 71 (another version, or a length below
+ * 16), errno (recv). */
 QVCL_API uint32_t cl_recv(CL_Object *connection, CL_Event *event, CL_ErrInfo *err);
 
 /* Send step: writes the head of the send queue. Its length when it is out (CL_EVENT_SENT in
- * `event`, block off the queue); 0 with CL_ERR_IN_PROGRESS when the socket is full; -1 with
- * CL_EVENT_DISCONNECT, or (CL_ERR_QUEUE) when nothing is queued. */
+ * `event`, block off the queue); 0 when the socket is full; -1 with CL_EVENT_DISCONNECT, or, when
+ * nothing is queued, without an event.
+ * Errors: CL_ERR_IN_PROGRESS (socket full), CL_ERR_QUEUE (nothing queued), errno (send). */
 QVCL_API int32_t cl_send(CL_Object *connection, CL_Event *event, CL_ErrInfo *err);
 
 /* Fills a disconnect event, moving the send queue into it. */
@@ -89,13 +91,20 @@ QVCL_API void cl_setdiscivent(CL_Event *event, CL_Object *connection, const CL_E
 /* Takes the head block off the send queue and fills a send-complete event with it. */
 QVCL_API void cl_setsendcmp(CL_Event *event, CL_Object *connection);
 
-/* Synchronous transfer of one message; timeout in seconds, 0 for none. The message length, -1 with
- * err, or the end callback's result (err 4) when the end watch fires. */
+/* Synchronous transfer of one message; timeout in seconds, 0 for none. The message length, -1, or
+ * the end callback's result when the end watch fires.
+ * Errors: 24 (descriptor beyond the wait's sets), 110 (timed out), 4 (end watch), 32 (peer closed),
+ * 90 (length above the capacity), 71 (not a message), errno (recv, pselect, sigprocmask, and the
+ * calls of timers). */
 QVCL_API int32_t cl_recv_sync(CL_Object *connection, uint32_t timeout, CL_ErrInfo *err);
+/* The same for sending.
+ * Errors: 24 (descriptor beyond the wait's sets), 110 (timed out), 4 (end watch), errno (send,
+ * pselect, sigprocmask, and the calls of timers). */
 QVCL_API int32_t cl_send_sync(CL_Object *connection, uint32_t timeout, CL_ErrInfo *err);
 
 /* Blocks SIGALRM (previous mask in `saved`) and applies timer ticks. 0 with the signal blocked; 2
- * timed out (110); -1 with err. */
+ * timed out; -1.
+ * Errors: 110 (timed out), errno (sigprocmask). */
 QVCL_API int32_t cl_msgc_sigcheck(CL_Object *connection, uint32_t timeout, const sigset_t *alarm,
                                   sigset_t *saved, CL_ErrInfo *err);
 
@@ -105,7 +114,8 @@ QVCL_API void cl_make_recv_fd(const CL_Object *connection, const CL_Object *end,
 QVCL_API void cl_make_send_fd(const CL_Object *connection, const CL_Object *end, fd_set *read,
                               fd_set *write, int32_t *count);
 
-/* 1 when the end object's connection delivered an end request or has ended, else 0. */
+/* 1 when the end object's connection delivered an end request or has ended, else 0.
+ * Errors: 32 (peer closed), 90 (message above 20 bytes), 71 (not a message), errno (recv). */
 QVCL_API uint32_t cl_recv_end(CL_Object *end, CL_ErrInfo *err);
 
 QVCL_END

@@ -126,7 +126,9 @@ QVCL_API void *CL_QUE_BSearch(const CL_Queue *queue, const void *key, int32_t mo
                               CL_Comparator compare);
 
 /* Links `element` as `flags` say. `reference` serves the relative flags only, `work` and `compare`
- * the sorted ones only. Result: CL_QUE_INSERTED, or a code that says why nothing changed. */
+ * the sorted ones only. CL_QUE_INSERTED, or the error: nothing changed.
+ * Errors: CL_QUE_SEARCH_FAILED (no memory), CL_QUE_DUPLICATE, CL_QUE_REFUSED (flags, element null
+ * or queued), CL_QUE_BAD_REFERENCE. */
 QVCL_API uint32_t CL_QUE_Insert(CL_Queue *queue, void *element, uint32_t flags, void *reference,
                                 void **work, CL_Comparator compare);
 

@@ -16,7 +16,8 @@
 QVCL_BEGIN
 
 /* Installs the SIGUSR1 handler and clears the wake-up flag; the action found is kept in the main
- * table. 1; 0 with err = errno of the failed call. */
+ * table. 1, or 0.
+ * Errors: errno (sigaction). */
 QVCL_API uint32_t clSIGUSR1Initialize(CL_ErrInfo *err);
 
 /* Sets SIGUSR1 to be ignored. Always 1. */
@@ -25,26 +26,32 @@ QVCL_API uint32_t clSIGUSR1End(void);
 /* The handler: sets the wake-up flag. */
 QVCL_API void clSIGUSR1Action(int signal);
 
-/* Makes a THREAD object ready. 1; 0 with err 9 (invalid handle, or not a THREAD object and
- * callerFlag 0) or CL_ERR_STATE. On success err keeps what the caller passed in. */
+/* Makes a THREAD object ready. 1, or 0. On success err keeps what the caller passed in.
+ * Errors: CL_ERR_STATE, 9 (invalid handle, or not a THREAD object and callerFlag 0). */
 QVCL_API uint32_t CL_SetThreadFd_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag,
                                    const char *file, uint32_t line);
 #define CL_SetThreadFd(object, err) CL_SetThreadFd_M((object), (err), CL_HERE)
 QVCL_API uint32_t cl_setThreadFd(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag,
                                  const char *file, uint32_t line);
 
-/* As CL_EventLoop_M. */
+/* As CL_EventLoop_M.
+ * Errors: 9 (an object could not take part, and its callback returned 0), CL_ERR_QUEUE, errno
+ * (pthread_sigmask, pselect, and the calls of timers and children). */
 QVCL_API uint32_t CL_EventLoopThread_M(CL_ErrInfo *err, uint8_t callerFlag, const char *file,
                                        uint32_t line);
 #define CL_EventLoopThread(err) CL_EventLoopThread_M((err), CL_HERE)
 QVCL_API uint32_t cl_eventloopThread(CL_ErrInfo *err);
 
-/* As cl_sigcheck and cl_fdcheck, with the wake-up. */
+/* As cl_sigcheck, with the wake-up.
+ * Errors: errno (pthread_sigmask). */
 QVCL_API uint32_t cl_sigcheckThread(uint32_t always_unblock, const sigset_t *set, sigset_t *saved,
                                     CL_ErrInfo *err);
+/* As cl_fdcheck, with the wake-up.
+ * Errors: CL_ERR_QUEUE. */
 QVCL_API uint32_t cl_fdcheckThread(const sigset_t *set, sigset_t *saved, CL_ErrInfo *err);
 
-/* Calls every listed THREAD object. 0, the first non-zero value of a callback, or CL_LOOP_ERROR. */
+/* Calls every listed THREAD object. 0, the first non-zero value of a callback, or CL_LOOP_ERROR.
+ * Errors: CL_ERR_QUEUE. */
 QVCL_API uint32_t cl_ThreadCallBack(CL_ErrInfo *err);
 
 QVCL_END

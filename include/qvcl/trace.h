@@ -93,8 +93,9 @@ typedef void (*CL_DumpCallback)(void);
 
 /* Creates a ring of library memory. prefix: of trace file names, at most 200 characters; may be
  * null for the library ring. entrySize: at least 32 bytes; entryCount: at least 1. dumpCallback:
- * kept for the user ring only, may be null. 0; 14 (prefix), 36 (prefix too long), 22 (size or
- * count), 114 (the ring exists), 12 (no memory). */
+ * kept for the user ring only, may be null. 0, or the error.
+ * Errors: 14 (user ring without a prefix), 36 (prefix too long), 22 (size or count), 114 (the ring
+ * exists), 12 (no memory). */
 QVCL_API uint32_t CL_TRC_Init_M(const char *prefix, uint32_t entrySize, uint32_t entryCount,
                                 CL_DumpCallback dumpCallback, int ring);
 QVCL_API uint32_t cl_trc_init(int ring, const char *prefix, uint32_t entrySize, uint32_t entryCount,
@@ -105,12 +106,14 @@ QVCL_API uint32_t cl_trc_init(int ring, const char *prefix, uint32_t entrySize, 
 QVCL_API void CL_TRC_End_M(int ring);
 
 /* Appends a record, at least 32 bytes beginning as CL_TrcHead; its time is filled in, also in the
- * caller's copy. ring: 0 user, any other library. 0; 14 (record null), CL_ERR_STATE (no ring), 7
- * (needs more entries than the ring has). */
+ * caller's copy. ring: 0 user, any other library. 0, or the error.
+ * Errors: 14 (record null), CL_ERR_STATE (no such ring), 7 (needs more entries than the ring has).
+ */
 QVCL_API uint32_t CL_TRC_Write_M(void *record, int ring);
 
 /* Creates the library ring with the size that CL_TRC_NUM says; the library does it when it is
- * loaded. The result of CL_TRC_Init_M. */
+ * loaded. 0, or the error.
+ * Errors: 114 (the ring exists), 12 (no memory). */
 QVCL_API uint32_t CL_INTRC_Init(void);
 
 /* Dumps rings and tables. path: file to write (mode 0600, truncated); null for the user ring's

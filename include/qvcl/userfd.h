@@ -12,8 +12,8 @@ QVCL_BEGIN
 
 /* Gives the object its sets: descriptors 0 to count - 1 of each (null: none); count at most 1024.
  * The sets are copied, and may be replaced at any time; a listed object uses the new ones from the
- * next iteration on. 1; 0 with err 9 (invalid handle, not an FD object), 22 (count), CL_ERR_STATE;
- * nothing changed. */
+ * next iteration on. 1; 0, nothing changed.
+ * Errors: CL_ERR_STATE, 9 (invalid handle, not an FD object), 22 (count). */
 QVCL_API uint32_t CL_SetFD_M(CL_Object *object, uint32_t count, const fd_set *readSet,
                              const fd_set *writeSet, const fd_set *exceptSet, CL_ErrInfo *err,
                              uint8_t callerFlag, const char *file, uint32_t line);
@@ -23,10 +23,12 @@ QVCL_API uint32_t cl_setfd(CL_Object *object, uint32_t count, const fd_set *read
                            const fd_set *writeSet, const fd_set *exceptSet, CL_ErrInfo *err,
                            uint8_t callerFlag);
 
-/* The loop's steps: add to the sets (0, or 9 when the object is not ready); check (0, or the
- * callback's result). */
+/* The loop's step before the wait: adds to the sets. 0, or 9 when the object cannot take part; its
+ * error record says why.
+ * Errors: 9 (no sets given). */
 QVCL_API uint32_t cl_MakeListLFD_M(CL_Object *object, uint8_t callerFlag, const char *file,
                                    uint32_t line);
+/* The loop's step after the wait. 0, or the callback's result. */
 QVCL_API uint32_t cl_CheckLFD_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag,
                                 const char *file, uint32_t line);
 
