@@ -80,8 +80,11 @@ uint32_t cl_trc_init(int ring, const char *prefix, uint32_t entrySize, uint32_t 
                      CL_DumpCallback dumpCallback) {
     CL_TraceRing *&field = ring_field(ring);
     if (field != nullptr) return EALREADY;
-    const uint64_t size =
-        sizeof(CL_TraceRing) + uint64_t{entryCount} * (uint64_t{entrySize} + sizeof(CL_TraceEntry));
+    uint64_t size = uint64_t{entrySize} + sizeof(CL_TraceEntry);
+    if (__builtin_mul_overflow(size, uint64_t{entryCount}, &size) ||
+        __builtin_add_overflow(size, sizeof(CL_TraceRing), &size)) {
+        return ENOMEM;
+    }
     auto *block = static_cast<CL_TraceRing *>(CL_malloc_M(size, 1, kFile, __LINE__));
     if (block == nullptr) return ENOMEM;
     qvcl::write_table_header(&block->header, ring != CL_RING_USER ? CL_EYE_LIBTRC : CL_EYE_USRTRC,
