@@ -33,10 +33,12 @@ in_order() {
         ((from += found))
     done
 }
-# wait_for FILE PATTERN: at most ten seconds.
+# wait_for FILE PATTERN [COUNT]: at most ten seconds, until so many lines match.
 wait_for() {
+    local found
     for ((i = 0; i < 200; ++i)); do
-        grep -Eqs -- "$2" "$1" && return
+        found=$(grep -Ecs -- "$2" "$1") || true
+        ((${found:-0} < ${3-1})) || return 0
         sleep 0.05
     done
     complain "waited in vain for '$2' in $1"
@@ -125,7 +127,7 @@ command = $work/missing
 END
     "$bin/supervisor" socket programs.conf >conf.out 2>conf.log &
     local supervisor=$!
-    wait_for conf.out '2-crashes: killed by signal 6'
+    wait_for conf.out '2-crashes: up' 2
     wait_for conf.out '4-missing: starting again in 2 s'
     kill -TERM $supervisor
     ends_with 0 $supervisor
