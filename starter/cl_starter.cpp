@@ -16,22 +16,15 @@
 #include <cerrno>
 #include <csignal>
 
+#include "core/error.h"
+
 namespace {
 
 // A starter that is busy starting others accepts nobody meanwhile, and its backlog has an end.
 constexpr uint32_t kConnectPause = 20;      // milliseconds
 constexpr uint32_t kConnectAttempts = 500;  // ten seconds
 
-// Fills the record of a failure found here; the result is that of the failing operation.
-bool fail(CL_ErrInfo *err, uint32_t code, uint32_t line = __builtin_LINE()) {
-    *err = {0, code, CL_MODULE_STARTER, line, CL_MainTable->version};
-    CL_SetIndependErr(err);
-    return false;
-}
-
-bool fail_errno(CL_ErrInfo *err, uint32_t line = __builtin_LINE()) {
-    return fail(err, static_cast<uint32_t>(errno), line);
-}
+constexpr qvcl::Failure fail{CL_MODULE_STARTER};
 
 // Undoing must not hide why it is done: it reports into a record of its own.
 void discard(CL_Object *object, const char *file, uint32_t line) {
@@ -112,7 +105,7 @@ pid_t fork_into(const CL_Program *program, int report, CL_ErrInfo *err) {
     cl_u_pthread_sigmask(SIG_SETMASK, &all, &saved);
     const pid_t pid = cl_u_fork();
     if (pid == 0) become(program, report);
-    if (pid < 0) fail_errno(err);
+    if (pid < 0) fail.sys(err);
     cl_u_pthread_sigmask(SIG_SETMASK, &saved, nullptr);
     return pid;
 }
@@ -122,7 +115,7 @@ pid_t fork_into(const CL_Program *program, int report, CL_ErrInfo *err) {
 pid_t spawn(const CL_Program *program, CL_ErrInfo *err) {
     int pipe[2];
     if (pipe2(pipe, O_CLOEXEC) != 0) {
-        fail_errno(err);
+        fail.sys(err);
         return -1;
     }
     pid_t pid = fork_into(program, pipe[1], err);
@@ -138,29 +131,30 @@ pid_t spawn(const CL_Program *program, CL_ErrInfo *err) {
 }
 
 // Makes the object stand for the child: from here on the loop finds its report and its end.
-bool adopt(CL_Object *child, pid_t pid, bool await_report, CL_ErrInfo *err, const char *file,
-           uint32_t line) {
+uint32_t adopt(CL_Object *child, pid_t pid, bool await_report, CL_ErrInfo *err, const char *file,
+               uint32_t line) {
     child->child.pid = static_cast<uint32_t>(pid);
     cl_StatusChange_M(child, CL_STATUS_READY, await_report ? CL_SUB_EXEC_AWAITED : 0, file, line);
     CL_Queue *waiting = &CL_MainTable->exec_wait_list;
     if (await_report && !CL_QUE_PutTail(waiting, child)) return fail(err, CL_ERR_QUEUE);
-    if (CL_AddEventList_M(child, CL_PRIORITY_FIRST, err, 1, file, line)) return true;
+    if (CL_AddEventList_M(child, CL_PRIORITY_FIRST, err, 1, file, line)) return 1;
     if (await_report) CL_QUE_GetData(waiting, child);
-    return false;
+    return 0;
 }
 
-bool may_start(const CL_Program *program, CL_Callback callback, CL_ErrInfo *err) {
+uint32_t may_start(const CL_Program *program, CL_Callback callback, CL_ErrInfo *err) {
     if (CL_MainTable->state != CL_STATE_INITIALISED) return fail(err, CL_ERR_STATE);
     if (!program || !program->path || !program->arguments || !callback) return fail(err, EFAULT);
     if (program->await_report && !CL_MainTable->execs) return fail(err, EINVAL);
-    return true;
+    return 1;
 }
 
 // --- The started program's side of the channel ---
 
-bool may_report(const char *path, CL_Callback endCallback, CL_ErrInfo *err) {
+uint32_t may_report(const char *path, CL_Callback endCallback, CL_ErrInfo *err) {
     if (!path || !*path) return fail(err, ENOENT);
-    return endCallback || fail(err, EFAULT);
+    if (!endCallback) return fail(err, EFAULT);
+    return 1;
 }
 
 bool connect_to_starter(CL_Object *end, const char *path, CL_ErrInfo *err, const char *file,
@@ -223,8 +217,9 @@ extern "C" uint32_t CL_RequestEnd(CL_Object *child, CL_ErrInfo *err) {
     // So short a message goes into the socket whole or not at all.
     const int32_t sent =
         cl_u_send(child->descriptor, &request, sizeof request, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (sent < 0) return fail_errno(err);
-    return sent == static_cast<int32_t>(sizeof request) || fail(err, EAGAIN);
+    if (sent < 0) return fail.sys(err);
+    if (sent != static_cast<int32_t>(sizeof request)) return fail(err, EAGAIN);
+    return 1;
 }
 
 // The report goes out last: who has reported is listening.
@@ -266,12 +261,12 @@ extern "C" uint32_t CL_NotifyManager(const char *state, CL_ErrInfo *err) {
     if (*path == '@') address.sun_path[0] = '\0';  // a name that is no file
 
     const int fd = cl_u_socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return fail_errno(err);
+    if (fd < 0) return fail.sys(err);
     const socklen_t size = static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) + length);
     const bool sent =
         cl_u_connect(fd, reinterpret_cast<const struct sockaddr *>(&address), size) == 0 &&
         cl_u_send(fd, state, strlen(state), MSG_NOSIGNAL) >= 0;
-    if (!sent) fail_errno(err);
+    if (!sent) fail.sys(err);
     cl_u_close(fd);
     return sent;
 }

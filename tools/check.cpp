@@ -9,36 +9,23 @@ namespace trace_reader {
 
 namespace {
 
-constexpr struct {
-    uint32_t kind;
-    size_t place;
-    std::string_view name;
-} KIND_QUEUES[] = {
-#define KIND_QUEUE(number, symbol, name) \
-    {number, offsetof(CL_MainBlock, kind_queues[CL_KIND_QUEUE_##symbol]), name},
-    CL_KINDS(KIND_QUEUE)
-#undef KIND_QUEUE
-};
-
-// For each slot the lists that it is on: bit i for the i-th list that was followed.
+// For each slot the queues that it is on: bit i for the i-th.
 class Memberships {
   public:
     explicit Memberships(Dump &dump) : bits(dump.objects.size()) {
-        for (const auto lists : {TABLE_QUEUES, EVENT_LISTS})
-            for (const QueueView &view : lists) {
-                for (const uint64_t slot : dump.follow(view))
-                    bits[slot] |= uint64_t{1} << places.size();
-                places.push_back(view.place);
-            }
+        for (size_t i = 0; i < QUEUES.size(); ++i)
+            for (const uint64_t slot : dump.follow(QUEUES[i]))
+                bits[slot] |= uint64_t{1} << i;
     }
-    bool on(uint64_t slot, size_t place) const {
-        const auto index = std::ranges::find(places, place) - places.begin();
-        return bits[slot] >> index & 1;
+    template <typename Condition>
+    bool any(uint64_t slot, Condition condition) const {
+        for (size_t i = 0; i < QUEUES.size(); ++i)
+            if (bits[slot] >> i & 1 && condition(QUEUES[i])) return true;
+        return false;
     }
 
   private:
     std::vector<uint64_t> bits;
-    std::vector<size_t> places;
 };
 
 void check_main(Dump &dump) {
@@ -69,33 +56,42 @@ void check_main(Dump &dump) {
         if (object && !dump.slot_of(address(object))) complain(place, "the address of no object");
 }
 
-void check_object(Dump &dump, const Memberships &lists, uint64_t slot) {
+void check_object(Dump &dump, const Memberships &queues, uint64_t slot) {
     const CL_Object &object = dump.objects[slot];
-    const auto on = [&](size_t place) { return lists.on(slot, place); };
+    const auto on = [&](size_t place) {
+        return queues.any(slot, [&](const QueueView &view) { return view.place == place; });
+    };
     const auto complain = [&](size_t place, const auto &...what) {
         dump.problems.add(dump.offset_of(slot) + place, "#", slot, what...);
     };
     if (object.own_address != dump.address_of(slot))
         complain(offsetof(CL_Object, own_address), " has another address");
+    for (size_t link = 0; link < offsetof(CL_Object, created_before);
+         link += sizeof(CL_QueueLink)) {
+        const auto value = load<CL_QueueLink>(bytes_of(object), link);
+        if ((value.next || value.previous || value.owner) &&
+            !queues.any(slot, [&](const QueueView &view) { return view.link == link; }))
+            complain(link, " is linked to no queue");
+    }
     const bool live = on(offsetof(CL_MainBlock, used_queue));
     if (live == on(offsetof(CL_MainBlock, free_queue)))
         complain(offsetof(CL_Object, link),
                  live ? " is free and used" : " is neither free nor used");
-    for (const auto &[kind, place, name] : KIND_QUEUES)
-        if (on(place) && (!live || object.kind != kind))
-            complain(offsetof(CL_Object, kind_link), " is on the queue of ", name);
     if (live && kind_name(object.kind).empty())
         complain(offsetof(CL_Object, kind), " is of kind ", object.kind);
+    if (queues.any(slot, [&](const QueueView &view) {
+            return view.kind && (!live || view.kind != object.kind);
+        }))
+        complain(offsetof(CL_Object, kind_link), " is on the queue of another kind");
     const bool listed =
         on(offsetof(CL_MainBlock, priority_list)) || on(offsetof(CL_MainBlock, pending_list)) ||
         on(offsetof(CL_MainBlock, child_list)) || on(offsetof(CL_MainBlock, thread_list));
     if (listed != !!(object.status & CL_STATUS_LISTED))
-        complain(offsetof(CL_Object, status), listed ? " is on a list" : " is on no list",
+        complain(offsetof(CL_Object, status), listed ? " is listed" : " is not listed",
                  ", its status says otherwise");
     const bool timing = on(offsetof(CL_MainBlock, timer_list));
     if (timing != !!(object.status & CL_STATUS_RUNNING))
-        complain(offsetof(CL_Object, status),
-                 timing ? " is on the timer list" : " is on no timer list",
+        complain(offsetof(CL_Object, status), timing ? " is timed" : " is not timed",
                  ", its status says otherwise");
 }
 
@@ -107,9 +103,9 @@ bool check(Dumps dumps, const Options &, Text &out) {
     uint64_t live = 0;
     if (dump.main_block.size) {
         check_main(dump);
-        const Memberships lists(dump);
+        const Memberships queues(dump);
         for (uint64_t slot = 0; slot < dump.objects.size(); ++slot) {
-            check_object(dump, lists, slot);
+            check_object(dump, queues, slot);
             live += dump.is_live(slot);
         }
     }

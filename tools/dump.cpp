@@ -69,7 +69,7 @@ uint64_t Loader::find(uint64_t offset, size_t from) const {
 // Passes the header text: NUL-terminated, then zeros up to the next multiple, at least one.
 uint64_t Loader::first_block() {
     const uint64_t first = find(0, 0);
-    if (first == 0) return 0;
+    if (first == 0 && dump.size) return 0;
     std::string text(std::min(first, LONGEST_TEXT), '\0');
     text.resize(source.read(0, text.data(), text.size()));
     const uint64_t end = std::min(text.find('\0'), text.size()) + 1;
@@ -277,22 +277,21 @@ std::vector<uint64_t> Dump::follow(const QueueView &view) {
 }
 
 namespace {
-#define LIST(name, queue, link) \
-    { name, offsetof(CL_MainBlock, queue), offsetof(CL_Object, link) }
-constexpr QueueView TABLES[] = {LIST("free queue", free_queue, link),
-                                LIST("used queue", used_queue, link),
-#define KIND_LIST(number, symbol, name) LIST(name, kind_queues[CL_KIND_QUEUE_##symbol], kind_link),
-                                CL_KINDS(KIND_LIST)
-#undef KIND_LIST
+#define QUEUE(name, queue, link) name, offsetof(CL_MainBlock, queue), offsetof(CL_Object, link)
+constexpr QueueView VIEWS[] = {{QUEUE("priority list", priority_list, event_link)},
+                               {QUEUE("pending list", pending_list, event_link)},
+                               {QUEUE("timer list", timer_list, timer_link)},
+                               {QUEUE("child list", child_list, child_link)},
+                               {QUEUE("thread list", thread_list, thread_link)},
+                               {QUEUE("exec wait list", exec_wait_list, exec_link)},
+                               {QUEUE("free queue", free_queue, link)},
+                               {QUEUE("used queue", used_queue, link)},
+#define KIND_QUEUE(number, symbol, name) \
+    {QUEUE(name, kind_queues[CL_KIND_QUEUE_##symbol], kind_link), number},
+                               CL_KINDS(KIND_QUEUE)
+#undef KIND_QUEUE
 };
-constexpr QueueView LISTS[] = {LIST("priority list", priority_list, event_link),
-                               LIST("pending list", pending_list, event_link),
-                               LIST("timer list", timer_list, timer_link),
-                               LIST("child list", child_list, child_link),
-                               LIST("thread list", thread_list, thread_link),
-                               LIST("exec wait list", exec_wait_list, exec_link)};
 }  // namespace
-constinit const std::span<const QueueView> TABLE_QUEUES = TABLES;
-constinit const std::span<const QueueView> EVENT_LISTS = LISTS;
+constinit const std::span<const QueueView> QUEUES = VIEWS;
 
 }  // namespace trace_reader

@@ -60,11 +60,11 @@ struct Ring {
 // A queue of descriptor objects in the main table.
 struct QueueView {
     std::string_view name;
-    size_t place;  // in the main table
-    size_t link;   // in each object
+    size_t place;       // in the main table
+    size_t link;        // in each object
+    uint32_t kind = 0;  // of all its objects
 };
-extern const std::span<const QueueView> TABLE_QUEUES;  // free, used, then one of each kind
-extern const std::span<const QueueView> EVENT_LISTS;
+extern const std::span<const QueueView> QUEUES;
 
 struct Dump {
     std::string name;

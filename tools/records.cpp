@@ -38,22 +38,26 @@ bool length_fits(const CL_TrcOperation &operation, uint64_t length) {
     return length == operation.length;
 }
 
-// The entries of one ring from the oldest to the newest.
+// The records of one ring from the oldest to the newest.
 class RingWalk {
   public:
-    RingWalk(Dump &d, int number) : dump(d), ring(d.rings[number]), which(number) {}
-    void run(Records &out, std::vector<std::unique_ptr<uint8_t[]>> &joined);
+    RingWalk(Dump &d, int number, Records &o, Joined &j)
+        : dump(d), ring(d.rings[number]), which(number), out(o), joined(j) {}
+    void run();
 
   private:
     void bounds();
+    uint64_t index(uint64_t k) const { return (start + k) % ring.head.entry_count; }
     const uint8_t *entry(uint64_t k) const;
-    uint64_t whole(uint64_t k);
-    void take(uint64_t k, uint64_t count, Records &out,
-              std::vector<std::unique_ptr<uint8_t[]>> &joined);
+    CL_TraceEntry head_of(uint64_t k) const;
+    uint64_t whole(uint64_t k) const;
+    void take(uint64_t k, uint64_t count);
 
     Dump &dump;
     const Ring &ring;
     int which;
+    Records &out;
+    Joined &joined;
     uint64_t start = 0;
     uint64_t used = 0;
 };
@@ -78,19 +82,19 @@ void RingWalk::bounds() {
 
 // The k-th entry from the oldest on; null when the file does not hold it.
 const uint8_t *RingWalk::entry(uint64_t k) const {
-    const uint64_t index = (start + k) % ring.head.entry_count;
-    return index < ring.held ? ring.entries.get() + index * ring.stride() : nullptr;
+    return index(k) < ring.held ? ring.entries.get() + index(k) * ring.stride() : nullptr;
+}
+
+CL_TraceEntry RingWalk::head_of(uint64_t k) const {
+    CL_TraceEntry head{};
+    if (const uint8_t *place = entry(k)) std::memcpy(&head, place, sizeof head);
+    return head;
 }
 
 // Entries of the record that begins at entry k; 0 when none does.
-uint64_t RingWalk::whole(uint64_t k) {
-    const auto head_of = [&](uint64_t i) {
-        CL_TraceEntry head{};
-        if (const uint8_t *place = entry(i)) std::memcpy(&head, place, sizeof head);
-        return head;
-    };
+uint64_t RingWalk::whole(uint64_t k) const {
     const uint64_t count = head_of(k).remaining;
-    if (!count || count > used - k) return 0;
+    if (!count || k + count > used) return 0;
     for (uint64_t i = 0; i < count; ++i) {
         const CL_TraceEntry head = head_of(k + i);
         const uint32_t flags = (i ? 0 : CL_ENTRY_FIRST) + (i + 1 < count ? 0 : CL_ENTRY_LAST);
@@ -99,12 +103,11 @@ uint64_t RingWalk::whole(uint64_t k) {
     return count;
 }
 
-void RingWalk::take(uint64_t k, uint64_t count, Records &out,
-                    std::vector<std::unique_ptr<uint8_t[]>> &joined) {
+void RingWalk::take(uint64_t k, uint64_t count) {
     const uint64_t data = ring.head.entry_size;
     Record record;
     record.ring = which;
-    record.offset = ring.offset_of((start + k) % ring.head.entry_count);
+    record.offset = ring.offset_of(index(k));
     record.bytes = {entry(k) + sizeof(CL_TraceEntry), data};
     if (count > 1) {
         auto &whole = joined.emplace_back(std::make_unique_for_overwrite<uint8_t[]>(count * data));
@@ -131,23 +134,26 @@ void RingWalk::take(uint64_t k, uint64_t count, Records &out,
     out.push_back(record);
 }
 
-void RingWalk::run(Records &out, std::vector<std::unique_ptr<uint8_t[]>> &joined) {
+void RingWalk::run() {
     if (!ring.held) return;
     bounds();
     out.reserve(std::min(used, ring.held));
     bool lost = false;
-    for (uint64_t k = 0; k < used;) {
-        if (const uint64_t count = whole(k)) {
-            take(k, count, out, joined);
-            k += count;
-            lost = false;
+    for (uint64_t k = 0; k < ring.head.entry_count;) {
+        if (!entry(k)) {
+            k += ring.head.entry_count - index(k);
             continue;
         }
-        if (!lost && entry(k))
-            dump.problems.add(ring.offset_of((start + k) % ring.head.entry_count),
-                              "no record begins in this entry");
-        lost = true;
-        ++k;
+        const uint64_t count = k < used ? whole(k) : 0;
+        if (count) {
+            take(k, count);
+        } else if (!lost && k < used) {
+            dump.problems.add(ring.offset_of(index(k)), "no record begins in this entry");
+        } else if (!lost && head_of(k).flags & CL_ENTRY_FIRST) {
+            dump.problems.add(ring.offset_of(index(k)), "a record begins in an entry not in use");
+        }
+        lost = !count;
+        k += std::max<uint64_t>(count, 1);
     }
 }
 
@@ -181,8 +187,8 @@ uint64_t number(Bytes bytes, const CL_TrcField &field) {
 
 Trace::Trace(Dump &dump, int ring) {
     Records user, library;
-    if (ring != CL_RING_LIBRARY) RingWalk(dump, CL_RING_USER).run(user, joined);
-    if (ring != CL_RING_USER) RingWalk(dump, CL_RING_LIBRARY).run(library, joined);
+    if (ring != CL_RING_LIBRARY) RingWalk(dump, CL_RING_USER, user, joined).run();
+    if (ring != CL_RING_USER) RingWalk(dump, CL_RING_LIBRARY, library, joined).run();
     if (user.empty()) {
         records = std::move(library);
     } else {

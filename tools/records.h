@@ -29,6 +29,7 @@ struct Record {
 };
 
 using Records = std::vector<Record>;
+using Joined = std::vector<std::unique_ptr<uint8_t[]>>;  // records that span entries
 
 std::span<const CL_TrcOperation> operations();
 std::span<const CL_TrcField> fields(const CL_TrcOperation &operation);
@@ -50,7 +51,7 @@ class Trace {
 
   private:
     void pair();
-    std::vector<std::unique_ptr<uint8_t[]>> joined;  // the bytes of records that span entries
+    Joined joined;
 };
 
 uint64_t handle_of(const Record &record);  // the object that it is about, or 0

@@ -6,7 +6,8 @@ namespace trace_reader {
 
 namespace {
 
-constexpr size_t USER_BYTES = 32;  // shown of a record of the application's
+// What is shown of a record of the application's: what follows the bytes that all records share.
+constexpr size_t USER_BEGIN = CL_TRC_MIN_ENTRY, USER_BYTES = 48;
 
 // A slot has the same number in every run, an address has not.
 void put_address(Text &out, const Dump &dump, uint64_t address, Mask mask) {
@@ -33,6 +34,11 @@ void put_message(Text &out, Bytes bytes, Mask mask) {
     if (mask == Mask::NO) out << ", sender=" << header.sender;
     out << ", type=" << header.type << ", ";
     out.dump(part(bytes, sizeof header)) << '}';
+}
+
+void put_change(Text &out, uint32_t from, uint32_t to, void (*put)(Text &out, uint64_t bits)) {
+    put(out, from);
+    if (from != to) put(out << " -> ", to);
 }
 
 }  // namespace
@@ -153,10 +159,10 @@ void put_carried(Text &out, const Carried &carried, Mask mask) {
 bool worth_showing(const Record &record, const CL_TrcField &field) {
     switch (field.type) {
         case CL_TRC_BYTES:  // part of what the record carries
+        case CL_TRC_EVENT:  // part of its title
             return false;
         case CL_TRC_ERROR:  // an event's; that of a call is its outcome
             return record.is_callback() && error_of(record).err;
-        case CL_TRC_EVENT:
         case CL_TRC_HANDLE:
         case CL_TRC_TEXT:
         case CL_TRC_SETS:
@@ -178,23 +184,16 @@ void put_outcome(Text &out, const Dump &dump, const Record &exit, Mask mask) {
 void put_record(Text &out, const Dump &dump, const Record &record, Mask mask) {
     if (!record.operation) {
         out << name_of(record) << ' ' << record.length << " bytes";
-        if (mask == Mask::NO)
-            (out << ": ").dump(part(record.bytes, offsetof(CL_TrcHead, api), USER_BYTES));
+        if (mask == Mask::NO) (out << ": ").dump(part(record.bytes, USER_BEGIN, USER_BYTES));
     } else if (record.api() == CL_API_STATUS) {
         const auto change = load<CL_TrcStatus>(record.bytes, 0);
-        out << "status ";
-        put_address(out, dump, change.handle, mask);
-        out << ": ";
-        put_status(out, change.old_status);
-        out << " -> ";
-        put_status(out, change.status);
-        if (!(change.old_sub_status | change.sub_status)) return;
-        out << ", ";
-        put_sub_status(out, change.old_sub_status);
-        out << " -> ";
-        put_sub_status(out, change.sub_status);
+        put_address(out << "status ", dump, change.handle, mask);
+        put_change(out << ": ", change.old_status, change.status, put_status);
+        if (change.old_sub_status | change.sub_status)
+            put_change(out << ", ", change.old_sub_status, change.sub_status, put_sub_status);
     } else {
-        out << name_of(record) << '(';
+        put_title(out, record);
+        out << '(';
         std::string_view between;
         each_argument(dump, record, mask, [&](std::string_view name, auto write) {
             out << between << name << '=';

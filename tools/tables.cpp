@@ -127,11 +127,12 @@ void put_text(Text &out, const char (&text)[Size]) {
 }
 
 void put_server(Text &out, const CL_Object &object) {
-    put_text(out << "connections at ", object.server.address.sun_path);
+    put_text(out << "waits for connections at ", object.server.address.sun_path);
 }
 
 void put_connection(Text &out, const CL_Object &object) {
     const CL_Connection &connection = object.connection;
+    out << "waits for ";
     const size_t begin = out.size();
     const auto next = [&] { return out.size() == begin ? "" : ", "; };
     if (object.sub_status & CL_SUB_CONNECT_PENDING)
@@ -145,36 +146,36 @@ void put_connection(Text &out, const CL_Object &object) {
 }
 
 void put_child(Text &out, const CL_Object &object) {
-    out << "the end of process " << object.child.pid;
+    out << "waits for the end of process " << object.child.pid;
     if (object.sub_status & CL_SUB_EXEC_AWAITED) out << ", its report that it is up";
 }
 
 void put_user(Text &out, const CL_Object &object) {
-    put_sets(out << "descriptors ", bytes_of(object.user.sets));
+    put_sets(out << "waits for descriptors ", bytes_of(object.user.sets));
 }
 
 void put_thread(Text &out, const CL_Object &) {
-    out << "a wake-up";
+    out << "waits for a wake-up";
 }
 
 void put_timer(Text &out, const CL_Object &object) {
     if (!(object.status & CL_STATUS_RUNNING))
-        out << "nothing";
+        out << "does not run";
     else if (object.remaining == CL_TIMER_DUE)
-        out << "its callback, it is due";
+        out << "is due";
     else
-        out << object.remaining << " of " << object.interval << " s, started at uptime "
-            << object.start_time;
+        out << "waits for " << object.remaining << " of " << object.interval
+            << " s, started at uptime " << object.start_time;
 }
 
 void put_memory(Text &out, const CL_Object &object) {
-    put_text(out << "nothing, is ", object.memory.name);
+    put_text(out << "segment ", object.memory.name);
     (out << " of " << object.memory.size << " bytes, mapped at ")
         .hex(address(object.memory.address));
 }
 
 void put_open_file(Text &out, const CL_Object &object) {
-    put_text(out << "nothing, is ", object.file.path);
+    put_text(out << "file ", object.file.path);
 }
 
 constexpr struct {
@@ -193,7 +194,7 @@ void put_live(Text &out, const CL_Object &object) {
     out << "  priority " << object.priority << "  descriptor " << object.descriptor << '\n';
     for (const auto &[kind, put] : WAITS) {
         if (kind != object.kind) continue;
-        put(out << "    waits for ", object);
+        put(out << "    ", object);
         out << '\n';
     }
     if (object.error.err) {
@@ -231,9 +232,7 @@ bool tables(Dumps dumps, const Options &options, Text &out) {
     if (!dump.main_block.size) return true;
     put_main(out, dump);
     out << "\nlists and queues\n";
-    for (const QueueView &view : EVENT_LISTS)
-        put_chain(out, view.name, dump.follow(view), false);
-    for (const QueueView &view : TABLE_QUEUES) {
+    for (const QueueView &view : QUEUES) {
         const bool is_free_queue = view.place == offsetof(CL_MainBlock, free_queue);
         put_chain(out, view.name, dump.follow(view), is_free_queue && !options.all);
     }

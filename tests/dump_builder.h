@@ -1,6 +1,5 @@
-// Builds dump files out of the public layouts, without the library: a second writer, so that a
-// reader is not tested against its own misunderstanding. The addresses are those of a process that
-// never was.
+// Builds dump files out of the public layouts, without the library, so that tests decide what is in
+// them. The addresses are those of a process that never was.
 #pragma once
 
 #include <qvcl/main.h>
@@ -9,13 +8,14 @@
 #include <qvcl/trace_records.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
-namespace golden {
+namespace dump_builder {
 
 using File = std::vector<uint8_t>;
 
@@ -78,9 +78,10 @@ struct Ring {
 
 class Dump {
   public:
-    Dump(uint32_t requested, uint32_t entries) : library(CL_RING_LIBRARY, CL_TRC_LIB_ENTRY, entries) {
+    Dump(uint32_t requested, uint32_t entries)
+        : library(CL_RING_LIBRARY, CL_TRC_LIB_ENTRY, entries) {
         main.header = header(CL_EYE_MAIN, sizeof main, MAIN_ADDRESS);
-        main.version = CL_VERSION_MAJOR << 24 | CL_VERSION_MINOR << 16 | CL_VERSION_PATCH << 8;
+        main.version = CL_VERSION;
         main.pid = 4242;
         main.state = CL_STATE_INITIALISED;
         main.requested = requested;
@@ -88,7 +89,8 @@ class Dump {
         main.descriptor_table = pointer<CL_TableHeader *>(TABLE_ADDRESS);
         main.library_ring = pointer<CL_TraceRing *>(RING_ADDRESS[CL_RING_LIBRARY]);
         main.memory_limit = 104857600;
-        for (CL_Queue &queue : main.kind_queues) queue.link_offset = offsetof(CL_Object, kind_link);
+        for (CL_Queue &queue : main.kind_queues)
+            queue.link_offset = offsetof(CL_Object, kind_link);
         main.timer_list.link_offset = offsetof(CL_Object, timer_link);
         main.child_list.link_offset = offsetof(CL_Object, child_link);
         main.thread_list.link_offset = offsetof(CL_Object, thread_link);
@@ -105,13 +107,6 @@ class Dump {
     static uint64_t handle(uint64_t slot) {
         return TABLE_ADDRESS + sizeof(CL_TableHeader) + slot * sizeof(CL_Object);
     }
-    template <typename T>
-    T place(size_t offset) {
-        T value;
-        std::memcpy(&value, reinterpret_cast<uint8_t *>(&main) + offset, sizeof value);
-        return value;
-    }
-
     // Appends an object to the queue at that place of the main table.
     void list(CL_Queue &queue, uint64_t slot) {
         const auto link_of = [&](uint64_t address) {
@@ -150,11 +145,11 @@ class Dump {
             if (!objects[slot].link.owner) list(main.free_queue, slot);
     }
 
-    // Writes a record whose length is `size`; each is `step` microseconds younger than the last.
+    // Writes a record, `step` microseconds after the last one.
     template <typename T>
     void record(T record, uint8_t api, uint8_t phase, uint8_t marker, uint32_t size = sizeof(T)) {
         now += step;
-        CL_TrcHead &head = record.head;
+        auto &head = reinterpret_cast<CL_TrcHead &>(record);
         head.seconds = now / 1000000;
         head.microseconds = now % 1000000;
         head.length = size;
@@ -162,7 +157,7 @@ class Dump {
         head.phase = phase;
         head.marker = marker;
         std::ranges::copy(std::string_view("server.c"), head.file);
-        if (!head.line) head.line = api;
+        head.line = api;
         library.write(&record, size);
     }
     template <typename T>
@@ -176,7 +171,8 @@ class Dump {
         record(r, api, 1, CL_MARK_EXIT, size);
     }
     template <typename T>
-    void call(const T &r, uint8_t api, uint64_t result, uint32_t err = 0, uint32_t size = sizeof(T)) {
+    void call(const T &r, uint8_t api, uint64_t result, uint32_t err = 0,
+              uint32_t size = sizeof(T)) {
         enter(r, api, size);
         leave(r, api, result, err, size);
     }
@@ -206,7 +202,8 @@ class Dump {
         table_at = result.size();
         const uint64_t size = sizeof(CL_TableHeader) + objects.size() * sizeof(CL_Object);
         append(result, header(CL_EYE_FDTBL, size, TABLE_ADDRESS));
-        for (const CL_Object &object : objects) append(result, object);
+        for (const CL_Object &object : objects)
+            append(result, object);
         return result;
     }
 
@@ -221,8 +218,72 @@ class Dump {
   private:
     static void append_ring(File &file, const Ring &ring) {
         append(file, ring.head);
-        for (const File &entry : ring.entries) file.insert(file.end(), entry.begin(), entry.end());
+        for (const File &entry : ring.entries)
+            file.insert(file.end(), entry.begin(), entry.end());
     }
 };
 
-}  // namespace golden
+// A record about the object in a slot.
+template <typename T>
+T on(uint64_t slot) {
+    T record{};
+    record.handle = Dump::handle(slot);
+    return record;
+}
+
+// A loop that calls back twice and never returns, between what happened before the trace and a
+// record of the application; two of its records span entries.
+struct Story : Dump {
+    explicit Story(uint32_t entries) : Dump(0, entries), records(CL_RING_USER, 40, 4, "/tmp/s") {
+        user = &records;
+        create(0, CL_KIND_MSGS, CL_STATUS_READY | CL_STATUS_LISTED).priority = 20;
+        objects[0].descriptor = 5;
+        std::strcpy(objects[0].server.address.sun_path, "/run/s");
+        list(main.priority_list, 0);
+        auto &connection = create(1, CL_KIND_MSGC, CL_STATUS_READY | CL_STATUS_LISTED);
+        connection.sub_status = CL_SUB_RECV_PENDING | CL_SUB_SEND_PENDING;
+        connection.connection.receive_capacity = 64;
+        connection.connection.received_count = 3;
+        connection.connection.send_queue.count = 2;
+        connection.error = {EPIPE, EPIPE, CL_MODULE_MSGC, 8, CL_VERSION};
+        list(main.pending_list, 1);
+        auto &timer = create(2, CL_KIND_TIMER, CL_STATUS_RUNNING);
+        timer.interval = 9;
+        timer.remaining = 4;
+        list(main.timer_list, 2);
+        free_rest();
+        objects[3].deleted = {"gone.c", 7, 0, START, 5};
+
+        leave(on<CL_TrcHandle>(3), CL_API_DEL_LIST, 1);
+        enter(CL_TrcProcess{}, CL_API_LOOP);
+        struct {
+            CL_TrcCallback callback;
+            CL_MsgHeader message;
+            char text[8];
+        } wide{on<CL_TrcCallback>(1), {24, CL_MSG_VERSION, 77, 9}, "hello"};
+        wide.callback.type = CL_EVENT_MESSAGE;
+        wide.callback.callback = 0x1000;
+        wide.callback.data_length = 24;
+        const CL_TrcCallback message = wide.callback;
+        record(wide, CL_API_CALLBACK, 0, CL_MARK_CALLBACK_ENTRY);
+        auto start = on<CL_TrcStartTimer>(2);
+        start.mode = CL_TIMER_ONESHOT;
+        enter(start, CL_API_START_TIMER);
+        status(2, 0, CL_STATUS_RUNNING);
+        leave(start, CL_API_START_TIMER, 0, EBADF);
+        struct {
+            CL_TrcHead head;
+            char text[10];
+        } own{{}, "mine"};
+        own.head = {now / 1000000, now % 1000000, {}, sizeof own, 0, 0, 0, 0, {}, 0, 0};
+        records.write(&own, sizeof own);
+        record(message, CL_API_CALLBACK, 1, CL_MARK_CALLBACK_EXIT);
+        auto lost = on<CL_TrcCallback>(1);
+        lost.type = CL_EVENT_DISCONNECT;
+        lost.error = {EPIPE, EPIPE, CL_MODULE_MSGC, 8, CL_VERSION};
+        record(lost, CL_API_CALLBACK, 0, CL_MARK_CALLBACK_ENTRY);
+    }
+    Ring records;
+};
+
+}  // namespace dump_builder

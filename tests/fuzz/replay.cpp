@@ -1,0 +1,34 @@
+// Runs a fuzz target over files and over the files of folders, without a fuzzer.
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <vector>
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
+
+namespace {
+void replay(const std::filesystem::path &path) {
+    std::ifstream file(path, std::ios::binary);
+    const std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
+    LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size());
+}
+}  // namespace
+
+int main(int argc, char **argv) {
+    size_t count = 0;
+    for (int i = 1; i < argc; ++i) {
+        if (!std::filesystem::is_directory(argv[i])) {
+            replay(argv[i]);
+            ++count;
+            continue;
+        }
+        for (const auto &entry : std::filesystem::directory_iterator(argv[i])) {
+            replay(entry.path());
+            ++count;
+        }
+    }
+    std::printf("%zu inputs\n", count);
+    return count ? 0 : 1;
+}

@@ -1,0 +1,17 @@
+// Every command of qvcl-trace over arbitrary bytes.
+#include "tools/cli.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    using namespace trace_reader;
+    const Source source(Bytes(data, size));
+    const Source *sources[] = {&source, &source};
+    const std::string names[] = {"a", "b"};
+    Options options;
+    options.all = true;
+    for (const Command &command : COMMANDS) {
+        Text out, err;
+        run_command(command, options, std::span(names).first(command.files),
+                    std::span(sources).first(command.files), out, err);
+    }
+    return 0;
+}
