@@ -7,6 +7,8 @@ add_compile_options(
     -Wvla -Wimplicit-fallthrough
     "$<$<COMPILE_LANGUAGE:C>:-Wstrict-prototypes;-Wmissing-prototypes>"
     "$<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast;-Woverloaded-virtual;-Wnon-virtual-dtor;-Wextra-semi>"
+    # A designated initialiser leaves fields out on purpose: they are zero.
+    -Wno-missing-field-initializers
     "$<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wlogical-op;-Wduplicated-cond>")
 
 if(QVCL_SANITIZE)

@@ -117,7 +117,7 @@ void CL_Abort_M() {
 uint32_t CL_Init_M(uint32_t count, const char *execPath, CL_ErrInfo *err, uint8_t callerFlag,
                    const char *file, uint32_t line) {
     CL_TrcInit record = {};
-    record.head = qvcl::trace_head(CL_API_INIT, 0, callerFlag, file, line);
+    qvcl::fill_head(record.head, CL_API_INIT, 0, callerFlag, file, line);
     record.count = count;
     record.err_address = qvcl::address_of(err);
     qvcl::trace_path(record, execPath);
@@ -151,7 +151,7 @@ uint32_t cl_init(uint32_t count, const char *execPath, CL_ErrInfo *err) {
 
 uint32_t CL_End_M(CL_ErrInfo *err, uint8_t callerFlag, const char *file, uint32_t line) {
     CL_TrcProcess record = {};
-    record.head = qvcl::trace_head(CL_API_END, sizeof record, callerFlag, file, line);
+    qvcl::fill_head(record.head, CL_API_END, sizeof record, callerFlag, file, line);
     record.err_address = qvcl::address_of(err);
     return qvcl::traced(record, err, [](CL_ErrInfo *e) { return cl_end(e); });
 }

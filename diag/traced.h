@@ -13,16 +13,17 @@
 
 namespace qvcl {
 
-inline CL_TrcHead trace_head(uint8_t api, size_t length, uint8_t callerFlag, const char *file,
-                             uint32_t line) {
-    CL_TrcHead head = {};
+// Fills the head of a zeroed record, in place: a head that is made elsewhere and copied costs more
+// than all its fields.
+inline void fill_head(CL_TrcHead &head, uint8_t api, size_t length, uint8_t callerFlag,
+                      const char *file, uint32_t line) {
     head.length = static_cast<uint32_t>(length);
     head.api = api;
     head.caller = callerFlag;
     head.marker = CL_MARK_ENTRY;
-    copy_text(head.file, sizeof head.file, file);
+    for (size_t i = 0; file != nullptr && i < sizeof head.file && file[i] != '\0'; ++i)
+        head.file[i] = file[i];
     head.line = line;
-    return head;
 }
 
 // The bits of a result as a record shows them; a record of 64 bits shows a 32-bit result with the
@@ -72,7 +73,7 @@ template <class Worker>
 auto traced_handle(uint8_t api, const CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag,
                    const char *file, uint32_t line, Worker worker) {
     CL_TrcHandle record = {};
-    record.head = trace_head(api, sizeof record, callerFlag, file, line);
+    fill_head(record.head, api, sizeof record, callerFlag, file, line);
     record.handle = address_of(object);
     record.err_address = address_of(err);
     return traced(record, err, worker);

@@ -41,7 +41,7 @@ int64_t transfer(CL_Object *object, CL_ErrInfo *err, Call call) {
 CL_TrcFileData data_record(uint8_t api, CL_Object *object, const void *buffer, uint64_t length,
                            CL_ErrInfo *err, uint8_t callerFlag, const char *file, uint32_t line) {
     CL_TrcFileData record = {};
-    record.head = qvcl::trace_head(api, sizeof record, callerFlag, file, line);
+    qvcl::fill_head(record.head, api, sizeof record, callerFlag, file, line);
     record.handle = address_of(object);
     record.buffer = address_of(buffer);
     record.length = length;
@@ -59,7 +59,7 @@ void copy_data(CL_TrcFileData &record, const void *buffer, uint64_t length) {
 CL_Object *CL_OpenFile_M(const char *path, uint32_t flags, uint32_t mode, CL_ErrInfo *err,
                          uint8_t callerFlag, const char *file, uint32_t line) {
     CL_TrcOpenFile record = {};
-    record.head = qvcl::trace_head(CL_API_OPEN_FILE, 0, callerFlag, file, line);
+    qvcl::fill_head(record.head, CL_API_OPEN_FILE, 0, callerFlag, file, line);
     record.flags = flags;
     record.mode = mode;
     record.err_address = address_of(err);
@@ -132,7 +132,7 @@ int64_t cl_readfile(CL_Object *object, void *buffer, uint64_t length, CL_ErrInfo
 uint32_t CL_FlushFile_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag, const char *file,
                         uint32_t line) {
     CL_TrcFlush record = {};
-    record.head = qvcl::trace_head(CL_API_FLUSH_FILE, sizeof record, callerFlag, file, line);
+    qvcl::fill_head(record.head, CL_API_FLUSH_FILE, sizeof record, callerFlag, file, line);
     record.handle = address_of(object);
     record.err_address = address_of(err);
     return qvcl::traced(record, err, [=](CL_ErrInfo *e) { return cl_flushfile(object, e); });
@@ -145,7 +145,7 @@ uint32_t cl_flushfile(CL_Object *object, CL_ErrInfo *err) {
 int32_t CL_SeekFile_M(CL_Object *object, int32_t offset, uint32_t whence, CL_ErrInfo *err,
                       uint8_t callerFlag, const char *file, uint32_t line) {
     CL_TrcSeek record = {};
-    record.head = qvcl::trace_head(CL_API_SEEK_FILE, sizeof record, callerFlag, file, line);
+    qvcl::fill_head(record.head, CL_API_SEEK_FILE, sizeof record, callerFlag, file, line);
     record.handle = address_of(object);
     record.offset = offset;
     record.whence = whence;
@@ -183,7 +183,7 @@ int32_t cl_seekfile(CL_Object *object, int32_t offset, uint32_t whence, CL_ErrIn
 uint32_t CL_DeleteFile_M(const char *path, CL_ErrInfo *err, uint8_t callerFlag, const char *file,
                          uint32_t line) {
     CL_TrcDeleteFile record = {};
-    record.head = qvcl::trace_head(CL_API_DELETE_FILE, 0, callerFlag, file, line);
+    qvcl::fill_head(record.head, CL_API_DELETE_FILE, 0, callerFlag, file, line);
     record.err_address = address_of(err);
     qvcl::trace_path(record, path);
     return qvcl::traced(record, err, [=](CL_ErrInfo *e) { return cl_deletefile(path, e); });

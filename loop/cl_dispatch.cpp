@@ -7,6 +7,7 @@
 #include <qvcl/system.h>
 
 #include "diag/traced.h"
+#include "loop/watch.h"
 
 using qvcl::address_of;
 
@@ -52,8 +53,8 @@ uint32_t cl_Callback_M(CL_Callback callback, CL_Object *object, CL_Event *event,
     const EventData data = event_data(*event);
     CL_TrcCallback &fixed = record.fixed;
     fixed = {};
-    fixed.head =
-        qvcl::trace_head(CL_API_CALLBACK, sizeof fixed + data.length, callerFlag, file, line);
+    qvcl::fill_head(fixed.head, CL_API_CALLBACK, sizeof fixed + data.length, callerFlag, file,
+                    line);
     fixed.head.marker = CL_MARK_CALLBACK_ENTRY;
     fixed.callback = reinterpret_cast<uint64_t>(callback);
     fixed.handle = address_of(object);
@@ -88,7 +89,8 @@ uint32_t cl_StatusChange_M(CL_Object *object, uint32_t status, uint32_t sub_stat
     record.old_sub_status = object->sub_status;
     object->status = status;
     object->sub_status = sub_status;
-    record.head = qvcl::trace_head(CL_API_STATUS, sizeof record, kStatusCaller, file, line);
+    qvcl::forget_order();
+    qvcl::fill_head(record.head, CL_API_STATUS, sizeof record, kStatusCaller, file, line);
     record.head.marker = CL_MARK_STATUS;
     record.handle = address_of(object);
     record.status = status;

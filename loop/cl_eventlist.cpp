@@ -8,6 +8,7 @@
 #include "core/error.h"
 #include "diag/traced.h"
 #include "loop/kinds.h"
+#include "loop/watch.h"
 
 using qvcl::address_of;
 using qvcl::Kind;
@@ -47,7 +48,7 @@ bool step_cursor_back(CL_Object *object) {
 uint32_t CL_AddEventList_M(CL_Object *object, uint32_t priority, CL_ErrInfo *err,
                            uint8_t callerFlag, const char *file, uint32_t line) {
     CL_TrcAddList record = {};
-    record.head = qvcl::trace_head(CL_API_ADD_LIST, sizeof record, callerFlag, file, line);
+    qvcl::fill_head(record.head, CL_API_ADD_LIST, sizeof record, callerFlag, file, line);
     record.handle = address_of(object);
     record.priority = priority;
     record.err_address = address_of(err);
@@ -101,6 +102,7 @@ uint32_t cl_deleventlist(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag)
 
 uint32_t cl_move_eventlist(CL_ErrInfo *err) {
     CL_MainBlock &main = *CL_MainTable;
+    qvcl::forget_order();  // the insertion needs its array
     while (void *object = CL_QUE_GetTop(&main.pending_list)) {
         const uint32_t result =
             CL_QUE_Insert(&main.priority_list, object, CL_QUE_SORTED_AFTER, nullptr,
@@ -109,6 +111,7 @@ uint32_t cl_move_eventlist(CL_ErrInfo *err) {
             fail.both(err, CL_ERR_QUEUE, result);
             return 0xffffffff;
         }
+        qvcl::forget_order();
     }
     return 0;
 }

@@ -56,7 +56,7 @@ uint32_t CL_FD_TblInit(uint32_t count, CL_ErrInfo *err) {
 CL_Object *CL_CreateFD_M(uint32_t kind, CL_Callback callback, uint64_t arg1, uint64_t arg2,
                          CL_ErrInfo *err, uint8_t callerFlag, const char *file, uint32_t line) {
     CL_TrcCreate record = {};
-    record.head = qvcl::trace_head(CL_API_CREATE_FD, sizeof record, callerFlag, file, line);
+    qvcl::fill_head(record.head, CL_API_CREATE_FD, sizeof record, callerFlag, file, line);
     record.kind = kind;
     record.callback = reinterpret_cast<uint64_t>(callback);
     record.arg1 = arg1;

@@ -4,6 +4,7 @@
 
 #include "diag/traced.h"
 #include "loop/loop_policy.h"
+#include "loop/watch.h"
 
 namespace {
 
@@ -36,7 +37,7 @@ uint32_t report_failed(CL_Object *object, CL_ErrInfo *err) {
 
 uint32_t CL_EventLoop_M(CL_ErrInfo *err, uint8_t callerFlag, const char *file, uint32_t line) {
     CL_TrcProcess record = {};
-    record.head = qvcl::trace_head(CL_API_LOOP, sizeof record, callerFlag, file, line);
+    qvcl::fill_head(record.head, CL_API_LOOP, sizeof record, callerFlag, file, line);
     record.err_address = qvcl::address_of(err);
     return qvcl::traced(record, err, [](CL_ErrInfo *e) { return cl_eventloop(e); });
 }
@@ -64,7 +65,9 @@ uint32_t cl_fdmake(CL_ErrInfo *err) {
     cl_clearlist();
     if (cl_move_eventlist(err) != 0) return CL_LOOP_ERROR;
     uint32_t status;
+    uint32_t count = 0;
     CL_Object *object = nullptr;
+    CL_Object *first = nullptr;
     const auto next = [&] {
         object = static_cast<CL_Object *>(
             CL_QUE_Enum(&main.priority_list, object, CL_QUE_FORWARD, &status));
@@ -77,10 +80,15 @@ uint32_t cl_fdmake(CL_ErrInfo *err) {
             return CL_LOOP_ERROR;
         }
         if (kind->add(object) != 0) return report_failed(object, err);
+        // The first place comes last: it says that the order is known.
+        if (count == 0) first = object;
+        if (count != 0 && count < main.capacity) main.scratch[count] = object;
+        ++count;
     }
     if (status != CL_QUE_WALKING) {
         fail.both(err, CL_ERR_QUEUE, status);
         return CL_LOOP_ERROR;
     }
+    if (main.scratch != nullptr && count <= main.capacity) main.scratch[0] = first;
     return 0;
 }

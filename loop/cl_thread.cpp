@@ -75,7 +75,7 @@ uint32_t cl_setThreadFd(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag,
 uint32_t CL_EventLoopThread_M(CL_ErrInfo *err, uint8_t callerFlag, const char *file,
                               uint32_t line) {
     CL_TrcProcess record = {};
-    record.head = qvcl::trace_head(CL_API_LOOP, sizeof record, callerFlag, file, line);
+    qvcl::fill_head(record.head, CL_API_LOOP, sizeof record, callerFlag, file, line);
     record.err_address = address_of(err);
     return qvcl::traced(record, err, [](CL_ErrInfo *e) { return cl_eventloopThread(e); });
 }

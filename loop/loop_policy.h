@@ -25,6 +25,7 @@
 #include "core/error.h"
 #include "core/signal_field.h"
 #include "loop/kinds.h"
+#include "loop/watch.h"
 
 namespace qvcl {
 
@@ -99,6 +100,7 @@ struct Loop {
             if (const int32_t result = cl_TimerCall(err)) return static_cast<uint32_t>(result);
         }
         main.loop_cursor = nullptr;
+        if (const uint32_t result = check_in_known_order(err)) return result;
         for (;;) {
             uint32_t status;
             auto *object = static_cast<CL_Object *>(
@@ -106,26 +108,23 @@ struct Loop {
             if (status != CL_QUE_WALKING) return end(err, CL_ERR_QUEUE);
             main.loop_cursor = object;
             if (object == nullptr) return 0;
-            const Kind *kind = kind_of(object->kind);
-            if (kind == nullptr || kind->check == nullptr) return end(err, CL_ERR_QUEUE);
-            if (const uint32_t result = kind->check(object, err)) {
-                if (main.exec_error.err != 0) *err = main.exec_error;
-                return result;
-            }
-            if (const uint32_t result = dispatch(look(err), err)) return result;
+            if (const uint32_t result = check_object(object, err)) return result;
         }
     }
 
     static uint32_t run(CL_ErrInfo *err) {
         CL_ErrInfo own = {};
         CL_MainTable->timer_dispatched = 0;
+        forget_order();
         sigset_t set;
         sigemptyset(&set);
         for (const int signal : Policy::signals)
             sigaddset(&set, signal);
+        CL_FdSets built;
         uint32_t result = 0;
         while (result == 0)
-            result = iterate(&set, &own);
+            result = iterate(&set, &built, &own);
+        forget_order();
         *err = own;
         return result;
     }
@@ -136,9 +135,52 @@ struct Loop {
         return CL_LOOP_ERROR;
     }
 
-    static uint32_t iterate(const sigset_t *set, CL_ErrInfo *err) {
+    // One object's check, and the look before the next one.
+    static uint32_t check_object(CL_Object *object, CL_ErrInfo *err) {
+        const Kind *kind = kind_of(object->kind);
+        if (kind == nullptr || kind->check == nullptr) return end(err, CL_ERR_QUEUE);
+        if (const uint32_t result = kind->check(object, err)) {
+            const CL_ErrInfo &stored = CL_MainTable->exec_error;
+            if (stored.err != 0) *err = stored;
+            return result;
+        }
+        return dispatch(look(err), err);
+    }
+
+    // The walk over the priority list as long as nothing changes it: objects that are not ready
+    // are passed by. It leaves the cursor where the walk over the list itself goes on.
+    static uint32_t check_in_known_order(CL_ErrInfo *err) {
+        constexpr uint32_t kAhead = 8;  // objects, so that memory keeps up with the walk
         CL_MainBlock &main = *CL_MainTable;
-        if (const uint32_t result = cl_fdmake(err)) return result;
+        const uint32_t count = order_known() ? main.priority_list.count : 0;
+        CL_Object *passed = nullptr;
+        for (uint32_t i = 0; i < count; ++i) {
+            if (i + kAhead < count) __builtin_prefetch(&main.scratch[i + kAhead]->watch);
+            CL_Object *object = main.scratch[i];
+            if (may_be_ready(object->watch, main.sets)) {
+                main.loop_cursor = passed;
+                if (const uint32_t result = dispatch(look(err), err)) return result;
+                if (!order_known()) return 0;
+                main.loop_cursor = object;
+                if (const uint32_t result = check_object(object, err)) return result;
+                // What happened in there may have changed the list itself: then ask the list.
+                if (!order_known() || CL_QUE_Isinque(&main.priority_list, object) == 0) return 0;
+            }
+            passed = object;
+        }
+        main.loop_cursor = passed;
+        return dispatch(look(err), err);
+    }
+
+    // One iteration. `built` keeps the sets of the last one for as long as the order is known.
+    static uint32_t iterate(const sigset_t *set, CL_FdSets *built, CL_ErrInfo *err) {
+        CL_MainBlock &main = *CL_MainTable;
+        if (order_known()) {
+            main.sets = *built;
+        } else {
+            if (const uint32_t result = cl_fdmake(err)) return result;
+            *built = main.sets;
+        }
         sigset_t saved;
         const uint32_t bits = sigcheck(0, set, &saved, err);
         if (bits == CL_LOOP_ERROR) return bits;

@@ -11,6 +11,7 @@
 #include "core/error.h"
 #include "diag/traced.h"
 #include "loop/live_object.h"
+#include "loop/watch.h"
 #include "msg/socket.h"
 
 using qvcl::address_of;
@@ -78,7 +79,7 @@ uint32_t report(CL_Object *object, CL_Event *event) {
 uint32_t CL_CnctMSGC_M(CL_Object *client, const char *path, uint32_t mode, uint32_t reserved,
                        CL_ErrInfo *err, uint8_t callerFlag, const char *file, uint32_t line) {
     CL_TrcConnect record = {};
-    record.head = qvcl::trace_head(CL_API_CNCT_MSGC, 0, callerFlag, file, line);
+    qvcl::fill_head(record.head, CL_API_CNCT_MSGC, 0, callerFlag, file, line);
     record.handle = address_of(client);
     record.mode = mode;
     record.reserved = reserved;
@@ -122,7 +123,7 @@ int32_t CL_RecvMSGC_M(CL_Object *client, void *buffer, int32_t capacity, uint32_
                       uint32_t timeout, CL_ErrInfo *err, uint8_t callerFlag, const char *file,
                       uint32_t line) {
     CL_TrcReceive record = {};
-    record.head = qvcl::trace_head(CL_API_RECV_MSGC, sizeof record, callerFlag, file, line);
+    qvcl::fill_head(record.head, CL_API_RECV_MSGC, sizeof record, callerFlag, file, line);
     record.handle = address_of(client);
     record.buffer = address_of(buffer);
     record.capacity = static_cast<uint32_t>(capacity);
@@ -170,9 +171,9 @@ int32_t CL_SendMSGC_M(CL_Object *client, void *block, int32_t blockSize, uint32_
     const auto copy_block = [&record, block, shown, readable] {
         if (readable && shown != 0) memcpy(record.data, block, static_cast<size_t>(shown));
     };
-    record.head =
-        qvcl::trace_head(CL_API_SEND_MSGC, offsetof(CL_TrcSend, data) + static_cast<size_t>(shown),
-                         callerFlag, file, line);
+    qvcl::fill_head(record.head, CL_API_SEND_MSGC,
+                    offsetof(CL_TrcSend, data) + static_cast<size_t>(shown), callerFlag, file,
+                    line);
     record.handle = address_of(client);
     record.block = address_of(block);
     record.block_size = static_cast<uint32_t>(blockSize);
@@ -238,7 +239,7 @@ int32_t cl_sendmsgc(CL_Object *client, void *block, int32_t blockSize, uint32_t 
 uint32_t CL_DiscMSGC_M(CL_Object *client, uint64_t *receiveBufferOut, CL_Queue *unsentOut,
                        CL_ErrInfo *err, uint8_t callerFlag, const char *file, uint32_t line) {
     CL_TrcDisconnect record = {};
-    record.head = qvcl::trace_head(CL_API_DISC_MSGC, sizeof record, callerFlag, file, line);
+    qvcl::fill_head(record.head, CL_API_DISC_MSGC, sizeof record, callerFlag, file, line);
     record.handle = address_of(client);
     record.buffer_out = address_of(receiveBufferOut);
     record.unsent_out = address_of(unsentOut);
@@ -287,13 +288,8 @@ uint32_t cl_MakeListMSGC_M(CL_Object *client) {
         fail(&client->error, EMFILE);
         return EBADF;
     }
-    CL_MainBlock &main = *CL_MainTable;
-    if (pending(client, CL_SUB_CONNECT_PENDING | CL_SUB_SEND_PENDING)) {
-        qvcl::watch(client->descriptor, main.sets.write, main.descriptor_count);
-    }
-    if (pending(client, CL_SUB_RECV_PENDING)) {
-        qvcl::watch(client->descriptor, main.sets.read, main.descriptor_count);
-    }
+    qvcl::watch_descriptor(client, pending(client, CL_SUB_RECV_PENDING),
+                           pending(client, CL_SUB_CONNECT_PENDING | CL_SUB_SEND_PENDING));
     return 0;
 }
 

@@ -7,6 +7,7 @@
 #include "core/error.h"
 #include "diag/traced.h"
 #include "loop/live_object.h"
+#include "loop/watch.h"
 #include "msg/socket.h"
 
 using qvcl::address_of;
@@ -37,7 +38,7 @@ bool listen_at(CL_Object *server, const char *path, uint32_t backlog) {
 uint32_t CL_OpenMSGS_M(CL_Object *server, const char *path, uint32_t backlog, CL_ErrInfo *err,
                        uint8_t callerFlag, const char *file, uint32_t line) {
     CL_TrcOpenServer record = {};
-    record.head = qvcl::trace_head(CL_API_OPEN_MSGS, 0, callerFlag, file, line);
+    qvcl::fill_head(record.head, CL_API_OPEN_MSGS, 0, callerFlag, file, line);
     record.handle = address_of(server);
     record.backlog = backlog;
     record.err_address = address_of(err);
@@ -66,7 +67,7 @@ uint32_t cl_openmsgs(CL_Object *server, const char *path, uint32_t backlog, CL_E
 CL_Object *CL_AcceptMSGS_M(CL_Object *server, CL_Callback callback, uint64_t arg1, uint64_t arg2,
                            CL_ErrInfo *err, uint8_t callerFlag, const char *file, uint32_t line) {
     CL_TrcAccept record = {};
-    record.head = qvcl::trace_head(CL_API_ACCEPT_MSGS, sizeof record, callerFlag, file, line);
+    qvcl::fill_head(record.head, CL_API_ACCEPT_MSGS, sizeof record, callerFlag, file, line);
     record.handle = address_of(server);
     record.callback = reinterpret_cast<uint64_t>(callback);
     record.arg1 = arg1;
@@ -125,8 +126,7 @@ uint32_t cl_MakeListMSGS_M(CL_Object *server) {
         fail(&server->error, ready ? EMFILE : EBADF);
         return EBADF;
     }
-    CL_MainBlock &main = *CL_MainTable;
-    qvcl::watch(server->descriptor, main.sets.read, main.descriptor_count);
+    qvcl::watch_descriptor(server, true, false);
     return 0;
 }
 

@@ -94,7 +94,7 @@ int32_t dispatch_pass(CL_ErrInfo *err) {
 uint32_t CL_StartTIMER_M(CL_Object *object, uint32_t seconds, uint32_t mode, CL_ErrInfo *err,
                          uint8_t callerFlag, const char *file, uint32_t line) {
     CL_TrcStartTimer record = {};
-    record.head = qvcl::trace_head(CL_API_START_TIMER, sizeof record, callerFlag, file, line);
+    qvcl::fill_head(record.head, CL_API_START_TIMER, sizeof record, callerFlag, file, line);
     record.handle = address_of(object);
     record.seconds = seconds;
     record.mode = mode;

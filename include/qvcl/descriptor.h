@@ -93,8 +93,6 @@ typedef struct CL_UserSets {
     int32_t count; /* the sets cover descriptors 0 to count - 1 */
     uint32_t reserved;
     CL_FdSets sets;
-    uint32_t first_word; /* 64-bit words of the sets that hold a bit: [first_word, end_word) */
-    uint32_t end_word;
 } CL_UserSets;
 
 /* Thread wake-up (THREAD). */
@@ -118,6 +116,14 @@ typedef struct CL_SharedMemory {
     uint32_t unlink_on_close;
     uint32_t reserved3;
 } CL_SharedMemory;
+
+/* What the object adds to the loop's sets, in brief: the loop passes by an object none of whose
+ * descriptors is ready without looking at the rest of it. */
+typedef struct CL_Watch {
+    uint32_t first_word; /* 64-bit words of the sets that hold a descriptor of the object: */
+    uint32_t end_word;   /* [first_word, end_word) */
+    uint64_t bits[3];    /* when it is one word: its bits there, read, write, except */
+} CL_Watch;
 
 /* Descriptor object. Applications read it, the library's operations change it. */
 struct CL_Object {
@@ -149,7 +155,7 @@ struct CL_Object {
     int32_t descriptor;  /* -1: none */
 
     union {
-        uint8_t area[424];
+        uint8_t area[392];
         CL_Server server;
         CL_Connection connection;
         CL_Child child;
@@ -158,6 +164,7 @@ struct CL_Object {
         CL_File file;
         CL_SharedMemory memory;
     };
+    CL_Watch watch;
 };
 CL_LAYOUT_AT(CL_Object, kind_link, 24);
 CL_LAYOUT_AT(CL_Object, timer_link, 48);
@@ -184,6 +191,7 @@ CL_LAYOUT_AT(CL_Object, connection.report, 576);
 CL_LAYOUT_AT(CL_Object, child.pid, 600);
 CL_LAYOUT_AT(CL_Object, user.sets, 424);
 CL_LAYOUT_AT(CL_Object, memory.size, 560);
+CL_LAYOUT_AT(CL_Object, watch, 808);
 CL_LAYOUT_SIZE(CL_Object, 840);
 
 /* The table is one block: a CL_TableHeader, then capacity objects. */

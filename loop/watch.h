@@ -1,0 +1,66 @@
+// What the loop remembers of the listed objects, so that an iteration costs what is ready and not
+// what is listed.
+//
+// Each object keeps in brief which descriptors it added to the sets: one whose descriptors are not
+// ready is passed by on that alone. And the order of the priority list stands in the insertion
+// scratch array as long as nothing has changed: no object was listed or unlisted, changed its
+// status or got other sets. While the order is known, the sets of the last iteration are those of
+// the next. The array's first place is null when the order is not known; whatever changes an object
+// forgets it.
+#pragma once
+
+#include <qvcl/main.h>
+
+namespace qvcl {
+
+inline constexpr uint32_t kWordBits = 64;
+inline constexpr uint32_t kSetWords = FD_SETSIZE / kWordBits;
+static_assert(sizeof(fd_set) == kSetWords * sizeof(uint64_t));
+
+// The sets in the order of CL_Watch's bits.
+inline constexpr fd_set CL_FdSets::*kSets[] = {&CL_FdSets::read, &CL_FdSets::write,
+                                               &CL_FdSets::except};
+
+// A set as machine words; its own are the signed ones of this type.
+inline uint64_t *words(fd_set &set) {
+    return reinterpret_cast<uint64_t *>(&set);
+}
+inline const uint64_t *words(const fd_set &set) {
+    return reinterpret_cast<const uint64_t *>(&set);
+}
+
+inline bool in_one_word(const CL_Watch &watch) {
+    return watch.end_word == watch.first_word + 1;
+}
+
+// Adds one descriptor to the loop's sets, and to what is remembered of the object.
+inline void watch_descriptor(CL_Object *object, bool reading, bool writing) {
+    CL_MainBlock &main = *CL_MainTable;
+    const auto descriptor = static_cast<uint32_t>(object->descriptor);
+    const uint32_t word = descriptor / kWordBits;
+    const uint64_t bit = uint64_t{1} << descriptor % kWordBits;
+    object->watch = {word, word + 1, {reading ? bit : 0, writing ? bit : 0, 0}};
+    words(main.sets.read)[word] |= object->watch.bits[0];
+    words(main.sets.write)[word] |= object->watch.bits[1];
+    if ((reading || writing) && main.descriptor_count <= object->descriptor) {
+        main.descriptor_count = object->descriptor + 1;
+    }
+}
+
+// Whether a descriptor of the object may be ready: exact for descriptors in one word, else yes.
+inline bool may_be_ready(const CL_Watch &watch, const CL_FdSets &ready) {
+    uint64_t any = watch.end_word > watch.first_word + 1;
+    for (uint32_t s = 0; s < 3; ++s)
+        any |= words(ready.*kSets[s])[watch.first_word] & watch.bits[s];
+    return any != 0;
+}
+
+inline bool order_known() {
+    return CL_MainTable->scratch != nullptr && CL_MainTable->scratch[0] != nullptr;
+}
+
+inline void forget_order() {
+    if (CL_MainTable->scratch != nullptr) CL_MainTable->scratch[0] = nullptr;
+}
+
+}  // namespace qvcl
