@@ -1,0 +1,286 @@
+// One iteration of the event loop: n listed FD objects of one descriptor each, k of them ready.
+//
+// The floor is a bare pselect loop with one block and one unblock of the signals, a copy of the
+// sets, and a callback for every descriptor that is ready. All sides watch the same descriptors,
+// which stay ready, so nothing but the loops is measured.
+#include <ev.h>
+constexpr int kEvRead = EV_READ;  // libevent has the name for another number
+#include <event2/event.h>
+#include <sys/eventfd.h>
+#include <sys/select.h>
+#include <unistd.h>
+#include <csignal>
+#include <memory>
+#include <vector>
+
+#include <qvcl/qvcl.h>
+#include <qvcl/trace_records.h>
+
+#include "bench/support.h"
+
+namespace {
+
+using bench::Comparison;
+using bench::Times;
+
+// n descriptors, k of them ready, evenly spread. The last one that is ready counts iterations.
+struct Descriptors {
+    std::vector<int> all;
+    size_t counting = 0;  // index
+
+    Descriptors(size_t n, size_t k) {
+        for (size_t i = 0; i < n; ++i) {
+            const size_t step = n / k;
+            const bool ready = i % step == step / 2;
+            all.push_back(eventfd(ready ? 1 : 0, EFD_NONBLOCK));
+            bench::check(all.back() >= 0 && all.back() < FD_SETSIZE, "eventfd");
+            if (ready) counting = i;
+        }
+    }
+    Descriptors(const Descriptors &) = delete;
+    Descriptors &operator=(const Descriptors &) = delete;
+    ~Descriptors() {
+        for (const int fd : all)
+            close(fd);
+    }
+};
+using Shared = std::shared_ptr<const Descriptors>;
+
+// ---------------------------------------------------------------- the library
+
+// arg1: where the iterations that are left are counted; 0 for all but one object.
+uint32_t on_ready(CL_Object * /*object*/, CL_Event * /*event*/, uint64_t arg1, uint64_t /*arg2*/) {
+    if (arg1 == 0) return 0;
+    return --*reinterpret_cast<size_t *>(arg1) == 0;
+}
+
+struct Listed {
+    Shared descriptors;
+    std::vector<CL_Object *> objects;
+    size_t left = 0;
+
+    explicit Listed(const Shared &from) : descriptors(from) {
+        CL_ErrInfo err;
+        for (size_t i = 0; i < from->all.size(); ++i) {
+            const bool counts = i == from->counting;
+            const int fd = from->all[i];
+            fd_set set;
+            FD_ZERO(&set);
+            FD_SET(fd, &set);
+            CL_Object *object = CL_CreateFD(
+                CL_KIND_FD, on_ready, counts ? reinterpret_cast<uint64_t>(&left) : 0, 0, &err);
+            bench::check(object != nullptr &&
+                             CL_SetFD(object, static_cast<uint32_t>(fd + 1), &set, nullptr, nullptr,
+                                      &err) == 1 &&
+                             CL_AddEventList(object, counts ? CL_PRIORITY_LAST : CL_PRIORITY_FIRST,
+                                             &err) == 1,
+                         "listing");
+            objects.push_back(object);
+        }
+    }
+    Listed(const Listed &) = delete;
+    Listed &operator=(const Listed &) = delete;
+    ~Listed() {
+        CL_ErrInfo err;
+        for (CL_Object *object : objects)
+            CL_DeleteFD(object, &err);
+    }
+
+    void iterate(size_t n) {
+        CL_ErrInfo err;
+        left = n;
+        bench::check(CL_EventLoop(&err) == 1, "CL_EventLoop");
+    }
+};
+
+bench::Side library(const Shared &descriptors) {
+    auto listed = std::make_shared<Listed>(descriptors);
+    return bench::local("qvcl", [listed](size_t n) { listed->iterate(n); });
+}
+
+// The two records of a callback, as long as the loop writes them.
+bench::Side two_records() {
+    struct Record {
+        CL_TrcCallback fixed;
+        CL_FdSets sets;
+    };
+    auto record = std::make_shared<Record>();
+    return bench::local("two records of a callback", [record](size_t n) {
+        while (n-- != 0) {
+            record->fixed.head.length = sizeof(Record);
+            CL_TRC_Write_M(record.get(), CL_RING_LIBRARY);
+            record->fixed.head.length = sizeof record->fixed;
+            CL_TRC_Write_M(record.get(), CL_RING_LIBRARY);
+        }
+    });
+}
+
+// ---------------------------------------------------------------- the floor
+
+struct Watched {
+    int fd;
+    void (*callback)(Watched *self);
+    size_t *left;
+};
+
+void on_bare(Watched *self) {
+    if (self->left != nullptr) --*self->left;
+}
+
+void bare_loop(std::vector<Watched> &watched, const fd_set &reads, int count, size_t &left) {
+    const fd_set none = {};
+    sigset_t signals;
+    sigset_t saved;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGALRM);
+    sigaddset(&signals, SIGCHLD);
+    while (left != 0) {
+        fd_set ready[3] = {reads, none, none};
+        sigprocmask(SIG_BLOCK, &signals, &saved);
+        const int found = pselect(count, &ready[0], &ready[1], &ready[2], nullptr, &saved);
+        sigprocmask(SIG_UNBLOCK, &signals, nullptr);
+        if (found <= 0) continue;
+        for (Watched &one : watched) {
+            if (FD_ISSET(one.fd, &ready[0])) one.callback(&one);
+        }
+    }
+}
+
+bench::Side bare(const Shared &descriptors) {
+    struct State {
+        Shared descriptors;
+        std::vector<Watched> watched;
+        fd_set reads;
+        int count = 0;
+        size_t left = 0;
+    };
+    auto state = std::make_shared<State>();
+    state->descriptors = descriptors;
+    FD_ZERO(&state->reads);
+    for (size_t i = 0; i < descriptors->all.size(); ++i) {
+        const int fd = descriptors->all[i];
+        FD_SET(fd, &state->reads);
+        state->count = std::max(state->count, fd + 1);
+        state->watched.push_back(
+            {fd, on_bare, i == descriptors->counting ? &state->left : nullptr});
+    }
+    return bench::local("pselect", [state](size_t n) {
+        state->left = n;
+        bare_loop(state->watched, state->reads, state->count, state->left);
+    });
+}
+
+// ---------------------------------------------------------------- others
+
+bench::Side libev_select(const Shared &descriptors) {
+    struct State {
+        Shared descriptors;
+        struct ev_loop *loop = ev_loop_new(EVBACKEND_SELECT);
+        std::vector<ev_io> watchers;
+        size_t left = 0;
+        ~State() { ev_loop_destroy(loop); }
+    };
+    auto state = std::make_shared<State>();
+    state->descriptors = descriptors;
+    state->watchers.resize(descriptors->all.size());
+    for (size_t i = 0; i < descriptors->all.size(); ++i) {
+        ev_io &watcher = state->watchers[i];
+        const auto callback = [](struct ev_loop *loop, ev_io *w, int) {
+            auto *left = static_cast<size_t *>(w->data);
+            if (left != nullptr && --*left == 0) ev_break(loop, EVBREAK_ALL);
+        };
+        ev_io_init(&watcher, callback, descriptors->all[i], kEvRead);
+        watcher.data = i == descriptors->counting ? &state->left : nullptr;
+        ev_io_start(state->loop, &watcher);
+    }
+    return bench::local("libev select", [state](size_t n) {
+        state->left = n;
+        ev_run(state->loop, 0);
+    });
+}
+
+bench::Side libevent(const Shared &descriptors) {
+    struct State {
+        Shared descriptors;
+        event_base *base = event_base_new();
+        std::vector<event *> events;
+        size_t left = 0;
+        ~State() {
+            for (event *e : events)
+                event_free(e);
+            event_base_free(base);
+        }
+    };
+    auto state = std::make_shared<State>();
+    state->descriptors = descriptors;
+    for (size_t i = 0; i < descriptors->all.size(); ++i) {
+        const auto ignore = [](evutil_socket_t, short, void *) {};
+        const auto count = [](evutil_socket_t, short, void *arg) {
+            auto *of = static_cast<State *>(arg);
+            if (--of->left == 0) event_base_loopbreak(of->base);
+        };
+        event *one = i == descriptors->counting
+                         ? event_new(state->base, descriptors->all[i], EV_READ | EV_PERSIST, count,
+                                     state.get())
+                         : event_new(state->base, descriptors->all[i], EV_READ | EV_PERSIST, ignore,
+                                     nullptr);
+        event_add(one, nullptr);
+        state->events.push_back(one);
+    }
+    return bench::local(std::string("libevent ") + event_base_get_method(state->base),
+                        [state](size_t n) {
+                            state->left = n;
+                            event_base_loop(state->base, 0);
+                        });
+}
+
+// ---------------------------------------------------------------- what is asked
+
+Comparison iteration(size_t n, size_t k) {
+    const auto descriptors = std::make_shared<const Descriptors>(n, k);
+    Comparison comparison = {{library(descriptors), bare(descriptors), libev_select(descriptors),
+                              libevent(descriptors), two_records()},
+                             {}};
+    comparison.figures.push_back(bench::times_of("pselect", k == 1 ? 1.15 : 0));
+    comparison.figures.push_back(
+        {"x (pselect + two records a callback)",
+         [k](const Times &t) { return t[0] / (t[1] + static_cast<double>(k) * t[4]); },
+         k == n ? bench::Figure::at_most : bench::Figure::none, 1.2});
+    return comparison;
+}
+
+void count_calls(size_t n, size_t k) {
+    constexpr size_t kIterations = 200;
+    const bench::Calls calls = bench::count_calls([n, k] {
+        bench::check(CL_Init(static_cast<uint32_t>(n), nullptr, nullptr) == 1, "CL_Init");
+        Listed listed(std::make_shared<const Descriptors>(n, k));
+        listed.iterate(1);
+        bench::mark();
+        listed.iterate(kIterations);
+        bench::mark();
+    });
+    std::printf("n = %zu, k = %zu: %s in an iteration\n", n, k,
+                calls.per(static_cast<double>(kIterations)).c_str());
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    bench::pin(bench::processor(1));
+    std::vector<std::pair<size_t, size_t>> cases;
+    for (const size_t n : {1, 10, 100, 1000}) {
+        for (const size_t k : {size_t{1}, n / 10, n}) {
+            if (k != 0 && (cases.empty() || cases.back() != std::pair{n, k})) {
+                cases.emplace_back(n, k);
+            }
+        }
+    }
+    for (const auto &[n, k] : cases)
+        count_calls(n, k);
+    bench::check(CL_Init(1000, nullptr, nullptr) == 1, "CL_Init");
+    for (const auto &[n, k] : cases) {
+        bench::compare("iteration/n = " + std::to_string(n) + ", k = " + std::to_string(k),
+                       [n = n, k = k] { return iteration(n, k); });
+    }
+    return bench::run(argc, argv);
+}
