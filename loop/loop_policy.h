@@ -154,22 +154,26 @@ struct Loop {
         CL_MainBlock &main = *CL_MainTable;
         const uint32_t count = order_known() ? main.priority_list.count : 0;
         CL_Object *passed = nullptr;
+        bool looked = true;  // since the last object; there is no look before the first one
         for (uint32_t i = 0; i < count; ++i) {
             if (i + kAhead < count) __builtin_prefetch(&main.scratch[i + kAhead]->watch);
             CL_Object *object = main.scratch[i];
             if (may_be_ready(object->watch, main.sets)) {
                 main.loop_cursor = passed;
-                if (const uint32_t result = dispatch(look(err), err)) return result;
+                if (const uint32_t result = looked ? 0 : dispatch(look(err), err)) return result;
                 if (!order_known()) return 0;
                 main.loop_cursor = object;
                 if (const uint32_t result = check_object(object, err)) return result;
                 // What happened in there may have changed the list itself: then ask the list.
                 if (!order_known() || CL_QUE_Isinque(&main.priority_list, object) == 0) return 0;
+                looked = true;
+            } else {
+                looked = false;
             }
             passed = object;
         }
         main.loop_cursor = passed;
-        return dispatch(look(err), err);
+        return looked ? 0 : dispatch(look(err), err);
     }
 
     // One iteration. `built` keeps the sets of the last one for as long as the order is known.
