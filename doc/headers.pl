@@ -157,9 +157,13 @@ sub split_errors {
 sub print_errors {
     for my $header (map { read_header($_) } @_) {
         for my $item (grep { $_->{functions} } @{ $header->{items} }) {
-            my (undef, $errors) = split_errors($item, $header->{name});
+            my ($text, $errors) = split_errors($item, $header->{name});
             for my $function (grep { !is_worker($_, $item) } @{ $item->{functions} }) {
                 print "$function->{name} $_->[0]\n" for @$errors;
+                # Who fills an error record says with what, or what else it is for.
+                next if @$errors || grep { /\berr: / } @$text;
+                next unless grep { /^CL_ErrInfo \*err$/ } @{ $function->{arguments} };
+                die "$header->{name}: which errors has $function->{name}?\n";
             }
         }
     }
