@@ -28,7 +28,7 @@ QVCL_API uint32_t cl_setfd(CL_Object *object, uint32_t count, const fd_set *read
  * Errors: 9 (no sets given). */
 QVCL_API uint32_t cl_MakeListLFD_M(CL_Object *object, uint8_t callerFlag, const char *file,
                                    uint32_t line);
-/* The loop's step after the wait. 0, or the callback's result. */
+/* The loop's step after the wait. 0, or the callback's result. err: not used. */
 QVCL_API uint32_t cl_CheckLFD_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag,
                                 const char *file, uint32_t line);
 
