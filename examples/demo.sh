@@ -119,7 +119,7 @@ if [[ -x $trace ]]; then
     head -n 20 report.out | sed 's/^/    /'
     echo '    ...'
     "$trace" show "$build/echo_server.trc" >show.out
-    tail -n 6 show.out | sed 's/^/    /'
+    tail -n 6 show.out | cut -c1-150 | sed 's/^/    /'
     "$trace" export --json "$build/echo_server.trc" >"$build/echo_server.json"
     echo "    as a timeline, for a browser's tracing page: $build/echo_server.json"
 else

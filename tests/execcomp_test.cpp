@@ -216,6 +216,9 @@ TEST_F(Starter, OnlyAReportOfAWaitingProgramIsTakenAndEverythingElseIsShut) {
                       test.taken ? uint32_t{CL_SUB_EXEC_COMPLETE} : uint32_t{CL_SUB_EXEC_AWAITED});
             EXPECT_EQ(child->descriptor != -1, test.taken);
             EXPECT_EQ(connections(), test.open && !test.taken ? 1u : 0u);
+            const auto *head =
+                static_cast<const CL_Object *>(CL_MainTable->kind_queues[CL_KIND_QUEUE_EXECC].head);
+            EXPECT_TRUE(head == nullptr || head->priority == CL_PRIORITY_REPORT);
         }
         EXPECT_EQ(rounds(), 0u) << err; /* the raw side has gone: nothing but the object is left */
         EXPECT_EQ(connections(), 0u);
@@ -350,6 +353,7 @@ class Started : public Channel {
     Raw report(uint32_t watch_sync = 0) {
         end = CL_StartupComplete(test::call_action, test::address(&on_end), 5, watch_sync, &err);
         EXPECT_NE(end, nullptr) << err;
+        EXPECT_EQ(end->priority, uint32_t{CL_PRIORITY_REPORT});
         Raw connection = starter->accepted();
         EXPECT_EQ(connection.hear(), message(16, CL_MSG_EXEC_COMPLETE, CL_GetPid()));
         return connection;

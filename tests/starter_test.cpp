@@ -411,6 +411,11 @@ TEST(Notify, TheServiceManagerIsToldWhereItListens) {
         close(manager);
         EXPECT_EQ(CL_NotifyManager("READY=1", &err), 0u);
         EXPECT_THAT(err, test::FailsWith(ECONNREFUSED, CL_MODULE_STARTER));
+        {
+            const Plan plan(Fault{.call = "socket", .error = EMFILE});
+            EXPECT_EQ(CL_NotifyManager("READY=1", &err), 0u);
+        }
+        EXPECT_THAT(err, test::FailsWith(EMFILE, CL_MODULE_STARTER));
         EXPECT_EQ(CL_NotifyManager(nullptr, &err), 0u);
         EXPECT_THAT(err, test::FailsWith(EFAULT, CL_MODULE_STARTER));
         unlink(place.c_str());
