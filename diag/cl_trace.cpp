@@ -13,6 +13,7 @@
 #include <qvcl/trace.h>
 
 #include "core/table_header.h"
+#include "diag/traced.h"
 
 namespace {
 
@@ -39,9 +40,28 @@ uint32_t generations() {
     return count >= 1 ? static_cast<uint32_t>(count) : uint32_t{CL_TRC_GENERATIONS};
 }
 
-// Writes one slice of a record into the next entry.
-void write_entry(CL_TraceRing *ring, const char *slice, uint32_t length, uint32_t flags,
-                 uint32_t remaining) {
+// A record in one or two pieces.
+struct Pieces {
+    const char *head;
+    uint32_t head_length;
+    const char *tail;
+
+    void copy(char *to, uint32_t at, uint32_t length) const {
+        if (at < head_length) {
+            const uint32_t left = head_length - at;
+            const uint32_t part = length < left ? length : left;
+            memcpy(to, head + at, part);
+            to += part;
+            at += part;
+            length -= part;
+        }
+        if (length != 0) memcpy(to, tail + (at - head_length), length);
+    }
+};
+
+// Writes the slice of a record that begins at byte `at` into the next entry.
+void write_entry(CL_TraceRing *ring, const Pieces &record, uint32_t at, uint32_t length,
+                 uint32_t flags, uint32_t remaining) {
     const uint32_t index = ring->next;
     // Entries of an odd size are not aligned, so their headers are copied.
     char *entry = reinterpret_cast<char *>(ring + 1) +
@@ -56,7 +76,7 @@ void write_entry(CL_TraceRing *ring, const char *slice, uint32_t length, uint32_
     }
     const CL_TraceEntry header = {flags, remaining};
     memcpy(entry, &header, sizeof header);
-    memcpy(entry + sizeof header, slice, length);
+    record.copy(entry + sizeof header, at, length);
     ring->next = index + 1;
     if (ring->next == ring->entry_count) {
         ring->next = 0;
@@ -107,23 +127,28 @@ void CL_TRC_End_M(int ring) {
 
 uint32_t CL_TRC_Write_M(void *record, int ring) {
     if (record == nullptr) return EFAULT;
+    auto *head = static_cast<CL_TrcHead *>(record);
+    return qvcl::write_record(head, head->length, nullptr, ring);
+}
+
+uint32_t qvcl::write_record(CL_TrcHead *head, uint32_t head_length, const void *tail, int ring) {
     CL_TraceRing *block = ring_field(ring);
     if (block == nullptr) return CL_ERR_STATE;
-    auto *head = static_cast<CL_TrcHead *>(record);
     const uint32_t size = block->entry_size;
-    uint32_t left = head->length;
+    const uint32_t length = head->length;
     // Most records fit one entry: that needs no division.
-    uint32_t entries = left <= size ? left != 0 : (left - 1) / size + 1;
+    uint32_t entries = length <= size ? length != 0 : (length - 1) / size + 1;
     if (entries > block->entry_count) return E2BIG;
     head->seconds = CL_GetTime_M(&head->microseconds);
 
-    const char *slice = static_cast<const char *>(record);
+    const Pieces record = {reinterpret_cast<const char *>(head), head_length,
+                           static_cast<const char *>(tail)};
+    uint32_t at = 0;
     for (uint32_t first = CL_ENTRY_FIRST; entries != 0; --entries, first = 0) {
-        const uint32_t length = left < size ? left : size;
+        const uint32_t slice = length - at < size ? length - at : size;
         const uint32_t last = entries == 1 ? uint32_t{CL_ENTRY_LAST} : 0u;
-        write_entry(block, slice, length, first | last, entries);
-        slice += length;
-        left -= length;
+        write_entry(block, record, at, slice, first | last, entries);
+        at += slice;
     }
     return 0;
 }

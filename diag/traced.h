@@ -13,6 +13,9 @@
 
 namespace qvcl {
 
+// CL_TRC_Write_M for a record whose bytes behind the first `head_length` lie at `tail`.
+uint32_t write_record(CL_TrcHead *head, uint32_t head_length, const void *tail, int ring);
+
 // Fills the head of a zeroed record, in place: a head that is made elsewhere and copied costs more
 // than all its fields.
 inline void fill_head(CL_TrcHead &head, uint8_t api, size_t length, uint8_t callerFlag,

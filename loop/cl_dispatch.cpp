@@ -46,37 +46,31 @@ EventData event_data(const CL_Event &event) {
 
 uint32_t cl_Callback_M(CL_Callback callback, CL_Object *object, CL_Event *event, uint64_t arg1,
                        uint64_t arg2, uint8_t callerFlag, const char *file, uint32_t line) {
-    struct {
-        CL_TrcCallback fixed;
-        uint8_t data[sizeof(CL_FdSets)];
-    } record;
     const EventData data = event_data(*event);
-    CL_TrcCallback &fixed = record.fixed;
-    fixed = {};
-    qvcl::fill_head(fixed.head, CL_API_CALLBACK, sizeof fixed + data.length, callerFlag, file,
+    CL_TrcCallback record = {};
+    qvcl::fill_head(record.head, CL_API_CALLBACK, sizeof record + data.length, callerFlag, file,
                     line);
-    fixed.head.marker = CL_MARK_CALLBACK_ENTRY;
-    fixed.callback = reinterpret_cast<uint64_t>(callback);
-    fixed.handle = address_of(object);
-    fixed.arg1 = arg1;
-    fixed.arg2 = arg2;
-    fixed.type = event->type;
-    fixed.data = address_of(event->data);
-    fixed.data_length = event->length;
-    memcpy(fixed.block, &event->queue, sizeof fixed.block);
-    fixed.exit_reason = event->exit_reason;
-    fixed.exit_value = event->exit_value;
-    fixed.error = event->error;
-    if (data.length != 0) memcpy(record.data, data.from, data.length);
-    CL_TRC_Write_M(&record, CL_RING_LIBRARY);
+    record.head.marker = CL_MARK_CALLBACK_ENTRY;
+    record.callback = reinterpret_cast<uint64_t>(callback);
+    record.handle = address_of(object);
+    record.arg1 = arg1;
+    record.arg2 = arg2;
+    record.type = event->type;
+    record.data = address_of(event->data);
+    record.data_length = event->length;
+    memcpy(record.block, &event->queue, sizeof record.block);
+    record.exit_reason = event->exit_reason;
+    record.exit_value = event->exit_value;
+    record.error = event->error;
+    qvcl::write_record(&record.head, sizeof record, data.from, CL_RING_LIBRARY);
 
     // An object without a callback has nobody to tell: the event is dropped.
     const uint32_t result = callback != nullptr ? callback(object, event, arg1, arg2) : 0;
 
-    fixed.head.length = sizeof fixed;
-    fixed.head.phase = 1;
-    fixed.head.marker = CL_MARK_CALLBACK_EXIT;
-    fixed.result = result;
+    record.head.length = sizeof record;
+    record.head.phase = 1;
+    record.head.marker = CL_MARK_CALLBACK_EXIT;
+    record.result = result;
     CL_TRC_Write_M(&record, CL_RING_LIBRARY);
     return result;
 }

@@ -11,7 +11,7 @@
 QVCL_BEGIN
 
 /* Gives the object its sets: descriptors 0 to count - 1 of each (null: none); count at most 1024.
- * The sets are copied, and may be replaced at any time; a listed object uses the new ones from the
+ * The sets are copied, and may be replaced at any time; the loop waits for the new ones from the
  * next iteration on. 1; 0, nothing changed.
  * Errors: CL_ERR_STATE, 9 (invalid handle, not an FD object), 22 (count). */
 QVCL_API uint32_t CL_SetFD_M(CL_Object *object, uint32_t count, const fd_set *readSet,
