@@ -16,6 +16,16 @@ inline size_t copy_text(char *to, size_t bound, const char *from) {
     return length;
 }
 
+// The same for the file name of a position, which every record and every block has: in a name of a
+// few characters a loop is done before a call into the C library has begun.
+inline void copy_file_name(char (&to)[16], const char *from) {
+    size_t i = 0;
+    for (; from != nullptr && i < sizeof to && from[i] != '\0'; ++i)
+        to[i] = from[i];
+    for (; i < sizeof to; ++i)
+        to[i] = '\0';
+}
+
 // Switches count only when their value is exactly "1".
 inline bool switched_on(const char *variable) {
     const char *value = cl_GetEnvValue(variable);

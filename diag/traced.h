@@ -24,8 +24,7 @@ inline void fill_head(CL_TrcHead &head, uint8_t api, size_t length, uint8_t call
     head.api = api;
     head.caller = callerFlag;
     head.marker = CL_MARK_ENTRY;
-    for (size_t i = 0; file != nullptr && i < sizeof head.file && file[i] != '\0'; ++i)
-        head.file[i] = file[i];
+    copy_file_name(head.file, file);
     head.line = line;
 }
 

@@ -93,7 +93,7 @@ uint32_t cl_StatusChange_M(CL_Object *object, uint32_t status, uint32_t sub_stat
 }
 
 void CL_SetPT(CL_Position *position, const char *file, uint32_t line) {
-    qvcl::copy_text(position->file, sizeof position->file, file);
+    qvcl::copy_file_name(position->file, file);
     position->line = line;
     position->microseconds = 0;
     position->seconds = CL_GetTime_M(&position->microseconds);

@@ -160,6 +160,7 @@ struct Direction {
                   int32_t &count);
     fd_set CL_FdSets::*ready;
     int32_t (*step)(CL_Object *connection, CL_ErrInfo *err);  // 0 again, length, or -1
+    bool try_first;                                           // before the first wait
 };
 
 constexpr Direction kReceive = {
@@ -174,6 +175,7 @@ constexpr Direction kReceive = {
         CL_QUE_Clear(&event.queue);  // blocks that it took are the caller's again
         return -1;
     },
+    false,  // an answer is hardly ever there when it is asked for
 };
 
 constexpr Direction kSend = {
@@ -187,6 +189,7 @@ constexpr Direction kSend = {
         if (result < 0) CL_QUE_Clear(&event.queue);
         return result;
     },
+    true,  // there is nearly always room, more than a socket that reports writable has
 };
 
 // One synchronous transfer. SIGALRM is blocked between the look at the ticks and the wait, and open
@@ -211,8 +214,9 @@ class SyncWait {
                                              kFile, __LINE__) == 0) {
             return -1;
         }
-        // Nothing may be wrong with just doing it: only an end watch has to be looked at first.
-        int32_t result = end_ == nullptr ? direction_.step(connection_, err_) : 0;
+        // An end watch has to be looked at before anything is transferred.
+        const bool try_first = direction_.try_first && end_ == nullptr;
+        int32_t result = try_first ? direction_.step(connection_, err_) : 0;
         while (result == 0 && !over_)
             result = pass();
         return timeout_ != 0 ? stop_timer(result) : result;

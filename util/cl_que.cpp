@@ -27,16 +27,20 @@ bool holds(const CL_Queue *queue, const void *element) {
 
 // Links a free element between two neighbours, either of which may be the queue's end (null).
 void link_between(CL_Queue *queue, void *element, void *previous, void *next) {
-    *link_of(queue, element) = {next, previous, queue};
-    (previous != nullptr ? link_of(queue, previous)->next : queue->head) = element;
-    (next != nullptr ? link_of(queue, next)->previous : queue->tail) = element;
+    const uint32_t offset = queue->link_offset;
+    *link_at(element, offset) = {next, previous, queue};
+    (previous != nullptr ? link_at(previous, offset)->next : queue->head) = element;
+    (next != nullptr ? link_at(next, offset)->previous : queue->tail) = element;
     ++queue->count;
 }
 
 void *unlink(CL_Queue *queue, void *element) {
-    CL_QueueLink *link = link_of(queue, element);
-    (link->previous != nullptr ? link_of(queue, link->previous)->next : queue->head) = link->next;
-    (link->next != nullptr ? link_of(queue, link->next)->previous : queue->tail) = link->previous;
+    const uint32_t offset = queue->link_offset;
+    CL_QueueLink *link = link_at(element, offset);
+    void *const next = link->next;
+    void *const previous = link->previous;
+    (previous != nullptr ? link_at(previous, offset)->next : queue->head) = next;
+    (next != nullptr ? link_at(next, offset)->previous : queue->tail) = previous;
     --queue->count;
     *link = {};
     return element;
