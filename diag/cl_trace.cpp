@@ -37,7 +37,8 @@ uint32_t library_entries() {
 uint32_t generations() {
     const char *value = cl_GetEnvValue("CL_TRC_GEN");
     const long count = value != nullptr ? strtol(value, nullptr, 0) : 0;
-    return count >= 1 ? static_cast<uint32_t>(count) : uint32_t{CL_TRC_GENERATIONS};
+    if (count < 1) return CL_TRC_GENERATIONS;
+    return count < INT32_MAX ? static_cast<uint32_t>(count) : uint32_t{INT32_MAX};
 }
 
 // A record in one or two pieces.

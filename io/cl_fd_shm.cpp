@@ -45,6 +45,7 @@ CL_Object *cl_openshm(const char *name, int32_t flags, uint64_t size, CL_ErrInfo
     }
     CL_SharedMemory &memory = object->memory;
     qvcl::copy_text(memory.name, sizeof memory.name, name);
+    memory.name_length = static_cast<uint32_t>(strlen(name));
     memory.size = size;
     memory.flags = static_cast<uint32_t>(flags);
     memory.address = nullptr;
@@ -97,6 +98,8 @@ uint32_t cl_closeshm(CL_Object *object, CL_ErrInfo *err, const char *file, uint3
     const CL_SharedMemory &memory = object->memory;
     if (memory.address != nullptr) return fail(err, ENOENT);
     if (memory.unlink_on_close != 0) {
+        // Somebody else's segment may have the name that is left of a longer one.
+        if (memory.name_length > sizeof memory.name) return fail(err, ENAMETOOLONG);
         char name[sizeof memory.name + 1] = {};
         memcpy(name, memory.name, sizeof memory.name);
         if (cl_u_shm_unlink(name) != 0 && errno != ENOENT) return fail.sys(err);

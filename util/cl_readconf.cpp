@@ -35,7 +35,7 @@ Line read_line(FILE *file, char (&text)[kLineBuffer]) {
     while ((c = getc_unlocked(file)) != EOF) {
         if (length < sizeof text - 1) text[length] = static_cast<char>(c);
         ++length;
-        if (c == '\n') break;
+        if (c == '\n' || length > CL_CONF_LINE_MAX) break;
     }
     if (length > CL_CONF_LINE_MAX) return Line::too_long;
     text[length] = '\0';

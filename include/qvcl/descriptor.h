@@ -108,8 +108,8 @@ typedef struct CL_File {
 /* Shared-memory segment (SHM). */
 typedef struct CL_SharedMemory {
     char name[140];
-    uint32_t reserved;
-    uint64_t size; /* bytes to map */
+    uint32_t name_length; /* of the whole name, of which `name` holds the first 140 characters */
+    uint64_t size;        /* bytes to map */
     uint32_t flags;
     uint32_t reserved2;
     void *address; /* of the mapping, or null */

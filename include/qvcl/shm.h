@@ -36,8 +36,8 @@ QVCL_API uint32_t cl_unmapshm(CL_Object *object, CL_ErrInfo *err);
 
 /* Closes and deletes the object. 1; 0: the object stays. When the object's memory.unlink_on_close
  * is not 0 (the application may set it), the name is removed first.
- * Errors: CL_ERR_STATE, 9 (invalid handle, not an open segment), 2 (still mapped: unmap first),
- * CL_ERR_QUEUE, errno (shm_unlink, close). */
+ * Errors: CL_ERR_STATE, 9 (invalid handle, not an open segment), 2 (still mapped: unmap first), 36
+ * (the name to remove has more than 140 characters), CL_ERR_QUEUE, errno (shm_unlink, close). */
 QVCL_API uint32_t CL_CloseSHM_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag,
                                 const char *file, uint32_t line);
 #define CL_CloseSHM(object, err) CL_CloseSHM_M((object), (err), CL_HERE)
