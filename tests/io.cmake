@@ -1,0 +1,10 @@
+# The tests of messages, timers, configuration, trace files, files, shared memory and the loop that
+# threads can wake.
+add_library(test-wire OBJECT wire.cpp)
+target_link_libraries(test-wire PUBLIC test-support)
+
+function(io_test name)
+    qvcl_test(${name} SOURCES ${name}.cpp LIBS test-support test-wire ${ARGN})
+endfunction()
+
+io_test(transfer_test LABELS valgrind)
