@@ -8,3 +8,5 @@ function(io_test name)
 endfunction()
 
 io_test(transfer_test LABELS valgrind)
+io_test(server_test)
+io_test(client_test)

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -17,6 +18,41 @@ Folder::Folder() : root_("/tmp/qvcl-test-XXXXXX") {
 Folder::~Folder() {
     std::error_code ignored;
     std::filesystem::remove_all(root_, ignored);
+}
+
+Unprivileged::Unprivileged() {
+    constexpr uid_t NOBODY = 65534;
+    if (user_ == 0) {
+        EXPECT_EQ(seteuid(NOBODY), 0);
+    }
+}
+
+Unprivileged::~Unprivileged() {
+    if (user_ == 0) {
+        EXPECT_EQ(seteuid(user_), 0);
+    }
+}
+
+CrowdedTable::CrowdedTable() {
+    rlimit limit;
+    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, FD_SETSIZE + 64);
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    for (;;) {
+        const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+        EXPECT_NE(fd, -1) << strerror(errno);
+        if (fd == -1 || fd >= FD_SETSIZE) {
+            ::close(fd);
+            break;
+        }
+        taken_.push_back(fd);
+    }
+}
+
+void CrowdedTable::release() {
+    for (const int fd : taken_)
+        ::close(fd);
+    taken_.clear();
 }
 
 std::string pattern(std::size_t size, uint32_t seed) {

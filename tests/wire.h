@@ -27,6 +27,31 @@ class Folder {
     std::string root_;
 };
 
+/* As long as it lives, this process may not do what root may. */
+class Unprivileged {
+  public:
+    Unprivileged();
+    ~Unprivileged();
+    Unprivileged(const Unprivileged &) = delete;
+    Unprivileged &operator=(const Unprivileged &) = delete;
+
+  private:
+    uid_t user_ = geteuid();
+};
+
+/* Takes all descriptors below the end of a descriptor set, so that the next one is beyond. */
+class CrowdedTable {
+  public:
+    CrowdedTable();
+    ~CrowdedTable() { release(); }
+    CrowdedTable(const CrowdedTable &) = delete;
+    CrowdedTable &operator=(const CrowdedTable &) = delete;
+    void release();
+
+  private:
+    std::vector<int> taken_;
+};
+
 /* `size` bytes that differ from those of another seed. */
 std::string pattern(std::size_t size, uint32_t seed = 1);
 
