@@ -398,10 +398,9 @@ void closelog() {
 }
 
 /* Looked up without a guarded static: the look-up itself may allocate. The thread sanitizer wants
- * its own allocator to be called first of all; the address sanitizer calls this one before it can
- * watch it. */
-#ifndef __SANITIZE_THREAD__
-__attribute__((no_sanitize("address", "undefined"))) void *malloc(size_t size) noexcept {
+ * its own allocator to be called first of all. */
+#ifndef QVCL_TSAN
+void *malloc(size_t size) noexcept {
     static void *(*original)(size_t);
     static bool looking;
     if (original == nullptr) {
