@@ -3,6 +3,13 @@
 add_library(test-support OBJECT support.cpp)
 target_include_directories(test-support PUBLIC "${PROJECT_SOURCE_DIR}" "${PROJECT_SOURCE_DIR}/tests")
 target_link_libraries(test-support PUBLIC qvcl::qvcl GTest::gmock ${CMAKE_DL_LIBS})
+if(QVCL_SANITIZE)
+    # A sanitizer calls the stand-ins for the C library before it can watch anything.
+    target_compile_options(test-support PRIVATE -fno-sanitize=all -fno-threadsafe-statics)
+    if("thread" IN_LIST QVCL_SANITIZE)
+        target_compile_definitions(test-support PRIVATE QVCL_TSAN)
+    endif()
+endif()
 
 function(core_test name)
     qvcl_test(${name} SOURCES ${name}.cpp LIBS test-support ${ARGN})

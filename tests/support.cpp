@@ -399,7 +399,7 @@ void closelog() {
 
 /* Looked up without a guarded static: the look-up itself may allocate. The thread sanitizer wants
  * its own allocator to be called first of all. */
-#ifndef __SANITIZE_THREAD__
+#ifndef QVCL_TSAN
 void *malloc(size_t size) noexcept {
     static void *(*original)(size_t);
     static bool looking;
