@@ -1,0 +1,367 @@
+/* Trace files and their generations, read as bytes at the places that the format gives. */
+#include <fcntl.h>
+#include <qvcl/memory.h>
+#include <qvcl/trace.h>
+#include <sys/stat.h>
+
+#include <csignal>
+
+#include "tests/folder.h"
+#include "tests/support.h"
+
+namespace {
+
+using namespace std::string_literals;
+using test::bytes_of;
+using test::Fault;
+using test::Plan;
+using testing::ElementsAre;
+
+constexpr std::size_t TRACE_FD_AT = 1136; /* in the main table, 4 bytes */
+
+std::string memory(const void *data, std::size_t length) {
+    return {static_cast<const char *>(data), length};
+}
+std::string block(const CL_TableHeader *header) {
+    return header != nullptr ? memory(header, header->size) : "";
+}
+std::string block(const CL_TraceRing *ring) {
+    return ring != nullptr ? block(&ring->header) : "";
+}
+
+class TraceFile : public test::Library {
+  protected:
+    void SetUp() override {
+        test::set_env("TZ", "UTC");
+        test::set_env("CL_TRC_GEN", nullptr);
+        test::capture_log();
+    }
+    void TearDown() override { user_ring(false); }
+
+    static void user_ring(bool wanted, const std::string &prefix = "",
+                          CL_DumpCallback callback = nullptr) {
+        CL_TRC_End_M(CL_RING_USER);
+        if (wanted) {
+            ASSERT_EQ(CL_TRC_Init_M(prefix.c_str(), 33, 7, callback, CL_RING_USER), 0u);
+        }
+    }
+    static std::string rings() {
+        return block(CL_MainTable->library_ring) + block(CL_MainTable->user_ring);
+    }
+    /* What a dump has to hold after its header text, as it is in memory now. */
+    static std::string tables() {
+        return rings() + block(&CL_MainTable->header) + block(CL_MainTable->descriptor_table);
+    }
+    /* Dumps; the rings are afterwards as they were before, and nothing stays open. */
+    std::vector<std::string> dump(const char *to, const char *text = nullptr) {
+        test::raw_log().clear();
+        const test::Balance before = test::Balance::now();
+        const std::string content = rings();
+        CL_TRC_Out(to, text);
+        EXPECT_EQ(test::Balance::now(), before);
+        EXPECT_TRUE(rings() == content);
+        EXPECT_EQ(CL_MainTable->trace_fd, -1);
+        EXPECT_EQ(CL_TRC_AddTbl("outside", 7), 0u);
+        return test::log_lines();
+    }
+
+    test::Folder folder;
+    const std::string file = folder.path("file.trc");
+    const std::string prefix = folder.path("p");
+    const std::string started = "CLLIB:trc out start " + file;
+};
+
+/* Which blocks there are, and in which order, before and after initialisation. */
+TEST_F(TraceFile, HoldsEveryBlockThatExists) {
+    folder.put("file.trc", std::string(1'000'000, 'o')); /* longer than any dump */
+    umask(0);
+    const auto check = [&](bool library, bool user) {
+        SCOPED_TRACE(testing::Message() << library << user << CL_MainTable->state);
+        if (!library) {
+            CL_TRC_End_M(CL_RING_LIBRARY);
+        } else if (CL_MainTable->library_ring == nullptr) {
+            ASSERT_EQ(CL_INTRC_Init(), 0u);
+        }
+        user_ring(user, "prefix");
+        const std::string expected = tables();
+        EXPECT_THAT(dump(file.c_str()), ElementsAre(started));
+        std::string bytes = bytes_of(file);
+        ASSERT_EQ(bytes.size(), expected.size());
+        std::vector<std::string> eyes;
+        for (std::size_t at = 0, size = 0; at < bytes.size(); at += size) {
+            eyes.emplace_back(&bytes[at]);
+            memcpy(&size, &bytes[at + 16], 8);
+            ASSERT_GE(size, 32u);
+            if (eyes.back() == "***CL_MAIN***") {
+                ASSERT_EQ(size, 2232u);
+                int fd = -1;
+                memcpy(&fd, &bytes[at + TRACE_FD_AT], sizeof fd);
+                EXPECT_GT(fd, 2) << "the main table knows the dump in progress";
+                memset(&bytes[at + TRACE_FD_AT], 0xff, sizeof fd);
+            }
+        }
+        EXPECT_TRUE(bytes == expected);
+        std::vector<std::string> order;
+        if (library) order.emplace_back("***CL_LIBTRC***");
+        if (user) order.emplace_back("***CL_USRTRC***");
+        order.emplace_back("***CL_MAIN***");
+        if (CL_MainTable->state == CL_STATE_INITIALISED) order.emplace_back("***CL_FDTBL***");
+        EXPECT_EQ(eyes, order);
+    };
+    for (const bool initialised : {false, true}) {
+        if (initialised) {
+            ASSERT_EQ(CL_Init(3, nullptr, &err), 1u);
+            create(CL_KIND_FD);
+        }
+        for (const int rings : {3, 2, 1, 0}) {
+            check((rings & 2) != 0, (rings & 1) != 0);
+        }
+    }
+    std::filesystem::remove(file);
+    dump(file.c_str());
+    EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms{0600});
+}
+
+TEST_F(TraceFile, HeaderTextIsPadded) {
+    const struct {
+        std::size_t length, bytes;
+    } rows[] = {{0, 16},  {1, 16},  {13, 16}, {14, 16},    {15, 32},    {16, 32},
+                {30, 32}, {31, 48}, {47, 64}, {999, 1008}, {4096, 4112}};
+    for (const auto &row : rows) {
+        const std::string text(row.length, 't');
+        EXPECT_THAT(dump(file.c_str(), text.c_str()), ElementsAre(started));
+        std::string expected = text;
+        expected.resize(row.bytes);
+        EXPECT_EQ(bytes_of(file).substr(0, row.bytes + 15), expected + "***CL_LIBTRC***");
+    }
+}
+
+TEST_F(TraceFile, GenerationsGoRound) {
+    user_ring(true, prefix);
+    for (int i = 0; i < 12; i++) {
+        const int now = i % 5, next = (i + 1) % 5;
+        const std::string name = prefix + std::to_string(now) + ".trc";
+        test::set_time(1000 + static_cast<uint64_t>(i), 0);
+        CL_MainTable->user_ring->header.eye[15] = static_cast<char>('A' + i);
+        EXPECT_THAT(dump(nullptr, "text"), ElementsAre("CLLIB:trc out start " + name));
+        EXPECT_EQ(folder.files(), static_cast<std::size_t>(std::min(i + 1, 5) + 1));
+        const std::string bytes = bytes_of(name);
+        EXPECT_EQ(bytes[16 + block(CL_MainTable->library_ring).size() + 15], 'A' + i);
+        EXPECT_EQ(bytes_of(prefix + ".cnf"),
+                  "[GenConfig]\nGenNum = " + std::to_string(next) + "\n");
+    }
+    /* A file that is named leaves the generations alone. */
+    dump(file.c_str());
+    EXPECT_EQ(bytes_of(prefix + ".cnf"), "[GenConfig]\nGenNum = 2\n");
+    /* Without a name for it there is no dump. */
+    for (const bool ring : {false, true}) {
+        user_ring(ring, "");
+        EXPECT_THAT(dump(nullptr, "text"), ElementsAre());
+    }
+}
+
+TEST_F(TraceFile, GenerationFiles) {
+    const std::string head = "[GenConfig]\nGenNum = ";
+    const auto check = [&](const char *count, const std::string &content, int now, int next) {
+        test::set_env("CL_TRC_GEN", count);
+        user_ring(true, prefix);
+        const std::string path = folder.put("p.cnf", content);
+        const auto name = prefix + std::to_string(now) + ".trc";
+        EXPECT_THAT(dump(nullptr), ElementsAre("CLLIB:trc out start " + name)) << content;
+        EXPECT_EQ(bytes_of(path), head + std::to_string(next) + "\n") << content;
+    };
+    const struct {
+        const char *value;
+        int now, next;
+    } rows[] = {{"3", 3, 4},
+                {"4", 4, 0},
+                {"0x3", 3, 4},
+                {"03", 3, 4},
+                {"+2", 2, 3},
+                {"-0", 0, 1},
+                {"2\n[z]", 2, 3},
+                {"5", 0, 1},
+                {"7", 0, 1},
+                {"-1", 0, 1},
+                {"", 0, 1},
+                {"three", 0, 1},
+                {"3 x", 0, 1},
+                {"2\n[", 0, 1},
+                {"2\nGenNum = 3", 0, 1},
+                {"4294967299", 0, 1},
+                {"99999999999999999999", 0, 1},
+                {"-99999999999999999999", 0, 1}};
+    for (const auto &row : rows) {
+        check("5", head + row.value, row.now, row.next);
+    }
+    check("5", "; by hand\n[x]\n" + head + "3 \0!\nmore = 1\n"s, 3, 4);
+    for (const std::string &content :
+         {""s, "[genconfig]\nGenNum = 3\n"s, "[GenConfig]\ngennum = 3\n"s,
+          head + std::string(501, '0'), std::string(100'000, '\0'),
+          "\x7f\x45LF\x02\x01\n\xff\xfe"s}) {
+        check("5", content, 0, 1);
+        check("1", content, 0, 1); /* where none is noted, 1 is noted whatever the count */
+    }
+    check("1", head + "0", 0, 0);
+    check("1", head + "1", 0, 0);
+    check("2000000000", head + "1999999998", 1999999998, 1999999999);
+    check("2000000000", head + "1999999999", 1999999999, 0);
+    /* A prefix too long for a ring is cut. */
+    const std::string longest = folder.path(std::string(250, 'l')) + "/" + std::string(90, 'm');
+    std::filesystem::create_directory(folder.path(std::string(250, 'l')));
+    const test::Balance before = test::Balance::now();
+    EXPECT_EQ(cl_getgen(longest.c_str()), 0);
+    EXPECT_EQ(test::Balance::now(), before);
+}
+
+/* Where the generation file cannot be read or written the dump goes on, and says nothing of it. */
+TEST_F(TraceFile, GenerationFilesOutOfReach) {
+    test::set_env("CL_TRC_GEN", "5");
+    user_ring(true, prefix);
+    const auto expected = ElementsAre("CLLIB:trc out start " + prefix + "0.trc");
+    std::filesystem::create_directory(prefix + ".cnf");
+    EXPECT_THAT(dump(nullptr), expected) << "a folder of that name";
+    std::filesystem::remove(prefix + ".cnf");
+    std::filesystem::create_symlink(folder.path("none/x"), prefix + ".cnf");
+    EXPECT_THAT(dump(nullptr), expected) << "a link to nowhere";
+    std::filesystem::remove(prefix + ".cnf");
+    for (const Fault &fault : {Fault{.call = "fopen", .error = EROFS, .times = test::FOREVER},
+                               Fault{.call = "fopen", .error = EROFS, .nth = 2},
+                               Fault{.call = "malloc", .error = ENOMEM, .times = test::FOREVER}}) {
+        const std::string content = "[GenConfig]\nGenNum = 0\n";
+        const std::string path = folder.put("p.cnf", content);
+        {
+            const Plan plan(fault);
+            EXPECT_THAT(dump(nullptr), expected);
+            EXPECT_GT(plan.hits(), 0);
+        }
+        EXPECT_EQ(bytes_of(path) == content, fault.call == "fopen");
+    }
+    const test::Balance before = test::Balance::now();
+    cl_writegen("/dev/full", 3);
+    EXPECT_EQ(test::Balance::now(), before);
+}
+
+/* Every write of a dump fails in turn, or comes back short: the file ends there. */
+TEST_F(TraceFile, FullDisk) {
+    ASSERT_EQ(CL_Init(3, nullptr, &err), 1u);
+    static int called;
+    static uint32_t added;
+    const CL_DumpCallback callback = [] {
+        called++;
+        added = CL_TRC_AddTbl("block of the application", 24);
+    };
+    user_ring(true, prefix, callback);
+    const std::string text = "text";
+    const std::size_t sizes[] = {text.size() + 1,
+                                 11,
+                                 block(CL_MainTable->library_ring).size(),
+                                 block(CL_MainTable->user_ring).size(),
+                                 2232,
+                                 block(CL_MainTable->descriptor_table).size(),
+                                 24};
+    const int writes = std::size(sizes);
+    for (const std::size_t written : {SIZE_MAX, std::size_t{0}, std::size_t{3}}) {
+        const bool none = written == SIZE_MAX;
+        const auto error = none ? "-1:28)" : std::to_string(written) + ":";
+        std::size_t whole = none ? 0 : written;
+        for (int nth = 1; nth <= writes; whole += sizes[nth - 1], nth++) {
+            called = 0;
+            const Plan plan(
+                {.call = "write", .error = none ? ENOSPC : 0, .nth = nth, .at_most = written});
+            EXPECT_THAT(
+                dump(file.c_str(), text.c_str()),
+                ElementsAre(started, testing::StartsWith("CLLIB:trc file write err(" + error)));
+            EXPECT_EQ(bytes_of(file).size(), whole) << nth;
+            EXPECT_EQ(called, nth == writes ? 1 : 0);
+            EXPECT_EQ(plan.count("write"), nth) << "one write a block, none after a failure";
+            EXPECT_EQ(plan.count("fdatasync"), nth == writes ? 1 : 0);
+        }
+    }
+    EXPECT_EQ(added, 0u) << "the application learns of its failure";
+    /* After a failure a failing close is not worth a line of its own. */
+    const Fault close_fails{
+        .call = "close", .error = EIO, .before = [] { close(CL_MainTable->trace_fd); }};
+    {
+        const Plan plan({{.call = "write", .error = ENOSPC, .nth = 3}, close_fails});
+        EXPECT_THAT(dump(file.c_str(), text.c_str()),
+                    ElementsAre(started, "CLLIB:trc file write err(-1:28)"));
+        EXPECT_EQ(plan.hits(), 2);
+    }
+    EXPECT_THAT(dump("/dev/full"),
+                ElementsAre("CLLIB:trc out start /dev/full", "CLLIB:trc file write err(-1:28)"));
+    {
+        const Plan plan({{.call = "fdatasync", .error = EDQUOT}, close_fails});
+        EXPECT_THAT(dump(file.c_str()), ElementsAre(started, "CLLIB:trc file fdatasync err(122).",
+                                                    "CLLIB:trc file close err(5)."));
+    }
+    EXPECT_EQ(bytes_of(file).size(), tables().size() + 24);
+}
+
+TEST_F(TraceFile, FilesThatCannotBeOpened) {
+    const std::string content = "kept";
+    const std::string long_path = "/none/" + std::string(500, 'n');
+    const auto line = [](const std::string &path, int error) {
+        return "CLLIB:trc file open err " + path + " (" + std::to_string(error) + ").";
+    };
+    const struct {
+        std::string path;
+        int error;
+    } rows[] = {{folder.path("none/file"), ENOENT},
+                {folder.path(""), EISDIR},
+                {"", ENOENT},
+                {folder.put("plain", content) + "/x", ENOTDIR}};
+    for (const auto &row : rows) {
+        EXPECT_THAT(dump(row.path.c_str(), "text"), ElementsAre(line(row.path, row.error)));
+    }
+    /* A line of more than 319 characters is cut. */
+    EXPECT_THAT(dump(long_path.c_str()), ElementsAre(line(long_path, 2).substr(0, 319)));
+    const Plan plan({.call = "open", .error = EMFILE});
+    EXPECT_THAT(dump(file.c_str()), ElementsAre(line(file, EMFILE)));
+    EXPECT_FALSE(std::filesystem::exists(file));
+}
+
+/* What a dump callback may do; a dump inside a dump is none. */
+TEST_F(TraceFile, CallbackAddsBlocks) {
+    static std::string nested;
+    static std::vector<uint32_t> results;
+    static int fd;
+    nested = folder.path("nested");
+    user_ring(true, prefix, [] {
+        fd = CL_MainTable->trace_fd;
+        results.push_back(CL_TRC_AddTbl("one", 3));
+        CL_TRC_Out(nested.c_str(), "text");
+        CL_TRC_Out(nullptr, nullptr);
+        results.push_back(CL_TRC_AddTbl(nullptr, 0));
+        results.push_back(CL_TRC_AddTbl("two\0three", 9));
+        const Plan plan({.call = "write", .error = EIO});
+        results.push_back(CL_TRC_AddTbl("four", 4));
+        results.push_back(CL_TRC_AddTbl("five", 4));
+    });
+    EXPECT_THAT(dump(file.c_str()), ElementsAre(started, "CLLIB:trc file write err(-1:5)"));
+    EXPECT_THAT(results, ElementsAre(1u, 1u, 1u, 0u, 1u));
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1) << "closed at the end";
+    EXPECT_EQ(bytes_of(file).substr(tables().size()), "onetwo\0threefive"s);
+    EXPECT_EQ(folder.files(), 1u) << "no nested file, no generation used up";
+    /* The callback goes with its ring. */
+    user_ring(false);
+    dump(file.c_str());
+    EXPECT_EQ(results.size(), 5u);
+    EXPECT_EQ(bytes_of(file).size(), tables().size());
+}
+
+TEST(TracePath, IsCutBehindItsLastSlash) {
+    const struct {
+        const char *path, *directory;
+        bool found;
+    } rows[] = {{"/a/b/c.trc", "/a/b/", true}, {"a/", "a/", true},        {"/", "/", true},
+                {"//x", "//", true},           {"a/../b", "a/../", true}, {"", "", false},
+                {"plain.trc", "", false}};
+    for (const auto &row : rows) {
+        char out[16] = "???????????????";
+        EXPECT_EQ(cl_getpath(row.path, out), row.found ? out : nullptr) << row.path;
+        EXPECT_STREQ(out, row.directory);
+    }
+}
+
+}  // namespace
