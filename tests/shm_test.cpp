@@ -256,4 +256,15 @@ TEST_F(SharedMemory, NameIsRemovedOnRequest) {
     }
 }
 
+/* A name longer than its field is not known any more: no other segment may go in its place. */
+TEST_F(SharedMemory, NobodyElsesNameIsRemoved) {
+    const std::string other = name + std::string(140 - name.size(), 'o'), own = other + "-own";
+    make(other);
+    make(own);
+    CL_Object *object = open(own);
+    object->memory.unlink_on_close = 1;
+    CL_CloseSHM(object, &err);
+    EXPECT_TRUE(exists(other));
+}
+
 }  // namespace
