@@ -1,321 +1,301 @@
-/* File objects: flags, data, offsets beyond 32 bits, and every operation on what is no open file
- * and with every failing system call. */
+/* File objects: what reaches the system, what comes back, and what a failure leaves as it was. */
 #include <fcntl.h>
 #include <qvcl/file.h>
 #include <sys/stat.h>
 
-#include <filesystem>
-#include <fstream>
-
-#include "tests/wire.h"
-
-using test::Balance;
-using test::FailsWith;
-using test::IsClear;
-using test::Plan;
+#include "tests/folder.h"
+#include "tests/support.h"
 
 namespace {
 
+using namespace std::string_literals;
+using test::bytes_of;
+using test::FailsWith;
+using test::Fault;
+using test::IsClear;
+using test::Plan;
+
+const Fault NO_FAULT{"chdir"};
+
+/* A success that says where it ended. */
+MATCHER(Succeeds, "") {
+    const CL_ErrInfo &error = arg;
+    return error.err == 0 && error.detail == 0 && error.module == CL_MODULE_FILE &&
+           error.line != 0 && error.version == CL_VERSION;
+}
+
 class File : public test::Library {
   protected:
-    void SetUp() override {
-        Library::SetUp();
-        std::ofstream(path) << CONTENT;
-        before = Balance::now();
-    }
-    CL_Object *open(uint32_t flags) { return CL_OpenFile(path.c_str(), flags, 0640, &err); }
-    /* After a success the record tells where it ended, but no error. */
-    void expect_success() const {
-        EXPECT_EQ(err.err | err.detail, 0u) << err;
-        EXPECT_EQ(err.module, uint32_t{CL_MODULE_FILE});
-        EXPECT_NE(err.line, 0u);
-        EXPECT_EQ(err.version, uint32_t{CL_VERSION});
+    CL_Object *open(const std::string &name, uint32_t flags, uint32_t mode = 0600) {
+        err = test::UNTOUCHED;
+        CL_Object *object = CL_OpenFile(name.c_str(), flags, mode, &err);
+        EXPECT_NE(object, nullptr) << name << " " << err;
+        EXPECT_THAT(err, IsClear());
+        return object;
     }
 
-    static constexpr char CONTENT[] = "0123456789abcdefghij";
-    static constexpr int32_t SIZE = 20;
     test::Folder folder;
-    std::string path = folder.path("file");
-    Balance before;
+    const std::string path = folder.put("file", "0123456789");
+    char buffer[32] = "";
+
+    struct Operation {
+        const char *call;
+        int64_t failure, success;
+        std::function<int64_t(CL_Object *)> run;
+    };
+    const Operation operations[5] = {
+        {"write", -1, 2, [this](CL_Object *o) { return CL_WriteFile(o, "ab", 2, &err); }},
+        {"read", -1, 2, [this](CL_Object *o) { return CL_ReadFile(o, buffer, 2, &err); }},
+        {"lseek", -1, 1, [this](CL_Object *o) { return CL_SeekFile(o, 1, 0, &err); }},
+        {"fdatasync", 0, 1, [this](CL_Object *o) { return CL_FlushFile(o, &err); }},
+        {"close", 0, 1, [this](CL_Object *o) { return CL_CloseFile(o, &err); }},
+    };
 };
 
-TEST_F(File, FlagsArePassedOrDropped) {
-    const std::string fresh = folder.path("fresh");
-    enum { FRESH = 1 };
+TEST_F(File, FailedOpenLeavesNothing) {
+    const std::string none = folder.path("none/file"), made = folder.path("made");
+    const char *plain = path.c_str();
     const struct {
+        const char *path;
         uint32_t flags;
-        int got; /* F_GETFL, or -1 */
-        uint32_t code;
-        int which;
+        Fault fault;
+        int code;
     } rows[] = {
-        {O_RDONLY, O_RDONLY, 0, 0},
-        {O_WRONLY, O_WRONLY, 0, 0},
-        {O_RDWR, O_RDWR, 0, 0},
-        {3, -1, EINVAL, 0},
-        {3 | O_CREAT, -1, EINVAL, FRESH},
-        {O_WRONLY, -1, ENOENT, FRESH},
-        {O_WRONLY | O_CREAT | O_EXCL, -1, EEXIST, 0},
-        {O_WRONLY | O_CREAT | O_EXCL, O_WRONLY, 0, FRESH},
-        {O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK, O_WRONLY, 0, FRESH},
-        {O_RDWR | O_APPEND | O_SYNC | O_NOATIME, O_RDWR | O_APPEND, 0, 0},
-        {O_RDONLY | O_DIRECTORY, O_RDONLY, 0, 0}, /* dropped: the file is none */
-        {0xfffff000u | O_RDWR, O_RDWR, 0, 0},
+        {plain, 3, NO_FAULT, EINVAL},
+        {made.c_str(), UINT32_MAX, NO_FAULT, EINVAL},
+        {nullptr, O_RDONLY, NO_FAULT, EFAULT},
+        {"", O_RDONLY, NO_FAULT, ENOENT},
+        {none.c_str(), O_WRONLY | O_CREAT, NO_FAULT, ENOENT},
+        {"/tmp", O_WRONLY, NO_FAULT, EISDIR},
+        {plain, O_WRONLY | O_CREAT | O_EXCL, NO_FAULT, EEXIST},
+        {plain, O_RDONLY, {"open", EACCES, 1, test::FOREVER}, EACCES},
+        {plain, O_RDONLY, {"fcntl", ENOLCK}, ENOLCK},
     };
-    umask(0);
+    const test::Balance before = test::Balance::now();
     for (const auto &row : rows) {
-        SCOPED_TRACE(testing::Message() << std::hex << row.flags);
-        const std::string &at = row.which == FRESH ? fresh : path;
-        CL_Object *object = CL_OpenFile(at.c_str(), row.flags, 0640, &err);
-        EXPECT_EQ(object == nullptr, row.code != 0);
-        if (object == nullptr) {
-            EXPECT_THAT(err, FailsWith(row.code, CL_MODULE_FILE));
-            EXPECT_EQ(Balance::now(), before);
-            continue;
-        }
-        EXPECT_THAT(err, IsClear());
-        EXPECT_EQ(object->kind, uint32_t{CL_KIND_FILE});
+        const Plan plan(row.fault);
+        err = test::UNTOUCHED;
+        EXPECT_EQ(CL_OpenFile(row.path, row.flags, 0600, &err), nullptr);
+        EXPECT_THAT(err, FailsWith(row.code, CL_MODULE_FILE));
+        EXPECT_EQ(test::Balance::now(), before) << row.code << " " << row.flags;
+        EXPECT_EQ(plan.count("open"), row.code == EINVAL || row.code == EFAULT ? 0 : 1);
+    }
+    while (create(CL_KIND_FD) != nullptr)
+        continue;
+    EXPECT_EQ(CL_OpenFile(made.c_str(), O_WRONLY | O_CREAT, 0600, &err), nullptr);
+    EXPECT_THAT(err, FailsWith(EMFILE, CL_MODULE_FD));
+    EXPECT_EQ(CL_End(&err), 1u);
+    EXPECT_EQ(CL_OpenFile(plain, O_RDONLY, 0, &err), nullptr);
+    EXPECT_THAT(err, FailsWith(CL_ERR_STATE, CL_MODULE_FD));
+    EXPECT_EQ(folder.files(), 1u);
+}
+
+/* Only the access mode and four flags reach the system; no file is inherited by a program. */
+TEST_F(File, FlagsThatAreKept) {
+    const std::string link = folder.path("link");
+    std::filesystem::create_symlink(path, link);
+    const uint32_t kept = O_ACCMODE | O_CREAT | O_EXCL | O_TRUNC | O_APPEND;
+    for (const uint32_t flags :
+         {0u, uint32_t{O_WRONLY}, uint32_t{O_RDWR}, O_RDWR | ~kept, O_WRONLY | ~kept,
+          ~kept | uint32_t{O_APPEND}, uint32_t{O_RDWR | O_APPEND | O_NONBLOCK | O_SYNC}}) {
+        CL_Object *object = open(link, flags);
+        const int descriptor = object->descriptor;
+        EXPECT_EQ(fcntl(descriptor, F_GETFD), FD_CLOEXEC);
+        constexpr int SYSTEM = 0100000; /* large files: what the kernel adds */
+        EXPECT_EQ(static_cast<uint32_t>(fcntl(descriptor, F_GETFL) & ~SYSTEM), flags & kept);
         EXPECT_EQ(object->status, uint32_t{CL_STATUS_READY});
         EXPECT_EQ(object->sub_status, 0u);
-        EXPECT_STREQ(object->file.path, at.c_str());
-        constexpr int LARGE = 0100000; /* the system's own mark */
-        EXPECT_EQ(fcntl(object->descriptor, F_GETFL) & ~LARGE, row.got);
-        EXPECT_EQ(fcntl(object->descriptor, F_GETFD), FD_CLOEXEC);
-        if (row.which == FRESH) {
-            struct stat info = {};
-            EXPECT_EQ(stat(fresh.c_str(), &info), 0);
-            EXPECT_EQ(info.st_mode & 07777, 0640u);
-            std::filesystem::remove(fresh);
-        }
         EXPECT_EQ(CL_CloseFile(object, &err), 1u);
         EXPECT_THAT(err, IsClear());
-        EXPECT_EQ(Balance::now(), before);
     }
-    EXPECT_EQ(CL_OpenFile(nullptr, O_RDONLY, 0, &err), nullptr);
-    EXPECT_THAT(err, FailsWith(EFAULT, CL_MODULE_FILE));
-    EXPECT_EQ(CL_OpenFile(nullptr, 3, 0, &err), nullptr);
-    EXPECT_THAT(err, FailsWith(EINVAL, CL_MODULE_FILE));
-}
-
-TEST_F(File, KeepsPathAndPosition) {
-    for (const std::size_t length : {139, 140, 141, 250}) {
-        const std::string at =
-            folder.root() + std::string(length - folder.root().size() - 1, '/') + "x";
-        CL_Object *object =
-            CL_OpenFile_M(at.c_str(), O_WRONLY | O_CREAT, 0600, &err, 0, "opener.c", 12);
-        ASSERT_NE(object, nullptr) << err << at;
+    EXPECT_EQ(bytes_of(path), "0123456789");
+    CL_CloseFile(open(path, O_WRONLY | O_TRUNC), &err);
+    EXPECT_EQ(bytes_of(path), "");
+    umask(0);
+    CL_CloseFile(open(folder.path("made"), O_WRONLY | O_CREAT | O_EXCL, 0640), &err);
+    EXPECT_EQ(std::filesystem::status(folder.path("made")).permissions(),
+              std::filesystem::perms{0640});
+    /* The object keeps 140 bytes of the path, the system gets all of it. */
+    for (const std::size_t length : {139u, 140u, 141u, 300u}) {
+        std::string name = folder.path("") + std::string(length, '/');
+        name = name.substr(0, length - 4) + "made";
+        CL_Object *object = open(name, O_RDONLY);
         EXPECT_EQ(std::string(object->file.path, strnlen(object->file.path, 140)),
-                  at.substr(0, 140));
-        EXPECT_STREQ(object->created.file, "opener.c");
-        EXPECT_EQ(object->created.line, 12u);
-        EXPECT_EQ(CL_CloseFile_M(object, &err, 0, "closer.c", 13), 1u);
-        EXPECT_STREQ(object->deleted.file, "closer.c");
-        EXPECT_EQ(object->deleted.line, 13u);
-        std::filesystem::remove(at);
+                  name.substr(0, 140));
+        CL_CloseFile(object, &err);
     }
 }
 
-TEST_F(File, ReadsAndWrites) {
-    CL_Object *object = open(O_RDWR);
-    char bytes[64] = {};
-    EXPECT_EQ(CL_ReadFile(object, bytes, 5, &err), 5);
-    expect_success();
-    EXPECT_EQ(std::string(bytes), "01234");
-    EXPECT_EQ(CL_WriteFile(object, "WRITE", 5, &err), 5);
-    expect_success();
-    EXPECT_EQ(CL_ReadFile(object, bytes, sizeof bytes, &err), 10);
-    EXPECT_EQ(CL_ReadFile(object, bytes, sizeof bytes, &err), 0);
-    expect_success();
-    EXPECT_EQ(CL_WriteFile(object, nullptr, 0, &err), 0);
-    expect_success();
-    EXPECT_EQ(CL_FlushFile(object, &err), 1u);
-    expect_success();
-    {
-        const Plan plan{{.call = "write", .at_most = 2}};
-        EXPECT_EQ(CL_WriteFile(object, "short", 5, &err), 2) << "a short count is told";
-        EXPECT_EQ(plan.count("write"), 1);
-    }
-    {
-        const Plan plan{{.call = "write", .error = EINTR, .times = 2}};
-        EXPECT_EQ(CL_WriteFile(object, "ort", 3, &err), 3);
-        EXPECT_EQ(plan.count("write"), 3);
-    }
-    EXPECT_EQ(CL_WriteFile(object, nullptr, 5, &err), -1);
-    EXPECT_THAT(err, FailsWith(EFAULT, CL_MODULE_FILE));
-    EXPECT_EQ(CL_CloseFile(object, &err), 1u);
-    std::string content;
-    std::ifstream(path) >> content;
-    EXPECT_EQ(content, "01234WRITEabcdefghijshort");
-
-    object = open(O_RDONLY);
-    EXPECT_EQ(CL_WriteFile(object, "x", 1, &err), -1);
-    EXPECT_THAT(err, FailsWith(EBADF, CL_MODULE_FILE));
-    EXPECT_EQ(CL_CloseFile(object, &err), 1u);
-}
-
-TEST_F(File, SeeksWithin32Bits) {
-    CL_Object *object = open(O_RDWR);
-    constexpr int64_t HUGE = int64_t{3} << 30;
-    ASSERT_EQ(ftruncate(object->descriptor, HUGE), 0);
-    const struct {
-        int64_t from;
-        int32_t offset;
-        uint32_t whence;
-        int32_t result;
-        uint32_t code;
-    } rows[] = {
-        {0, 7, SEEK_SET, 7, 0},
-        {9, 0, SEEK_SET, 0, 0},
-        {9, 3, SEEK_CUR, 12, 0},
-        {9, -9, SEEK_CUR, 0, 0},
-        {9, -10, SEEK_CUR, -1, EINVAL},
-        {9, -1, SEEK_SET, -1, EINVAL},
-        {9, INT32_MIN, SEEK_SET, -1, EINVAL},
-        {9, INT32_MAX, SEEK_SET, INT32_MAX, 0},
-        {9, 0, 3, -1, EINVAL},
-        {9, 0, 0xffffffff, -1, EINVAL},
-        {9, INT32_MAX - 9, SEEK_CUR, INT32_MAX, 0},
-        {9, INT32_MAX - 8, SEEK_CUR, -1, EOVERFLOW},
-        {INT32_MAX, 1, SEEK_CUR, -1, EOVERFLOW},
-        {INT32_MAX, INT32_MAX, SEEK_CUR, -1, EOVERFLOW},
-        {9, 0, SEEK_END, -1, EOVERFLOW},
-        {9, INT32_MIN, SEEK_END, 1 << 30, 0},
-        {HUGE, 0, SEEK_CUR, -1, EOVERFLOW},
-        {HUGE, -1, SEEK_CUR, -1, EOVERFLOW},
-        {HUGE, INT32_MIN, SEEK_CUR, 1 << 30, 0},
-        {HUGE, 5, SEEK_SET, 5, 0},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(testing::Message() << row.from << " " << row.whence << " " << row.offset);
-        ASSERT_EQ(lseek(object->descriptor, row.from, SEEK_SET), row.from);
-        EXPECT_EQ(CL_SeekFile(object, row.offset, row.whence, &err), row.result);
-        if (row.code == 0) {
-            expect_success();
-        } else {
-            EXPECT_THAT(err, FailsWith(row.code, CL_MODULE_FILE));
-        }
-        EXPECT_EQ(lseek(object->descriptor, 0, SEEK_CUR), row.code == 0 ? row.result : row.from)
-            << "after a failure the offset is as before";
-    }
-    EXPECT_EQ(CL_CloseFile(object, &err), 1u);
-    CL_Object *pipe = CL_OpenFile("/dev/stdin", O_RDONLY, 0, &err);
-    if (pipe != nullptr) {
-        test::Pipe real;
-        EXPECT_EQ(dup2(real.out(), pipe->descriptor), pipe->descriptor);
-        EXPECT_EQ(CL_SeekFile(pipe, 0, SEEK_CUR, &err), -1);
-        EXPECT_THAT(err, FailsWith(ESPIPE, CL_MODULE_FILE));
-        EXPECT_EQ(CL_CloseFile(pipe, &err), 1u);
-    }
-}
-
-TEST_F(File, OnlyOpenFilesAreUsed) {
-    char bytes[4];
-    const struct {
-        const char *what;
-        std::function<int64_t(CL_Object *)> call;
-        int64_t failure;
-    } operations[] = {
-        {"close", [&](CL_Object *o) { return CL_CloseFile(o, &err); }, 0},
-        {"write", [&](CL_Object *o) { return CL_WriteFile(o, bytes, 4, &err); }, -1},
-        {"read", [&](CL_Object *o) { return CL_ReadFile(o, bytes, 4, &err); }, -1},
-        {"flush", [&](CL_Object *o) { return CL_FlushFile(o, &err); }, 0},
-        {"seek", [&](CL_Object *o) { return CL_SeekFile(o, 0, SEEK_SET, &err); }, -1},
-        {"bad seek", [&](CL_Object *o) { return CL_SeekFile(o, 0, 3, &err); }, -1},
-    };
-    CL_Object *open_file = open(O_RDWR), *closed = open(O_RDONLY);
-    CL_Object *timer = create(CL_KIND_TIMER), *unready = create(CL_KIND_FILE);
+TEST_F(File, HandlesAreChecked) {
+    CL_Object *closed = open(path, O_RDWR);
+    CL_Object *file = open(path, O_RDWR);
     EXPECT_EQ(CL_CloseFile(closed, &err), 1u);
-    auto *inside = reinterpret_cast<CL_Object *>(reinterpret_cast<char *>(open_file) + 8);
+    EXPECT_EQ(closed->descriptor, -1);
+    CL_Object *bare = create(CL_KIND_FILE); /* made, never opened */
     const struct {
         CL_Object *object;
         int module;
-    } objects[] = {{nullptr, CL_MODULE_FD},
-                   {inside, CL_MODULE_FD},
-                   {closed, CL_MODULE_FD},
-                   {timer, CL_MODULE_FILE},
-                   {unready, CL_MODULE_FILE}};
-    const Balance balance = Balance::now();
+    } bad[] = {{nullptr, CL_MODULE_FD},
+               {closed, CL_MODULE_FD},
+               {reinterpret_cast<CL_Object *>(8), CL_MODULE_FD},
+               {create(CL_KIND_SHM), CL_MODULE_FILE},
+               {bare, CL_MODULE_FILE}};
+    const test::Balance before = test::Balance::now();
     for (const auto &operation : operations) {
-        for (const auto &object : objects) {
-            SCOPED_TRACE(testing::Message() << operation.what << " of " << object.object);
-            const bool whence = object.object == unready && operation.what[0] == 'b';
+        for (const auto &row : bad) {
+            err = test::UNTOUCHED;
             const Plan plan;
-            EXPECT_EQ(operation.call(object.object), operation.failure);
-            EXPECT_THAT(err, FailsWith(whence ? EINVAL : EBADF, object.module));
-            for (const char *call : {"read", "write", "lseek", "close", "fdatasync"})
-                EXPECT_EQ(plan.count(call), 0);
+            EXPECT_EQ(operation.run(row.object), operation.failure) << operation.call;
+            EXPECT_THAT(err, FailsWith(EBADF, row.module)) << operation.call;
+            EXPECT_EQ(plan.count(operation.call), 0);
         }
     }
-    EXPECT_EQ(Balance::now(), balance);
-    EXPECT_EQ(CL_DeleteFD(open_file, &err), 0u) << "only its close deletes it";
-    EXPECT_EQ(CL_AddEventList_M(open_file, 20, &err, 1, "t", 1), 0u) << "it is never listed";
-    EXPECT_THAT(err, FailsWith(EBADF, CL_MODULE_FD));
-    EXPECT_EQ(CL_CloseFile(open_file, &err), 1u);
-    CL_MainTable->state = CL_STATE_ENDED;
+    /* Which of two faults a seek reports. */
+    EXPECT_EQ(CL_SeekFile(bad[3].object, 0, 3, &err), -1);
+    EXPECT_THAT(err, FailsWith(EBADF, CL_MODULE_FILE));
+    EXPECT_EQ(CL_SeekFile(bare, 0, 3, &err), -1);
+    EXPECT_THAT(err, FailsWith(EINVAL, CL_MODULE_FILE));
+    EXPECT_EQ(test::Balance::now(), before);
+    ASSERT_EQ(CL_End(&err), 1u);
     for (const auto &operation : operations) {
-        EXPECT_EQ(operation.call(unready), operation.failure);
-        EXPECT_THAT(err, FailsWith(CL_ERR_STATE, CL_MODULE_FD));
+        EXPECT_EQ(operation.run(file), operation.failure) << operation.call;
+        EXPECT_THAT(err, FailsWith(CL_ERR_STATE, CL_MODULE_FD)) << operation.call;
     }
-    EXPECT_EQ(open(O_RDONLY), nullptr);
-    EXPECT_THAT(err, FailsWith(CL_ERR_STATE, CL_MODULE_FD));
-    CL_MainTable->state = CL_STATE_INITIALISED;
 }
 
-TEST_F(File, FailedCallsAreTold) {
-    char bytes[4];
-    CL_Object *object = nullptr;
+TEST_F(File, FailedCallsChangeNothing) {
+    CL_Object *file = open(path, O_RDWR);
+    const int descriptor = file->descriptor;
+    const test::Balance before = test::Balance::now();
+    for (const auto &operation : operations) {
+        SCOPED_TRACE(operation.call);
+        /* Being interrupted is a failure of lseek, which regular files never see. */
+        for (const int error : {EIO, EBADF, operation.call == "lseek"s ? EINTR : ENOSPC}) {
+            err = test::UNTOUCHED;
+            const Plan plan({.call = operation.call, .error = error, .times = test::FOREVER});
+            EXPECT_EQ(operation.run(file), operation.failure);
+            EXPECT_THAT(err, FailsWith(error, CL_MODULE_FILE));
+            EXPECT_EQ(plan.count(operation.call), 1) << "tried once";
+        }
+        EXPECT_EQ(test::Balance::now(), before);
+        EXPECT_EQ(file->descriptor, descriptor);
+        EXPECT_EQ(file->status, uint32_t{CL_STATUS_READY});
+        EXPECT_EQ(lseek(descriptor, 0, SEEK_SET), 0);
+        EXPECT_EQ(operation.run(file), operation.success);
+        if (operation.call == "close"s) {
+            EXPECT_THAT(err, IsClear());
+        } else {
+            EXPECT_THAT(err, Succeeds());
+        }
+    }
+    EXPECT_EQ(fcntl(descriptor, F_GETFD), -1);
+    EXPECT_EQ(bytes_of(path), "ab23456789");
+    CL_Object *reader = open(path, O_RDONLY), *writer = open(path, O_WRONLY);
+    EXPECT_EQ(CL_WriteFile(writer, nullptr, 5, &err), -1);
+    EXPECT_THAT(err, FailsWith(EFAULT, CL_MODULE_FILE));
+    EXPECT_EQ(CL_ReadFile(writer, buffer, 1, &err), -1);
+    EXPECT_THAT(err, FailsWith(EBADF, CL_MODULE_FILE));
+    /* Nobody has to want the record. */
+    EXPECT_EQ(CL_SeekFile(reader, 0, 7, nullptr), -1);
+    EXPECT_EQ(CL_CloseFile(reader, nullptr), 1u);
+}
+
+TEST_F(File, ShortCountsAreHandedOn) {
+    CL_Object *file = open(path, O_RDWR);
+    const char *const data = "abcdefghijklmnopqrst";
     const struct {
-        const char *call;
-        int nth;
-        std::function<bool()> does;
+        bool write;
+        std::size_t at, length, at_most, result;
+    } rows[] = {{true, 8, 20, 3, 3}, {true, 3, 20, SIZE_MAX, 20}, {true, 3, 0, SIZE_MAX, 0},
+                {true, 3, 5, 0, 0},  {false, 23, 5, SIZE_MAX, 0}, {false, 0, 9, SIZE_MAX, 9},
+                {false, 9, 9, 4, 4}, {false, 9, 0, SIZE_MAX, 0},  {false, 13, 30, SIZE_MAX, 10}};
+    for (const auto &row : rows) {
+        const auto at = static_cast<off_t>(row.at);
+        lseek(file->descriptor, at, SEEK_SET);
+        const Plan plan({.call = row.write ? "write" : "read", .at_most = row.at_most});
+        memset(buffer, '?', sizeof buffer);
+        EXPECT_EQ(row.write ? CL_WriteFile(file, data, row.length, &err)
+                            : CL_ReadFile(file, buffer, row.length, &err),
+                  static_cast<int64_t>(row.result));
+        EXPECT_THAT(err, Succeeds());
+        EXPECT_EQ(bytes_of(path).substr(row.at, row.result),
+                  std::string(row.write ? data : buffer, row.result));
+        EXPECT_EQ(buffer[row.write ? 0 : row.result], '?') << "not a byte more";
+        EXPECT_EQ(lseek(file->descriptor, 0, SEEK_CUR), at + static_cast<off_t>(row.result));
+    }
+    EXPECT_EQ(bytes_of(path), "012abcdefghijklmnopqrst");
+}
+
+TEST_F(File, Seeks) {
+    constexpr int32_t LAST = INT32_MAX, FIRST = INT32_MIN;
+    constexpr off_t GIB = 1 << 30;
+    CL_Object *file = open(path, O_RDWR);
+    const struct {
+        off_t before;
+        int32_t offset;
+        uint32_t whence;
+        int64_t result; /* new offset, or the code of a failure, negative */
+        uint64_t size = 10;
     } rows[] = {
-        {"open", 1, [&] { return open(O_RDWR) == nullptr; }},
-        {"fcntl", 1, [&] { return open(O_RDWR) == nullptr; }},
-        {nullptr, 0, [&] { return (object = open(O_RDWR)) != nullptr; }},
-        {"read", 1, [&] { return CL_ReadFile(object, bytes, 4, &err) == -1; }},
-        {"write", 1, [&] { return CL_WriteFile(object, bytes, 4, &err) == -1; }},
-        {"fdatasync", 1, [&] { return CL_FlushFile(object, &err) == 0; }},
-        {"lseek", 1, [&] { return CL_SeekFile(object, 1, SEEK_SET, &err) == -1; }},
-        {"lseek", 1, [&] { return CL_SeekFile(object, 1, SEEK_END, &err) == -1; }},
-        {"lseek", 2, [&] { return CL_SeekFile(object, 1, SEEK_CUR, &err) == -1; }},
-        {"close", 1, [&] { return CL_CloseFile(object, &err) == 0; }},
-        {"unlink", 1, [&] { return CL_DeleteFile(path.c_str(), &err) == 0; }},
+        {7, 0, 0, 0},
+        {7, LAST, 0, LAST},
+        {7, -1, 0, -EINVAL},
+        {7, -7, 1, 0},
+        {7, -8, 1, -EINVAL},
+        {7, LAST - 6, 1, -EOVERFLOW},
+        {4 * GIB, 0, 1, -EOVERFLOW},
+        {4 * GIB, 5, 0, 5},
+        {3 * GIB, FIRST, 1, GIB},
+        {4 * GIB - 1, FIRST, 1, LAST},
+        {4 * GIB, FIRST, 1, -EOVERFLOW},
+        {3, -4, 2, 6},
+        {3, -11, 2, -EINVAL},
+        {3, 90, 2, 100},
+        {8, 0, 2, -EOVERFLOW, 2 * GIB},
+        {8, -1, 2, LAST, 2 * GIB},
+        {4 * GIB + 8, 0, 2, -EOVERFLOW, 5 * GIB},
+        {8, 0, 3, -EINVAL},
+        {8, 0, UINT32_MAX, -EINVAL},
     };
     for (const auto &row : rows) {
-        if (row.call == nullptr) { /* the rows behind it need an open file */
-            ASSERT_TRUE(row.does());
-            continue;
+        SCOPED_TRACE(testing::Message() << row.before << " " << row.offset << " " << row.whence);
+        std::filesystem::resize_file(path, row.size);
+        ASSERT_EQ(lseek(file->descriptor, row.before, SEEK_SET), row.before);
+        const bool fails = row.result < 0;
+        EXPECT_EQ(CL_SeekFile(file, row.offset, row.whence, &err), fails ? -1 : row.result);
+        if (fails) {
+            EXPECT_THAT(err, FailsWith(-row.result, CL_MODULE_FILE));
+        } else {
+            EXPECT_THAT(err, Succeeds());
         }
-        for (const int code : {EIO, ENOSPC, EACCES}) {
-            SCOPED_TRACE(testing::Message() << row.call << ": " << code);
-            const Balance balance = Balance::now();
-            {
-                const Plan plan{{.call = row.call, .error = code, .nth = row.nth}};
-                EXPECT_TRUE(row.does());
-            }
-            EXPECT_THAT(err, FailsWith(code, CL_MODULE_FILE));
-            EXPECT_EQ(Balance::now(), balance);
-        }
+        EXPECT_EQ(lseek(file->descriptor, 0, SEEK_CUR), fails ? row.before : row.result);
     }
-    EXPECT_EQ(object->status, uint32_t{CL_STATUS_READY}) << "a failed close can be repeated";
-    EXPECT_EQ(CL_CloseFile(object, &err), 1u);
-    while (CL_MainTable->free_queue.count > 0)
-        create(CL_KIND_FD);
-    EXPECT_EQ(open(O_RDWR), nullptr);
-    EXPECT_THAT(err, FailsWith(EMFILE, CL_MODULE_FD));
 }
 
-TEST(FileEarly, RemovingNeedsNoLibrary) {
-    const test::Folder folder;
-    const std::string path = folder.path("file");
-    std::ofstream(path) << "content";
-    CL_ErrInfo err = test::UNTOUCHED;
-    EXPECT_EQ(CL_DeleteFile(path.c_str(), &err), 1u);
-    EXPECT_THAT(err, IsClear());
-    EXPECT_FALSE(std::filesystem::exists(path));
-    EXPECT_EQ(CL_DeleteFile(path.c_str(), &err), 0u);
-    EXPECT_THAT(err, FailsWith(ENOENT, CL_MODULE_FILE));
-    EXPECT_EQ(CL_DeleteFile(folder.root().c_str(), &err), 0u);
-    EXPECT_THAT(err, FailsWith(EISDIR, CL_MODULE_FILE));
+/* Removing a file needs neither an object nor the library. */
+TEST(FileByName, IsRemoved) {
+    test::Folder folder;
+    CL_ErrInfo err;
+    const struct {
+        std::string path;
+        Fault fault;
+        int code;
+    } rows[] = {
+        {folder.put("a", ""), NO_FAULT, 0},      {folder.path("a"), NO_FAULT, ENOENT},
+        {folder.path(""), NO_FAULT, EISDIR},     {folder.put("b", ""), {"unlink", EPERM}, EPERM},
+        {folder.path("b/c"), NO_FAULT, ENOTDIR}, {folder.path("b"), {"unlink", EINTR, 1, 3}, 0},
+    };
+    for (const auto &row : rows) {
+        const Plan plan(row.fault);
+        err = test::UNTOUCHED;
+        EXPECT_EQ(CL_DeleteFile(row.path.c_str(), &err), row.code == 0 ? 1u : 0u) << row.path;
+        if (row.code != 0) {
+            EXPECT_THAT(err, FailsWith(row.code, CL_MODULE_FILE));
+        } else {
+            EXPECT_THAT(err, IsClear());
+        }
+    }
+    EXPECT_EQ(folder.files(), 0u);
     EXPECT_EQ(CL_DeleteFile(nullptr, &err), 0u);
     EXPECT_THAT(err, FailsWith(EFAULT, CL_MODULE_FILE));
 }

@@ -1,250 +1,270 @@
-/* Shared-memory objects: opened, mapped, unmapped and closed in every order, with every access mode
- * and every failing system call. */
+/* Shared-memory objects on real segments: what is mapped, and what a failure leaves as it was. */
 #include <fcntl.h>
 #include <qvcl/shm.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 
-#include <fstream>
-#include <sstream>
-
-#include "tests/wire.h"
-
-using test::Balance;
-using test::FailsWith;
-using test::IsClear;
-using test::Plan;
+#include "tests/folder.h"
+#include "tests/support.h"
 
 namespace {
 
-constexpr std::size_t SIZE = 8192;
+using test::FailsWith;
+using test::Fault;
+using test::IsClear;
+using test::Plan;
 
-class Shm : public test::Library {
+const Fault NO_FAULT{"chdir"};
+constexpr uint64_t SIZE = 10000; /* three pages, the last one not full */
+
+class SharedMemory : public test::Library {
   protected:
     void SetUp() override {
         Library::SetUp();
-        const int fd = shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
-        ASSERT_NE(fd, -1) << strerror(errno);
-        ASSERT_EQ(ftruncate(fd, SIZE), 0);
-        bytes = static_cast<char *>(mmap(nullptr, SIZE, PROT_WRITE, MAP_SHARED, fd, 0));
-        ::close(fd);
-        before = Balance::now();
+        make(name);
     }
     void TearDown() override {
-        EXPECT_EQ(Balance::now(), before);
-        munmap(bytes, SIZE);
-        shm_unlink(name.c_str());
+        for (const std::string &made : names_)
+            shm_unlink(made.c_str());
     }
-    CL_Object *open(const char *of, int32_t flags, uint64_t size = SIZE) {
-        return cl_openshm(of, flags, size, &err, "opener.c", 7);
+    void make(const std::string &segment) {
+        names_.push_back(segment);
+        const int fd = shm_open(segment.c_str(), O_CREAT | O_EXCL | O_RDWR, 0600);
+        ASSERT_NE(fd, -1);
+        ASSERT_EQ(ftruncate(fd, SIZE), 0);
+        close(fd);
     }
-    /* "r--s", "rw-s": how the system has mapped this address. */
-    static std::string protection(const void *address) {
-        std::ostringstream wanted;
-        wanted << std::hex << reinterpret_cast<uintptr_t>(address) << '-';
+    CL_Object *open(const std::string &segment, int flags = O_RDWR) {
+        CL_Object *object = cl_openshm(segment.c_str(), flags, SIZE, &err, "open", 7);
+        EXPECT_NE(object, nullptr) << err;
+        EXPECT_THAT(err, IsClear());
+        return object;
+    }
+    static bool exists(const std::string &segment) {
+        return std::filesystem::exists("/dev/shm" + segment);
+    }
+    /* The line of the process's map that begins at an address. */
+    static std::string mapping(const void *address) {
+        char start[32];
+        snprintf(start, sizeof start, "%lx-%lx ", test::address(address),
+                 test::address(address) + (SIZE + 4095) / 4096 * 4096);
         std::ifstream maps("/proc/self/maps");
         for (std::string line; std::getline(maps, line);) {
-            if (line.starts_with(wanted.str())) return line.substr(line.find(' ') + 1, 4);
+            if (line.starts_with(start)) return line;
         }
-        return "none";
+        return "";
     }
-    bool exists() const { return access(("/dev/shm" + name).c_str(), F_OK) == 0; }
 
-    const std::string name = "/qvcl-test-" + std::to_string(getpid());
-    char *bytes = nullptr;
-    Balance before;
+    struct Operation {
+        const char *call;
+        std::function<uint64_t(CL_Object *)> run;
+    };
+    const Operation operations[3] = {
+        {"mmap", [this](CL_Object *o) { return test::address(CL_MapSHM(o, &err)); }},
+        {"munmap", [this](CL_Object *o) { return CL_UnmapSHM(o, &err); }},
+        {"close", [this](CL_Object *o) { return CL_CloseSHM(o, &err); }},
+    };
+    const std::string name = "/qvcl-tests-" + std::to_string(getpid());
+
+  private:
+    std::vector<std::string> names_;
 };
 
-TEST_F(Shm, OpensWhatExists) {
-    const std::string missing = name + "-missing";
+TEST_F(SharedMemory, FailedOpenLeavesNothing) {
+    const std::string none = name + "-none", longest(300, 'n');
+    const char *given = name.c_str();
     const struct {
-        const char *of;
-        int32_t flags;
+        const char *name;
+        int flags;
         uint64_t size;
+        Fault fault;
         int code;
+        bool tried;
     } rows[] = {
-        {name.c_str(), O_RDONLY, SIZE, 0},
-        {name.c_str(), O_RDWR, SIZE, 0},
-        {name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_TRUNC, SIZE, 0}, /* mode alone counts */
-        {name.c_str(), O_WRONLY, SIZE, EINVAL},
-        {name.c_str(), 3, SIZE, EINVAL},
-        {name.c_str(), -1, SIZE, EINVAL},
-        {name.c_str(), O_RDWR, 0, EINVAL},
-        {nullptr, O_RDWR, SIZE, EFAULT},
-        {nullptr, O_RDWR, 0, EFAULT},
-        {nullptr, O_WRONLY, SIZE, EINVAL},
-        {missing.c_str(), O_RDWR, SIZE, ENOENT},
-        {missing.c_str(), O_RDWR | O_CREAT, SIZE, ENOENT},
-        {"/a/b", O_RDWR, SIZE, EINVAL},
+        {given, O_WRONLY, SIZE, NO_FAULT, EINVAL, false},
+        {given, -1, SIZE, NO_FAULT, EINVAL, false},
+        {nullptr, O_RDWR, 0, NO_FAULT, EFAULT, false},
+        {given, O_RDWR, 0, NO_FAULT, EINVAL, false},
+        {none.c_str(), O_RDONLY, SIZE, NO_FAULT, ENOENT, true},
+        {none.c_str(), O_RDWR | O_CREAT, SIZE, NO_FAULT, ENOENT, true},
+        {longest.c_str(), O_RDWR, SIZE, NO_FAULT, EINVAL, true},
+        {given, O_RDWR, SIZE, {"shm_open", EACCES, 1, test::FOREVER}, EACCES, true},
+        {given, O_RDWR, SIZE, {"fcntl", ENOLCK}, ENOLCK, true},
     };
-    memcpy(bytes, "content", 8);
+    const test::Balance before = test::Balance::now();
     for (const auto &row : rows) {
-        SCOPED_TRACE(testing::Message() << row.code << " flags " << row.flags);
-        CL_Object *object = open(row.of, row.flags, row.size);
-        EXPECT_EQ(object == nullptr, row.code != 0);
-        if (object == nullptr) {
-            EXPECT_THAT(err, FailsWith(row.code, CL_MODULE_SHM));
-            EXPECT_EQ(Balance::now(), before);
-            continue;
-        }
-        EXPECT_THAT(err, IsClear());
-        EXPECT_EQ(object->kind, uint32_t{CL_KIND_SHM});
-        EXPECT_EQ(object->status, uint32_t{CL_STATUS_READY});
-        EXPECT_EQ(object->callback, nullptr);
-        EXPECT_STREQ(object->created.file, "opener.c");
-        EXPECT_EQ(object->created.line, 7u);
-        const CL_SharedMemory &memory = object->memory;
-        EXPECT_EQ(memory.name, name);
-        EXPECT_EQ(memory.size, SIZE);
-        EXPECT_EQ(memory.flags, static_cast<uint32_t>(row.flags));
-        EXPECT_EQ(memory.address, nullptr);
-        EXPECT_EQ(memory.unlink_on_close, 0u);
-        EXPECT_EQ(fcntl(object->descriptor, F_GETFD), FD_CLOEXEC);
-        auto *mapped = static_cast<char *>(CL_MapSHM(object, &err));
-        ASSERT_NE(mapped, nullptr) << err;
-        EXPECT_THAT(err, IsClear());
-        EXPECT_EQ(mapped, memory.address);
-        const bool writable = (row.flags & 3) == O_RDWR;
-        EXPECT_EQ(protection(mapped), writable ? "rw-s" : "r--s");
-        EXPECT_STREQ(mapped, "content") << "what is there is neither made anew nor cut";
-        if (writable) {
-            mapped[SIZE - 1] = 'x';
-            EXPECT_EQ(std::exchange(bytes[SIZE - 1], 0), 'x') << "it is shared";
-        }
-        EXPECT_EQ(CL_UnmapSHM(object, &err), 1u);
-        EXPECT_THAT(err, IsClear());
-        EXPECT_EQ(protection(mapped), "none");
-        EXPECT_EQ(CL_CloseSHM_M(object, &err, 0, "closer.c", 8), 1u);
-        EXPECT_THAT(err, IsClear());
-        EXPECT_STREQ(object->deleted.file, "closer.c");
-        EXPECT_TRUE(exists());
+        const Plan plan(row.fault);
+        err = test::UNTOUCHED;
+        EXPECT_EQ(cl_openshm(row.name, row.flags, row.size, &err, "open", 7), nullptr);
+        EXPECT_THAT(err, FailsWith(row.code, CL_MODULE_SHM)) << row.flags;
+        EXPECT_EQ(test::Balance::now(), before) << row.code << " " << row.flags;
+        EXPECT_EQ(plan.count("shm_open"), row.tried ? 1 : 0);
     }
-}
-
-/* An object is closed, open or mapped; what each operation does to each. */
-TEST_F(Shm, HasItsOrder) {
-    enum State { NONE, WRONG_KIND, UNREADY, OPEN, MAPPED };
-    enum Operation { MAP, UNMAP, CLOSE };
-    const struct {
-        State state;
-        int codes[3];
-    } rows[] = {{NONE, {EBADF, EBADF, EBADF}},
-                {WRONG_KIND, {EBADF, EBADF, EBADF}},
-                {UNREADY, {EBADF, EBADF, EBADF}},
-                {OPEN, {0, ENOENT, 0}},
-                {MAPPED, {EBADF, 0, ENOENT}}};
-    for (const auto &row : rows) {
-        for (const Operation operation : {MAP, UNMAP, CLOSE}) {
-            SCOPED_TRACE(testing::Message() << "state " << row.state << " call " << operation);
-            CL_Object *object = nullptr;
-            if (row.state == WRONG_KIND) object = create(CL_KIND_TIMER);
-            if (row.state == UNREADY) object = create(CL_KIND_SHM);
-            if (row.state >= OPEN) object = open(name.c_str(), O_RDWR);
-            void *address = row.state == MAPPED ? CL_MapSHM(object, &err) : nullptr;
-            err = test::UNTOUCHED;
-            const bool done = operation == MAP     ? CL_MapSHM(object, &err) != nullptr
-                              : operation == UNMAP ? CL_UnmapSHM(object, &err) != 0
-                                                   : CL_CloseSHM(object, &err) != 0;
-            const int code = row.codes[operation];
-            EXPECT_EQ(done, code == 0);
-            if (code == 0) {
-                EXPECT_THAT(err, IsClear());
-            } else {
-                EXPECT_THAT(err, FailsWith(code, row.state == NONE ? CL_MODULE_FD : CL_MODULE_SHM));
-            }
-            if (row.state == MAPPED && operation != UNMAP) {
-                EXPECT_EQ(object->memory.address, address);
-                EXPECT_EQ(object->status, uint32_t{CL_STATUS_READY});
-            }
-            if (row.state >= OPEN && !(operation == CLOSE && done)) {
-                EXPECT_EQ(CL_DeleteFD(object, &err), 0u) << "only its close deletes it";
-                CL_UnmapSHM(object, &err);
-                EXPECT_EQ(CL_CloseSHM(object, &err), 1u);
-            } else if (row.state != NONE && row.state < OPEN) {
-                EXPECT_EQ(CL_DeleteFD_M(object, &err, 1, "t", 1), 1u);
-            }
-            EXPECT_EQ(Balance::now(), before);
-        }
-    }
-    CL_MainTable->state = CL_STATE_ENDED;
-    EXPECT_EQ(open(name.c_str(), O_RDWR), nullptr);
-    EXPECT_THAT(err, FailsWith(CL_ERR_STATE, CL_MODULE_FD));
-    EXPECT_EQ(CL_MapSHM(nullptr, &err), nullptr);
-    EXPECT_THAT(err, FailsWith(CL_ERR_STATE, CL_MODULE_FD));
-    CL_MainTable->state = CL_STATE_INITIALISED;
-}
-
-TEST_F(Shm, FailedCallsAreTold) {
-    CL_Object *object = nullptr;
-    const struct {
-        const char *call;
-        std::function<void()> prepare;
-        std::function<bool()> fails;
-    } rows[] = {
-        {"shm_open", nullptr, [&] { return open(name.c_str(), O_RDWR) == nullptr; }},
-        {"fcntl", nullptr, [&] { return open(name.c_str(), O_RDWR) == nullptr; }},
-        {"mmap", [&] { object = open(name.c_str(), O_RDWR); },
-         [&] { return CL_MapSHM(object, &err) == nullptr; }},
-        {"munmap", [&] { CL_MapSHM(object, &err); },
-         [&] { return CL_UnmapSHM(object, &err) == 0; }},
-        {"close", [&] { CL_UnmapSHM(object, &err); },
-         [&] { return CL_CloseSHM(object, &err) == 0; }},
-        {"shm_unlink", [&] { object->memory.unlink_on_close = 1; },
-         [&] { return CL_CloseSHM(object, &err) == 0; }},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.call);
-        if (row.prepare) row.prepare();
-        const Balance balance = Balance::now();
-        const CL_SharedMemory memory = object != nullptr ? object->memory : CL_SharedMemory{};
-        for (const int code : {EACCES, ENOMEM, EIO}) {
-            {
-                const Plan plan{{.call = row.call, .error = code}};
-                EXPECT_TRUE(row.fails());
-                EXPECT_EQ(plan.hits(), 1);
-            }
-            EXPECT_THAT(err, FailsWith(code, CL_MODULE_SHM));
-            EXPECT_EQ(Balance::now(), balance);
-            if (object == nullptr) continue;
-            EXPECT_EQ(memcmp(&object->memory, &memory, sizeof memory), 0);
-            EXPECT_EQ(object->status, uint32_t{CL_STATUS_READY});
-            EXPECT_NE(object->descriptor, -1);
-        }
-    }
-    EXPECT_TRUE(exists());
-    shm_unlink(name.c_str());
-    EXPECT_EQ(CL_CloseSHM(object, &err), 1u) << "a name that is gone already is no failure";
-    while (CL_MainTable->free_queue.count > 0)
-        create(CL_KIND_FD);
-    EXPECT_EQ(open(name.c_str(), O_RDWR), nullptr);
+    EXPECT_FALSE(exists(none));
+    while (create(CL_KIND_FD) != nullptr)
+        continue;
+    EXPECT_EQ(cl_openshm(given, O_RDWR, SIZE, &err, "open", 7), nullptr);
     EXPECT_THAT(err, FailsWith(EMFILE, CL_MODULE_FD));
-    while (CL_MainTable->used_queue.head != nullptr)
-        CL_DeleteFD(static_cast<CL_Object *>(CL_MainTable->used_queue.head), &err);
 }
 
-TEST_F(Shm, NameGoesWithTheObjectOnRequest) {
-    CL_Object *object = open(name.c_str(), O_RDONLY);
-    object->memory.unlink_on_close = 1;
-    EXPECT_EQ(CL_CloseSHM(object, &err), 1u);
-    EXPECT_FALSE(exists());
-
-    /* A name that fills its field is not terminated there. */
-    const std::string longest = "/" + std::string(139, 'n');
-    const int fd = shm_open(longest.c_str(), O_RDWR | O_CREAT, 0600);
-    ASSERT_NE(fd, -1);
-    close(fd);
-    object = open(longest.c_str(), O_RDONLY);
-    ASSERT_NE(object, nullptr) << err;
-    EXPECT_EQ(std::string(object->memory.name, 140), longest);
-    object->memory.unlink_on_close = 1;
-    EXPECT_EQ(CL_CloseSHM(object, &err), 1u);
-    EXPECT_EQ(shm_unlink(longest.c_str()), -1);
+TEST_F(SharedMemory, IsMappedAsItWasOpened) {
+    const int segment = shm_open(name.c_str(), O_RDWR, 0);
+    auto *own = static_cast<char *>(mmap(nullptr, SIZE, PROT_WRITE, MAP_SHARED, segment, 0));
+    memcpy(own, "hello", 6);
+    for (const int flags : {O_RDONLY, O_RDWR, O_RDONLY | O_TRUNC | O_CREAT | O_EXCL,
+                            O_RDWR | O_TRUNC | O_CREAT | O_EXCL | O_NONBLOCK}) {
+        const test::Balance before = test::Balance::now();
+        const bool writable = (flags & 3) == O_RDWR;
+        CL_Object *object = open(name, flags);
+        EXPECT_EQ(fcntl(object->descriptor, F_GETFD), FD_CLOEXEC);
+        EXPECT_EQ(fcntl(object->descriptor, F_GETFL) & (O_ACCMODE | O_NONBLOCK), flags & 3);
+        EXPECT_EQ(object->status, uint32_t{CL_STATUS_READY});
+        EXPECT_STREQ(object->created.file, "open");
+        EXPECT_EQ(object->created.line, 7u);
+        EXPECT_EQ(before.kinds[CL_KIND_QUEUE_SHM] + 1,
+                  test::Balance::now().kinds[CL_KIND_QUEUE_SHM]);
+        for (int twice = 0; twice < 2; twice++) {
+            auto *mapped = static_cast<char *>(CL_MapSHM(object, &err));
+            ASSERT_NE(mapped, nullptr) << err;
+            EXPECT_EQ(object->memory.address, mapped);
+            EXPECT_NE(mapping(mapped).find(writable ? " rw-s " : " r--s "), std::string::npos)
+                << mapping(mapped);
+            EXPECT_STREQ(mapped, "hello") << "the segment was not cut";
+            if (writable) mapped[SIZE - 1] = 'x';
+            EXPECT_EQ(CL_UnmapSHM(object, &err), 1u);
+            EXPECT_EQ(mapping(mapped), "");
+        }
+        EXPECT_EQ(CL_CloseSHM(object, &err), 1u);
+        EXPECT_THAT(err, IsClear());
+        EXPECT_EQ(object->descriptor, -1);
+        EXPECT_EQ(test::Balance::now(), before);
+    }
+    EXPECT_EQ(own[SIZE - 1], 'x');
+    EXPECT_TRUE(exists(name));
 }
 
-TEST(ShmEarly, NeedsTheLibrary) {
-    CL_ErrInfo err = test::UNTOUCHED;
-    EXPECT_EQ(cl_openshm("/x", O_RDWR, 1, &err, "t", 1), nullptr);
+TEST_F(SharedMemory, HandlesAreChecked) {
+    CL_Object *closed = open(name), *object = open(name);
+    EXPECT_EQ(CL_CloseSHM(closed, &err), 1u);
+    const struct {
+        CL_Object *object;
+        int module;
+    } bad[] = {{nullptr, CL_MODULE_FD},
+               {closed, CL_MODULE_FD},
+               {create(CL_KIND_FD), CL_MODULE_SHM},
+               {create(CL_KIND_SHM), CL_MODULE_SHM}};
+    const test::Balance before = test::Balance::now();
+    for (const auto &operation : operations) {
+        for (const auto &row : bad) {
+            err = test::UNTOUCHED;
+            const Plan plan;
+            EXPECT_EQ(operation.run(row.object), 0u) << operation.call;
+            EXPECT_THAT(err, FailsWith(EBADF, row.module)) << operation.call;
+            EXPECT_EQ(plan.count(operation.call), 0);
+        }
+    }
+    EXPECT_EQ(test::Balance::now(), before);
+    ASSERT_EQ(CL_End(&err), 1u);
+    EXPECT_EQ(cl_openshm(name.c_str(), O_RDWR, SIZE, &err, "open", 7), nullptr);
     EXPECT_THAT(err, FailsWith(CL_ERR_STATE, CL_MODULE_FD));
-    EXPECT_EQ(cl_openshm("/x", O_RDWR, 1, nullptr, "t", 1), nullptr);
+    for (const auto &operation : operations) {
+        EXPECT_EQ(operation.run(object), 0u) << operation.call;
+        EXPECT_THAT(err, FailsWith(CL_ERR_STATE, CL_MODULE_FD)) << operation.call;
+    }
+}
+
+/* The walk through an object's states; each step fails first in every way it can. */
+TEST_F(SharedMemory, FailedStepsChangeNothing) {
+    CL_Object *object = open(name);
+    const auto &[map, unmap, close] = operations;
+    /* With a code the call is refused, without one the system's call fails. */
+    const auto refuse = [&](const Operation &operation, int code) {
+        const test::Balance before = test::Balance::now();
+        const CL_Object copy = *object;
+        err = test::UNTOUCHED;
+        const Plan plan({.call = operation.call, .error = EIO, .times = test::FOREVER});
+        EXPECT_EQ(operation.run(object), 0u) << operation.call;
+        EXPECT_THAT(err, FailsWith(code != 0 ? code : EIO, CL_MODULE_SHM)) << operation.call;
+        EXPECT_EQ(plan.count(operation.call), code != 0 ? 0 : 1);
+        EXPECT_EQ(memcmp(&copy, object, sizeof copy), 0) << operation.call;
+        EXPECT_EQ(test::Balance::now(), before);
+    };
+    const auto pass = [&](const Operation &operation) {
+        EXPECT_NE(operation.run(object), 0u) << operation.call << " " << err;
+        EXPECT_THAT(err, IsClear());
+    };
+    for (int round = 0; round < 2; round++) {
+        refuse(unmap, ENOENT);
+        refuse(map, 0);
+        pass(map);
+        refuse(map, EBADF);
+        refuse(close, ENOENT);
+        EXPECT_NE(mapping(object->memory.address), "");
+        refuse(unmap, 0);
+        pass(unmap);
+    }
+    refuse(unmap, ENOENT);
+    refuse(close, 0);
+    pass(close);
+    /* A size that no address space holds is the system's to refuse. */
+    object = cl_openshm(name.c_str(), O_RDWR, UINT64_MAX / 2, &err, "open", 7);
+    EXPECT_EQ(CL_MapSHM(object, &err), nullptr);
+    EXPECT_THAT(err, FailsWith(ENOMEM, CL_MODULE_SHM));
+    EXPECT_EQ(CL_CloseSHM(object, nullptr), 1u);
+}
+
+TEST_F(SharedMemory, NameIsRemovedOnRequest) {
+    const std::string longest = name + std::string(140 - name.size(), 'l'); /* fills its field */
+    const Fault refused{"shm_unlink", EACCES}, close_fails{"close", EIO};
+    const struct {
+        std::string segment;
+        uint32_t unlink;
+        bool gone_before;
+        Fault fault;
+        int code;          /* of the first attempt */
+        bool exists_after; /* the first attempt */
+    } rows[] = {
+        {name + "a", 0, false, NO_FAULT, 0, true},
+        {name + "b", 0x80000000u, false, NO_FAULT, 0, false},
+        {name + "d", 1, true, NO_FAULT, 0, false},
+        {name + "e", 1, false, refused, EACCES, true},
+        {name + "f", 1, false, close_fails, EIO, false},
+        {longest, 1, false, NO_FAULT, 0, false},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.segment);
+        make(row.segment);
+        const test::Balance before = test::Balance::now();
+        CL_Object *object = open(row.segment);
+        EXPECT_EQ(object->memory.unlink_on_close, 0u);
+        object->memory.unlink_on_close = row.unlink;
+        if (row.gone_before) shm_unlink(row.segment.c_str());
+        {
+            const Plan plan(row.fault);
+            EXPECT_EQ(CL_CloseSHM(object, &err), row.code == 0 ? 1u : 0u);
+            EXPECT_EQ(plan.count("shm_unlink"), row.unlink == 0 ? 0 : 1);
+        }
+        EXPECT_EQ(exists(row.segment), row.exists_after);
+        if (row.code != 0) {
+            EXPECT_THAT(err, FailsWith(row.code, CL_MODULE_SHM));
+            EXPECT_EQ(object->status, uint32_t{CL_STATUS_READY});
+            EXPECT_NE(fcntl(object->descriptor, F_GETFD), -1) << "still open";
+            EXPECT_EQ(CL_CloseSHM(object, &err), 1u) << err;
+            EXPECT_EQ(exists(row.segment), row.unlink == 0);
+        }
+        EXPECT_EQ(test::Balance::now(), before);
+    }
+}
+
+/* A name longer than its field is not known any more: no other segment may go in its place. */
+TEST_F(SharedMemory, NobodyElsesNameIsRemoved) {
+    const std::string other = name + std::string(140 - name.size(), 'o'), own = other + "-own";
+    make(other);
+    make(own);
+    CL_Object *object = open(own);
+    object->memory.unlink_on_close = 1;
+    CL_CloseSHM(object, &err);
+    EXPECT_TRUE(exists(other));
 }
 
 }  // namespace

@@ -1,72 +1,74 @@
-// The configuration reader over arbitrary bytes. What it accepts keeps its limits and its order and
-// can be looked up; what it refuses leaves nothing behind.
+// The configuration reader over arbitrary bytes: what it accepts is in order, within its limits and
+// reads the same when it is written out again; what it refuses leaves nothing.
 #include <qvcl/conf.h>
 #include <qvcl/memory.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
+#include <string_view>
 
 namespace {
 
-void require(bool fine) {
-    if (!fine) abort();
+void require(bool holds, const char *what) {
+    if (holds) return;
+    std::fprintf(stderr, "does not hold: %s\n", what);
+    std::abort();
 }
 
-bool bounded(const char *text, std::size_t least, std::size_t most) {
-    const std::size_t length = strnlen(text, most + 1);
-    return length >= least && length <= most;
-}
+// Reads the bytes; the configuration as text comes back, the elements are freed.
+uint32_t read(std::string_view bytes, std::string &text) {
+    const int file = memfd_create("conf", MFD_CLOEXEC);
+    require(write(file, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()), "memfd");
+    const std::string path = "/proc/self/fd/" + std::to_string(file);
+    const uint32_t blocks = CL_nmem_M(1);
+    CL_Queue conf;
+    CL_QUE_InitQT(&conf, 0);
+    uint32_t end = 0, line = 0;
+    const uint32_t code = CL_ReadConf(&conf, path.c_str(), &end);
+    close(file);
+    require(code <= CL_CONF_KEY_TWICE && code != CL_CONF_NOT_EMPTY && code != CL_CONF_NO_FILE &&
+                code != CL_CONF_NO_MEMORY,
+            "a code that a file can give");
+    require(end >= 1 && end <= bytes.size() + 1, "line within the file");
+    require(code == CL_CONF_OK || conf.count == 0, "empty after a failure");
 
-void walk(CL_Queue *conf) {
     char name[64], key[64], value[512], found[512];
-    std::string last_name;
-    uint32_t line = 0, at = 0;
-    CL_ConfSection *section = nullptr, *same = nullptr;
-    while (CL_EnumSection(conf, name, sizeof name, &line, &section) == CL_CONF_OK) {
-        require(bounded(name, 1, CL_CONF_NAME_MAX) && last_name < name && line != 0);
-        require(CL_GetSectionIndex(conf, name, &same) == CL_CONF_OK && same == section);
-        last_name = name;
+    std::string last;
+    for (CL_ConfSection *section = nullptr;
+         CL_EnumSection(&conf, name, sizeof name, &line, &section) == CL_CONF_OK; last = name) {
+        require(strlen(name) >= 1 && strlen(name) <= CL_CONF_NAME_MAX, "length of a name");
+        require(last < name, "sections in order");
+        require(line >= 1 && line < end, "line of a section");
+        text += "[" + std::string(name) + "]\n";
+        const uint32_t header = line;
         std::string last_key;
-        uint32_t members = 0;
-        CL_ConfMember *member = nullptr;
-        while (CL_EnumMember(section, key, sizeof key, value, sizeof value, &line, &member) ==
-               CL_CONF_OK) {
-            require(bounded(key, 1, CL_CONF_NAME_MAX) && bounded(value, 0, CL_CONF_VALUE_MAX));
-            require(last_key < key && line > section->line);
-            require(CL_GetMember(conf, name, key, found, sizeof found, &at) == CL_CONF_OK);
-            require(strcmp(found, value) == 0 && at == line);
-            last_key = key;
-            members++;
+        for (CL_ConfMember *member = nullptr;
+             CL_EnumMember(section, key, sizeof key, value, sizeof value, &line, &member) == 0;
+             last_key = key) {
+            require(strlen(key) >= 1 && strlen(key) <= CL_CONF_NAME_MAX, "length of a key");
+            require(strlen(value) <= CL_CONF_VALUE_MAX, "length of a value");
+            require(last_key < key, "keys in order");
+            require(line > header && line < end, "line of a member");
+            text += key + ("=" + std::string(value)) + "\n";
+            require(CL_GetMember(&conf, name, key, found, sizeof found, &line) == CL_CONF_OK &&
+                        strcmp(found, value) == 0,
+                    "look-up finds what the walk shows");
         }
-        require(members == CL_GetMemberNum(section));
     }
+    require(CL_FreeConf(&conf) == 1 && CL_nmem_M(1) == blocks, "balanced memory");
+    return code;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    const int fd = memfd_create("conf", 0);
-    require(fd != -1 && write(fd, data, size) == static_cast<ssize_t>(size));
-    const std::string path = "/proc/self/fd/" + std::to_string(fd);
-    const uint32_t blocks = CL_nmem_M(1);
-    const auto lines = static_cast<uint32_t>(std::count(data, data + size, '\n'));
-    CL_Queue conf;
-    CL_QUE_InitQT(&conf, 0);
-    uint32_t line = 0;
-    const uint32_t code = CL_ReadConf(&conf, path.c_str(), &line);
-    require(line >= 1 && line <= lines + 2);
-    if (code == CL_CONF_OK) {
-        const bool ended = size == 0 || data[size - 1] == '\n';
-        require(line == lines + (ended ? 1 : 2));
-        walk(&conf);
-    } else {
-        require(code >= CL_CONF_LINE_LONG && code <= CL_CONF_KEY_TWICE);
-        require(conf.count == 0 && CL_nmem_M(1) == blocks);
+    std::string once, twice;
+    if (read({reinterpret_cast<const char *>(data), size}, once) == CL_CONF_OK) {
+        require(read(once, twice) == CL_CONF_OK && once == twice, "reads the same again");
     }
-    require(CL_FreeConf(&conf) == 1 && CL_nmem_M(1) == blocks);
-    close(fd);
     return 0;
 }
