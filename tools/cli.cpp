@@ -39,7 +39,9 @@ bool set_api(Options &options, const char *text) {
     for (const CL_TrcOperation &operation : operations()) {
         const std::string_view name = operation.name;
         const auto same = [](char a, char b) { return (a | 0x20) == (b | 0x20); };
-        if (numeric ? operation.api != number : std::ranges::search(name, wanted, same).empty())
+        if (numeric ? operation.api != number
+                    : std::search(name.begin(), name.end(), wanted.begin(), wanted.end(), same) ==
+                          name.end())
             continue;
         options.apis.set(operation.api);
         found = true;
@@ -164,7 +166,8 @@ Status parse(int argc, char **argv, Line &line, Text &err) {
         }
         const Option &option = OPTIONS[index];
         if (!option.set(line.options, optarg))
-            return usage(err, "no value for this option: ", optarg);
+            return usage(err, (Text() << "--" << option.name << ": not understood: ").str(),
+                         optarg);
         line.used.push_back(&option);
     }
     line.words.assign(argv + optind, argv + argc);

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <ranges>
 
 namespace trace_reader {
 
@@ -225,10 +224,10 @@ void Trace::pair() {
     }
     // A call whose entry record is overwritten encloses everything before its exit record.
     uint32_t enclosing = 0;
-    for (Record &record : records | std::views::reverse) {
-        record.depth += enclosing;
-        if (record.is_call() && record.exit && record.partner == NONE && record.parent == NONE)
-            ++enclosing;
+    for (auto record = records.rbegin(); record != records.rend(); ++record) {
+        record->depth += enclosing;
+        enclosing +=
+            record->is_call() && record->exit && record->partner == NONE && record->parent == NONE;
     }
 }
 
