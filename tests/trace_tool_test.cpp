@@ -421,6 +421,33 @@ TEST(Report, CountsAndTimes) {
         EXPECT_THAT(result.out, HasSubstr(text));
 }
 
+// The loop is older than the trace, so callbacks outside of calls are its. What happens between
+// them (a change of status, a call that the library makes) does not end the gap, a call of the
+// application's does: the loop had returned by then.
+TEST(Report, FindsTheLongestGapOfALoop) {
+    for (const bool returned : {false, true}) {
+        Dump d(0, 50);
+        d.free_rest();
+        const auto callback = [&](uint64_t after) {
+            d.now += after;
+            d.record(on<CL_TrcCallback>(1), CL_API_CALLBACK, 0, CL_MARK_CALLBACK_ENTRY);
+            d.call(on<CL_TrcHandle>(2), CL_API_STOP_TIMER, 1);
+            d.record(on<CL_TrcCallback>(1), CL_API_CALLBACK, 1, CL_MARK_CALLBACK_EXIT);
+        };
+        callback(0);
+        callback(300);
+        auto stop = on<CL_TrcHandle>(2);
+        stop.head.caller = returned ? 0 : 1;
+        d.call(stop, CL_API_STOP_TIMER, 1);
+        d.status(2, 1, 0);
+        callback(500);
+        const Result result = tool({"report", "FILE"}, {d.file()});
+        EXPECT_THAT(result.out, HasSubstr(std::string("called back: ") +
+                                          (returned ? "310us, from 14:13:20.000040\n"
+                                                    : "540us, from 14:13:20.000380\n")));
+    }
+}
+
 // Strict JSON: true when the whole text is one value.
 class Json {
   public:

@@ -1,3 +1,4 @@
+// Finding and bounding the blocks of a file, and following its queues.
 #include "tools/dump.h"
 
 #include <algorithm>
@@ -57,7 +58,7 @@ size_t Loader::rank_at(uint64_t offset, size_t from) const {
 
 // Offset of the next block of at least that rank, at whatever alignment; the file's size for none.
 uint64_t Loader::find(uint64_t offset, size_t from) const {
-    std::vector<uint8_t> piece(64 * 1024);
+    std::vector<uint8_t> piece(65536);
     for (;; offset += piece.size() - (EYE - 1)) {
         const uint64_t got = source.read(offset, piece.data(), piece.size());
         for (uint64_t i = 0; i + EYE <= got; ++i)

@@ -1,3 +1,4 @@
+// A file that another process writes may shrink at any time, so it is read, not mapped.
 #include "tools/source.h"
 
 #include <fcntl.h>
