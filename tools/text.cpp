@@ -112,7 +112,7 @@ Text &Text::clock(uint64_t usec) {
 }
 
 Text &Text::colour(Colour colour) {
-    static constexpr std::string_view CODES[] = {"\33[0m", "\33[2m", "\33[31m", "\33[1m"};
+    static constexpr std::string_view CODES[] = {"\33[0m", "\33[2m", "\33[31m"};
     return colours ? *this << CODES[static_cast<size_t>(colour)] : *this;
 }
 
