@@ -157,7 +157,7 @@ class Dump {
         head.phase = phase;
         head.marker = marker;
         std::ranges::copy(std::string_view("server.c"), head.file);
-        head.line = api;
+        head.line = 7;
         library.write(&record, size);
     }
     template <typename T>
@@ -176,11 +176,14 @@ class Dump {
         enter(r, api, size);
         leave(r, api, result, err, size);
     }
-    void status(uint64_t slot, uint32_t from, uint32_t to) {
+    void status(uint64_t slot, uint32_t from, uint32_t to, uint32_t sub_from = 0,
+                uint32_t sub_to = 0) {
         CL_TrcStatus r{};
         r.handle = handle(slot);
         r.old_status = from;
         r.status = to;
+        r.old_sub_status = sub_from;
+        r.sub_status = sub_to;
         r.head.caller = 2;
         record(r, CL_API_STATUS, 0, CL_MARK_STATUS);
     }
@@ -254,6 +257,8 @@ struct Story : Dump {
         free_rest();
         objects[3].deleted = {"gone.c", 7, 0, START, 5};
 
+        now -= step;
+        status(3, CL_STATUS_LISTED, 0);
         leave(on<CL_TrcHandle>(3), CL_API_DEL_LIST, 1);
         enter(CL_TrcProcess{}, CL_API_LOOP);
         struct {

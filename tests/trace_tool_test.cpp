@@ -204,8 +204,8 @@ std::vector<Case> every_operation() {
         {call(set, CL_API_SET_FD, 1),
          "CL_SetFD_M(handle=#5, count=1024, sets=read 0-2,9 except 1023) = 1"},
         {call(one(7), CL_API_SET_THREAD, 1), "CL_SetThreadFd_M(handle=#7) = 1"},
-        {[](Dump &d) { d.status(2, CL_STATUS_READY, CL_STATUS_READY | 0x80); },
-         "status #2: READY -> READY|0x80"},
+        {[](Dump &d) { d.status(2, CL_STATUS_READY, CL_STATUS_READY | 0x80, 0x107, 0x04); },
+         "status #2: READY -> READY|0x80, CONNECT_PENDING|RECV_PENDING|SEND_PENDING -> 0x4"},
     };
 }
 
@@ -239,20 +239,38 @@ TEST(Show, NestsWhatHappenedInsideACall) {
     EXPECT_EQ(
         result.out,
         "-- 2026-09-21 --\n"
+        "14:13:20.000000              status #3: LISTED -> 0  server.c:7\n"
         "14:13:20.000010            CL_DelEventList_M(handle=#3) = 1 (began before the trace)"
-        "  server.c:20\n"
-        "14:13:20.000020            CL_EventLoop_M() = ? (not finished)  server.c:2\n"
+        "  server.c:7\n"
+        "14:13:20.000020            CL_EventLoop_M() = ? (not finished)  server.c:7\n"
         "14:13:20.000030     40us     callback MESSAGE(handle=#1, callback=0x1000, "
         "data_length=24, message={length=24, sender=77, type=9, 68656c6c 6f000000 |hello...|})"
-        " = 0  server.c:254\n"
+        " = 0  server.c:7\n"
         "14:13:20.000040     20us !     CL_StartTIMER_M(handle=#2, seconds=0, mode=ONESHOT) = 0 "
-        "EBADF (MSGC:31)  server.c:65\n"
-        "14:13:20.000050                  status #2: 0 -> RUNNING  server.c:255\n"
+        "EBADF (MSGC:31)  server.c:7\n"
+        "14:13:20.000050                  status #2: 0 -> RUNNING  server.c:7\n"
         "14:13:20.000060                user record 72 bytes: 00000000 00000000 00000000 "
         "00000000 00000000 00000000 6d696e65 00000000 00000000 00000000 "
         "|........................mine............|\n"
         "14:13:20.000080          !   callback DISCONNECT(handle=#1, error=EPIPE (MSGC:8)) = ? "
-        "(not finished)  server.c:254\n");
+        "(not finished)  server.c:7\n");
+}
+
+// A call that never returned (its thread ended, it was left by a jump) does not hide that the one
+// around it did.
+TEST(Show, PairsCallsAroundOneThatNeverReturned) {
+    Dump d(0, 20);
+    d.free_rest();
+    d.enter(CL_TrcProcess{}, CL_API_LOOP);
+    for (int i = 0; i < 3; ++i)
+        d.enter(on<CL_TrcHandle>(1), CL_API_STOP_TIMER);
+    d.leave(CL_TrcProcess{}, CL_API_LOOP, 7);
+    d.call(on<CL_TrcHandle>(1), CL_API_DELETE_FD, 1);
+    const auto shown = lines(tool({"show", "FILE"}, {d.file()}).out);
+    ASSERT_THAT(shown, SizeIs(6));
+    EXPECT_THAT(shown[1], HasSubstr("     40us   CL_EventLoop_M() = 7 "));
+    EXPECT_THAT(shown[4], HasSubstr("         CL_StopTIMER_M(handle=#1) = ? (not finished)"));
+    EXPECT_THAT(shown[5], HasSubstr("     10us   CL_DeleteFD_M(handle=#1) = 1 "));
 }
 
 TEST(Show, ChoosesLines) {
@@ -261,19 +279,19 @@ TEST(Show, ChoosesLines) {
         size_t count;
         std::string_view first;
     } cases[] = {
-        {{}, 7, "CL_DelEventList_M"},
+        {{}, 8, "status #3"},
         {{"--api", "eventl"}, 2, "CL_DelEventList_M"},
-        {{"--api=65", "--api", "0xff"}, 2, "CL_StartTIMER_M"},
+        {{"--api=65", "--api", "0xff"}, 3, "status #3"},
         {{"--handle", "#2"}, 2, "CL_StartTIMER_M"},
         {{"--handle", "0x7f0000200368"}, 2, "callback MESSAGE"},
         {{"--failures"}, 2, "CL_StartTIMER_M"},
         {{"--slower", "30us"}, 1, "callback MESSAGE"},
         {{"--slower=0.02ms"}, 2, "callback MESSAGE"},
         {{"--since", "14:13:20.000060"}, 2, "user record"},
-        {{"--until", "2026-09-21 14:13:20.00002"}, 2, "CL_DelEventList_M"},
+        {{"--until", "2026-09-21 14:13:20.00002"}, 3, "status #3"},
         {{"--since", "14:14"}, 0, ""},
         {{"--ring", "user"}, 1, "user record"},
-        {{"--ring", "library"}, 6, "CL_DelEventList_M"},
+        {{"--ring", "library"}, 7, "status #3"},
         {{"--last", "2", "--failures"}, 2, "CL_StartTIMER_M"},
         {{"--last=1", "--handle=1"}, 1, "callback DISCONNECT"},
         {{"--last=0"}, 0, ""},
@@ -410,8 +428,8 @@ TEST(Report, CountsAndTimes) {
     const Result result = tool({"report", "FILE"}, {Story(20).file()});
     EXPECT_EQ(result.status, FINE) << result.err;
     for (const std::string_view text :
-         {"9 records, 1 status changes, 1 of the application, 2026-09-21 14:13:20.000010 to "
-          "14:13:20.000080 (70us)\n",
+         {"10 records, 2 status changes, 1 of the application, 2026-09-21 14:13:20.000000 to "
+          "14:13:20.000080 (80us)\n",
           "longest gap between two iterations that called back: 10us, from 14:13:20.000020\n",
           "callback MESSAGE                     1         0      40us      40us      40us\n",
           "CL_StartTIMER_M                      1         1      20us      20us      20us\n",
@@ -419,6 +437,44 @@ TEST(Report, CountsAndTimes) {
           "#1 MSGC                              2         1      40us      40us      40us\n",
           "slowest callbacks\n      40us  14:13:20.000030  callback MESSAGE #1 MSGC\n"})
         EXPECT_THAT(result.out, HasSubstr(text));
+}
+
+TEST(Report, TakesPercentilesByNearestRank) {
+    Dump d(0, 1000);
+    d.free_rest();
+    for (d.step = 200; d.step; --d.step)
+        d.call(on<CL_TrcHandle>(1), CL_API_STOP_TIMER, 1);
+    EXPECT_THAT(
+        tool({"report", "FILE"}, {d.file()}).out,
+        HasSubstr(
+            "CL_StopTIMER_M                     200         0     100us     198us     200us"));
+}
+
+// The loop is older than the trace, so callbacks outside of calls are its. What happens between
+// them (a change of status, a call that the library makes) does not end the gap, a call of the
+// application's does: the loop had returned by then.
+TEST(Report, FindsTheLongestGapOfALoop) {
+    for (const bool returned : {false, true}) {
+        Dump d(0, 50);
+        d.free_rest();
+        const auto callback = [&](uint64_t after) {
+            d.now += after;
+            d.record(on<CL_TrcCallback>(1), CL_API_CALLBACK, 0, CL_MARK_CALLBACK_ENTRY);
+            d.call(on<CL_TrcHandle>(2), CL_API_STOP_TIMER, 1);
+            d.record(on<CL_TrcCallback>(1), CL_API_CALLBACK, 1, CL_MARK_CALLBACK_EXIT);
+        };
+        callback(0);
+        callback(300);
+        auto stop = on<CL_TrcHandle>(2);
+        stop.head.caller = returned ? 0 : 1;
+        d.call(stop, CL_API_STOP_TIMER, 1);
+        d.status(2, 1, 0);
+        callback(500);
+        const Result result = tool({"report", "FILE"}, {d.file()});
+        EXPECT_THAT(result.out, HasSubstr(std::string("called back: ") +
+                                          (returned ? "310us, from 14:13:20.000040\n"
+                                                    : "540us, from 14:13:20.000380\n")));
+    }
 }
 
 // Strict JSON: true when the whole text is one value.
@@ -477,11 +533,12 @@ TEST(Export, IsATimelineInStrictJson) {
     EXPECT_TRUE(Json(result.out).valid()) << result.out;
     for (
         const std::string_view text :
-        {R"({"ph":"X","pid":4242,"tid":0,"ts":1790000000000020,"dur":60,"name":"CL_EventLoop_M",)",
+        {R"("tid":4,"ts":1790000000000000,"dur":10,"name":"CL_DelEventList_M",)",
+         R"({"ph":"X","pid":4242,"tid":0,"ts":1790000000000020,"dur":60,"name":"CL_EventLoop_M",)",
          R"({"ph":"X","pid":4242,"tid":2,"ts":1790000000000030,"dur":40,"name":"callback MESSAGE",)",
          R"({"ph":"X","pid":4242,"tid":3,"ts":1790000000000040,"dur":20,"name":"! CL_StartTIMER_M",)",
          R"("cat":"error","cname":"terrible","args":{"handle":"#2","seconds":"0","mode":"ONESHOT",)",
-         R"json("result":"0 EBADF (MSGC:31)","position":"server.c:65"}})json",
+         R"json("result":"0 EBADF (MSGC:31)","position":"server.c:7"}})json",
          R"({"ph":"i","pid":4242,"tid":3,"ts":1790000000000050,"s":"t","name":"status")",
          R"("tid":2,"name":"thread_name","args":{"name":"#1 MSGC"}})",
          R"("result":"not finished")"})
@@ -499,6 +556,9 @@ TEST(Diff, FindsTheFirstDifferenceAndMasksWhatAlwaysDiffers) {
         const CL_MsgHeader message{24, CL_MSG_VERSION, sender, 9};
         std::memcpy(send.data + CL_MSG_PREFIX_SIZE, &message, sizeof message);
         d.call(send, CL_API_SEND_MSGC, 24);
+        CL_TrcCreate create{};
+        create.callback = create.arg1 = buffer;
+        d.call(create, CL_API_CREATE_FD, Dump::handle(1));
         auto start = on<CL_TrcStartTimer>(1);
         start.handle += handle_shift;
         start.seconds = seconds;
@@ -509,20 +569,19 @@ TEST(Diff, FindsTheFirstDifferenceAndMasksWhatAlwaysDiffers) {
     const File a = story(0, 1, 0x7fff00001000, 5);
     const Result same = tool({"diff", "FILE", "FILE"}, {a, story(0, 2, 0x7fff00002000, 5)});
     EXPECT_EQ(same.status, FINE);
-    EXPECT_EQ(same.out, "library ring: the same 4 records\nuser ring: the same 0 records\n");
+    EXPECT_EQ(same.out, "library ring: the same 6 records\nuser ring: the same 0 records\n");
     const Result other = tool({"diff", "FILE", "FILE"}, {a, story(0, 1, 0x7fff00003000, 6)});
     EXPECT_EQ(other.status, DAMAGED);
-    EXPECT_THAT(other.out, HasSubstr("library ring: the same 2 records, then a difference\n"));
+    EXPECT_THAT(other.out, HasSubstr("library ring: the same 4 records, then a difference\n"));
     EXPECT_THAT(other.out,
-                HasSubstr("\n- -> CL_StartTIMER_M(handle=#1, seconds=5, mode=0)  server.c:65\n"
-                          "+ -> CL_StartTIMER_M(handle=#1, seconds=6, mode=0)  server.c:65\n"));
+                HasSubstr("\n- -> CL_StartTIMER_M(handle=#1, seconds=5, mode=0)  server.c:7\n"
+                          "+ -> CL_StartTIMER_M(handle=#1, seconds=6, mode=0)  server.c:7\n"));
     const Result slot =
         tool({"diff", "FILE", "FILE"}, {a, story(sizeof(CL_Object), 1, 0x7fff00003000, 5)});
     EXPECT_THAT(slot.out, HasSubstr("+ -> CL_StartTIMER_M(handle=#2, seconds=5"));
     const Result shorter = tool({"diff", "FILE", "FILE"}, {Story(20).file(), Dump(0, 20).file()});
-    EXPECT_THAT(
-        shorter.out,
-        HasSubstr("- <- CL_DelEventList_M(handle=#3) = 1  server.c:20\n+ end of the trace\n"));
+    EXPECT_THAT(shorter.out,
+                HasSubstr("- status #3: LISTED -> 0  server.c:7\n+ end of the trace\n"));
 }
 
 // Damage of every sort, and what is said about it.
@@ -566,13 +625,13 @@ TEST(Check, NamesTheDamage) {
         {[](Story &d) { d.library.head.entry_size = UINT32_MAX; },
          "***CL_LIBTRC*** of 4312 bytes by its header"},
         {[](Story &d) { d.library.head.entry_size = 0; }, "a ring of 20 entries of 0 bytes"},
-        {[](Story &d) { d.library.head.oldest = 20; }, "ring indexes oldest 20, next 9"},
+        {[](Story &d) { d.library.head.oldest = 20; }, "ring indexes oldest 20, next 10"},
         {[](Story &d) { d.library.head.wrapped = 2; }, "wrapped 2"},
-        {[](Story &d) { d.library.entries[2][0] = 3; }, "no record begins in this entry"},
+        {[](Story &d) { d.library.entries[3][0] = 3; }, "no record begins in this entry"},
         {[](Story &d) { d.library.entries[2][4] = 200; }, "no record begins in this entry"},
         {[](Story &d) { d.library.entries[0][8 + 24] = 250; },
          "a record of 250 bytes in 1 entries of 192"},
-        {[](Story &d) { d.library.entries[0][8 + 24] = 105; },
+        {[](Story &d) { d.library.entries[1][8 + 24] = 105; },
          "CL_DelEventList_M: a record of 105 bytes"},
         {[](Story &d) { d.library.entries[0][8 + 28] = 3; },
          "a record of no known operation, API 3"},
@@ -707,6 +766,8 @@ uint32_t dump_and_stop(CL_Object *, CL_Event *, uint64_t path, uint64_t) {
 TEST(Library, WritesDumpsThatAreWhole) {
     const std::string path = testing::TempDir() + "library." + std::to_string(getpid());
     CL_ErrInfo err;
+    CL_TRC_Out(path.c_str(), nullptr);  // before there are objects and a second ring
+    EXPECT_EQ(tool({"check", path}).err, "");
     ASSERT_EQ(CL_TRC_Init_M("/tmp/unused", 32, 7, nullptr, CL_RING_USER), 0u);
     ASSERT_EQ(CL_Init(3, nullptr, &err), 1u);
     CL_Object *server = CL_CreateFD(CL_KIND_MSGS, dump_and_stop, 0, 0, &err);

@@ -1,11 +1,12 @@
+// One table of commands, one of options; an option is refused by a command that has no use for it.
 #include "tools/cli.h"
 
 #include <getopt.h>
-#include <strings.h>
 
 #include <algorithm>
 #include <array>
-#include <cmath>
+#include <cstdlib>
+#include <cstring>
 #include <list>
 
 #include "tools/names.h"
@@ -39,7 +40,9 @@ bool set_api(Options &options, const char *text) {
     for (const CL_TrcOperation &operation : operations()) {
         const std::string_view name = operation.name;
         const auto same = [](char a, char b) { return (a | 0x20) == (b | 0x20); };
-        if (numeric ? operation.api != number : std::ranges::search(name, wanted, same).empty())
+        if (numeric ? operation.api != number
+                    : std::search(name.begin(), name.end(), wanted.begin(), wanted.end(), same) ==
+                          name.end())
             continue;
         options.apis.set(operation.api);
         found = true;
@@ -55,21 +58,14 @@ bool set_handle(Options &options, const char *text) {
     return true;
 }
 
-bool set_since(Options &options, const char *text) {
-    return parse_time(options.since = text, 0).has_value();
-}
-bool set_until(Options &options, const char *text) {
-    return parse_time(options.until = text, 0).has_value();
-}
-
 bool set_slower(Options &options, const char *text) {
     char *unit = nullptr;
     const double value = std::strtod(text, &unit);
     static constexpr std::pair<std::string_view, double> UNITS[] = {
         {"us", 1}, {"ms", 1e3}, {"s", 1e6}, {"", 1}};
     for (const auto &[name, factor] : UNITS)
-        if (unit != text && name == unit && value >= 0 && value < 1e12) {
-            options.slower = std::llround(value * factor);
+        if (unit != text && name == unit && value >= 0 && value < 1e9) {
+            options.slower = static_cast<int64_t>(value * factor + 0.5);
             return true;
         }
     return false;
@@ -79,20 +75,6 @@ bool set_ring(Options &options, const char *text) {
     const std::string_view name = text;
     options.ring = name == "user" ? CL_RING_USER : CL_RING_LIBRARY;
     return name == "user" || name == "library";
-}
-
-bool set_last(Options &options, const char *text) {
-    return parse_number(text, options.last);
-}
-
-bool set_failures(Options &options, const char *) {
-    return options.failures = true;
-}
-bool set_all(Options &options, const char *) {
-    return options.all = true;
-}
-bool set_nothing(Options &, const char *) {
-    return true;
 }
 
 struct Option {
@@ -106,14 +88,22 @@ constexpr Option OPTIONS[] = {
     {"api", "NAME", "show", set_api,
      "calls whose name holds NAME, or with that number; repeatable"},
     {"handle", "#N|ADDRESS", "show", set_handle, "calls about the object in slot N, or at ADDRESS"},
-    {"since", "TIME", "show", set_since, "[YYYY-MM-DD ]HH:MM[:SS[.FRACTION]], local time"},
-    {"until", "TIME", "show", set_until, "the same, for the end"},
-    {"failures", nullptr, "show", set_failures, "only what failed"},
+    {"since", "TIME", "show",
+     [](Options &o, const char *text) { return parse_time(o.since = text, 0).has_value(); },
+     "[YYYY-MM-DD ]HH:MM[:SS[.FRACTION]], local time"},
+    {"until", "TIME", "show",
+     [](Options &o, const char *text) { return parse_time(o.until = text, 0).has_value(); },
+     "the same, for the end"},
+    {"failures", nullptr, "show", [](Options &o, const char *) { return o.failures = true; },
+     "only what failed"},
     {"slower", "TIME", "show", set_slower, "calls that took at least so long: 250us, 10ms, 1.5s"},
     {"ring", "NAME", "show", set_ring, "only records of the library or the user ring"},
-    {"last", "N", "show", set_last, "the last N lines"},
-    {"all", nullptr, "tables", set_all, "also free slots, and where all were used before"},
-    {"json", nullptr, "export", set_nothing, "the format, and the only one"}};
+    {"last", "N", "show", [](Options &o, const char *text) { return parse_number(text, o.last); },
+     "the last N lines"},
+    {"all", nullptr, "tables", [](Options &o, const char *) { return o.all = true; },
+     "also free slots, and where all were used before"},
+    {"json", nullptr, "export", [](Options &, const char *) { return true; },
+     "the format, and the only one"}};
 constexpr int HELP = std::size(OPTIONS), VERSION = HELP + 1;
 
 void put_help(Text &out) {
@@ -130,9 +120,7 @@ void put_help(Text &out) {
             out.column(begin, 26) << option.help << '\n';
         }
     }
-    out << "\nExit status: 0 fine, 1 the file is damaged or the traces differ, 2 wrong usage or no "
-           "such\n"
-           "file.\n";
+    out << "\nExit status: 0 fine, 1 the file is damaged or the traces differ, 2 wrong usage.\n";
 }
 
 Status usage(Text &err, std::string_view problem, std::string_view what = {}) {
@@ -164,7 +152,8 @@ Status parse(int argc, char **argv, Line &line, Text &err) {
         }
         const Option &option = OPTIONS[index];
         if (!option.set(line.options, optarg))
-            return usage(err, "no value for this option: ", optarg);
+            return usage(err, (Text() << "--" << option.name << ": not understood: ").str(),
+                         optarg);
         line.used.push_back(&option);
     }
     line.words.assign(argv + optind, argv + argc);

@@ -1,3 +1,4 @@
+// Finding and bounding the blocks of a file, and following its queues.
 #include "tools/dump.h"
 
 #include <algorithm>
@@ -9,22 +10,15 @@ namespace {
 
 // In the order of the file. All but the main table may be absent.
 enum Rank : size_t { LIBRARY_RING, USER_RING, MAIN, TABLE, RANKS };
-struct BlockKind {
-    char eye[sizeof CL_TableHeader::eye];
-    uint64_t smallest;
-};
-constexpr BlockKind KINDS[RANKS] = {{CL_EYE_LIBTRC, sizeof(CL_TraceRing)},
-                                    {CL_EYE_USRTRC, sizeof(CL_TraceRing)},
-                                    {CL_EYE_MAIN, sizeof(CL_MainBlock)},
-                                    {CL_EYE_FDTBL, sizeof(CL_TableHeader)}};
 constexpr size_t EYE = sizeof CL_TableHeader::eye;
+constexpr char EYES[RANKS][EYE] = {CL_EYE_LIBTRC, CL_EYE_USRTRC, CL_EYE_MAIN, CL_EYE_FDTBL};
 constexpr uint64_t TEXT_ALIGNMENT = 16;
 constexpr uint64_t LONGEST_TEXT = 1 << 20;
 constexpr uint64_t LARGEST_RING = 1 << 28;
 
 // Rank of the block whose eye-catcher is at `bytes`, not below `from`; RANKS for none.
 size_t rank_of(const uint8_t *bytes, size_t from) {
-    while (from < RANKS && std::memcmp(bytes, KINDS[from].eye, EYE) != 0)
+    while (from < RANKS && std::memcmp(bytes, EYES[from], EYE) != 0)
         ++from;
     return from;
 }
@@ -57,11 +51,11 @@ size_t Loader::rank_at(uint64_t offset, size_t from) const {
 
 // Offset of the next block of at least that rank, at whatever alignment; the file's size for none.
 uint64_t Loader::find(uint64_t offset, size_t from) const {
-    std::vector<uint8_t> piece(64 * 1024);
+    std::vector<uint8_t> piece(65536);
     for (;; offset += piece.size() - (EYE - 1)) {
         const uint64_t got = source.read(offset, piece.data(), piece.size());
         for (uint64_t i = 0; i + EYE <= got; ++i)
-            if (piece[i] == KINDS[0].eye[0] && rank_of(&piece[i], from) < RANKS) return offset + i;
+            if (piece[i] == EYES[0][0] && rank_of(&piece[i], from) < RANKS) return offset + i;
         if (got < piece.size()) return dump.size;
     }
 }
@@ -93,27 +87,20 @@ uint64_t Loader::content_size(const Block &block, size_t rank) const {
     if (rank == MAIN) return sizeof(CL_MainBlock);
     if (rank == TABLE)
         return dump.main_block.size ? sizeof(CL_TableHeader) + dump.capacity * sizeof(CL_Object)
-                                    : std::max(block.header.size, KINDS[TABLE].smallest);
+                                    : std::max(block.header.size, sizeof(CL_TableHeader));
     CL_TraceRing ring{};
     source.read(block.offset, &ring, sizeof ring);
     return sizeof ring + ring.entry_count * (uint64_t{ring.entry_size} + sizeof(CL_TraceEntry));
 }
 
-// Bytes from the block's offset to its end. Two fields say it; when they differ, a block that
-// follows decides.
+// Bytes from the block's offset to its end. Two fields of a ring say it; when they differ, it ends
+// where the next block begins.
 uint64_t Loader::length(const Block &block, size_t rank) {
     const uint64_t content = content_size(block, rank);
-    const uint64_t declared = block.header.size;
-    if (declared == content) return content;
-    dump.problems.add(block.offset + offsetof(CL_TableHeader, size), KINDS[rank].eye, " of ",
-                      declared, " bytes by its header, ", content, " by its contents");
-    if (rank >= MAIN) return content;
-    const uint64_t rest = dump.size - block.offset;
-    for (const uint64_t candidate : {content, declared})
-        if (candidate >= KINDS[rank].smallest && candidate < rest &&
-            rank_at(block.offset + candidate, rank + 1) < RANKS)
-            return candidate;
-    return find(block.offset + EYE, rank + 1) - block.offset;
+    if (block.header.size == content) return content;
+    dump.problems.add(block.offset + offsetof(CL_TableHeader, size), EYES[rank], " of ",
+                      block.header.size, " bytes by its header, ", content, " by its contents");
+    return rank >= MAIN ? content : find(block.offset + EYE, rank + 1) - block.offset;
 }
 
 void Loader::take(uint64_t offset, size_t rank) {
@@ -124,7 +111,7 @@ void Loader::take(uint64_t offset, size_t rank) {
     block.size = std::min(whole, dump.size - offset);
     if (block.size < whole)
         dump.problems.add(dump.size, "the file ends ", whole - block.size, " bytes inside ",
-                          KINDS[rank].eye);
+                          EYES[rank]);
     if (rank != MAIN) return;
     source.read(offset, &dump.main, std::min<uint64_t>(block.size, sizeof dump.main));
     dump.capacity = dump.main.capacity;
@@ -200,10 +187,10 @@ void Loader::compare_addresses() {
     for (const auto &[rank, place, there] : expected) {
         const Block &block = this->block(rank);
         if (!block.size && there)
-            dump.problems.add(dump.main_block.offset + place, KINDS[rank].eye, " is missing");
+            dump.problems.add(dump.main_block.offset + place, EYES[rank], " is missing");
         else if (block.size && there != block.header.address)
             dump.problems.add(dump.main_block.offset + place, "another address than that of ",
-                              KINDS[rank].eye);
+                              EYES[rank]);
     }
 }
 

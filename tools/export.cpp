@@ -30,8 +30,7 @@ class Exporter {
 };
 
 uint64_t Exporter::track_of(const Record &record) {
-    uint64_t handle = handle_of(record);
-    if (const Record *other = trace.partner(record); !handle && other) handle = handle_of(*other);
+    const uint64_t handle = trace.object_of(record);
     if (const auto slot = dump.slot_of(handle)) return tracks[handle] = *slot + 1;
     // Addresses that are no slot get the numbers behind those of the table.
     return handle ? tracks.try_emplace(handle, dump.capacity + 1 + tracks.size()).first->second
@@ -52,13 +51,12 @@ void Exporter::put_head(std::string_view phase, uint64_t track) {
 void Exporter::put_arguments(const Record &record, const Record *exit) {
     out << R"(,"args":{)";
     between = "";
-    const Record &fuller = exit && !record.is_callback() ? *exit : record;
     if (record.operation && !record.is_call()) {
         Text change;
         put_record(change, dump, record);
         put_text("change", change.str());
     } else if (record.operation) {
-        each_argument(dump, fuller, Mask::NO, [&](std::string_view name, auto write) {
+        each_argument(dump, trace.fuller(record), Mask::NO, [&](std::string_view name, auto write) {
             Text value;
             write(value);
             put_text(name, value.str());
@@ -78,9 +76,8 @@ void Exporter::put_arguments(const Record &record, const Record *exit) {
 }
 
 void Exporter::put_event(const Record &record) {
-    if (record.exit && trace.partner(record)) return;
-    const Record *exit = record.exit ? &record : trace.partner(record);
-    const bool bad = failed(record) || (exit && failed(*exit));
+    const Record *exit = trace.exit_of(record);
+    const bool bad = trace.is_bad(record);
     // A call of which one record is lost reaches to the edge of the trace.
     const uint64_t begin = record.exit ? trace.records.front().time : record.time;
     const uint64_t end = exit ? exit->time : trace.records.back().time;
@@ -126,7 +123,7 @@ void Exporter::run() {
     put_head("M", 0);
     (out << R"(,"name":"process_name","args":{"name":)").quoted(dump.name, Escape::JSON) << "}}";
     for (const Record &record : trace.records)
-        put_event(record);
+        if (trace.is_told(record)) put_event(record);
     put_names();
     out << "\n]}\n";
 }

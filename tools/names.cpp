@@ -1,3 +1,4 @@
+// The names are those of the enumerators, made of them, so that they cannot differ.
 #include "tools/names.h"
 
 #include <qvcl/main.h>
@@ -122,6 +123,7 @@ void put_error_code(Text &out, uint64_t code) {
 
 void put_error(Text &out, const CL_ErrInfo &error) {
     put_error_code(out, error.err);
+    if (!error.err) return;
     out << " (";
     put_name(out, MODULES, error.module);
     out << ':' << error.line;

@@ -1,8 +1,8 @@
+// Walking rings whose indexes, counts and flags may all be wrong, in time linear in the file.
 #include "tools/records.h"
 
 #include <algorithm>
 #include <array>
-#include <ranges>
 
 namespace trace_reader {
 
@@ -225,26 +225,30 @@ void Trace::pair() {
     }
     // A call whose entry record is overwritten encloses everything before its exit record.
     uint32_t enclosing = 0;
-    for (Record &record : records | std::views::reverse) {
-        record.depth += enclosing;
-        if (record.is_call() && record.exit && record.partner == NONE && record.parent == NONE)
-            ++enclosing;
+    for (auto record = records.rbegin(); record != records.rend(); ++record) {
+        record->depth += enclosing;
+        enclosing +=
+            record->is_call() && record->exit && record->partner == NONE && record->parent == NONE;
     }
 }
 
-std::optional<int64_t> Trace::duration(const Record &record) const {
-    const Record *other = partner(record);
+std::optional<int64_t> Trace::duration(const Record &told) const {
+    const Record *other = partner(told);
     if (!other) return {};
-    return static_cast<int64_t>(record.exit ? record.time - other->time
-                                            : other->time - record.time);
+    return static_cast<int64_t>(other->time - told.time);
 }
 
-uint64_t handle_of(const Record &record) {
-    if (!record.operation) return 0;
-    if (const CL_TrcField *handle = field_of(*record.operation, CL_TRC_HANDLE))
-        return number(record.bytes, *handle);
-    const CL_TrcField &result = record.operation->result;
-    return result.name && result.type == CL_TRC_HANDLE ? number(record.bytes, result) : 0;
+bool Trace::is_bad(const Record &told) const {
+    const Record *other = partner(told);
+    return failed(told) || (other && failed(*other));
+}
+
+uint64_t Trace::object_of(const Record &told) const {
+    if (!told.operation) return 0;
+    if (const CL_TrcField *handle = field_of(*told.operation, CL_TRC_HANDLE))
+        return number(told.bytes, *handle);
+    const CL_TrcField &result = told.operation->result;  // of what creates objects
+    return result.name && result.type == CL_TRC_HANDLE ? number(fuller(told).bytes, result) : 0;
 }
 
 CL_ErrInfo error_of(const Record &record) {

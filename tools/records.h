@@ -44,8 +44,18 @@ class Trace {
     const Record *partner(const Record &record) const {
         return record.partner == NONE ? nullptr : &records[record.partner];
     }
-    // Microseconds of a call with both records.
-    std::optional<int64_t> duration(const Record &record) const;
+    // What is told of a call is told where it begins, or where it ends when only that is left. The
+    // following are about such a record.
+    bool is_told(const Record &record) const { return !record.exit || !partner(record); }
+    const Record *exit_of(const Record &told) const { return told.exit ? &told : partner(told); }
+    // An event's data is in the entry record alone, all else is in the exit record too.
+    const Record &fuller(const Record &told) const {
+        const Record *exit = exit_of(told);
+        return exit && !told.is_callback() ? *exit : told;
+    }
+    bool is_bad(const Record &told) const;                      // either record is
+    uint64_t object_of(const Record &told) const;               // address, or 0
+    std::optional<int64_t> duration(const Record &told) const;  // microseconds, of a whole call
 
     Records records;
 
@@ -54,7 +64,6 @@ class Trace {
     Joined joined;
 };
 
-uint64_t handle_of(const Record &record);  // the object that it is about, or 0
 CL_ErrInfo error_of(const Record &record);
 // A call that failed, an event that reports an error, a change to failed.
 bool failed(const Record &record);

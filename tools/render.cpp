@@ -1,3 +1,4 @@
+// How each type of field reads, and which fields are worth reading.
 #include "tools/render.h"
 
 #include <qvcl/message.h>

@@ -69,36 +69,33 @@ void put_slowest(Text &out, const Dump &dump, const Trace &trace) {
         out.right(Text().duration(duration).str(), NUMBER_WIDTH) << "  ";
         out.clock(record->time) << "  ";
         put_title(out, *record);
-        put_object(out << ' ', dump, handle_of(*record));
+        put_object(out << ' ', dump, trace.object_of(*record));
         out << '\n';
     }
 }
 
 // A loop calls back, waits, calls back. The gap is from the end of one callback, or the loop's
-// beginning, to the next callback, or the loop's end; where the loop itself is older than the
-// trace, callbacks outside of any call are its.
+// beginning, to the next callback, or the loop's end. Where the loop is older than the trace,
+// callbacks outside of any call are its, until the application calls something there.
 void put_longest_gap(Text &out, const Trace &trace) {
-    const auto in_loop = [&](const Record &record) {
-        return record.api() == CL_API_LOOP ||
-               (record.is_callback() &&
-                (record.parent == NONE || trace.records[record.parent].api() == CL_API_LOOP));
-    };
     const Record *from = nullptr, *longest = nullptr;
     int64_t gap = -1;
     for (const Record &record : trace.records) {
-        if (record.ring != CL_RING_LIBRARY || (!in_loop(record) && record.parent != NONE)) continue;
+        if (!record.is_call()) continue;
         const bool is_loop = record.api() == CL_API_LOOP;
-        if (!in_loop(record) || (is_loop && !record.exit)) {
-            from = is_loop ? &record : nullptr;
-            continue;
+        const bool is_outermost = record.parent == NONE;
+        if (is_loop || (record.is_callback() &&
+                        (is_outermost || trace.records[record.parent].api() == CL_API_LOOP))) {
+            const bool ends_gap = is_loop == record.exit;
+            const int64_t length = from ? static_cast<int64_t>(record.time - from->time) : -1;
+            if (ends_gap && length > gap) {
+                gap = length;
+                longest = from;
+            }
+            from = ends_gap ? nullptr : &record;
+        } else if (is_outermost && !load<uint8_t>(record.bytes, offsetof(CL_TrcHead, caller))) {
+            from = nullptr;
         }
-        const bool ends_gap = is_loop || !record.exit;
-        const auto length = from ? static_cast<int64_t>(record.time - from->time) : -1;
-        if (ends_gap && length > gap) {
-            gap = length;
-            longest = from;
-        }
-        from = ends_gap ? nullptr : &record;
     }
     if (!longest) return;
     out << "longest gap between two iterations that called back: ";
@@ -116,17 +113,15 @@ bool report(Dumps dumps, const Options &, Text &out) {
     for (const Record &record : trace.records) {
         changes += record.api() == CL_API_STATUS;
         users += record.ring == CL_RING_USER;
-        if (!record.is_call() || (record.exit && trace.partner(record))) continue;
-        const Record *exit = record.exit ? &record : trace.partner(record);
+        if (!record.is_call() || !trace.is_told(record)) continue;
         const auto add = [&](Row &row) {
             ++row.count;
-            row.failures += failed(record) || (exit && failed(*exit));
+            row.failures += trace.is_bad(record);
             if (const auto duration = trace.duration(record)) row.durations.push_back(*duration);
         };
+        const uint64_t object = trace.object_of(record);
         add(by_operation[text_of([&](Text &t) { put_title(t, record); })]);
-        uint64_t handle = handle_of(record);
-        if (!handle && exit) handle = handle_of(*exit);
-        if (handle) add(by_object[text_of([&](Text &t) { put_object(t, dump, handle); })]);
+        if (object) add(by_object[text_of([&](Text &t) { put_object(t, dump, object); })]);
     }
     out << trace.records.size() << " records, " << changes << " status changes, " << users
         << " of the application";

@@ -1,7 +1,8 @@
 // show: one line a call, where its entry record stands: when, how long, what, with which result;
 // what happened inside it follows, indented.
 #include <algorithm>
-#include <cmath>
+#include <cstdlib>
+#include <ctime>
 
 #include "tools/commands.h"
 #include "tools/render.h"
@@ -11,7 +12,7 @@ namespace trace_reader {
 namespace {
 
 constexpr size_t DURATION_WIDTH = 9;
-constexpr uint32_t DEEPEST = 24;         // indentation levels
+constexpr size_t DEEPEST = 48;           // columns of indentation
 constexpr uint64_t QUARTER = 900000000;  // time zones change the date at some quarter of an hour
 
 class Filter {
@@ -24,14 +25,12 @@ class Filter {
         if (options.slot) handle = dump.address_of(*options.slot);
     }
     bool passes(const Record &record) const {
-        const Record *exit = trace.partner(record);
         const bool of_calls = options.apis.any() || handle || options.failures || options.slower;
         if (record.time < since || record.time > until || (of_calls && !record.operation))
             return false;
         if (options.apis.any() && !options.apis[record.api()]) return false;
-        if (handle && handle_of(record) != *handle && (!exit || handle_of(*exit) != *handle))
-            return false;
-        if (options.failures && !failed(record) && (!exit || !failed(*exit))) return false;
+        if (handle && trace.object_of(record) != *handle) return false;
+        if (options.failures && !trace.is_bad(record)) return false;
         return !options.slower || trace.duration(record).value_or(INT64_MIN) >= *options.slower;
     }
 
@@ -68,17 +67,15 @@ void Lines::put_day(uint64_t time) {
 }
 
 void Lines::put(const Record &record) {
-    const Record *exit = record.exit ? &record : trace.partner(record);
-    // An event's data is in the entry record alone, all else is in the exit record too.
-    const Record &fuller = exit && !record.is_callback() ? *exit : record;
-    const bool bad = failed(record) || (exit && failed(*exit));
+    const Record *exit = trace.exit_of(record);
+    const bool bad = trace.is_bad(record);
     put_day(record.time);
     out.colour(Colour::DIM).clock(record.time).colour(Colour::NONE);
     const auto duration = trace.duration(record);
     out.right(duration ? Text().duration(*duration).str() : "", DURATION_WIDTH);
     out.colour(bad ? Colour::RED : Colour::NONE) << (bad ? " ! " : "   ");
-    out.fill(2 * std::min(record.depth, DEEPEST));
-    put_record(out, dump, fuller);
+    out.fill(std::min(size_t{2} * record.depth, DEEPEST));
+    put_record(out, dump, trace.fuller(record));
     if (record.is_call()) {
         out << " = ";
         if (exit)
@@ -112,7 +109,7 @@ std::optional<uint64_t> parse_time(const std::string &text, uint64_t day) {
         if (!rest || *(end ? end : rest)) continue;
         time.tm_isdst = -1;
         return static_cast<uint64_t>(std::mktime(&time)) * 1000000 +
-               static_cast<uint64_t>(std::llround(fraction * 1e6));
+               static_cast<uint64_t>(fraction * 1e6 + 0.5);
     }
     return {};
 }
@@ -124,8 +121,7 @@ bool show(Dumps dumps, const Options &options, Text &out) {
     std::vector<uint32_t> chosen;
     for (uint32_t i = 0; i < trace.records.size(); ++i) {
         const Record &record = trace.records[i];
-        const bool told_before = record.exit && trace.partner(record);
-        if (!told_before && filter.passes(record)) chosen.push_back(i);
+        if (trace.is_told(record) && filter.passes(record)) chosen.push_back(i);
     }
     Lines lines(dump, trace, out);
     const size_t begin = chosen.size() - std::min<size_t>(chosen.size(), options.last);

@@ -1,3 +1,4 @@
+// A file that another process writes may shrink at any time, so it is read, not mapped.
 #include "tools/source.h"
 
 #include <fcntl.h>
@@ -47,7 +48,7 @@ void Source::slurp() {
 }
 
 uint64_t Source::read(uint64_t offset, void *to, uint64_t length) const {
-    if (offset >= total) return 0;
+    if (offset >= total || !length) return 0;
     length = std::min(length, total - offset);
     if (fd < 0) {
         std::memcpy(to, memory.data() + offset, length);

@@ -12,39 +12,41 @@ namespace {
 constexpr size_t LABEL_WIDTH = 20;
 constexpr size_t SLOTS_A_LINE = 12;
 
-#define MAIN_FIELD(member, type) CL_TRC_FIELD(CL_MainBlock, member, CL_TRC_##type)
-constexpr CL_TrcField MAIN_FIELDS[] = {MAIN_FIELD(pid, UNSIGNED),
-                                       MAIN_FIELD(capacity, UNSIGNED),
-                                       MAIN_FIELD(requested, UNSIGNED),
-                                       MAIN_FIELD(execs, HANDLE),
-                                       MAIN_FIELD(exec_error, ERROR),
-                                       MAIN_FIELD(exec_path, TEXT),
-                                       MAIN_FIELD(sync_flag, UNSIGNED),
-                                       MAIN_FIELD(loop_cursor, HANDLE),
-                                       MAIN_FIELD(timer_cursor, HANDLE),
-                                       MAIN_FIELD(child_cursor, HANDLE),
-                                       MAIN_FIELD(timer_signals, UNSIGNED),
-                                       MAIN_FIELD(child_signal, UNSIGNED),
-                                       MAIN_FIELD(wake_signal, UNSIGNED),
-                                       MAIN_FIELD(timer_dispatched, UNSIGNED),
-                                       MAIN_FIELD(descriptor_count, SIGNED),
-                                       MAIN_FIELD(sets, SETS),
-                                       MAIN_FIELD(dump_callback, ADDRESS),
-                                       MAIN_FIELD(generations, UNSIGNED),
-                                       MAIN_FIELD(memory_check, UNSIGNED),
-                                       MAIN_FIELD(memory_limit, UNSIGNED),
-                                       MAIN_FIELD(library_bytes, UNSIGNED),
-                                       MAIN_FIELD(library_peak, UNSIGNED),
-                                       MAIN_FIELD(library_blocks.count, UNSIGNED),
-                                       MAIN_FIELD(user_bytes, UNSIGNED),
-                                       MAIN_FIELD(user_peak, UNSIGNED),
-                                       MAIN_FIELD(user_blocks.count, UNSIGNED),
-                                       MAIN_FIELD(log_ready, UNSIGNED),
-                                       MAIN_FIELD(log_name, TEXT),
-                                       MAIN_FIELD(log_catalogue, TEXT),
-                                       MAIN_FIELD(log_alt_catalogue, TEXT),
-                                       MAIN_FIELD(log_path, TEXT),
-                                       MAIN_FIELD(log_callback, ADDRESS)};
+#define FIELD(type, member) CL_TRC_FIELD(CL_MainBlock, member, CL_TRC_##type)
+#define OBJECT(member) \
+    { #member, CL_TRC_HANDLE, offsetof(CL_MainBlock, member), sizeof(uint64_t) }
+constexpr CL_TrcField MAIN_FIELDS[] = {FIELD(UNSIGNED, pid),
+                                       FIELD(UNSIGNED, capacity),
+                                       FIELD(UNSIGNED, requested),
+                                       OBJECT(execs),
+                                       FIELD(ERROR, exec_error),
+                                       FIELD(TEXT, exec_path),
+                                       FIELD(UNSIGNED, sync_flag),
+                                       OBJECT(loop_cursor),
+                                       OBJECT(timer_cursor),
+                                       OBJECT(child_cursor),
+                                       FIELD(UNSIGNED, timer_signals),
+                                       FIELD(UNSIGNED, child_signal),
+                                       FIELD(UNSIGNED, wake_signal),
+                                       FIELD(UNSIGNED, timer_dispatched),
+                                       FIELD(SIGNED, descriptor_count),
+                                       FIELD(SETS, sets),
+                                       FIELD(ADDRESS, dump_callback),
+                                       FIELD(UNSIGNED, generations),
+                                       FIELD(UNSIGNED, memory_check),
+                                       FIELD(UNSIGNED, memory_limit),
+                                       FIELD(UNSIGNED, library_bytes),
+                                       FIELD(UNSIGNED, library_peak),
+                                       FIELD(UNSIGNED, library_blocks.count),
+                                       FIELD(UNSIGNED, user_bytes),
+                                       FIELD(UNSIGNED, user_peak),
+                                       FIELD(UNSIGNED, user_blocks.count),
+                                       FIELD(UNSIGNED, log_ready),
+                                       FIELD(TEXT, log_name),
+                                       FIELD(TEXT, log_catalogue),
+                                       FIELD(TEXT, log_alt_catalogue),
+                                       FIELD(TEXT, log_path),
+                                       FIELD(ADDRESS, log_callback)};
 
 Text &label(Text &out, std::string_view text) {
     out << "  " << text;
@@ -93,11 +95,7 @@ void put_main(Text &out, const Dump &dump) {
     out << '\n';
     for (const CL_TrcField &field : MAIN_FIELDS) {
         label(out, field.name);
-        const Bytes bytes = bytes_of(dump.main).first(sizeof dump.main);
-        if (field.type == CL_TRC_ERROR && !dump.main.exec_error.err)
-            out << '0';
-        else
-            put_field(out, dump, bytes, field);
+        put_field(out, dump, bytes_of(dump.main), field);
         out << '\n';
     }
 }

@@ -1,3 +1,4 @@
+// Numbers and times are written digit by digit: a dump has many, and a stream would be slow.
 #include "tools/text.h"
 
 #include <array>
@@ -5,7 +6,7 @@
 namespace trace_reader {
 
 namespace {
-constexpr size_t PIECE = 64 * 1024;
+constexpr size_t PIECE = 65536;
 constexpr uint64_t SECOND = 1000000;
 
 bool printable(uint8_t c) {
@@ -111,7 +112,7 @@ Text &Text::clock(uint64_t usec) {
 }
 
 Text &Text::colour(Colour colour) {
-    static constexpr std::string_view CODES[] = {"\33[0m", "\33[2m", "\33[31m", "\33[1m"};
+    static constexpr std::string_view CODES[] = {"\33[0m", "\33[2m", "\33[31m"};
     return colours ? *this << CODES[static_cast<size_t>(colour)] : *this;
 }
 

@@ -1,6 +1,6 @@
 // Building output: text, numbers, times and untrusted bytes are appended to one buffer, which goes
-// to its stream in large pieces. Everything that comes out of a dump as text passes through
-// `quoted`, so no control character of it reaches a terminal and JSON strings stay valid.
+// to its stream in large pieces. Text out of a dump passes through `quoted`, `plain` or `dump`, so
+// no control character of it reaches a terminal and JSON strings stay valid.
 #pragma once
 
 #include <algorithm>
@@ -24,7 +24,7 @@ inline Bytes part(Bytes bytes, size_t begin, size_t count = SIZE_MAX) {
 }
 
 enum class Escape { C, JSON };
-enum class Colour { NONE, DIM, RED, BOLD };
+enum class Colour { NONE, DIM, RED };
 
 class Text {
   public:
@@ -58,7 +58,6 @@ class Text {
 
     size_t size() const { return buffer.size(); }
     const std::string &str() const { return buffer; }
-    void clear() { buffer.clear(); }
     void spill();  // to the stream, when there is enough of it
     bool flush();  // false when something could not be written
 
