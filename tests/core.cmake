@@ -34,3 +34,7 @@ core_test(userfd_test)
 core_test(loop_test LABELS threads valgrind)
 core_test(timer_test LABELS threads valgrind)
 core_test(trace_records_test)
+
+# The sweep runs thousands of small processes.
+qvcl_test(faults_test SOURCES faults_test.cpp LIBS test-support qvcl::starter TIMEOUT 120)
+target_compile_definitions(faults_test PRIVATE QVCL_LIBRARY="$<TARGET_FILE:qvcl>")

@@ -1,0 +1,874 @@
+/* The fault sweep: every call that the library makes to the C library, in every public operation,
+ * fails in turn, once and for ever, with each of its errors, is interrupted, or moves few bytes.
+ *
+ * One driver runs each case in a process of its own. One oracle looks at what is left: the
+ * operation's error record tells that error, nothing is leaked, the library works on. Cases where
+ * an operation rightly succeeds or answers with another code are listed with the reason. */
+#include <fcntl.h>
+#include <poll.h>
+#include <qvcl/starter.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <csignal>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <sstream>
+
+#include "tests/support.h"
+
+namespace {
+
+using test::Action;
+using test::Fault;
+using test::Plan;
+
+CL_MainBlock &table() {
+    return *CL_MainTable;
+}
+
+/* What an operation said. */
+struct Outcome {
+    bool failed = false;
+    CL_ErrInfo err{};
+    bool reports = true; /* has an error record to fill */
+};
+
+/* What a scenario has at hand; made anew in each process. */
+struct World {
+    CL_ErrInfo err{};
+    std::string directory, path, other_path;
+    std::vector<int> sockets; /* of the test, closed at the end */
+    CL_Object *object = nullptr, *second = nullptr;
+    uint8_t buffer[256] = "";
+    struct {
+        CL_MsgBlock block{};
+        uint8_t payload[4] = ""; /* few enough for any socket, byte by byte */
+    } message;
+    Action action, count_down;
+    std::unique_ptr<test::Pipe> pipe;
+    bool begun = false;
+    uint32_t last_event = 0;
+    CL_ErrInfo event_error{};
+
+    Outcome outcome(bool well) const { return {!well, err}; }
+
+    void begin(const char *exec_path = nullptr) {
+        EXPECT_EQ(CL_Init(20, exec_path, &err), 1u) << err;
+        begun = true;
+    }
+    CL_Object *make(uint32_t kind) {
+        action = [this](CL_Object *, CL_Event *event) {
+            last_event = event->type;
+            event_error = event->error;
+            return 1u;
+        };
+        return CL_CreateFD_M(kind, test::call_action, test::address(&action), 0, &err, 1, "w", 1);
+    }
+    /* A listening socket of the test. */
+    int listen_at(const std::string &at) {
+        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        at.copy(address.sun_path, sizeof address.sun_path - 1);
+        EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+        EXPECT_EQ(listen(fd, 5), 0);
+        sockets.push_back(fd);
+        return fd;
+    }
+    int connect_to(const std::string &at) {
+        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        at.copy(address.sun_path, sizeof address.sun_path - 1);
+        EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+        sockets.push_back(fd);
+        return fd;
+    }
+    void open_server() {
+        object = make(CL_KIND_MSGS);
+        EXPECT_EQ(CL_OpenMSGS(object, path.c_str(), 5, &err), 1u) << err;
+    }
+    /* A connection whose other end is the test's last socket. */
+    void connect_client() {
+        const int server = listen_at(path);
+        object = make(CL_KIND_MSGC);
+        EXPECT_EQ(CL_CnctMSGC(object, path.c_str(), CL_MODE_SYNC, &err), 1u) << err;
+        sockets.push_back(accept(server, nullptr, nullptr));
+    }
+    void peer_sends(uint32_t type, uint32_t length = 40) {
+        uint8_t bytes[256] = "";
+        const CL_MsgHeader header = {length, CL_MSG_VERSION, static_cast<uint32_t>(getpid()), type};
+        memcpy(bytes, &header, sizeof header);
+        EXPECT_EQ(write(sockets.back(), bytes, length), length);
+    }
+    void child(bool ended) {
+        object = make(CL_KIND_CHILD);
+        const pid_t parent = getpid();
+        const pid_t pid = fork();
+        if (pid == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            if (getppid() != parent) {
+                _exit(1);
+            }
+            if (ended) {
+                _exit(3);
+            }
+            for (;;) {
+                pause();
+            }
+        }
+        siginfo_t info;
+        if (ended) {
+            waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT);
+        }
+        object->child.pid = static_cast<uint32_t>(pid);
+        cl_StatusChange_M(object, CL_STATUS_READY, 0, "w", 1);
+        EXPECT_EQ(CL_AddEventList_M(object, 20, &err, 1, "w", 1), 1u);
+        table().child_signal = ended ? 1 : 0;
+    }
+    /* A loop that a callback ends; a transfer that failed shows in its event. */
+    Outcome loop(bool threaded = false) {
+        const uint32_t result = threaded ? CL_EventLoopThread(&err) : CL_EventLoop(&err);
+        if (result == CL_LOOP_ERROR) {
+            return {true, err};
+        }
+        if (last_event == CL_EVENT_DISCONNECT) {
+            return {true, event_error};
+        }
+        return {};
+    }
+    /* An object that is always ready and ends the loop when it has turned so often. */
+    void end_after(int turns) {
+        pipe = std::make_unique<test::Pipe>();
+        pipe->fill();
+        count_down = [left = turns](CL_Object *, CL_Event *) mutable {
+            return --left > 0 ? 0u : 1u;
+        };
+        CL_Object *last =
+            CL_CreateFD(CL_KIND_FD, test::call_action, test::address(&count_down), 0, &err);
+        fd_set set;
+        FD_ZERO(&set);
+        FD_SET(pipe->out(), &set);
+        EXPECT_EQ(CL_SetFD(last, 1024, &set, nullptr, nullptr, &err), 1u);
+        EXPECT_EQ(CL_AddEventList(last, CL_PRIORITY_LAST, &err), 1u);
+    }
+    void list() { EXPECT_EQ(CL_AddEventList(object, 20, &err), 1u) << err; }
+};
+
+struct Scenario {
+    const char *name;
+    std::function<void(World &)> prepare;
+    std::function<Outcome(World &)> act;
+    bool waits = false; /* builds the signal set of a wait */
+};
+
+#define ACT(...) []([[maybe_unused]] World &w) -> Outcome { __VA_ARGS__ }
+#define PREPARE(...) []([[maybe_unused]] World &w) { __VA_ARGS__ }
+/* An operation that returns 1, or an object. */
+#define OPERATION(call) ACT(return w.outcome((call) != 0);)
+/* One without an error record. */
+#define SILENT(...) ACT(__VA_ARGS__; return Outcome{.reports = false};)
+
+const CL_Program TRUE_PROGRAM = [] {
+    static char name[] = "true";
+    static char *const arguments[] = {name, nullptr};
+    return CL_Program{"/bin/true", arguments, nullptr, 0};
+}();
+
+int by_address(const void *a, const void *b) {
+    return memcmp(a, b, sizeof(void *));
+}
+
+// clang-format off
+const std::vector<Scenario> LIFE = {
+    {"init", PREPARE(), ACT(w.begun = true; return w.outcome(CL_Init(5, nullptr, &w.err) != 0);)},
+    {"init with server", PREPARE(),
+     ACT(w.begun = true; return w.outcome(CL_Init(5, w.path.c_str(), &w.err) != 0);)},
+    {"end", PREPARE(w.begin();), OPERATION(CL_End(&w.err))},
+    {"end with server", PREPARE(w.begin(w.path.c_str());),
+     ACT(w.err = {}; CL_End(&w.err); return w.outcome(w.err.err == 0);)},
+    {"create", PREPARE(w.begin();), OPERATION(w.make(CL_KIND_FD) != nullptr)},
+    {"delete", PREPARE(w.begin(); w.object = w.make(CL_KIND_FD);), OPERATION(CL_DeleteFD(w.object, &w.err))},
+    {"delete server", PREPARE(w.begin(); w.open_server();), OPERATION(CL_DeleteFD(w.object, &w.err))},
+    {"delete client", PREPARE(w.begin(); w.connect_client();), OPERATION(CL_DeleteFD(w.object, &w.err))},
+    {"delete timer", PREPARE(w.begin(); w.object = w.make(CL_KIND_TIMER);
+                             CL_StartTIMER(w.object, 99, CL_TIMER_PERIODIC, &w.err);),
+     OPERATION(CL_DeleteFD(w.object, &w.err))},
+    {"delete child", PREPARE(w.begin(); w.child(false);), OPERATION(CL_DeleteFD(w.object, &w.err))},
+    {"malloc", PREPARE(w.begin();),
+     ACT(void *data = CL_malloc(100); const bool well = data != nullptr; CL_free(data);
+         return Outcome{.failed = !well, .reports = false};)},
+    {"sort", PREPARE(w.begin();),
+     ACT(CL_Queue queue; CL_QUE_InitQT(&queue, 0); std::vector<CL_QueueLink> links(200);
+         for (CL_QueueLink &link : links) { CL_QUE_PutTail(&queue, &link); }
+         const bool well = CL_QUE_Sort(&queue, nullptr, by_address) == 1;
+         EXPECT_EQ(queue.count, 200u);
+         return Outcome{.failed = !well, .reports = false};)},
+    {"environment", PREPARE(w.begin();),
+     ACT(const CL_EnvChange changes[] = {{"QVCL_FAULT", "x"}, {"QVCL_FAULT", nullptr}, {nullptr, nullptr}};
+         return w.outcome(cl_envchange(changes, &w.err) == 0);)},
+    {"sleep", PREPARE(), ACT(return Outcome{.failed = CL_Sleep(1) != 0, .reports = false};)},
+};
+
+const std::vector<Scenario> LOOPS = {
+    {"loop", PREPARE(w.begin(); w.connect_client(); w.peer_sends(1);
+                     CL_RecvMSGC(w.object, w.buffer, 256, CL_MODE_DEFERRED, 0, &w.err); w.list();),
+     ACT(return w.loop();), true},
+    {"threaded loop", PREPARE(w.begin(); w.object = w.make(CL_KIND_THREAD); CL_SetThreadFd(w.object, &w.err);
+                              w.list(); table().wake_signal = 1;),
+     ACT(return w.loop(true);), true},
+    {"threaded loop that waits", PREPARE(w.begin(); w.connect_client(); w.peer_sends(1);
+                     CL_RecvMSGC(w.object, w.buffer, 256, CL_MODE_DEFERRED, 0, &w.err); w.list();),
+     ACT(return w.loop(true);), true},
+    {"wake-up handler", PREPARE(w.begin();), OPERATION(clSIGUSR1Initialize(&w.err))},
+    {"wake-up end", PREPARE(w.begin();), SILENT(clSIGUSR1End())},
+    {"child handler", PREPARE(w.begin();), OPERATION(cl_sigchld_init(&w.err))},
+    {"child end", PREPARE(w.begin();), SILENT(cl_SIGCHLD_end())},
+    {"reap", PREPARE(w.begin(); w.child(true); w.object->descriptor = dup(0);), ACT(return w.loop();), true},
+    {"start timer", PREPARE(w.begin(); w.object = w.make(CL_KIND_TIMER);),
+     OPERATION(CL_StartTIMER(w.object, 9, CL_TIMER_PERIODIC, &w.err))},
+    {"stop timer", PREPARE(w.begin(); w.object = w.make(CL_KIND_TIMER);
+                           CL_StartTIMER(w.object, 9, CL_TIMER_PERIODIC, &w.err);),
+     OPERATION(CL_StopTIMER(w.object, &w.err))},
+    {"timer in the loop", PREPARE(w.begin(); w.object = w.make(CL_KIND_TIMER);
+                                  CL_StartTIMER(w.object, 0, CL_TIMER_ONESHOT, &w.err); raise(SIGALRM);),
+     ACT(w.second = w.make(CL_KIND_THREAD); return w.loop();), true},
+    {"commit timers", PREPARE(w.begin(); w.object = w.make(CL_KIND_TIMER);
+                              CL_StartTIMER(w.object, 9, CL_TIMER_ONESHOT, &w.err); raise(SIGALRM);),
+     SILENT(CL_CommitTIMER())},
+    {"start program", PREPARE(w.begin();),
+     ACT(w.object = CL_StartProgram(&TRUE_PROGRAM, test::call_action, test::address(&w.action), 0, &w.err);
+         return w.outcome(w.object != nullptr);)},
+    {"exec server", PREPARE(w.begin(w.path.c_str()); w.child(false);
+                            w.object->sub_status = CL_SUB_EXEC_AWAITED;
+                            CL_QUE_PutTail(&table().exec_wait_list, w.object);
+                            w.connect_to(w.path);
+                            const CL_MsgHeader report = {16, CL_MSG_VERSION, w.object->child.pid,
+                                                         CL_MSG_EXEC_COMPLETE};
+                            EXPECT_EQ(write(w.sockets.back(), &report, 16), 16);
+                            w.end_after(10);),
+     ACT(return w.loop();), true},
+};
+
+const std::vector<Scenario> MESSAGES = {
+    {"open server", PREPARE(w.begin(); w.object = w.make(CL_KIND_MSGS);),
+     OPERATION(CL_OpenMSGS(w.object, w.path.c_str(), 5, &w.err))},
+    {"close server", PREPARE(w.begin(); w.open_server();), OPERATION(CL_CloseMSGS(w.object, &w.err))},
+    {"accept", PREPARE(w.begin(); w.open_server(); w.connect_to(w.path);),
+     OPERATION((w.second = CL_AcceptMSGS(w.object, test::call_action, 0, 0, &w.err)) != nullptr)},
+    {"server in the loop", PREPARE(w.begin(); w.open_server(); w.list(); w.connect_to(w.path);),
+     ACT(return w.loop();), true},
+    {"connect", PREPARE(w.begin(); w.listen_at(w.path); w.object = w.make(CL_KIND_MSGC);),
+     OPERATION(CL_CnctMSGC(w.object, w.path.c_str(), CL_MODE_SYNC, &w.err))},
+    {"connect in the loop", PREPARE(w.begin(); w.listen_at(w.path); w.object = w.make(CL_KIND_MSGC);),
+     ACT(CL_CnctMSGC(w.object, w.path.c_str(), CL_MODE_IMMEDIATE, &w.err);
+         if (w.err.err != CL_ERR_IN_PROGRESS) { return w.outcome(false); }
+         w.list();
+         return w.loop();), true},
+    {"disconnect", PREPARE(w.begin(); w.connect_client();),
+     OPERATION(CL_DiscMSGC(w.object, nullptr, nullptr, &w.err))},
+    {"receive", PREPARE(w.begin(); w.connect_client(); w.peer_sends(1, 200);),
+     ACT(const int32_t got = CL_RecvMSGC(w.object, w.buffer, 256, CL_MODE_SYNC, 0, &w.err);
+         return w.outcome(got == 200);), true},
+    {"receive with a time limit", PREPARE(w.begin(); w.connect_client(); w.peer_sends(1, 200);),
+     ACT(const int32_t got = CL_RecvMSGC(w.object, w.buffer, 256, CL_MODE_SYNC, 9, &w.err);
+         return w.outcome(got == 200);), true},
+    {"receive in the loop", PREPARE(w.begin(); w.connect_client(); w.peer_sends(1, 200);),
+     ACT(CL_RecvMSGC(w.object, w.buffer, 256, CL_MODE_DEFERRED, 0, &w.err);
+         w.list();
+         return w.loop();), true},
+    {"send", PREPARE(w.begin(); w.connect_client();),
+     ACT(return w.outcome(CL_SendMSGC(w.object, &w.message, sizeof w.message, CL_MODE_SYNC, 0, &w.err) > 0);), true},
+    {"send with a time limit", PREPARE(w.begin(); w.connect_client();),
+     ACT(return w.outcome(CL_SendMSGC(w.object, &w.message, sizeof w.message, CL_MODE_SYNC, 9, &w.err) > 0);), true},
+    {"send at once", PREPARE(w.begin(); w.connect_client();),
+     ACT(return w.outcome(CL_SendMSGC(w.object, &w.message, sizeof w.message, CL_MODE_IMMEDIATE, 0, &w.err) > 0);)},
+    {"send in the loop", PREPARE(w.begin(); w.connect_client();),
+     ACT(CL_SendMSGC(w.object, &w.message, sizeof w.message, CL_MODE_DEFERRED, 0, &w.err);
+         if (w.err.err != CL_ERR_IN_PROGRESS) { return w.outcome(false); }
+         w.list();
+         return w.loop();), true},
+    {"request end", PREPARE(w.begin(); w.connect_client(); w.second = w.make(CL_KIND_CHILD);
+                            w.second->sub_status = CL_SUB_EXEC_COMPLETE;
+                            w.second->descriptor = w.object->descriptor;),
+     ACT(const uint32_t result = CL_RequestEnd(w.second, &w.err); w.second->descriptor = -1;
+         return w.outcome(result != 0);)},
+};
+
+const std::vector<Scenario> FILES = {
+    {"open file", PREPARE(w.begin();),
+     OPERATION((w.object = CL_OpenFile(w.path.c_str(), O_RDWR | O_CREAT, 0600, &w.err)) != nullptr)},
+    {"write file", PREPARE(w.begin(); w.object = CL_OpenFile(w.path.c_str(), O_RDWR | O_CREAT, 0600, &w.err);),
+     ACT(return w.outcome(CL_WriteFile(w.object, "0123456789", 10, &w.err) > 0);)},
+    {"read file", PREPARE(w.begin(); w.object = CL_OpenFile(w.path.c_str(), O_RDWR | O_CREAT, 0600, &w.err);),
+     ACT(return w.outcome(CL_ReadFile(w.object, w.buffer, 10, &w.err) >= 0);)},
+    {"flush file", PREPARE(w.begin(); w.object = CL_OpenFile(w.path.c_str(), O_RDWR | O_CREAT, 0600, &w.err);),
+     OPERATION(CL_FlushFile(w.object, &w.err))},
+    {"seek file", PREPARE(w.begin(); w.object = CL_OpenFile(w.path.c_str(), O_RDWR | O_CREAT, 0600, &w.err);),
+     ACT(return w.outcome(CL_SeekFile(w.object, 5, SEEK_SET, &w.err) == 5);)},
+    {"close file", PREPARE(w.begin(); w.object = CL_OpenFile(w.path.c_str(), O_RDWR | O_CREAT, 0600, &w.err);),
+     OPERATION(CL_CloseFile(w.object, &w.err))},
+    {"delete file", PREPARE(std::ofstream(w.path) << "x";), OPERATION(CL_DeleteFile(w.path.c_str(), &w.err))},
+    {"open shm", PREPARE(w.begin();),
+     OPERATION((w.object = cl_openshm(w.other_path.c_str(), O_RDWR, 4096, &w.err, "w", 1)) != nullptr)},
+    {"map shm", PREPARE(w.begin(); w.object = cl_openshm(w.other_path.c_str(), O_RDWR, 4096, &w.err, "w", 1);),
+     OPERATION(CL_MapSHM(w.object, &w.err) != nullptr)},
+    {"unmap shm", PREPARE(w.begin(); w.object = cl_openshm(w.other_path.c_str(), O_RDWR, 4096, &w.err, "w", 1);
+                          CL_MapSHM(w.object, &w.err);),
+     OPERATION(CL_UnmapSHM(w.object, &w.err))},
+    {"close shm", PREPARE(w.begin(); w.object = cl_openshm(w.other_path.c_str(), O_RDWR, 4096, &w.err, "w", 1);),
+     OPERATION(CL_CloseSHM(w.object, &w.err))},
+    {"close and unlink shm", PREPARE(w.begin();
+                          w.object = cl_openshm(w.other_path.c_str(), O_RDWR, 4096, &w.err, "w", 1);
+                          w.object->memory.unlink_on_close = 1;),
+     OPERATION(CL_CloseSHM(w.object, &w.err))},
+    {"create ring", PREPARE(w.begin();),
+     ACT(const bool well = CL_TRC_Init_M(w.path.c_str(), 64, 10, nullptr, CL_RING_USER) == 0;
+         CL_TRC_End_M(CL_RING_USER);
+         return Outcome{.failed = !well, .reports = false};)},
+    {"dump", PREPARE(w.begin();), SILENT(CL_TRC_Out(w.path.c_str(), "text"))},
+    {"dump by generation", PREPARE(w.begin(); CL_TRC_Init_M(w.path.c_str(), 64, 10, nullptr, CL_RING_USER);
+                                   CL_TRC_Out(nullptr, nullptr);),
+     SILENT(CL_TRC_Out(nullptr, nullptr); CL_TRC_End_M(CL_RING_USER))},
+    {"configuration", PREPARE(w.begin(); std::ofstream(w.path) << "[a]\nb = c\n[d]\ne = f\n";),
+     ACT(CL_Queue conf; CL_QUE_InitQT(&conf, 0); uint32_t line = 0;
+         const bool well = CL_ReadConf(&conf, w.path.c_str(), &line) == CL_CONF_OK;
+         if (!well) { EXPECT_EQ(conf.count, 0u); }
+         EXPECT_EQ(CL_FreeConf(&conf), 1u);
+         return Outcome{.failed = !well, .reports = false};)},
+    {"log", PREPARE(w.begin(); test::capture_log();
+                    CL_LOG_Init_M("faults", "nowhere", "neither", w.path.c_str(), &w.err);),
+     SILENT(EXPECT_EQ(CL_LOG_Out(3, 1, 0, 42, "ds", 1, "x"), 1u))},
+    {"rotate log", PREPARE(w.begin(); std::ofstream(w.path) << "x";
+                           CL_LOG_Init_M("faults", "nowhere", "neither", w.path.c_str(), &w.err);),
+     ACT(return Outcome{.failed = cl_log_lotate() != 0, .reports = false};)},
+};
+// clang-format on
+
+/* What may happen to a call. */
+const std::map<std::string_view, std::vector<int>> ERRORS = {
+    {"accept", {EAGAIN, ECONNABORTED, EMFILE, ENOMEM}},
+    {"bind", {EACCES, EADDRINUSE, ENOENT}},
+    {"catclose", {EBADF}},
+    {"catopen", {ENOENT, ENOMEM}},
+    {"chmod", {EACCES, ENOENT}},
+    {"close", {EIO, ENOSPC}},
+    {"connect", {EAGAIN, ECONNREFUSED, ENOENT, EACCES}},
+    {"execv", {ENOENT, EACCES, ENOMEM}},
+    {"fcntl", {EACCES, ENOLCK}},
+    {"fdatasync", {EIO, ENOSPC}},
+    {"fopen", {EACCES, EMFILE}},
+    {"fork", {EAGAIN, ENOMEM}},
+    {"gettimeofday", {EFAULT}},
+    {"kill", {EPERM, EINVAL}},
+    {"listen", {EADDRINUSE}},
+    {"lseek", {EINVAL, EOVERFLOW}},
+    {"malloc", {ENOMEM}},
+    {"mmap", {EACCES, EAGAIN, ENOMEM}},
+    {"munmap", {EINVAL}},
+    {"nanosleep", {EINVAL}},
+    {"open", {EACCES, EMFILE, ENOSPC}},
+    {"pselect", {EBADF, EINVAL, ENOMEM}},
+    {"pthread_sigmask", {EINVAL}},
+    {"read", {EIO}},
+    {"recv", {ECONNRESET, ENOMEM}},
+    {"rename", {EACCES, ENOSPC}},
+    {"send", {EPIPE, ECONNRESET, ENOMEM}},
+    {"setenv", {ENOMEM}},
+    {"setitimer", {EINVAL}},
+    {"shm_open", {EACCES, ENOENT, EMFILE}},
+    {"shm_unlink", {EACCES}},
+    {"sigaction", {EINVAL}},
+    {"sigaddset", {EINVAL}},
+    {"sigemptyset", {EINVAL}},
+    {"signal", {EINVAL}},
+    {"sigprocmask", {EINVAL}},
+    {"socket", {EACCES, EMFILE, ENOMEM}},
+    {"sysinfo", {EFAULT}},
+    {"unlink", {EACCES, EBUSY}},
+    {"unsetenv", {EINVAL}},
+    {"waitpid", {ECHILD}},
+    {"write", {EIO, ENOSPC}},
+};
+
+/* Made again by the library after EINTR. */
+bool goes_on(std::string_view call) {
+    static const std::set<std::string_view> others = {
+        "catgets", "fopen",           "getpid",    "lseek",  "malloc",  "rename",
+        "setenv",  "pthread_sigmask", "setlocale", "signal", "unsetenv"};
+    return !others.contains(call);
+}
+
+/* Cases in which an operation succeeds although a call fails, or tells another code. */
+struct Exception {
+    std::string_view scenario; /* empty: any; WAITING: those that wait */
+    std::string_view call;     /* empty: any */
+    bool may_succeed;
+    uint32_t code; /* 0: that of the call */
+    const char *reason;
+    enum { ALWAYS, NOT_FOR_EVER, NEVER } run = ALWAYS;
+};
+constexpr std::string_view WAITING = "WAITING";
+const Exception EXCEPTIONS[] = {
+    {"", "gettimeofday", true, 0, "the time is then 0"},
+    {WAITING, "sigemptyset", true, 0, "cannot fail for a set that exists"},
+    {WAITING, "sigaddset", true, 0, "cannot fail for a set and signals that exist"},
+    {"timer in the loop", "sysinfo", true, 0, "the next tick looks again", Exception::NOT_FOR_EVER},
+    {"start program", "read", true, 0, "no word from the child is good news"},
+    {"init", "signal", true, 0, "dispositions are not looked at"},
+    {"init with server", "signal", true, 0, "dispositions are not looked at"},
+    {"wake-up end", "signal", true, 0, "always succeeds"},
+    {"child end", "signal", true, 0, "always succeeds"},
+    {"end with server", "close", false, CL_ERR_QUEUE, "ends all the same"},
+    {"end with server", "unlink", true, 0, "the file may be gone"},
+    {"close server", "unlink", true, 0, "the file may be gone"},
+    {"delete server", "unlink", true, 0, "the file may be gone"},
+    {"delete timer", "signal", false, CL_ERR_QUEUE, "has no errno"},
+    {"stop timer", "signal", false, CL_ERR_QUEUE, "has no errno"},
+    {"timer in the loop", "signal", false, CL_ERR_QUEUE, "has no errno"},
+    {"receive with a time limit", "signal", false, CL_ERR_QUEUE, "has no errno"},
+    {"send with a time limit", "signal", false, CL_ERR_QUEUE, "has no errno"},
+    {"delete child", "kill", false, CL_ERR_QUEUE, "detail holds errno"},
+    {"delete child", "waitpid", false, CL_ERR_QUEUE, "detail holds errno"},
+    {"delete child", "close", true, 0, "nobody can be told"},
+    {"reap", "close", true, 0, "the child is reported all the same"},
+    {"start program", "close", true, 0, "an open pipe would say that the child is still at it",
+     Exception::NEVER},
+    {"", "unsetenv", true, 0, "not looked at"},
+    {"", "sigprocmask", true, 0, "the unblocking after a wait is not looked at"},
+    {"", "pthread_sigmask", true, 0, "the unblocking after a wait is not looked at"},
+    {"environment", "setenv", false, ENOMEM, "always this code"},
+    {"log", "", true, 0, "says so in the message"},
+    {"rotate log", "rename", true, 0, "a generation may be missing"},
+    {"dump", "", true, 0, "says so in the log"},
+    {"dump by generation", "", true, 0, "says so in the log"},
+    {"commit timers", "sysinfo", true, 0, "no record to fill"},
+    {"exec server", "recv", true, 0, "the connection goes, the child waits on"},
+    {"", "malloc", false, ENOMEM, "always this code"},
+};
+
+const Exception *exception(const Scenario &scenario, std::string_view call) {
+    for (const Exception &row : EXCEPTIONS) {
+        const bool fits = row.scenario.empty() || row.scenario == scenario.name ||
+                          (row.scenario == WAITING && scenario.waits);
+        if (fits && (row.call.empty() || row.call == call)) {
+            return &row;
+        }
+    }
+    return nullptr;
+}
+
+/* Gives back what is left, whatever state the operation left it in. */
+void clean_up(World &world, std::ostream &out) {
+    /* Ended, or begun only half, the library closes nothing any more. */
+    const bool alive = table().state == CL_STATE_INITIALISED;
+    while (auto *object = alive ? static_cast<CL_Object *>(table().used_queue.head) : nullptr) {
+        /* A failed release leaves an object that its kind does not know any more; nobody but this
+         * test could tell. */
+        for (std::size_t i = 0; i < CL_KIND_COUNT; i++) {
+            static const uint32_t kinds[] = {
+#define KIND_NUMBER(number, symbol, name) number,
+                CL_KINDS(KIND_NUMBER)};
+            if (kinds[i] == object->kind && object->kind_link.owner == nullptr) {
+                CL_QUE_PutTail(&table().kind_queues[i], object);
+            }
+        }
+        CL_ErrInfo err{};
+        uint32_t done = 0;
+        if (object->kind == CL_KIND_FILE && (object->status & CL_STATUS_READY) != 0) {
+            done = CL_CloseFile(object, &err);
+        } else if (object->kind == CL_KIND_SHM && (object->status & CL_STATUS_READY) != 0) {
+            if (object->memory.address != nullptr) {
+                CL_UnmapSHM(object, &err);
+            }
+            done = CL_CloseSHM(object, &err);
+        } else {
+            done = CL_DeleteFD_M(object, &err, 1, "clean", 1);
+        }
+        if (done == 0) {
+            out << "an object of kind " << object->kind << " cannot be deleted: " << err << "; ";
+            break;
+        }
+    }
+    for (const int fd : world.sockets) {
+        close(fd);
+    }
+}
+
+/* One turn of the loop over a pipe, a timer started and stopped. */
+bool usable() {
+    CL_ErrInfo err;
+    test::Pipe pipe;
+    pipe.fill();
+    Action action = [](CL_Object *, CL_Event *) { return 42u; };
+    CL_Object *object = CL_CreateFD(CL_KIND_FD, test::call_action, test::address(&action), 0, &err);
+    CL_Object *timer = CL_CreateFD(CL_KIND_TIMER, nullptr, 0, 0, &err);
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(pipe.out(), &set);
+    return object != nullptr && timer != nullptr &&
+           CL_SetFD(object, 1024, &set, nullptr, nullptr, &err) == 1 &&
+           CL_AddEventList(object, 20, &err) == 1 &&
+           CL_StartTIMER(timer, 99, CL_TIMER_ONESHOT, &err) == 1 && CL_EventLoop(&err) == 42 &&
+           CL_StopTIMER(timer, &err) == 1 && CL_DeleteFD(timer, &err) == 1 &&
+           CL_DeleteFD(object, &err) == 1;
+}
+
+/* Does the oracle's work in the process of the case. Says what is wrong. */
+void judge(const Scenario &scenario, const Fault &fault, const Outcome &outcome,
+           std::ostream &out) {
+    const Exception *row = exception(scenario, fault.call);
+    const bool interrupted = fault.error == EINTR || fault.at_most != SIZE_MAX;
+    if (!outcome.failed) {
+        if (!interrupted && (row == nullptr || !row->may_succeed)) {
+            out << "it succeeds; ";
+        }
+        return;
+    }
+    if (!outcome.reports) {
+        return;
+    }
+    const CL_ErrInfo &err = outcome.err;
+    const uint32_t code =
+        row != nullptr && row->code != 0 ? row->code : static_cast<uint32_t>(fault.error);
+    if (interrupted && fault.error == EINTR && goes_on(fault.call)) {
+        out << "it gives up; ";
+    }
+    if (fault.at_most != SIZE_MAX) {
+        /* What does not go whole does not go. */
+        if (scenario.name != std::string_view("request end")) {
+            out << "few bytes are too few; ";
+        }
+        return;
+    }
+    if (err.err != code) {
+        out << "err is " << err.err << ", not " << code << "; ";
+    }
+    const bool both = err.detail == err.err ||
+                      (code == CL_ERR_QUEUE && err.detail == static_cast<uint32_t>(fault.error));
+    if (!both) {
+        out << "detail is " << err.detail << "; ";
+    }
+    if (err.module == 0 || err.line == 0 || err.version != CL_VERSION) {
+        out << "nothing says where: " << err << "; ";
+    }
+}
+
+/* A process of its own for each case: what `body` writes, or that it hangs or dies. */
+std::string in_process(const std::function<void(std::ostream &)> &body) {
+    int ends[2];
+    if (pipe(ends) != 0) {
+        return "no pipe";
+    }
+    fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        std::ostringstream out;
+        const testing::TestResult *result =
+            testing::UnitTest::GetInstance()->current_test_info()->result();
+        const int failures = result->total_part_count();
+        body(out);
+        if (result->total_part_count() != failures) {
+            out << "an expectation of the scenario failed; ";
+        }
+        const std::string text = out.str();
+        if (write(ends[1], text.data(), text.size()) != std::ssize(text)) {
+            _exit(2);
+        }
+        _exit(0);
+    }
+    close(ends[1]);
+    std::string text;
+    for (;;) {
+        pollfd wait = {ends[0], POLLIN, 0};
+        if (poll(&wait, 1, 10000) == 0) {
+            text += "it hangs; ";
+            kill(pid, SIGKILL);
+            break;
+        }
+        char bytes[4096];
+        const ssize_t count = read(ends[0], bytes, sizeof bytes);
+        if (count <= 0) {
+            break;
+        }
+        text.append(bytes, static_cast<std::size_t>(count));
+    }
+    close(ends[0]);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    if (status != 0) {
+        text += "the process ends with " + std::to_string(status) + "; ";
+    }
+    return text;
+}
+
+class Faults : public testing::Test {
+  protected:
+    void SetUp() override {
+        char name[] = "/tmp/qvcl-faults-XXXXXX";
+        ASSERT_NE(mkdtemp(name), nullptr);
+        directory = name;
+        segment = "/qvcl-faults-" + std::to_string(getpid());
+        const int fd = shm_open(segment.c_str(), O_CREAT | O_RDWR, 0600);
+        ASSERT_EQ(ftruncate(fd, 4096), 0);
+        close(fd);
+    }
+    void TearDown() override {
+        shm_unlink(segment.c_str());
+        EXPECT_EQ(system(("rm -r " + directory).c_str()), 0);
+    }
+
+    void set_up(World &world, const Scenario &scenario) const {
+        world.directory = directory;
+        world.path = directory + "/x";
+        world.other_path = segment;
+        unlink(world.path.c_str());
+        if (shm_open(segment.c_str(), O_RDWR, 0) == -1) { /* a case has unlinked it */
+            const int fd = shm_open(segment.c_str(), O_CREAT | O_RDWR, 0600);
+            EXPECT_EQ(ftruncate(fd, 4096), 0);
+        }
+        scenario.prepare(world);
+    }
+
+    /* The calls that a scenario makes when nothing fails. */
+    std::vector<std::string> calls_of(const Scenario &scenario) const {
+        const std::string text = in_process([&](std::ostream &out) {
+            World world;
+            set_up(world, scenario);
+            Plan plan;
+            const Outcome outcome = scenario.act(world);
+            for (const std::string_view call : plan.calls()) {
+                out << call << "\n";
+            }
+            if (outcome.failed) {
+                out << "FAILED " << outcome.err << "\n";
+            }
+        });
+        std::istringstream lines(text);
+        std::vector<std::string> calls;
+        for (std::string line; std::getline(lines, line);) {
+            const auto &known = test::reachable_calls();
+            EXPECT_NE(std::find(known.begin(), known.end(), line), known.end())
+                << scenario.name << ": " << line;
+            calls.push_back(line);
+        }
+        return calls;
+    }
+
+    /* What the oracle finds wrong. */
+    std::string wrong_in(const Scenario &scenario, const Fault &fault) const {
+        return in_process([&](std::ostream &out) {
+            World world;
+            set_up(world, scenario);
+            const bool begun = world.begun;
+            test::Balance before = test::Balance::now();
+            Outcome outcome;
+            {
+                Plan plan(fault);
+                outcome = scenario.act(world);
+                if (plan.hits() == 0) {
+                    out << "the fault is not met; ";
+                }
+            }
+            judge(scenario, fault, outcome, out);
+            const bool alive = table().state == CL_STATE_INITIALISED;
+            clean_up(world, out);
+            if (alive && !usable()) {
+                out << "the library is not usable any more; ";
+            }
+            if (!begun && !alive && table().state != CL_STATE_CONSTRUCTED &&
+                CL_End(&world.err) != 1) {
+                out << "it cannot be ended; ";
+            }
+            if (!begun || !alive) {
+                return;
+            } /* tables stay, as they are to */
+            test::Balance after = test::Balance::now();
+            compare(scenario, fault, before, after, out);
+        });
+    }
+
+    void run(const Scenario &scenario, const Fault &fault) {
+        const Exception *row = exception(scenario, fault.call);
+        if (row != nullptr && (row->run == Exception::NEVER ||
+                               (row->run == Exception::NOT_FOR_EVER && fault.times > 3))) {
+            return;
+        }
+        runs++;
+        EXPECT_EQ(wrong_in(scenario, fault), "")
+            << scenario.name << ": " << fault.call << " number " << fault.nth
+            << (fault.times == test::FOREVER ? " and all later" : "")
+            << (fault.error != 0 ? std::string(" fails with ") + strerrorname_np(fault.error)
+                                 : " moves few bytes");
+    }
+
+    static void compare(const Scenario &scenario, const Fault &fault, test::Balance before,
+                        test::Balance after, std::ostream &out) {
+        if (fault.call == "close" || fault.call == "munmap") {
+            /* The call was not made, so what it would have closed is still there. */
+            before.descriptors = after.descriptors = {};
+        }
+        if (fault.call == "sigprocmask" || fault.call == "pthread_sigmask") {
+            before.blocked_signals = after.blocked_signals = 0;
+        }
+        const std::string_view name = scenario.name;
+        if (name == "dump by generation") { /* its ring goes in the end */
+            before.library_blocks = after.library_blocks = 0;
+            before.library_bytes = after.library_bytes = 0;
+        }
+        /* Everything that the scenario made before is gone, too. */
+        if (after.live != 0 || after.listed != 0) {
+            out << "left: " << after << "; ";
+        }
+        before.live = before.listed = after.live = after.listed = 0;
+        before.free = after.free = 0;
+        before.kinds = after.kinds;
+        std::vector<int> more;
+        std::set_difference(after.descriptors.begin(), after.descriptors.end(),
+                            before.descriptors.begin(), before.descriptors.end(),
+                            std::back_inserter(more));
+        if (!more.empty()) {
+            out << "descriptors left: " << testing::PrintToString(more) << "; ";
+        }
+        before.descriptors = after.descriptors = {};
+        if (!(before == after)) {
+            out << "before: " << before << "; after: " << after << "; ";
+        }
+    }
+
+    void sweep(const std::vector<Scenario> &scenarios) {
+        for (const Scenario &scenario : scenarios) {
+            std::map<std::string, int> counts;
+            for (const std::string &call : calls_of(scenario)) {
+                const int nth = ++counts[call];
+                if (call == "getpid" || call == "catgets" || call == "setlocale") {
+                    continue;
+                }
+                if (call == "gettimeofday" && nth > 2) {
+                    continue;
+                } /* in every record */
+                sites++;
+                const auto errors = ERRORS.find(call);
+                ASSERT_NE(errors, ERRORS.end()) << call << " has no errors listed";
+                const std::string_view site = errors->first;
+                for (const int error : errors->second) {
+                    for (const int times : {1, test::FOREVER}) {
+                        run(scenario, {.call = site, .error = error, .nth = nth, .times = times});
+                    }
+                }
+                if (goes_on(site)) {
+                    for (const int times : {1, 3}) {
+                        run(scenario, {.call = site, .error = EINTR, .nth = nth, .times = times});
+                    }
+                }
+                if (site == "read" || site == "write" || site == "send" || site == "recv") {
+                    for (const int times : {1, test::FOREVER}) {
+                        run(scenario, {.call = site, .nth = nth, .times = times, .at_most = 1});
+                    }
+                }
+            }
+        }
+        std::cout << sites << " call sites, " << runs << " runs" << std::endl;
+        EXPECT_GT(sites, 10);
+    }
+
+    std::string directory, segment;
+    int sites = 0, runs = 0;
+};
+
+TEST_F(Faults, InLifeAndObjects) {
+    sweep(LIFE);
+}
+TEST_F(Faults, InLoopsAndSources) {
+    sweep(LOOPS);
+}
+TEST_F(Faults, InMessages) {
+    sweep(MESSAGES);
+}
+TEST_F(Faults, InFilesAndDiagnostics) {
+    sweep(FILES);
+}
+
+/* An operation that misbehaves is found out. */
+TEST_F(Faults, AreNoticedByTheOracle) {
+    const CL_ErrInfo right = {EMFILE, EMFILE, CL_MODULE_MSGS, 1, CL_VERSION};
+    const auto nothing = [] {};
+    const struct {
+        std::function<void()> misdeed;
+        bool failed;
+        CL_ErrInfo err;
+        const char *finding;
+    } rows[] = {
+        {nothing, true, right, ""},
+        {nothing, false, right, "succeeds"},
+        {nothing, true, {EIO, EIO, 1, 1, CL_VERSION}, "err is 5"},
+        {nothing, true, {EMFILE, EIO, 1, 1, CL_VERSION}, "detail is 5"},
+        {nothing, true, {EMFILE, EMFILE, 1, 0, CL_VERSION}, "where"},
+        {nothing, true, {EMFILE, EMFILE, 0, 1, CL_VERSION}, "where"},
+        {[] { EXPECT_GE(dup(0), 0); }, true, right, "descriptors left"},
+        {[] { EXPECT_NE(CL_malloc(5), nullptr); }, true, right, "user blocks 1"},
+        {[] { table().free_queue = {}; }, true, right, "usable"},
+        {[] { raise(SIGKILL); }, true, right, "ends with 9"},
+        {[] { ADD_FAILURE(); }, true, right, "expectation"},
+    };
+    for (const auto &row : rows) {
+        const Scenario scenario = {
+            "fake",
+            PREPARE(w.begin();),
+            [&row](World &) {
+                EXPECT_EQ(cl_u_socket(AF_UNIX, SOCK_STREAM, 0), -1);
+                row.misdeed();
+                return Outcome{row.failed, row.err};
+            }
+        };
+        const Fault fault = {.call = "socket", .error = EMFILE, .from_anyone = true};
+        EXPECT_THAT(wrong_in(scenario, fault), *row.finding == 0 ? testing::Matcher<std::string>("")
+                                                                 : testing::HasSubstr(row.finding));
+    }
+    const Scenario idle = { "idle", PREPARE(w.begin();), ACT(return Outcome{};) };
+    EXPECT_THAT(wrong_in(idle, {.call = "socket", .error = EMFILE}), testing::HasSubstr("not met"));
+}
+
+/* The sweep is complete: whatever the library imports can be reached by a plan or cannot fail. */
+TEST(FaultCoverage, EveryImportIsKnown) {
+    const std::set<std::string> harmless = {
+        /* text, memory and numbers */
+        "memcmp", "memcpy", "memmove", "memset", "memchr", "strchr", "strcmp", "strcspn", "strlen",
+        "strncmp", "strncpy", "strnlen", "strrchr", "strspn", "strtok_r", "strtol", "strftime",
+        "localtime_r", "localtime", "qsort", "snprintf", "vsnprintf", "getenv", "free",
+        "__memcpy_chk", "__snprintf_chk", "__vsnprintf_chk", "__fdelt_chk", "__stack_chk_fail",
+        "__errno_location", "sigdelset", "sigismember", "abort",
+        /* output whose failure nobody looks at */
+        "fprintf", "printf", "puts", "fputs", "fputc", "__fprintf_chk", "__printf_chk", "stderr",
+        "stdout", "fclose", "ferror", "fgets", "getc", "__uflow", "openlog", "syslog",
+        "__syslog_chk", "closelog"};
+    FILE *symbols = popen("nm -D --undefined-only " QVCL_LIBRARY, "r");
+    char line[512];
+    int imports = 0;
+    const auto &known = test::reachable_calls();
+    while (fgets(line, sizeof line, symbols) != nullptr) {
+        std::istringstream words(line);
+        std::string kind, name;
+        words >> kind >> name;
+        name = name.substr(0, name.find('@'));
+        if (kind != "U" || name.starts_with("__asan") || name.starts_with("__ubsan") ||
+            name.starts_with("__tsan") || name.starts_with("__sanitizer") ||
+            name.starts_with("__gcov") || name.starts_with("__llvm")) {
+            continue;
+        }
+        imports++;
+        EXPECT_TRUE(harmless.contains(name) ||
+                    std::find(known.begin(), known.end(), name) != known.end())
+            << name << " cannot be made to fail";
+    }
+    EXPECT_EQ(pclose(symbols), 0);
+    EXPECT_GT(imports, 50);
+}
+
+}  // namespace
