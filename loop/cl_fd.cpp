@@ -113,8 +113,7 @@ uint32_t cl_deletefd(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag, con
     const bool queued = CL_QUE_GetData(qvcl::kind_queue(*kind), object) != nullptr;
     if (!released) return 0;
     if (!queued) return fail(err, CL_ERR_QUEUE);
-    // A synchronous transfer runs its time limit on the connection itself: a callback that deletes
-    // the connection meanwhile must not leave it on the timer list.
+    // The library may run a timer on an object of any kind: it must not stay on the timer list.
     if (cl_DeleteTIMER_M(object, err) == 0) return 0;
     if ((object->status & CL_STATUS_LISTED) != 0 &&
         CL_DelEventList_M(object, err, 1, kFile, __LINE__) == 0) {

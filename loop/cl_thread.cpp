@@ -93,9 +93,8 @@ uint32_t cl_fdcheckThread(const sigset_t * /*set*/, sigset_t * /*saved*/, CL_Err
     return Loop::fdcheck(err);
 }
 
-// A callback may unlist and delete any THREAD object, its own included. So each object notes that
-// this walk has called it, and a walk that has lost its place starts over, past those it has
-// called.
+// A callback may list, unlist and delete any THREAD object, its own included. So each object notes
+// that this walk has called it, and a walk that may have lost its place starts over, past those.
 uint32_t cl_ThreadCallBack(CL_ErrInfo *err) {
     CL_MainBlock &main = *CL_MainTable;
     const CL_Queue &all = main.kind_queues[CL_KIND_QUEUE_THREAD];
@@ -105,7 +104,6 @@ uint32_t cl_ThreadCallBack(CL_ErrInfo *err) {
     }
     CL_Object *object = nullptr;
     for (;;) {
-        if (CL_QUE_Isinque(&main.thread_list, object) == 0) object = nullptr;
         uint32_t status;
         object = static_cast<CL_Object *>(
             CL_QUE_Enum(&main.thread_list, object, CL_QUE_FORWARD, &status));
@@ -116,10 +114,14 @@ uint32_t cl_ThreadCallBack(CL_ErrInfo *err) {
         if (object == nullptr) return 0;
         if (object->wake.called != 0) continue;
         object->wake.called = 1;
+        const void *before = object->thread_link.previous;
         CL_Event event = {};
         event.type = CL_EVENT_WAKE;
         const uint32_t result = cl_Callback_M(object->callback, object, &event, object->arg1,
                                               object->arg2, 0, kFile, __LINE__);
         if (result != 0) return result;
+        const bool in_place = CL_QUE_Isinque(&main.thread_list, object) != 0 &&
+                              object->thread_link.previous == before;
+        if (!in_place) object = nullptr;
     }
 }

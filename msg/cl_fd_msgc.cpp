@@ -7,6 +7,7 @@
 #include <qvcl/loop.h>
 #include <qvcl/main.h>
 #include <qvcl/memory.h>
+#include <qvcl/timer.h>
 
 #include "core/error.h"
 #include "diag/traced.h"
@@ -264,6 +265,9 @@ uint32_t cl_discmsgc(CL_Object *client, uint64_t *receiveBufferOut, CL_Queue *un
     }
     if (client->descriptor != -1 && cl_u_close(client->descriptor) != 0) return fail.sys(err);
     client->descriptor = -1;
+    // An end callback may disconnect in the midst of a transfer with a time limit.
+    CL_ErrInfo scratch = {};
+    cl_DeleteTIMER_M(client, &scratch);
     change(client, client->status & CL_STATUS_LISTED, 0);
     return 1;
 }

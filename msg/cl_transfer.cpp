@@ -212,7 +212,7 @@ class SyncWait {
         }
         if (timeout_ != 0 && CL_StartTIMER_M(connection_, timeout_, CL_TIMER_ONESHOT, err_, 1,
                                              kFile, __LINE__) == 0) {
-            return -1;
+            return stop_timer(-1);  // it may count without a clock
         }
         // An end watch has to be looked at before anything is transferred.
         const bool try_first = direction_.try_first && end_ == nullptr;
@@ -261,7 +261,7 @@ class SyncWait {
         return static_cast<int32_t>(result);
     }
 
-    // The end callback may have deleted the connection, and its timer with it.
+    // The end callback may have given the connection up, and its timer with it.
     int32_t stop_timer(int32_t result) {
         if ((connection_->status & CL_STATUS_RUNNING) == 0) return result;
         CL_ErrInfo scratch = {};

@@ -378,16 +378,17 @@ class Sync : public Transfer {
     }
 };
 
-TEST_F(Sync, TakesWhatIsThereWithoutWaiting) {
+TEST_F(Sync, TakesWhatIsThereAndSendsWithoutWaiting) {
     peer.send(wire_message("now") + wire_message("next"));
     const Plan plan;
     EXPECT_EQ(receive(), 19);
     EXPECT_EQ(err.err, 0u) << err;
     EXPECT_EQ(received().substr(0, 19), wire_message("now"));
     EXPECT_EQ(receive(), 20);
+    EXPECT_EQ(plan.count("pselect"), 2);
     Block block(30);
     EXPECT_EQ(send(block, CL_MODE_SYNC), 46);
-    EXPECT_EQ(plan.count("pselect"), 0);
+    EXPECT_EQ(plan.count("pselect"), 2) << "there is nearly always room";
     EXPECT_EQ(peer.receive(), block.message());
     EXPECT_EQ(client->sub_status, 0u);
 }
@@ -525,7 +526,11 @@ TEST_F(Sync, FailsWithTheFirstError) {
          9,
          EPERM,
          CL_MODULE_TIMER},
-        {{.call = "recv", .error = EIO}, none, 9, EIO, CL_MODULE_MSGC},
+        {{.call = "recv", .error = EIO},
+         at_wait(1, [this] { peer.send("x"); }),
+         9,
+         EIO,
+         CL_MODULE_MSGC},
         {at_wait(1, [this] { peer.close(); }), none, 9, EPIPE, CL_MODULE_MSGC},
     };
     int number = 0;
