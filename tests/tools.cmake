@@ -4,7 +4,7 @@ if(NOT TARGET qvcl_trace_reader)
     return()
 endif()
 
-qvcl_test(trace_tool_test SOURCES trace_tool_test.cpp LIBS qvcl_trace_reader TIMEOUT 60)
+qvcl_test(trace_tool_test SOURCES trace_tool_test.cpp LIBS qvcl_trace_reader test-support TIMEOUT 60)
 
 add_executable(trace_corpus fuzz/trace_corpus.cpp)
 target_include_directories(trace_corpus PRIVATE "${PROJECT_SOURCE_DIR}/tests" "${PROJECT_SOURCE_DIR}/include")

@@ -8,9 +8,9 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <random>
 
 #include "dump_builder.h"
+#include "support.h"
 #include "tools/cli.h"
 #include "tools/records.h"
 
@@ -312,16 +312,13 @@ TEST(Show, ChoosesLines) {
 
 // Records of many lengths through rings of many sizes: what is shown is what still fits, in order.
 TEST(Show, WalksRingsThatWrapped) {
-    const auto seed = static_cast<unsigned>(testing::UnitTest::GetInstance()->random_seed());
-    std::mt19937 random(seed);
-    SCOPED_TRACE(seed);
-    const auto below = [&](uint32_t limit) { return static_cast<uint32_t>(random() % limit); };
+    test::Random random;
     for (int round = 0; round < 200; ++round) {
-        const uint32_t entry = 32 + below(64), count = 1 + below(12);
+        const uint32_t entry = 32 + random.below(64), count = 1 + random.below(12);
         Ring ring(CL_RING_USER, entry, count, "p");
         std::vector<uint32_t> lengths;
-        for (uint32_t n = below(40); n; --n) {
-            std::vector<uint8_t> record(32 + below(entry * count - 31));
+        for (uint32_t n = random.below(40); n; --n) {
+            std::vector<uint8_t> record(32 + random.below(entry * count - 31));
             const auto length = static_cast<uint32_t>(record.size());
             std::memcpy(record.data() + offsetof(CL_TrcHead, length), &length, sizeof length);
             ring.write(record.data(), length);

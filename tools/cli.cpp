@@ -65,7 +65,7 @@ bool set_slower(Options &options, const char *text) {
         {"us", 1}, {"ms", 1e3}, {"s", 1e6}, {"", 1}};
     for (const auto &[name, factor] : UNITS)
         if (unit != text && name == unit && value >= 0 && value < 1e9) {
-            options.slower = static_cast<int64_t>(value * factor + 0.5);
+            options.slower = static_cast<int64_t>(value * factor);
             return true;
         }
     return false;

@@ -1,7 +1,6 @@
 // show: one line a call, where its entry record stands: when, how long, what, with which result;
 // what happened inside it follows, indented.
 #include <algorithm>
-#include <cstdlib>
 #include <ctime>
 
 #include "tools/commands.h"
@@ -104,12 +103,14 @@ std::optional<uint64_t> parse_time(const std::string &text, uint64_t day) {
         localtime_r(&second, &time);
         time.tm_sec = 0;
         const char *rest = strptime(text.c_str(), format, &time);
-        char *end = nullptr;
-        const double fraction = rest && *rest == '.' ? std::strtod(rest, &end) : 0;
-        if (!rest || *(end ? end : rest)) continue;
+        if (!rest) continue;
+        uint64_t usec = 0;
+        if (*rest == '.')
+            for (uint64_t unit = 100000; *++rest >= '0' && *rest <= '9'; unit /= 10)
+                usec += unit * static_cast<uint64_t>(*rest - '0');
+        if (*rest) continue;
         time.tm_isdst = -1;
-        return static_cast<uint64_t>(std::mktime(&time)) * 1000000 +
-               static_cast<uint64_t>(fraction * 1e6 + 0.5);
+        return static_cast<uint64_t>(std::mktime(&time)) * 1000000 + usec;
     }
     return {};
 }
