@@ -286,7 +286,10 @@ const std::vector<Scenario> MESSAGES = {
     {"send", PREPARE(w.begin(); w.connect_client();),
      ACT(return w.outcome(CL_SendMSGC(w.object, &w.message, sizeof w.message, CL_MODE_SYNC, 0, &w.err) > 0);), true},
     {"send with a time limit", PREPARE(w.begin(); w.connect_client();),
-     ACT(return w.outcome(CL_SendMSGC(w.object, &w.message, sizeof w.message, CL_MODE_SYNC, 9, &w.err) > 0);), true},
+     ACT(const int32_t sent = CL_SendMSGC(w.object, &w.message, sizeof w.message, CL_MODE_SYNC, 9, &w.err);
+         /* Before the wait the block is not yet lent. */
+         if (w.err.module == CL_MODULE_TIMER) { EXPECT_EQ(w.message.block.link.owner, nullptr); }
+         return w.outcome(sent > 0);), true},
     {"send at once", PREPARE(w.begin(); w.connect_client();),
      ACT(return w.outcome(CL_SendMSGC(w.object, &w.message, sizeof w.message, CL_MODE_IMMEDIATE, 0, &w.err) > 0);)},
     {"send in the loop", PREPARE(w.begin(); w.connect_client();),

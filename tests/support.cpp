@@ -430,10 +430,15 @@ namespace test {
 
 namespace {
 
-const CL_TraceEntry *entry(const CL_TraceRing *ring, uint32_t index) {
-    const auto *bytes = reinterpret_cast<const char *>(ring + 1);
-    return reinterpret_cast<const CL_TraceEntry *>(
-        bytes + std::size_t{index} * (sizeof(CL_TraceEntry) + ring->entry_size));
+const char *entry(const CL_TraceRing *ring, uint32_t index) {
+    return reinterpret_cast<const char *>(ring + 1) +
+           std::size_t{index} * (sizeof(CL_TraceEntry) + ring->entry_size);
+}
+/* Entries of odd sizes are not aligned. */
+CL_TraceEntry entry_header(const CL_TraceRing *ring, uint32_t index) {
+    CL_TraceEntry header;
+    memcpy(&header, entry(ring, index), sizeof header);
+    return header;
 }
 
 /* The records in `entries` entries from index `at` on. */
@@ -441,17 +446,17 @@ std::vector<Record> read_records(const CL_TraceRing *ring, uint32_t at, uint32_t
     std::vector<Record> result;
     while (entries > 0) {
         Record record;
-        const uint32_t length = entry(ring, at)->remaining;
+        const uint32_t length = entry_header(ring, at).remaining;
         EXPECT_TRUE(length >= 1 && length <= entries) << "entry " << at << ": " << length;
         if (length < 1 || length > entries) {
             break;
         }
         for (uint32_t i = 0; i < length; i++, at = (at + 1) % ring->entry_count) {
-            const CL_TraceEntry *slice = entry(ring, at);
+            const CL_TraceEntry slice = entry_header(ring, at);
             const uint32_t flags = (i == 0 ? 1u : 0u) | (i == length - 1 ? 2u : 0u);
-            EXPECT_EQ(slice->flags, flags) << "entry " << at;
-            EXPECT_EQ(slice->remaining, length - i) << "entry " << at;
-            const auto *data = reinterpret_cast<const uint8_t *>(slice + 1);
+            EXPECT_EQ(slice.flags, flags) << "entry " << at;
+            EXPECT_EQ(slice.remaining, length - i) << "entry " << at;
+            const char *data = entry(ring, at) + sizeof slice;
             record.bytes.insert(record.bytes.end(), data, data + ring->entry_size);
         }
         const uint32_t bytes = record.head().length;
