@@ -130,8 +130,10 @@ inline std::string duration(double seconds) {
     return number(seconds * 1e3) + " ms";
 }
 
-// How often a side's work is repeated for its turn to take that long.
+// How often a side's work is repeated for its turn to take that long. The first time of all may
+// have more to do.
 inline size_t batch_size(const Side &side, double wanted) {
+    side.run(1);
     for (size_t n = 1;; n *= 2) {
         const double seconds = side.run(n);
         if (seconds >= wanted) return n;
