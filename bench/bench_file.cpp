@@ -73,7 +73,7 @@ bench::Comparison reading(size_t size) {
 int main(int argc, char **argv) {
     bench::pin(bench::processor(1));
     bench::check(CL_Init(10, nullptr, nullptr) == 1, "CL_Init");
-    for (const size_t size : {64, 4096, 65536}) {
+    for (const size_t size : {64u, 4096u, 65536u}) {
         const std::string bytes = std::to_string(size) + " bytes";
         bench::compare("write/" + bytes, [size] { return writing(size); });
         bench::compare("read/" + bytes, [size] { return reading(size); });

@@ -271,7 +271,7 @@ void count_calls(size_t n, size_t k) {
 int main(int argc, char **argv) {
     bench::pin(bench::processor(1));
     std::vector<std::pair<size_t, size_t>> cases;
-    for (const size_t n : {1, 10, 100, 1000}) {
+    for (const size_t n : {1u, 10u, 100u, 1000u}) {
         for (const size_t k : {size_t{1}, n / 10, n}) {
             if (k != 0 && (cases.empty() || cases.back() != std::pair{n, k})) {
                 cases.emplace_back(n, k);

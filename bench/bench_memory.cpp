@@ -44,7 +44,7 @@ bench::Comparison allocation(size_t size, void (*ours)(size_t), void (*theirs)(s
 
 int main(int argc, char **argv) {
     bench::pin(bench::processor(1));
-    for (const size_t size : {64, 256, 4096}) {
+    for (const size_t size : {64u, 256u, 4096u}) {
         bench::compare("allocate + free/" + std::to_string(size),
                        [size] { return allocation(size, tracked, bare); });
     }

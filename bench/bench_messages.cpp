@@ -303,11 +303,11 @@ int main(int argc, char **argv) {
                                            {"one processor", second, second}};
     tell_allocations(placements[0]);
     for (const Placement &placement : placements) {
-        for (const uint32_t payload : {0, 64, 1024, 65536}) {
+        for (const uint32_t payload : {0u, 64u, 1024u, 65536u}) {
             bench::compare("round trip/" + std::to_string(payload) + " bytes, " + placement.name,
                            [=] { return round_trips(payload, placement); });
         }
-        for (const uint32_t payload : {64, 4096, 65536}) {
+        for (const uint32_t payload : {64u, 4096u, 65536u}) {
             bench::compare("one way/" + std::to_string(payload) + " bytes, " + placement.name,
                            [=] { return stream(payload, placement); });
         }

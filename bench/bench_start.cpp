@@ -38,9 +38,9 @@ double until_reported() {
     CL_ErrInfo err;
     const auto start = bench::Clock::now();
     CL_Object *child = CL_StartProgram(&program, on_report, 0, 0, &err);
-    bench::check(child != nullptr && CL_EventLoop(&err) == up, "no report");
+    bench::check(child != nullptr && CL_EventLoop(&err) == kUp, "no report");
     const double seconds = bench::since(start);
-    bench::check(CL_RequestEnd(child, &err) == 1 && CL_EventLoop(&err) == ended &&
+    bench::check(CL_RequestEnd(child, &err) == 1 && CL_EventLoop(&err) == kEnded &&
                      CL_DeleteFD(child, &err) == 1,
                  "the end of a child");
     return seconds;
@@ -61,7 +61,7 @@ void thousand() {
                                      &err) != nullptr,
                      "CL_StartProgram");
     }
-    bench::check(CL_EventLoop(&err) == ended, "CL_EventLoop");
+    bench::check(CL_EventLoop(&err) == kEnded, "CL_EventLoop");
 }
 
 // ---------------------------------------------------------------- the floor
