@@ -1,5 +1,5 @@
-/* The loop that threads can wake: when a wake-up may come and that none is lost, the order of what
- * is pending together, callbacks that change the list they are on, and the signal's handler. */
+/* The loop that threads can wake: that no wake-up is lost, the order of what is pending together,
+ * callbacks that change the list they are on, and the signal's handler. */
 #include <qvcl/child.h>
 #include <qvcl/loop.h>
 #include <qvcl/thread.h>
@@ -16,11 +16,8 @@
 
 using test::Action;
 using test::Balance;
-using test::FailsWith;
-using test::Fault;
 using test::Pipe;
 using test::Plan;
-using testing::ElementsAre;
 
 namespace {
 
@@ -95,82 +92,19 @@ class Threads : public test::Library {
         sigaddset(&set, SIGUSR1);
         pthread_sigmask(how, &set, nullptr);
     }
-    /* The library's handler with its mask and flags. */
+    /* The library's handler with its flags. */
     static void expect_handler() {
         struct sigaction action = {};
         ASSERT_EQ(sigaction(SIGUSR1, nullptr, &action), 0);
         EXPECT_EQ(action.sa_handler, clSIGUSR1Action);
         EXPECT_EQ(action.sa_flags & (SA_RESTART | SA_SIGINFO | SA_NODEFER),
                   SA_RESTART | SA_SIGINFO);
-        for (int signal = 1; signal < 32; signal++) {
-            EXPECT_EQ(sigismember(&action.sa_mask, signal), signal == SIGUSR1) << signal;
-        }
     }
 
     std::deque<Action> actions;
     std::vector<std::string> told;
     Balance before;
 };
-
-TEST_F(Threads, WakeUpsComeAtAnyMoment) {
-    enum Moment { BEFORE, BEFORE_BLOCKED, DURING, WITH_INPUT, BETWEEN };
-    for (const Moment moment : {BEFORE, BEFORE_BLOCKED, DURING, WITH_INPUT, BETWEEN}) {
-        for (const uint32_t answer : {0u, 7u}) {
-            SCOPED_TRACE(testing::Message() << "moment " << moment << " answer " << answer);
-            told.clear();
-            const Pipe pipe;
-            const bool idle = moment == DURING || moment == BEFORE_BLOCKED;
-            if (!idle) pipe.fill();
-            CL_Object *first = reader(pipe, 20, "first", [&](CL_Object *, CL_Event *) {
-                if (moment == BETWEEN) raise(SIGUSR1);
-                return 0u;
-            });
-            CL_Object *second = reader(pipe, 30, "second", answers(STOP));
-            CL_Object *woken = waker("wake", [&](CL_Object *, CL_Event *event) {
-                CL_Event expected = {};
-                expected.type = CL_EVENT_WAKE;
-                EXPECT_EQ(memcmp(event, &expected, sizeof expected), 0);
-                pipe.fill();
-                return answer;
-            });
-            if (moment == BEFORE_BLOCKED) block(SIG_BLOCK);
-            if (moment == BEFORE || moment == BEFORE_BLOCKED) raise(SIGUSR1);
-            {
-                const Plan plan{{.call = "pselect", .before = [moment] {
-                                     if (moment == DURING || moment == WITH_INPUT) raise(SIGUSR1);
-                                 }}};
-                EXPECT_EQ(loop(), answer != 0 ? answer : uint32_t{STOP});
-                EXPECT_EQ(plan.count("sigaction"), 0) << "the handler stays as it is";
-                EXPECT_EQ(plan.count("sigprocmask"), 0) << "masks are the thread's own";
-            }
-            EXPECT_THAT(err, test::IsClear());
-            const bool between = moment == BETWEEN || moment == WITH_INPUT;
-            std::vector<std::string> expected = {"wake", "first", "second"};
-            if (between) expected = {"first", "wake", "second"};
-            if (answer != 0) expected.resize(between ? 2 : 1);
-            EXPECT_EQ(told, expected);
-            EXPECT_EQ(CL_MainTable->wake_signal, 0u);
-            expect_handler();
-            block(SIG_UNBLOCK);
-            for (CL_Object *object : {first, second, woken})
-                EXPECT_EQ(CL_DeleteFD(object, &err), 1u);
-        }
-    }
-}
-
-TEST_F(Threads, FirstAnswerEndsTheWalk) {
-    CL_Object *a = waker("a"), *b = waker("b", answers(5));
-    waker("c", answers(STOP));
-    raise(SIGUSR1);
-    EXPECT_EQ(loop(), 5u);
-    EXPECT_THAT(told, ElementsAre("a", "b"));
-    EXPECT_EQ(CL_DeleteFD(b, &err), 1u);
-    EXPECT_EQ(CL_DelEventList(a, &err), 1u);
-    raise(SIGUSR1);
-    raise(SIGUSR1);
-    EXPECT_EQ(loop(), uint32_t{STOP}) << "two wake-ups before a look count as one";
-    EXPECT_THAT(told, ElementsAre("a", "b", "c"));
-}
 
 /* All three that may be pending at one point, at each of the points; and one of them ends the loop:
  * what was pending behind it waits for the next. */
@@ -302,7 +236,7 @@ TEST_F(Threads, LoopMayRunInAnyThread) {
 /* Four objects; the callback of one of them does something to another, or to itself. Whoever is
  * listed is called, once. */
 TEST_F(Threads, CallbacksChangeTheirList) {
-    enum Change { UNLIST, DELETE, RELIST, REPLACE, ALL_BUT_ME, RELIST_ALL, CHANGES };
+    enum Change { UNLIST, DELETE, RELIST, REPLACE, CHANGES };
     constexpr std::size_t COUNT = 4;
     for (const bool crowded : {false, true}) {
         for (int number = 0; number < CHANGES * 16; number++) {
@@ -338,12 +272,7 @@ TEST_F(Threads, CallbacksChangeTheirList) {
                         }
                         break;
                     default:
-                        for (std::size_t i = 0; i < COUNT; i++) {
-                            if (change == RELIST_ALL) relist(objects[i]);
-                            if (change == ALL_BUT_ME && i != actor) {
-                                EXPECT_EQ(CL_DelEventList(objects[i], &err), 1u);
-                            }
-                        }
+                        break;
                 }
             };
             for (std::size_t i = 0; i < COUNT; i++) {
@@ -356,9 +285,7 @@ TEST_F(Threads, CallbacksChangeTheirList) {
                 fillers.push_back(create(CL_KIND_FD)); /* a new object is the one just deleted */
             EXPECT_EQ(cl_ThreadCallBack(&err), 0u) << err;
             for (std::size_t i = 0; i < COUNT; i++) {
-                const bool gone = change == UNLIST || change == DELETE || change == REPLACE
-                                      ? i == target && i > actor
-                                      : change == ALL_BUT_ME && i > actor;
+                const bool gone = change != RELIST && i == target && i > actor;
                 EXPECT_EQ(calls[i], gone ? 0 : 1) << "object " << i;
             }
             EXPECT_LE(calls[COUNT], 1) << "a new one may have to wait for the next wake-up";
@@ -372,142 +299,20 @@ TEST_F(Threads, CallbacksChangeTheirList) {
     }
 }
 
-TEST_F(Threads, ObjectsAreMadeReady) {
-    CL_Object *object = create(CL_KIND_THREAD), *other = create(CL_KIND_FD);
-    CL_Object *deleted = create(CL_KIND_THREAD);
-    EXPECT_EQ(CL_DeleteFD(deleted, &err), 1u);
-    EXPECT_EQ(CL_AddEventList(object, 20, &err), 0u) << "not yet ready";
-    struct Row {
-        CL_Object *object;
-        uint32_t status; /* before */
-        uint8_t flag;
-        int module; /* of the refusal, or 0 */
-        uint32_t after;
-        std::size_t changes;
-    };
-    const Row rows[] = {
-        {object, 0, 0, 0, CL_STATUS_READY, 1}, {object, CL_STATUS_READY, 0, 0, CL_STATUS_READY, 0},
-        {object, 0x05, 0, 0, 0x05, 0},         {object, 0x04, 0, 0, 0x05, 1},
-        {object, 0x25, 0, 0, 0x05, 1},         {object, 0x20, 1, 0, 0x01, 1},
-        {other, 0, 0, CL_MODULE_THREAD, 0, 0}, {other, 0, 1, 0, 0x01, 1},
-        {deleted, 0, 0, CL_MODULE_FD, 0, 0},   {nullptr, 0, 1, CL_MODULE_FD, 0, 0},
-    };
-    int number = 0;
-    for (const Row &row : rows) {
-        SCOPED_TRACE(number++);
-        if (row.object != nullptr) row.object->status = row.status;
-        test::Tape tape;
-        err = test::UNTOUCHED;
-        EXPECT_EQ(CL_SetThreadFd_M(row.object, &err, row.flag, "t", 1), row.module == 0 ? 1u : 0u);
-        if (row.module == 0) {
-            EXPECT_EQ(err, test::UNTOUCHED) << "a success leaves the record alone";
-        } else {
-            EXPECT_THAT(err, FailsWith(EBADF, row.module));
-        }
-        EXPECT_EQ(tape.records(CL_API_STATUS).size(), row.changes);
-        if (row.object != nullptr) {
-            EXPECT_EQ(row.object->status, row.after);
-        }
-    }
-    object->status = 0;
-    CL_MainTable->state = CL_STATE_ENDED;
-    EXPECT_EQ(CL_SetThreadFd(object, &err), 0u);
-    EXPECT_THAT(err, FailsWith(CL_ERR_STATE, CL_MODULE_FD));
-    CL_MainTable->state = CL_STATE_INITIALISED;
-}
-
 void own_handler(int) {}
 
 TEST_F(Threads, HandlerIsInstalledAndRemoved) {
-    const auto saved = [] {
-        struct sigaction action = {};
-        memcpy(&action, CL_MainTable->saved_sigusr1, sizeof action);
-        return action.sa_handler;
-    };
-    EXPECT_EQ(saved(), SIG_DFL);
-    expect_handler();
     signal(SIGUSR1, own_handler);
-    CL_MainTable->wake_signal = 1;
     for (int i = 0; i < 2; i++) { /* the second finds the library's own handler */
         EXPECT_EQ(clSIGUSR1Initialize(&err), 1u);
-        EXPECT_EQ(saved(), own_handler);
-        EXPECT_EQ(CL_MainTable->wake_signal, 0u);
+        struct sigaction saved = {};
+        memcpy(&saved, CL_MainTable->saved_sigusr1, sizeof saved);
+        EXPECT_EQ(saved.sa_handler, own_handler);
         expect_handler();
     }
-    raise(SIGUSR1);
-    EXPECT_EQ(CL_MainTable->wake_signal, 1u);
     EXPECT_EQ(clSIGUSR1End(), 1u);
-    CL_MainTable->wake_signal = 0;
     raise(SIGUSR1);
     EXPECT_EQ(CL_MainTable->wake_signal, 0u);
-    struct sigaction action = {};
-    sigaction(SIGUSR1, nullptr, &action);
-    EXPECT_EQ(action.sa_handler, SIG_IGN);
-    for (const char *const call : {"sigemptyset", "sigaddset", "sigaction"}) {
-        SCOPED_TRACE(call);
-        const Plan plan{{.call = call, .error = EINVAL}};
-        EXPECT_EQ(clSIGUSR1Initialize(&err), 0u);
-        EXPECT_THAT(err, FailsWith(EINVAL, CL_MODULE_THREAD));
-        sigaction(SIGUSR1, nullptr, &action);
-        EXPECT_EQ(action.sa_handler, SIG_IGN);
-    }
-}
-
-TEST_F(Threads, FailuresEndTheLoop) {
-    const Pipe pipe;
-    const auto wake = [] { raise(SIGUSR1); };
-    waker("wake");
-    const struct {
-        Fault fault;
-        bool woken;
-    } rows[] = {
-        {{.call = "pthread_sigmask", .error = EINVAL}, false},
-        {{.call = "pthread_sigmask", .error = EINVAL, .nth = 2}, true},
-        {{.call = "pselect", .error = ENOMEM}, false},
-        {{.call = "pselect", .error = EBADF}, false},
-    };
-    for (const auto &row : rows) {
-        told.clear();
-        if (row.woken) wake();
-        {
-            const Plan plan{row.fault};
-            EXPECT_EQ(loop(), CL_LOOP_ERROR);
-        }
-        EXPECT_THAT(err, FailsWith(row.fault.error, CL_MODULE_THREAD));
-        EXPECT_EQ(CL_MainTable->wake_signal, row.woken ? 1u : 0u) << "it is there for the next";
-        CL_MainTable->wake_signal = 0;
-        EXPECT_TRUE(told.empty());
-        sigset_t loops; /* a failed call leaves its signals blocked */
-        sigemptyset(&loops);
-        for (const int signal : {SIGUSR1, SIGALRM, SIGCHLD})
-            sigaddset(&loops, signal);
-        pthread_sigmask(SIG_UNBLOCK, &loops, nullptr);
-    }
-}
-
-TEST_F(Threads, LooksAtAllThree) {
-    sigset_t set, saved, now;
-    sigemptyset(&set);
-    for (const int signal : {SIGUSR1, SIGALRM, SIGCHLD})
-        sigaddset(&set, signal);
-    due_timer("timer");
-    for (uint32_t bits = 0; bits < 8; bits++) {
-        for (const uint32_t always : {0u, 1u}) {
-            SCOPED_TRACE(testing::Message() << "bits " << bits << " always " << always);
-            CL_MainBlock &main = *CL_MainTable;
-            main.child_signal = (bits & CL_LOOK_CHILD) != 0;
-            main.timer_signals = (bits & CL_LOOK_TIMER) != 0 ? 3 : 0;
-            main.wake_signal = (bits & CL_LOOK_WAKE) != 0;
-            main.timer_dispatched = 0;
-            EXPECT_EQ(cl_sigcheckThread(always, &set, &saved, &err), bits);
-            EXPECT_EQ(main.child_signal | main.wake_signal | main.timer_signals, 0u);
-            EXPECT_EQ(sigismember(&saved, SIGUSR1), 0);
-            pthread_sigmask(SIG_UNBLOCK, &set, &now);
-            const bool blocked = bits == 0 && always == 0;
-            for (const int signal : {SIGUSR1, SIGALRM, SIGCHLD})
-                EXPECT_EQ(sigismember(&now, signal), blocked ? 1 : 0);
-        }
-    }
 }
 
 }  // namespace

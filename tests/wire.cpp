@@ -2,36 +2,11 @@
 #include "tests/wire.h"
 
 #include <fcntl.h>
-#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include <filesystem>
-
 namespace test {
-
-Folder::Folder() : root_("/tmp/qvcl-test-XXXXXX") {
-    EXPECT_NE(mkdtemp(root_.data()), nullptr);
-}
-
-Folder::~Folder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(root_, ignored);
-}
-
-Unprivileged::Unprivileged() {
-    constexpr uid_t NOBODY = 65534;
-    if (user_ == 0) {
-        EXPECT_EQ(seteuid(NOBODY), 0);
-    }
-}
-
-Unprivileged::~Unprivileged() {
-    if (user_ == 0) {
-        EXPECT_EQ(seteuid(user_), 0);
-    }
-}
 
 CrowdedTable::CrowdedTable() {
     rlimit limit;
@@ -154,12 +129,6 @@ bool Socket::ended() const {
 void Socket::close() {
     if (fd_ != -1) ::close(fd_);
     fd_ = -1;
-}
-
-std::size_t unread(int fd) {
-    int count = 0;
-    EXPECT_EQ(ioctl(fd, FIONREAD, &count), 0);
-    return static_cast<std::size_t>(count);
 }
 
 Block::Block(std::size_t payload, uint32_t type, uint32_t seed)

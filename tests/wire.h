@@ -9,35 +9,10 @@
 #include <utility>
 #include <vector>
 
+#include "tests/folder.h"
 #include "tests/support.h"
 
 namespace test {
-
-/* A directory of its own, removed at the end with what is in it. */
-class Folder {
-  public:
-    Folder();
-    ~Folder();
-    Folder(const Folder &) = delete;
-    Folder &operator=(const Folder &) = delete;
-    std::string path(std::string_view name) const { return root_ + "/" + std::string(name); }
-    const std::string &root() const { return root_; }
-
-  private:
-    std::string root_;
-};
-
-/* As long as it lives, this process may not do what root may. */
-class Unprivileged {
-  public:
-    Unprivileged();
-    ~Unprivileged();
-    Unprivileged(const Unprivileged &) = delete;
-    Unprivileged &operator=(const Unprivileged &) = delete;
-
-  private:
-    uid_t user_ = geteuid();
-};
 
 /* Takes all descriptors below the end of a descriptor set, so that the next one is beyond. */
 class CrowdedTable {
@@ -80,9 +55,6 @@ class Socket {
     int fd_;
 };
 
-/* Bytes that a socket holds for its reader. */
-std::size_t unread(int fd);
-
 /* A message block of its own, its payload filled. */
 class Block {
   public:
@@ -111,8 +83,6 @@ class Messaging : public Library {
     struct Heard {
         CL_Object *object;
         CL_Event event;
-        uint32_t status, sub_status;       /* during the callback */
-        std::vector<CL_MsgBlock *> blocks; /* of a disconnect event */
     };
 
   protected:
@@ -151,8 +121,7 @@ class Messaging : public Library {
     CL_Object *stopper_ = nullptr;
     Action stop_ = [](CL_Object *, CL_Event *) { return 99u; };
     Action keep_ = [this](CL_Object *object, CL_Event *event) {
-        heard.push_back({object, *event, object->status, object->sub_status, {}});
-        if (event->type == CL_EVENT_DISCONNECT) heard.back().blocks = blocks_of(event->queue);
+        heard.push_back({object, *event});
         return reply ? reply(object, event) : 0u;
     };
 };
