@@ -214,6 +214,7 @@ class SyncWait {
                                              kFile, __LINE__) == 0) {
             return stop_timer(-1);  // it may count without a clock
         }
+        begun_ = true;
         // An end watch has to be looked at before anything is transferred.
         const bool try_first = direction_.try_first && end_ == nullptr;
         int32_t result = try_first ? direction_.step(connection_, err_) : 0;
@@ -221,6 +222,9 @@ class SyncWait {
             result = pass();
         return timeout_ != 0 ? stop_timer(result) : result;
     }
+
+    // Whether it came to a transfer at all.
+    bool begun() const { return begun_; }
 
   private:
     // One wait and what it brought: 0 for another pass, unless over_ says it was the last.
@@ -275,6 +279,7 @@ class SyncWait {
     const Direction &direction_;
     CL_Object *end_ = nullptr;
     sigset_t alarm_;
+    bool begun_ = false;
     bool over_ = false;
 };
 
@@ -285,7 +290,11 @@ int32_t cl_recv_sync(CL_Object *connection, uint32_t timeout, CL_ErrInfo *err) {
 }
 
 int32_t cl_send_sync(CL_Object *connection, uint32_t timeout, CL_ErrInfo *err) {
-    return SyncWait(connection, timeout, err, kSend).run();
+    SyncWait wait(connection, timeout, err, kSend);
+    const int32_t result = wait.run();
+    // The block that stands alone in the queue was not touched: it is the caller's again.
+    if (!wait.begun()) CL_QUE_Clear(&connection->connection.send_queue);
+    return result;
 }
 
 int32_t cl_msgc_sigcheck(CL_Object *connection, uint32_t timeout, const sigset_t *alarm,
