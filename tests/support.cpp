@@ -44,9 +44,7 @@ std::function<const char *(int)> *catalogue;
 std::string log_identity;
 
 int find_code(dl_phdr_info *object, size_t /*size*/, void * /*data*/) {
-    if (std::string_view(object->dlpi_name).find("libqvcl.so") == std::string_view::npos) {
-        return 0;
-    }
+    if (std::string_view(object->dlpi_name).find("libqvcl.so") == std::string_view::npos) return 0;
     for (int i = 0; i < object->dlpi_phnum; i++) {
         const auto &segment = object->dlpi_phdr[i];
         if (segment.p_type == PT_LOAD && (segment.p_flags & PF_X) != 0) {
@@ -58,9 +56,7 @@ int find_code(dl_phdr_info *object, size_t /*size*/, void * /*data*/) {
 }
 
 bool from_library(const void *caller) {
-    if (code_end == 0) {
-        dl_iterate_phdr(find_code, nullptr);
-    }
+    if (code_end == 0) dl_iterate_phdr(find_code, nullptr);
     const auto address = reinterpret_cast<uintptr_t>(caller);
     return address >= code_begin && address < code_end;
 }
@@ -75,32 +71,20 @@ struct Verdict {
 Verdict judge(std::string_view call, const void *caller) {
     Verdict verdict;
     Running *plan = running;
-    if (plan == nullptr) {
-        return verdict;
-    }
+    if (plan == nullptr) return verdict;
     const bool own = from_library(caller);
-    if (own) {
-        plan->calls.push_back(call);
-    }
+    if (own) plan->calls.push_back(call);
     for (std::size_t i = 0; i < plan->faults.size(); i++) {
         const Fault &fault = plan->faults[i];
-        if (fault.call != call || (!own && !fault.from_anyone)) {
-            continue;
-        }
+        if (fault.call != call || (!own && !fault.from_anyone)) continue;
         const int number = ++plan->seen[i];
-        if (number < fault.nth || number - fault.nth >= fault.times) {
-            continue;
-        }
+        if (number < fault.nth || number - fault.nth >= fault.times) continue;
         plan->hits++;
-        if (fault.before) {
-            fault.before();
-        }
+        if (fault.before) fault.before();
         verdict.fail = verdict.fail || fault.error != 0;
         verdict.swallow = verdict.swallow || fault.swallow;
         verdict.at_most = std::min(verdict.at_most, fault.at_most);
-        if (fault.error != 0) {
-            errno = fault.error;
-        }
+        if (fault.error != 0) errno = fault.error;
     }
     return verdict;
 }
@@ -294,12 +278,8 @@ int gettimeofday(struct timeval *time, void *zone) noexcept {
     static const auto original = test::real<int(timeval *, void *)>("gettimeofday");
     const bool own = test::time_of_day && test::from_library(CALLER);
     const test::Verdict verdict = test::judge("gettimeofday", CALLER);
-    if (verdict.fail) {
-        return -1;
-    }
-    if (!own) {
-        return original(time, zone);
-    }
+    if (verdict.fail) return -1;
+    if (!own) return original(time, zone);
     *time = *test::time_of_day;
     return 0;
 }
@@ -321,13 +301,9 @@ int sysinfo(struct sysinfo *info) noexcept {
     static const auto original = test::real<int(struct sysinfo *)>("sysinfo");
     const bool own = test::uptime && test::from_library(CALLER);
     const test::Verdict verdict = test::judge("sysinfo", CALLER);
-    if (verdict.fail) {
-        return -1;
-    }
+    if (verdict.fail) return -1;
     const int result = original(info);
-    if (own) {
-        info->uptime = *test::uptime;
-    }
+    if (own) info->uptime = *test::uptime;
     return result;
 }
 
@@ -335,9 +311,7 @@ nl_catd catopen(const char *name, int flag) {
     static const auto original = test::real<nl_catd(const char *, int)>("catopen");
     const bool own = test::catalogue != nullptr && test::from_library(CALLER);
     const test::Verdict verdict = test::judge("catopen", CALLER);
-    if (verdict.fail || (own && !*test::catalogue)) {
-        return reinterpret_cast<nl_catd>(-1);
-    }
+    if (verdict.fail || (own && !*test::catalogue)) return reinterpret_cast<nl_catd>(-1);
     return own ? static_cast<nl_catd>(test::catalogue) : original(name, flag);
 }
 
@@ -345,9 +319,7 @@ char *catgets(nl_catd open, int set, int number, const char *fallback) noexcept 
     static const auto original = test::real<char *(nl_catd, int, int, const char *)>("catgets");
     const test::Verdict verdict = test::judge("catgets", CALLER);
     const char *text = fallback;
-    if (verdict.fail) {
-        return const_cast<char *>(text);
-    }
+    if (verdict.fail) return const_cast<char *>(text);
     if (open != test::catalogue) {
         text = original(open, set, number, fallback);
     } else if (const char *own = set == 1 ? (*test::catalogue)(number) : nullptr) {
@@ -359,9 +331,7 @@ char *catgets(nl_catd open, int set, int number, const char *fallback) noexcept 
 int catclose(nl_catd open) noexcept {
     static const auto original = test::real<int(nl_catd)>("catclose");
     const test::Verdict verdict = test::judge("catclose", CALLER);
-    if (verdict.fail) {
-        return -1;
-    }
+    if (verdict.fail) return -1;
     return open == test::catalogue ? 0 : original(open);
 }
 
@@ -415,9 +385,7 @@ void *malloc(size_t size) noexcept {
         original = test::real<void *(size_t)>("malloc");
         looking = false;
     }
-    if (test::running == nullptr || !test::from_library(CALLER)) {
-        return original(size);
-    }
+    if (test::running == nullptr || !test::from_library(CALLER)) return original(size);
     return test::judge("malloc", CALLER).fail ? nullptr : original(size);
 }
 #endif
@@ -448,9 +416,7 @@ std::vector<Record> read_records(const CL_TraceRing *ring, uint32_t at, uint32_t
         Record record;
         const uint32_t length = entry_header(ring, at).remaining;
         EXPECT_TRUE(length >= 1 && length <= entries) << "entry " << at << ": " << length;
-        if (length < 1 || length > entries) {
-            break;
-        }
+        if (length < 1 || length > entries) break;
         for (uint32_t i = 0; i < length; i++, at = (at + 1) % ring->entry_count) {
             const CL_TraceEntry slice = entry_header(ring, at);
             const uint32_t flags = (i == 0 ? 1u : 0u) | (i == length - 1 ? 2u : 0u);
@@ -530,9 +496,7 @@ std::vector<int> descriptors() {
     DIR *directory = opendir("/proc/self/fd");
     while (const dirent *item = readdir(directory)) {
         const int number = atoi(item->d_name);
-        if (item->d_name[0] != '.' && number != dirfd(directory)) {
-            open.push_back(number);
-        }
+        if (item->d_name[0] != '.' && number != dirfd(directory)) open.push_back(number);
     }
     closedir(directory);
     std::sort(open.begin(), open.end());
@@ -544,9 +508,8 @@ Balance Balance::now() {
     Balance balance;
     balance.live = table.used_queue.count;
     balance.free = table.free_queue.count;
-    for (const CL_Queue &queue : table.kind_queues) {
+    for (const CL_Queue &queue : table.kind_queues)
         balance.kinds.push_back(queue.count);
-    }
     balance.listed = table.timer_list.count + table.child_list.count + table.priority_list.count +
                      table.pending_list.count + table.thread_list.count;
     balance.library_blocks = table.library_blocks.count;
@@ -556,9 +519,7 @@ Balance Balance::now() {
     sigset_t mask;
     pthread_sigmask(SIG_BLOCK, nullptr, &mask);
     for (int signal = 1; signal < NSIG; signal++) {
-        if (sigismember(&mask, signal) == 1) {
-            balance.blocked_signals |= 1ULL << (signal - 1);
-        }
+        if (sigismember(&mask, signal) == 1) balance.blocked_signals |= 1ULL << (signal - 1);
     }
     balance.descriptors = test::descriptors();
     return balance;
@@ -624,12 +585,6 @@ Pipe::Pipe() {
 Pipe::~Pipe() {
     close(ends_[0]);
     close(ends_[1]);
-}
-
-void Pipe::drain() const {
-    char bytes[256];
-    while (read(out(), bytes, sizeof bytes) > 0) {
-    }
 }
 
 void set_env(const char *name, const char *value) {

@@ -96,14 +96,6 @@ struct Record {
         return record;
     }
     CL_TrcHead head() const { return as<CL_TrcHead>(); }
-    template <class T>
-    T at(std::size_t offset) const {
-        T value{};
-        if (offset + sizeof value <= bytes.size()) {
-            memcpy(&value, bytes.data() + offset, sizeof value);
-        }
-        return value;
-    }
 };
 std::ostream &operator<<(std::ostream &out, const Record &record);
 
@@ -226,7 +218,6 @@ class Pipe {
     int out() const { return ends_[0]; }
     int in() const { return ends_[1]; }
     void fill(char byte = 'x') const { EXPECT_EQ(write(in(), &byte, 1), 1); }
-    void drain() const;
 
   private:
     int ends_[2];

@@ -18,10 +18,7 @@ namespace {
 
 using namespace dump_builder;
 using testing::AllOf;
-using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
 using testing::SizeIs;
 using trace_reader::DAMAGED;
 using trace_reader::FINE;
@@ -82,155 +79,29 @@ const trace_reader::Command &command(std::string_view name) {
     return *std::ranges::find(trace_reader::COMMANDS, name, &trace_reader::Command::name);
 }
 
-template <typename T>
-uint32_t with_path(T &record, std::string_view path) {
-    std::ranges::copy(path, record.path);
-    return static_cast<uint32_t>(offsetof(T, path) + path.size() + 8);
-}
-
-// Every operation once, beside what `show` is to say about it.
-struct Case {
-    std::function<void(Dump &)> write;
-    std::string_view line;
-};
-
-template <typename T>
-std::function<void(Dump &)> call(T record, uint8_t api, uint64_t result, uint32_t err = 0) {
-    return [=](Dump &d) { d.call(record, api, result, err); };
-}
-
-template <typename T>
-std::function<void(Dump &)> call_path(T record, std::string_view path, uint8_t api, uint64_t result,
-                                      uint32_t err = 0) {
-    const uint32_t length = path.data() ? with_path(record, path) : offsetof(T, path) + 7;
-    return [=](Dump &d) { d.call(record, api, result, err, length); };
-}
-
-std::vector<Case> every_operation() {
-    CL_TrcInit init{};
-    init.count = 2;
-    CL_TrcCreate create{};
-    create.kind = CL_KIND_END;
-    create.callback = 0x1000;
-    create.arg1 = 7;
-    auto add = on<CL_TrcAddList>(3);
-    add.priority = 12;
-    auto open = on<CL_TrcOpenServer>(0);
-    open.backlog = 5;
-    auto accept = on<CL_TrcAccept>(0);
-    accept.callback = 0x2000;
+// What is not in the Story below: a path that would write to the terminal, sets, unknown bits.
+TEST(Show, SaysHardRecordsInWords) {
+    Dump d(10, 200);
+    d.free_rest();
     auto connect = on<CL_TrcConnect>(1);
     connect.mode = CL_MODE_DEFERRED;
-    const CL_MsgHeader message{24, CL_MSG_VERSION, 77, 9};
-    auto receive = on<CL_TrcReceive>(1);
-    receive.capacity = 64;
-    receive.mode = CL_MODE_SYNC;
-    std::memcpy(receive.data, &message, sizeof message);
-    std::memcpy(receive.data + sizeof message, "ping\n\"\\\x80", 8);
-    auto send = on<CL_TrcSend>(1);
-    send.block_size = 64;
-    send.mode = CL_MODE_IMMEDIATE;
-    send.timeout = 3;
-    send.data_length = 64;
-    std::memcpy(send.data + CL_MSG_PREFIX_SIZE, &message, sizeof message);
-    std::memcpy(send.data + CL_MSG_PREFIX_SIZE + sizeof message, "pongpong", 8);
-    auto start = on<CL_TrcStartTimer>(2);
-    start.seconds = 5;
-    start.mode = CL_TIMER_PERIODIC;
-    CL_TrcOpenFile file{};
-    file.flags = 0x42;
-    file.mode = 0600;
-    auto data = on<CL_TrcFileData>(4);
-    data.buffer = 0x3000;
-    data.length = 3;
-    std::memcpy(data.data, "abcdef", 6);
-    auto seek = on<CL_TrcSeek>(4);
-    seek.offset = -9;
-    seek.whence = 2;
-    auto set = on<CL_TrcSetFd>(5);
+    std::strcpy(connect.path, "\x1b[31m");
+    d.call(connect, CL_API_CNCT_MSGC, 0, CL_ERR_IN_PROGRESS, offsetof(CL_TrcConnect, path) + 13);
+    auto set = on<CL_TrcSetFd>(0xffffff);
     set.count = 1024;
     for (const int fd : {0, 1, 2, 9})
         FD_SET(fd, &set.sets.read);
     FD_SET(1023, &set.sets.except);
-    const auto one = [](uint64_t slot) { return on<CL_TrcHandle>(slot); };
-    return {
-        {call_path(init, "/run/x", CL_API_INIT, 1), "CL_Init_M(count=2, path=\"/run/x\") = 1"},
-        {call(CL_TrcProcess{}, CL_API_LOOP, 0xffffffff, CL_ERR_QUEUE),
-         "CL_EventLoop_M() = 4294967295 QUEUE (MSGC:31)"},
-        {call(CL_TrcProcess{}, CL_API_END, 1, 9), "CL_End_M() = 1"},
-        {call(create, CL_API_CREATE_FD, Dump::handle(1)),
-         "CL_CreateFD_M(kind=END(ExecComp), callback=0x1000, arg1=0x7, arg2=0x0) = #1"},
-        {call(add, CL_API_ADD_LIST, 1), "CL_AddEventList_M(handle=#3, priority=12) = 1"},
-        {call(one(3), CL_API_DELETE_FD, 0, 9), "CL_DeleteFD_M(handle=#3) = 0 EBADF (MSGC:31)"},
-        {call(one(3), CL_API_DEL_LIST, 1), "CL_DelEventList_M(handle=#3) = 1"},
-        {call_path(open, {}, CL_API_OPEN_MSGS, 0, 14),
-         "CL_OpenMSGS_M(handle=#0, path=null, backlog=5) = 0 EFAULT (MSGC:31)"},
-        {call(accept, CL_API_ACCEPT_MSGS, Dump::handle(6)),
-         "CL_AcceptMSGS_M(handle=#0, callback=0x2000, arg1=0x0, arg2=0x0) = #6"},
-        {call(one(0), CL_API_CLOSE_MSGS, 1), "CL_CloseMSGS_M(handle=#0) = 1"},
-        {call_path(connect, "\x1b[31m", CL_API_CNCT_MSGC, 0, CL_ERR_IN_PROGRESS),
-         "CL_CnctMSGC_M(handle=#1, path=\"\\x1b[31m\", mode=DEFERRED, reserved=0) = 0 IN_PROGRESS "
-         "(MSGC:31)"},
-        {call(receive, CL_API_RECV_MSGC, 24),
-         "CL_RecvMSGC_M(handle=#1, buffer=0x0, capacity=64, mode=SYNC, timeout=0, "
-         "message={length=24, "
-         "sender=77, type=9, 70696e67 0a225c80 |ping.\"\\.|}) = 24"},
-        {call(send, CL_API_SEND_MSGC, UINT64_MAX, CL_ERR_STATE),
-         "CL_SendMSGC_M(handle=#1, block=0x0, block_size=64, mode=IMMEDIATE, timeout=3, "
-         "data_length=64, message={length=24, sender=77, type=9, 706f6e67 706f6e67 |pongpong|}) = "
-         "-1 "
-         "STATE (MSGC:31)"},
-        {call(on<CL_TrcDisconnect>(1), CL_API_DISC_MSGC, 1),
-         "CL_DiscMSGC_M(handle=#1, buffer_out=0x0, unsent_out=0x0) = 1"},
-        {call(start, CL_API_START_TIMER, 1),
-         "CL_StartTIMER_M(handle=#2, seconds=5, mode=PERIODIC) = 1"},
-        {call(one(0xffffff), CL_API_STOP_TIMER, 0, 9),
-         "CL_StopTIMER_M(handle=0x7f03481ffcd8) = 0 EBADF (MSGC:31)"},
-        {call_path(file, "f", CL_API_OPEN_FILE, Dump::handle(4)),
-         "CL_OpenFile_M(path=\"f\", flags=0x42, mode=0x180) = #4"},
-        {call(one(4), CL_API_CLOSE_FILE, 1), "CL_CloseFile_M(handle=#4) = 1"},
-        {call(data, CL_API_WRITE_FILE, UINT64_MAX, 28),
-         "CL_WriteFile_M(handle=#4, buffer=0x3000, length=3, data=616263 |abc|) = -1 ENOSPC "
-         "(MSGC:31)"},
-        {call(data, CL_API_READ_FILE, 2),
-         "CL_ReadFile_M(handle=#4, buffer=0x3000, length=3, data=6162 |ab|) = 2"},
-        {call(on<CL_TrcFlush>(4), CL_API_FLUSH_FILE, 0), "CL_FlushFile_M(handle=#4) = 0"},
-        {call(seek, CL_API_SEEK_FILE, 1), "CL_SeekFile_M(handle=#4, offset=-9, whence=2) = 1"},
-        {call_path(CL_TrcDeleteFile{}, "", CL_API_DELETE_FILE, 0, 999),
-         "CL_DeleteFile_M(path=\"\") = 0 999 (MSGC:31)"},
-        {call(one(6), CL_API_MAP_SHM, 0x5000), "CL_MapSHM_M(handle=#6) = 0x5000"},
-        {call(one(6), CL_API_UNMAP_SHM, 1), "CL_UnmapSHM_M(handle=#6) = 1"},
-        {call(one(6), CL_API_CLOSE_SHM, 1), "CL_CloseSHM_M(handle=#6) = 1"},
-        {call(set, CL_API_SET_FD, 1),
-         "CL_SetFD_M(handle=#5, count=1024, sets=read 0-2,9 except 1023) = 1"},
-        {call(one(7), CL_API_SET_THREAD, 1), "CL_SetThreadFd_M(handle=#7) = 1"},
-        {[](Dump &d) { d.status(2, CL_STATUS_READY, CL_STATUS_READY | 0x80, 0x107, 0x04); },
-         "status #2: READY -> READY|0x80, CONNECT_PENDING|RECV_PENDING|SEND_PENDING -> 0x4"},
-    };
-}
-
-TEST(Show, SaysEveryOperationInWords) {
-    const auto cases = every_operation();
-    Dump d(10, 200);
-    d.free_rest();
-    for (const Case &c : cases)
-        c.write(d);
+    d.call(set, CL_API_SET_FD, 1);
+    d.status(2, CL_STATUS_READY, CL_STATUS_READY | 0x80, 0x107, 0x04);
     const Result result = tool({"show", "FILE"}, {d.file()});
     EXPECT_EQ(result.status, FINE) << result.err;
-    const auto shown = lines(result.out);
-    ASSERT_EQ(shown.size(), cases.size() + 1);  // and the date
-    for (size_t i = 0; i < cases.size(); ++i) {
-        const std::string &line = shown[i + 1];
-        EXPECT_EQ(line.substr(27, line.find("  server.c:") - 27), cases[i].line);
-    }
-    std::vector<bool> covered(256);
-    for (const std::string &line : shown)
-        for (const auto &operation : trace_reader::operations())
-            if (line.find(std::string(operation.name) + "(") != std::string::npos)
-                covered[operation.api] = true;
-    covered[CL_API_CALLBACK] = covered[CL_API_STATUS] = true;
-    for (const auto &operation : trace_reader::operations())
-        EXPECT_TRUE(covered[operation.api]) << operation.name;
+    for (const std::string_view text :
+         {"CL_CnctMSGC_M(handle=#1, path=\"\\x1b[31m\", mode=DEFERRED, reserved=0) = 0 "
+          "IN_PROGRESS ",
+          "CL_SetFD_M(handle=0x7f03481ffcd8, count=1024, sets=read 0-2,9 except 1023) = 1",
+          "status #2: READY -> READY|0x80, CONNECT_PENDING|RECV_PENDING|SEND_PENDING -> 0x4"})
+        EXPECT_THAT(result.out, HasSubstr(text));
 }
 
 TEST(Show, NestsWhatHappenedInsideACall) {
@@ -282,19 +153,13 @@ TEST(Show, ChoosesLines) {
         {{}, 8, "status #3"},
         {{"--api", "eventl"}, 2, "CL_DelEventList_M"},
         {{"--api=65", "--api", "0xff"}, 3, "status #3"},
-        {{"--handle", "#2"}, 2, "CL_StartTIMER_M"},
         {{"--handle", "0x7f0000200368"}, 2, "callback MESSAGE"},
         {{"--failures"}, 2, "CL_StartTIMER_M"},
-        {{"--slower", "30us"}, 1, "callback MESSAGE"},
         {{"--slower=0.02ms"}, 2, "callback MESSAGE"},
         {{"--since", "14:13:20.000060"}, 2, "user record"},
         {{"--until", "2026-09-21 14:13:20.00002"}, 3, "status #3"},
-        {{"--since", "14:14"}, 0, ""},
-        {{"--ring", "user"}, 1, "user record"},
-        {{"--ring", "library"}, 7, "status #3"},
         {{"--last", "2", "--failures"}, 2, "CL_StartTIMER_M"},
         {{"--last=1", "--handle=1"}, 1, "callback DISCONNECT"},
-        {{"--last=0"}, 0, ""},
     };
     for (const auto &[options, count, first] : cases) {
         std::vector<std::string> words{"show"};
@@ -347,95 +212,6 @@ TEST(Show, WalksRingsThatWrapped) {
     }
 }
 
-TEST(Tables, TellWhatEveryObjectIsAndWaitsFor) {
-    Dump d(10, 4);
-    d.main.log_ready = 1;
-    std::strcpy(d.main.log_name, "daemon");
-    d.main.execs = pointer<CL_Object *>(Dump::handle(1));
-    FD_SET(7, &d.main.sets.read);
-    const auto listed = CL_STATUS_READY | CL_STATUS_LISTED;
-    const auto put = [&](uint64_t slot, uint32_t kind, uint32_t status,
-                         CL_Queue *queue) -> CL_Object & {
-        auto &object = d.create(slot, kind, status);
-        if (queue) d.list(*queue, slot);
-        return object;
-    };
-    std::strcpy(put(1, CL_KIND_EXECS, listed, &d.main.priority_list).server.address.sun_path, "/x");
-    auto &client = put(2, CL_KIND_MSGC, listed, &d.main.priority_list);
-    std::strcpy(client.connection.address.sun_path, "/run/\n");
-    client.sub_status = CL_SUB_CONNECT_PENDING;
-    put(3, CL_KIND_END, listed, &d.main.pending_list);
-    auto &child = put(4, CL_KIND_CHILD, listed, &d.main.child_list);
-    child.child.pid = 321;
-    child.sub_status = CL_SUB_EXEC_AWAITED;
-    d.list(d.main.exec_wait_list, 4);
-    FD_SET(9, &put(5, CL_KIND_FD, listed, &d.main.priority_list).user.sets.write);
-    put(6, CL_KIND_THREAD, listed, &d.main.thread_list);
-    put(7, CL_KIND_TIMER, CL_STATUS_RUNNING, &d.main.timer_list).remaining = CL_TIMER_DUE;
-    auto &memory = put(8, CL_KIND_SHM, CL_STATUS_READY, nullptr);
-    std::strcpy(memory.memory.name, "/seg");
-    memory.memory.size = 4096;
-    memory.memory.address = pointer<void *>(0x9000);
-    std::strcpy(put(9, CL_KIND_FILE, CL_STATUS_READY, nullptr).file.path, "/etc/x");
-    d.free_rest();
-    d.objects[0].deleted_before = {
-        {'s', 'i', 'x', 't', 'e', 'e', 'n', '_', 'c', 'h', 'a', 'r', 's', '.', '.', 'c'},
-        3,
-        0,
-        START,
-        5};
-    File file = d.file("why this dump");
-    append(file, "application", 11);
-    const Result brief = tool({"tables", "FILE"}, {file});
-    const Result all = tool({"tables", "--all", "FILE"}, {file});
-    EXPECT_EQ(brief.status, FINE) << brief.err;
-    for (const std::string_view text :
-         {"header text         \"why this dump\"\n",
-          "application's       11 bytes at offset ",
-          "execs               #1\n",
-          "sets                read 7\n",
-          "version             1.1.0\n",
-          "state               INITIALISED\n",
-          "log_name            \"daemon\"\n",
-          "priority list       3 #1 #2 #5\n",
-          "pending list        1 #3\n",
-          "exec wait list      1 #4\n",
-          "free queue          11\n",
-          "CHILD               1 #4\n",
-          "#1 0x7f0000200368 EXECS  READY|LISTED  priority 0  descriptor -1\n"
-          "    waits for connections at \"/x\"\n",
-          "waits for the connection to \"/run/\\x0a\"\n",
-          "END(ExecComp)  READY|LISTED",
-          "waits for the end of process 321, its report that it is up\n",
-          "waits for descriptors write 9\n",
-          "waits for a wake-up\n",
-          "    is due\n",
-          "segment \"/seg\" of 4096 bytes, mapped at 0x9000\n",
-          "file \"/etc/x\"\n",
-          "created 2026-09-21 14:13:20.000009  server.c:49\n"})
-        EXPECT_THAT(brief.out, HasSubstr(text));
-    EXPECT_THAT(brief.out, Not(HasSubstr("#0 ")));
-    EXPECT_THAT(
-        all.out,
-        AllOf(HasSubstr("#0 0x7f0000200020 free\n"), HasSubstr("free queue          11 #0 #10 #11"),
-              HasSubstr("deleted before 2026-09-21 14:13:20.000005  sixteen_chars..c:3\n")));
-}
-
-TEST(Report, CountsAndTimes) {
-    const Result result = tool({"report", "FILE"}, {Story(20).file()});
-    EXPECT_EQ(result.status, FINE) << result.err;
-    for (const std::string_view text :
-         {"10 records, 2 status changes, 1 of the application, 2026-09-21 14:13:20.000000 to "
-          "14:13:20.000080 (80us)\n",
-          "longest gap between two iterations that called back: 10us, from 14:13:20.000020\n",
-          "callback MESSAGE                     1         0      40us      40us      40us\n",
-          "CL_StartTIMER_M                      1         1      20us      20us      20us\n",
-          "CL_EventLoop_M                       1         0         -         -         -\n",
-          "#1 MSGC                              2         1      40us      40us      40us\n",
-          "slowest callbacks\n      40us  14:13:20.000030  callback MESSAGE #1 MSGC\n"})
-        EXPECT_THAT(result.out, HasSubstr(text));
-}
-
 TEST(Report, TakesPercentilesByNearestRank) {
     Dump d(0, 1000);
     d.free_rest();
@@ -445,33 +221,6 @@ TEST(Report, TakesPercentilesByNearestRank) {
         tool({"report", "FILE"}, {d.file()}).out,
         HasSubstr(
             "CL_StopTIMER_M                     200         0     100us     198us     200us"));
-}
-
-// The loop is older than the trace, so callbacks outside of calls are its. What happens between
-// them (a change of status, a call that the library makes) does not end the gap, a call of the
-// application's does: the loop had returned by then.
-TEST(Report, FindsTheLongestGapOfALoop) {
-    for (const bool returned : {false, true}) {
-        Dump d(0, 50);
-        d.free_rest();
-        const auto callback = [&](uint64_t after) {
-            d.now += after;
-            d.record(on<CL_TrcCallback>(1), CL_API_CALLBACK, 0, CL_MARK_CALLBACK_ENTRY);
-            d.call(on<CL_TrcHandle>(2), CL_API_STOP_TIMER, 1);
-            d.record(on<CL_TrcCallback>(1), CL_API_CALLBACK, 1, CL_MARK_CALLBACK_EXIT);
-        };
-        callback(0);
-        callback(300);
-        auto stop = on<CL_TrcHandle>(2);
-        stop.head.caller = returned ? 0 : 1;
-        d.call(stop, CL_API_STOP_TIMER, 1);
-        d.status(2, 1, 0);
-        callback(500);
-        const Result result = tool({"report", "FILE"}, {d.file()});
-        EXPECT_THAT(result.out, HasSubstr(std::string("called back: ") +
-                                          (returned ? "310us, from 14:13:20.000040\n"
-                                                    : "540us, from 14:13:20.000380\n")));
-    }
 }
 
 // Strict JSON: true when the whole text is one value.
@@ -522,29 +271,21 @@ class Json {
 
 TEST(Export, IsATimelineInStrictJson) {
     ASSERT_TRUE(Json(R"({"a":[1,"\u00ff\"",{}],"b":[]})").valid());
-    for (const std::string_view bad :
-         {"", "{", "[1,]", "{\"a\"}", "[01]", "\"\x80\"", "\"\\x\"", "{} 1"})
+    for (const std::string_view bad : {"{", "[1,]", "[01]", "\"\x80\""})
         ASSERT_FALSE(Json(bad).valid()) << bad;
     const Result result = tool({"export", "--json", "FILE"}, {Story(20).file()});
     EXPECT_EQ(result.status, FINE) << result.err;
     EXPECT_TRUE(Json(result.out).valid()) << result.out;
     for (
         const std::string_view text :
-        {R"("tid":4,"ts":1790000000000000,"dur":10,"name":"CL_DelEventList_M",)",
-         R"({"ph":"X","pid":4242,"tid":0,"ts":1790000000000020,"dur":60,"name":"CL_EventLoop_M",)",
-         R"({"ph":"X","pid":4242,"tid":2,"ts":1790000000000030,"dur":40,"name":"callback MESSAGE",)",
+        {R"({"ph":"X","pid":4242,"tid":0,"ts":1790000000000020,"dur":60,"name":"CL_EventLoop_M",)",
          R"({"ph":"X","pid":4242,"tid":3,"ts":1790000000000040,"dur":20,"name":"! CL_StartTIMER_M",)",
-         R"("cat":"error","cname":"terrible","args":{"handle":"#2","seconds":"0","mode":"ONESHOT",)",
-         R"json("result":"0 EBADF (MSGC:31)","position":"server.c:7"}})json",
-         R"({"ph":"i","pid":4242,"tid":3,"ts":1790000000000050,"s":"t","name":"status")",
-         R"("tid":2,"name":"thread_name","args":{"name":"#1 MSGC"}})",
          R"("result":"not finished")"})
         EXPECT_THAT(result.out, HasSubstr(text));
 }
 
 TEST(Diff, FindsTheFirstDifferenceAndMasksWhatAlwaysDiffers) {
-    const auto story = [](uint64_t handle_shift, uint32_t sender, uint64_t buffer,
-                          uint32_t seconds) {
+    const auto story = [](uint32_t sender, uint64_t buffer, uint32_t seconds) {
         Dump d(0, 20);
         d.now += sender;
         auto send = on<CL_TrcSend>(0);
@@ -557,28 +298,21 @@ TEST(Diff, FindsTheFirstDifferenceAndMasksWhatAlwaysDiffers) {
         create.callback = create.arg1 = buffer;
         d.call(create, CL_API_CREATE_FD, Dump::handle(1));
         auto start = on<CL_TrcStartTimer>(1);
-        start.handle += handle_shift;
         start.seconds = seconds;
         d.call(start, CL_API_START_TIMER, 1);
         d.free_rest();
         return d.file();
     };
-    const File a = story(0, 1, 0x7fff00001000, 5);
-    const Result same = tool({"diff", "FILE", "FILE"}, {a, story(0, 2, 0x7fff00002000, 5)});
+    const File a = story(1, 0x7fff00001000, 5);
+    const Result same = tool({"diff", "FILE", "FILE"}, {a, story(2, 0x7fff00002000, 5)});
     EXPECT_EQ(same.status, FINE);
     EXPECT_EQ(same.out, "library ring: the same 6 records\nuser ring: the same 0 records\n");
-    const Result other = tool({"diff", "FILE", "FILE"}, {a, story(0, 1, 0x7fff00003000, 6)});
+    const Result other = tool({"diff", "FILE", "FILE"}, {a, story(1, 0x7fff00003000, 6)});
     EXPECT_EQ(other.status, DAMAGED);
     EXPECT_THAT(other.out, HasSubstr("library ring: the same 4 records, then a difference\n"));
     EXPECT_THAT(other.out,
                 HasSubstr("\n- -> CL_StartTIMER_M(handle=#1, seconds=5, mode=0)  server.c:7\n"
                           "+ -> CL_StartTIMER_M(handle=#1, seconds=6, mode=0)  server.c:7\n"));
-    const Result slot =
-        tool({"diff", "FILE", "FILE"}, {a, story(sizeof(CL_Object), 1, 0x7fff00003000, 5)});
-    EXPECT_THAT(slot.out, HasSubstr("+ -> CL_StartTIMER_M(handle=#2, seconds=5"));
-    const Result shorter = tool({"diff", "FILE", "FILE"}, {Story(20).file(), Dump(0, 20).file()});
-    EXPECT_THAT(shorter.out,
-                HasSubstr("- status #3: LISTED -> 0  server.c:7\n+ end of the trace\n"));
 }
 
 // Damage of every sort, and what is said about it.
@@ -587,51 +321,21 @@ TEST(Check, NamesTheDamage) {
         std::function<void(Story &)> damage;
         std::string_view message;
     } cases[] = {
-        {[](Story &d) { d.main.header.size = 1; }, "***CL_MAIN*** of 1 bytes by its header, 2232"},
         {[](Story &d) { d.main.header.eye[0] = '!'; }, "bytes that are no block"},
-        {[](Story &d) { d.main.state = 9; }, "state 9"},
-        {[](Story &d) { d.main.version = 0x02000000; }, "a dump of version 2.0.0"},
-        {[](Story &d) { d.main.capacity = UINT32_MAX; }, "4294967295 objects are more than"},
-        {[](Story &d) { d.main.requested = 1; }, "10 objects, 1 were asked for"},
-        {[](Story &d) { d.main.library_ring = nullptr; },
-         "another address than that of ***CL_LIBTRC***"},
-        {[](Story &d) { d.main.loop_cursor = pointer<CL_Object *>(8); },
-         "the address of no object"},
         {[](Story &d) { d.main.used_queue.count = 2; },
          "used queue: 2 elements by its head, 3 on the chain"},
-        {[](Story &d) { d.main.free_queue.link_offset = 24; },
-         "free queue: links at 24 instead of 0"},
-        {[](Story &d) { d.main.timer_list.head = pointer<void *>(1); },
-         "timer list: leads to an address"},
         {[](Story &d) { d.objects[2].link.next = pointer<void *>(Dump::handle(0)); },
          "used queue: a circle"},
-        {[](Story &d) { d.objects[1].link.owner = nullptr; },
-         "used queue: the link of #1 leads elsewhere"},
-        {[](Story &d) { d.objects[1].kind_link.previous = pointer<void *>(1); },
-         "MSGC: the link of #1"},
-        {[](Story &d) { d.objects[1].own_address = 1; }, "#1 has another address"},
-        {[](Story &d) { d.objects[1].kind = 5; }, "#1 is of kind 5"},
         {[](Story &d) { d.objects[1].kind = CL_KIND_FD; }, "#1 is on the queue of another kind"},
-        {[](Story &d) { d.objects[1].status = 1; }, "#1 is listed, its status says otherwise"},
-        {[](Story &d) { d.objects[2].status = 0; }, "#2 is timed, its status"},
         {[](Story &d) { d.main.free_queue = {}; }, "#3 is neither free nor used"},
-        {[](Story &d) { d.library.head.header.size = UINT64_MAX; },
-         "***CL_LIBTRC*** of 18446744073709551615 bytes"},
         {[](Story &d) { d.library.head.entry_count = UINT32_MAX; },
-         "***CL_LIBTRC*** of 4312 bytes by its header"},
-        {[](Story &d) { d.library.head.entry_size = UINT32_MAX; },
          "***CL_LIBTRC*** of 4312 bytes by its header"},
         {[](Story &d) { d.library.head.entry_size = 0; }, "a ring of 20 entries of 0 bytes"},
         {[](Story &d) { d.library.head.oldest = 20; }, "ring indexes oldest 20, next 10"},
-        {[](Story &d) { d.library.head.wrapped = 2; }, "wrapped 2"},
-        {[](Story &d) { d.library.entries[3][0] = 3; }, "no record begins in this entry"},
-        {[](Story &d) { d.library.entries[2][4] = 200; }, "no record begins in this entry"},
         {[](Story &d) { d.library.entries[0][8 + 24] = 250; },
          "a record of 250 bytes in 1 entries of 192"},
         {[](Story &d) { d.library.entries[1][8 + 24] = 105; },
          "CL_DelEventList_M: a record of 105 bytes"},
-        {[](Story &d) { d.library.entries[0][8 + 28] = 3; },
-         "a record of no known operation, API 3"},
     };
     EXPECT_EQ(tool(command("check"), Story(20).file("x")).err, "");
     for (const auto &[damage, message] : cases) {
@@ -676,11 +380,8 @@ TEST_P(Flips, AreSurvived) {
     };
     for (const size_t block : {story.ring_at, story.user_at, story.main_at, story.table_at})
         mark(block, sizeof(CL_TableHeader));
-    for (const auto &[at, ring] :
-         {std::pair(story.ring_at, &story.library), {story.user_at, &story.records}}) {
-        mark(at + offsetof(CL_TraceRing, entry_size), sizeof(uint32_t) * 4);
-        (void)ring;
-    }
+    for (const size_t ring : {story.ring_at, story.user_at})
+        mark(ring + offsetof(CL_TraceRing, entry_size), sizeof(uint32_t) * 4);
     mark(story.main_at + offsetof(CL_MainBlock, version), 4);
     mark(story.main_at + offsetof(CL_MainBlock, capacity), 8);
     mark(story.main_at + offsetof(CL_MainBlock, free_queue),
@@ -708,16 +409,6 @@ TEST_P(Flips, AreSurvived) {
 }
 INSTANTIATE_TEST_SUITE_P(Quarters, Flips, testing::Range<size_t>(0, 4));
 
-TEST(HeaderText, OfEveryLengthIsPassed) {
-    for (const size_t length : {0u, 1u, 13u, 14u, 15u, 16u, 17u, 31u, 32u, 200000u}) {
-        const std::string text(length, 'x');
-        const Result result = tool(command("tables"), Story(20).file(text));
-        EXPECT_EQ(result.status, FINE) << length << result.err;
-        EXPECT_EQ(result.out.find("header text         \"" + text + "\"\n") != std::string::npos,
-                  length > 0);
-    }
-}
-
 TEST(CommandLine, RefusesWhatItDoesNotUnderstand) {
     const struct {
         std::vector<std::string> words;
@@ -725,22 +416,12 @@ TEST(CommandLine, RefusesWhatItDoesNotUnderstand) {
         std::string_view said;
     } cases[] = {
         {{"--help"}, FINE, "usage: qvcl-trace COMMAND"},
-        {{"show", "--help"}, FINE, "--failures"},
-        {{"--version"}, FINE, "qvcl-trace 1.1.0\n"},
-        {{}, USAGE, "no command"},
         {{"frobnicate", "FILE"}, USAGE, "no such command: frobnicate"},
-        {{"show"}, USAGE, "one file is needed"},
-        {{"diff", "FILE"}, USAGE, "two files are needed"},
         {{"check", "/nonexistent/x"}, USAGE, "/nonexistent/x: No such file or directory"},
-        {{"check", "/tmp"}, USAGE, "/tmp: Is a directory"},
         {{"check", "/dev/null"}, DAMAGED, "offset 0: no block of a dump in this file"},
-        {{"show", "--nonsense", "FILE"}, USAGE, "--nonsense"},
         {{"tables", "--failures", "FILE"}, USAGE, "not an option of this command: --failures"},
         {{"show", "--since", "later", "FILE"}, USAGE, "later"},
         {{"show", "--slower=3h", "FILE"}, USAGE, "3h"},
-        {{"show", "--api=nothing", "FILE"}, USAGE, "nothing"},
-        {{"show", "--handle=#x", "FILE"}, USAGE, "#x"},
-        {{"show", "--ring=other", "FILE"}, USAGE, "other"},
         {{"show", "--last"}, USAGE, "--last"},
     };
     for (const auto &[words, status, said] : cases) {
