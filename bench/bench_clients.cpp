@@ -51,8 +51,15 @@ class Clients {
         while (fds_.size() < kClients)
             fds_.push_back(bench::connect_to(path_));
     }
+    // Each waits until the server has let it go: the server's descriptors are limited.
     void leave() {
-        std::for_each(fds_.begin(), fds_.end(), close);
+        for (const int fd : fds_)
+            shutdown(fd, SHUT_WR);
+        for (const int fd : fds_) {
+            char nothing;
+            bench::check(recv(fd, &nothing, 1, 0) == 0, "leave");
+            close(fd);
+        }
         fds_.clear();
     }
     static void send_to(int fd) {
@@ -185,12 +192,6 @@ constexpr Transport kBare = {"pselect", serve_bare, connect_clients};
 
 // ---------------------------------------------------------------- what is asked
 
-// The server is given the time to see that all have left: its descriptors are limited.
-void leave(bench::Link &link) {
-    link.run({Order::leave, 0, 1});
-    usleep(20'000);
-}
-
 bench::Comparison clients(Order::Shape shape, const bench::Placement &placement) {
     bench::Comparison comparison;
     // Times are those of one message. Nobody joins twice.
@@ -199,7 +200,7 @@ bench::Comparison clients(Order::Shape shape, const bench::Placement &placement)
     for (const Transport *transport : {&kLibrary, &kBare}) {
         auto link = std::make_shared<bench::Link>(*transport, placement);
         comparison.sides.push_back({transport->name, [link, shape, messages](size_t n) {
-                                        if (shape == Order::join) leave(*link);
+                                        if (shape == Order::join) link->run({Order::leave, 0, 1});
                                         return link->run({shape, kPayload, n}) / messages;
                                     }});
     }

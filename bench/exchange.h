@@ -91,7 +91,12 @@ class Link {
         check(page != MAP_FAILED, "mmap");
         counter_ = new (page) std::atomic<uint64_t>(0);
         check(socketpair(AF_UNIX, SOCK_STREAM, 0, channel_) == 0, "socketpair");
-        server_ = start(placement.server, [&] { transport.serve(path_, [this] { answer(0.0); }); });
+        server_ = start(placement.server, [&] {
+            transport.serve(path_, [this] {
+                answer(0.0);
+                close(channel_[1]);  // or nobody would notice the end of the client
+            });
+        });
         ask<double>();
         client_ = start(placement.client, [&] {
             const auto run = transport.connect(path_);
