@@ -125,10 +125,6 @@ int Plan::hits() const {
     return running->hits;
 }
 
-void Plan::forget_calls() {
-    running->calls.clear();
-}
-
 void set_uptime(long seconds) {
     uptime = seconds;
 }

@@ -65,7 +65,6 @@ class Plan {
     int count(std::string_view call) const;
     /* Calls that a fault of this plan changed. */
     int hits() const;
-    void forget_calls();
 };
 
 /* Every function that a plan can reach. */

@@ -13,7 +13,7 @@
  *   send, mode 1, length returned  the call returns
  *   send, mode 1, -1               the call returns, but after a time-out (110), a failed wait or
  *                                  an end request (4): the block stays queued until disconnect
- *                                  (unsentOut)
+ *                                  (unsentOut); never when the time limit could not start
  *   send, mode 2, length returned  the call returns; no event follows
  *   send, -1 and in progress       CL_EVENT_SENT (data), CL_EVENT_DISCONNECT (queue, during the
  *                                  callback), or disconnect (unsentOut)
