@@ -120,7 +120,7 @@ struct Loop {
         sigemptyset(&set);
         for (const int signal : Policy::signals)
             sigaddset(&set, signal);
-        CL_FdSets built;
+        BuiltSets built = {};
         uint32_t result = 0;
         while (result == 0)
             result = iterate(&set, &built, &own);
@@ -177,13 +177,13 @@ struct Loop {
     }
 
     // One iteration. `built` keeps the sets of the last one for as long as the order is known.
-    static uint32_t iterate(const sigset_t *set, CL_FdSets *built, CL_ErrInfo *err) {
+    static uint32_t iterate(const sigset_t *set, BuiltSets *built, CL_ErrInfo *err) {
         CL_MainBlock &main = *CL_MainTable;
         if (order_known()) {
-            main.sets = *built;
+            main.sets = built->sets;
         } else {
             if (const uint32_t result = cl_fdmake(err)) return result;
-            *built = main.sets;
+            *built = built_sets();
         }
         sigset_t saved;
         const uint32_t bits = sigcheck(0, set, &saved, err);
@@ -198,8 +198,8 @@ struct Loop {
         // The wait is open to the loop's signals even when the application had blocked them.
         for (const int signal : Policy::signals)
             sigdelset(&saved, signal);
-        const int ready = pselect(main.descriptor_count, &main.sets.read, &main.sets.write,
-                                  &main.sets.except, nullptr, &saved);
+        const int ready = pselect(main.descriptor_count, built->given[0], built->given[1],
+                                  built->given[2], nullptr, &saved);
         const int code = errno;
         main.timer_dispatched = 0;
         Policy::mask(SIG_UNBLOCK, set, nullptr);

@@ -33,6 +33,25 @@ inline bool in_one_word(const CL_Watch &watch) {
     return watch.end_word == watch.first_word + 1;
 }
 
+// The loop's sets as the objects made them, and how the wait is given them: an empty set is left
+// out, because the kernel takes as long over it as over a full one.
+struct BuiltSets {
+    CL_FdSets sets;
+    fd_set *given[3];
+};
+
+inline BuiltSets built_sets() {
+    CL_FdSets &sets = CL_MainTable->sets;
+    BuiltSets built = {sets, {}};
+    for (uint32_t s = 0; s < 3; ++s) {
+        uint64_t any = 0;
+        for (uint32_t w = 0; w < kSetWords; ++w)
+            any |= words(sets.*kSets[s])[w];
+        if (any != 0) built.given[s] = &(sets.*kSets[s]);
+    }
+    return built;
+}
+
 // Adds one descriptor to the loop's sets, and to what is remembered of the object.
 inline void watch_descriptor(CL_Object *object, bool reading, bool writing) {
     CL_MainBlock &main = *CL_MainTable;
