@@ -77,15 +77,15 @@ QVCL_API uint32_t cl_discmsgc(CL_Object *client, uint64_t *receiveBufferOut, CL_
                               CL_ErrInfo *err, uint8_t callerFlag, const char *file, uint32_t line);
 
 /* The loop's step before the wait: adds to the sets. 0, or 9 when the object cannot take part; its
- * error record says why.
- * Errors: 9 (not connected, or failed), 24 (descriptor beyond the sets). */
+ * error record says why: 9 not connected or failed, 24 descriptor beyond the sets.
+ * Errors: 9 (cannot take part). */
 QVCL_API uint32_t cl_MakeListMSGC_M(CL_Object *client);
 /* The loop's step after the wait. 0, or the value that ends the loop.
  * Errors: CL_ERR_QUEUE (ready for what nobody waits for). */
 QVCL_API uint32_t cl_CheckMSGC_M(CL_Object *client, CL_ErrInfo *err);
 
 /* Release of MSGC, END(ExecComp) and EXECC objects: disconnects when connected. 1, or 0.
- * Errors: CL_ERR_STATE, CL_ERR_QUEUE, errno (close). */
+ * Errors: CL_ERR_STATE, errno (close). */
 QVCL_API uint32_t cl_DeleteMSGC_M(CL_Object *client, CL_ErrInfo *err);
 
 QVCL_END

@@ -45,8 +45,8 @@ QVCL_API uint32_t CL_CloseMSGS_M(CL_Object *server, CL_ErrInfo *err, uint8_t cal
 QVCL_API uint32_t cl_closemsgs(CL_Object *server, CL_ErrInfo *err, uint8_t callerFlag);
 
 /* The loop's step before the wait: adds to the sets. 0, or 9 when the object cannot take part; its
- * error record says why.
- * Errors: 9 (not open), 24 (descriptor beyond the sets). */
+ * error record says why: 9 not open, 24 descriptor beyond the sets.
+ * Errors: 9 (cannot take part). */
 QVCL_API uint32_t cl_MakeListMSGS_M(CL_Object *server);
 /* The loop's step after the wait. 0, or the callback's result. */
 QVCL_API uint32_t cl_CheckMSGS_M(CL_Object *server);
