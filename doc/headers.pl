@@ -4,6 +4,9 @@
 #   headers.pl man DIR OVERVIEW HEADER...   DIR/qvcl_NAME.3 for every header that declares functions;
 #                                           the date is that of the page OVERVIEW
 #   headers.pl errors HEADER...             "FUNCTION CODE" for every documented error
+#   headers.pl calls HEADER...              CALL(RESULT, FUNCTION, (PARAMETERS), (ARGUMENTS), CODE,
+#                                           ERRORS) for every function with documented errors: CODE
+#                                           is where it leaves one, ERRORS is ERROR(CODE, VALUE)...
 #
 # A header opens with a comment about the whole. Then come blocks, separated by blank lines: a
 # comment and what it is about. A comment further down in a block is about the next declaration
@@ -169,6 +172,23 @@ sub print_errors {
     }
 }
 
+sub print_calls {
+    for my $header (map { read_header($_) } @_) {
+        for my $item (grep { $_->{functions} } @{ $header->{items} }) {
+            my ($text, $errors) = split_errors($item, $header->{name});
+            my $list = join ' ', map { "ERROR(\"$_\", " . ($_ eq 'errno' ? 0 : $_) . ')' }
+                map { $_->[0] } @$errors;
+            for my $function (grep { @$errors && !is_worker($_, $item) } @{ $item->{functions} }) {
+                my @parameters = grep { $_ ne 'void' } @{ $function->{arguments} };
+                my @names = map { /\(\*(\w+)\)/ || /(\w+)$/ ? $1 : die "$_: no name\n" } @parameters;
+                printf "CALL(%s, %s, (%s), (%s), %s, %s)\n", $function->{type}, $function->{name},
+                    join(', ', @parameters), join(', ', @names),
+                    (grep { $_ eq 'err' } @names) ? 'err' : 'result', $list;
+            }
+        }
+    }
+}
+
 # ------------------------------------------------------------------------------------ manual pages
 
 sub escaped {
@@ -298,6 +318,6 @@ sub write_pages {
     }
 }
 
-my %modes = (man => \&write_pages, errors => \&print_errors);
-my $mode = $modes{ shift // '' } or die "usage: headers.pl man DIR OVERVIEW HEADER... | errors HEADER...\n";
+my %modes = (man => \&write_pages, errors => \&print_errors, calls => \&print_calls);
+my $mode = $modes{ shift // '' } or die "usage: headers.pl man DIR OVERVIEW HEADER... | errors|calls HEADER...\n";
 $mode->(@ARGV);

@@ -30,10 +30,18 @@ build() {
     fi
 }
 
+# Where the release run's tests note the errors that they produce; scripts/produced looks at it.
+produced_file() { echo "$PWD/build/release/produced"; }
+
 # run_tests PRESET [CTEST_ARGUMENT...]: on a terminal one line that moves, else failures and summary.
 run_tests() {
     local preset=$1
     shift
+    if [[ $preset == release ]]; then
+        rm -f "$(produced_file)"
+        QVCL_PRODUCED=$(produced_file)
+        export QVCL_PRODUCED
+    fi
     if [[ -t 1 ]]; then
         ctest --preset "$preset" --progress "$@"
     else

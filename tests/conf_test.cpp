@@ -223,6 +223,15 @@ TEST_F(Conf, LookUpsFillNoMoreThanTheirRoom) {
             EXPECT_EQ(std::string(value, 7), std::string(expected, 7)) << row.value << size;
         }
     }
+    /* A cursor into the other section, or of the section that is walked. */
+    CL_ConfSection *net = nullptr, *other = nullptr;
+    ASSERT_EQ(CL_GetSectionIndex(&conf, "net", &net), 0u);
+    ASSERT_EQ(CL_GetSectionIndex(&conf, "Net", &other), 0u);
+    char key[7], value[7];
+    auto *foreign = static_cast<CL_ConfMember *>(other->members.head);
+    EXPECT_EQ(CL_EnumMember(net, key, 7, value, 7, &line, &foreign), 12u);
+    auto *member = reinterpret_cast<CL_ConfSection *>(net->members.head);
+    EXPECT_EQ(CL_EnumSection(&conf, key, 7, &line, &member), 12u);
     EXPECT_EQ(CL_FreeConf(&conf), 1u);
 }
 

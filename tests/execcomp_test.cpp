@@ -357,6 +357,20 @@ TEST_F(Started, ASynchronousTransferIsInterruptedByTheEndOnlyWhenAsked) {
     EXPECT_EQ(receive(), 99);
     EXPECT_EQ(err.err, 4u);
     EXPECT_EQ(ends.size(), 2u);
+
+    /* A starter that breaks the rules is lost, like one that is gone. */
+    for (const std::string &broken : {message(21, 2), message(0, 2), std::string()}) {
+        EXPECT_EQ(CL_DeleteFD_M(end, &err, 1, "test", 1), 1u) << err;
+        connection = report(1);
+        connection.say(broken);
+        if (broken.empty()) {
+            EXPECT_EQ(write(end->descriptor, "unread", 6), 6); /* so that the close is a reset */
+            connection.close();
+        }
+        EXPECT_EQ(receive(), 99);
+        EXPECT_EQ(err.err, 4u);
+    }
+    EXPECT_EQ(ends.size(), 5u);
     EXPECT_EQ(CL_DeleteFD(client, &err), 1u) << err;
 }
 

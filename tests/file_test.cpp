@@ -155,6 +155,10 @@ TEST_F(File, Seeks) {
         EXPECT_EQ(err.err, fails ? static_cast<uint32_t>(-row.result) : 0u);
         EXPECT_EQ(lseek(file->descriptor, 0, SEEK_CUR), fails ? row.before : row.result);
     }
+    std::filesystem::remove(path);
+    mkfifo(path.c_str(), 0600);
+    EXPECT_EQ(CL_SeekFile(open(path, O_RDWR), 0, SEEK_SET, &err), -1);
+    EXPECT_THAT(err, FailsWith(ESPIPE, CL_MODULE_FILE));
 }
 
 }  // namespace

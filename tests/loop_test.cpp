@@ -1,6 +1,7 @@
 /* The event loop: callbacks that change the lists under it, signals at every point, and what an
  * iteration costs. */
 #include <qvcl/loop.h>
+#include <qvcl/thread.h>
 #include <sys/wait.h>
 
 #include <csignal>
@@ -297,6 +298,33 @@ TEST_F(Loop, FollowsItsModel) {
     EXPECT_GT(walk.iterations, 100);
 }
 
+/* Whoever cannot take part hears why, and the loop ends whatever it answers. */
+TEST_F(Loop, EndsWithAnObjectThatCannotTakePart) {
+    uint32_t answer = 0;
+    Action action = [&](CL_Object *, CL_Event *event) {
+        trail += static_cast<char>('A' + event->type);
+        EXPECT_EQ(event->error.err, uint32_t{EBADF});
+        return answer;
+    };
+    for (const uint32_t kind : {CL_KIND_FD, CL_KIND_MSGS, CL_KIND_MSGC}) {
+        CL_Object *object = create(kind, test::call_action, test::address(&action));
+        cl_StatusChange_M(object, CL_STATUS_READY, 0, "test", 1);
+        ASSERT_EQ(CL_AddEventList(object, 20, &err), 1u);
+        for (const uint32_t value : {0u, 5u}) {
+            for (const bool threaded : {false, true}) {
+                answer = value;
+                cl_StatusChange_M(object, CL_STATUS_LISTED, 0, "test", 1);
+                EXPECT_EQ(threaded ? CL_EventLoopThread(&err) : CL_EventLoop(&err),
+                          value == 0 ? CL_LOOP_ERROR : value);
+                EXPECT_EQ(err.err, value == 0 ? uint32_t{EBADF} : 0u) << err;
+                EXPECT_EQ(object->status, uint32_t{CL_STATUS_LISTED | CL_STATUS_FAILED});
+            }
+        }
+        EXPECT_EQ(CL_DeleteFD(object, &err), 1u) << err;
+    }
+    EXPECT_EQ(trail, std::string(12, 'A' + CL_EVENT_FAILED));
+}
+
 /* ---- Signals */
 
 /* The look before the wait found nothing; the signal comes before the wait begins. */
@@ -358,55 +386,6 @@ TEST_F(Loop, SignalsDuringTheWait) {
                }}};
     EXPECT_EQ(run(), 1u);
     EXPECT_EQ(trail, "TaCb");
-}
-
-/* What a look has taken but an earlier callback has kept from being dispatched is not lost. */
-TEST_F(Loop, LooksThatEndTheLoopLoseNothing) {
-    const struct {
-        const char *point;
-        bool before_loop, in_wait, in_callback;
-    } rows[] = {{"before the wait", true, false, false},
-                {"after an interrupted wait", false, true, false},
-                {"between objects", false, false, true}};
-    for (const auto &row : rows) {
-        trail.clear();
-        const auto both = [this] {
-            raise(SIGCHLD);
-            tick();
-        };
-        timer(note('T', [] { return 5u; }));
-        CL_Object *child = ended_child(note('C', [] { return 6u; }));
-        std::vector<CL_Object *> objects;
-        if (row.in_callback) {
-            objects.push_back(watch(pipe.out(),
-                                    note('a',
-                                         [&] {
-                                             both();
-                                             return 0u;
-                                         }),
-                                    20));
-            objects.push_back(watch(pipe.out(), note('b', [] { return 7u; }), 30));
-        }
-        if (row.before_loop) {
-            both();
-        }
-        {
-            Plan plan{{.call = "pselect", .before = [&] {
-                           if (row.in_wait) {
-                               both();
-                           }
-                       }}};
-            EXPECT_EQ(run(), 5u) << row.point;
-        }
-        Plan plan;
-        EXPECT_EQ(run(), 6u) << row.point;
-        EXPECT_EQ(plan.count("pselect"), 0);
-        EXPECT_EQ(trail, row.in_callback ? "aTC" : "TC") << row.point;
-        EXPECT_EQ(CL_DeleteFD(child, &err), 1u);
-        for (CL_Object *object : objects) {
-            EXPECT_EQ(CL_DeleteFD(object, &err), 1u);
-        }
-    }
 }
 
 /* A timer that is due at every look takes turns with the descriptors. */

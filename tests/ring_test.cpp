@@ -125,7 +125,11 @@ TEST(Ring, TakesItsSizeFromTheEnvironment) {
         EXPECT_EQ(CL_INTRC_Init(), 0u);
         EXPECT_EQ(CL_MainTable->library_ring->entry_count, row.entries)
             << (row.value != nullptr ? row.value : "unset");
+        EXPECT_EQ(CL_INTRC_Init(), uint32_t{EALREADY});
     }
+    CL_TRC_End_M(CL_RING_LIBRARY);
+    const test::Plan plan({.call = "malloc", .error = ENOMEM});
+    EXPECT_EQ(CL_INTRC_Init(), uint32_t{ENOMEM});
 }
 
 TEST(Ring, TakesItsSizeWhenLoaded) {

@@ -130,6 +130,20 @@ TEST_F(Server, DescriptorsBeyondTheSetsAreRefused) {
     EXPECT_TRUE(std::filesystem::is_regular_file(taken)) << "what was there is still there";
     EXPECT_EQ(CL_CnctMSGC(client, address.c_str(), CL_MODE_SYNC, &err), 0u);
     EXPECT_THAT(err, FailsWith(EMFILE, CL_MODULE_MSGC));
+    /* One that got there all the same. */
+    test::Block block;
+    CL_Object *far = make(CL_KIND_MSGC);
+    far->descriptor = dup(second.fd());
+    ASSERT_GE(far->descriptor, FD_SETSIZE);
+    cl_StatusChange_M(far, READY, 0, "test", 1);
+    EXPECT_EQ(CL_RecvMSGC(far, buffer.data(), CAPACITY, CL_MODE_SYNC, 0, &err), -1);
+    EXPECT_THAT(err, FailsWith(EMFILE, CL_MODULE_MSGC));
+    EXPECT_EQ(CL_SendMSGC(far, block.get(), block.size(), CL_MODE_SYNC, 0, &err), -1);
+    EXPECT_THAT(err, FailsWith(EMFILE, CL_MODULE_MSGC));
+    EXPECT_FALSE(block.queued());
+    EXPECT_EQ(cl_MakeListMSGC_M(far), uint32_t{EBADF});
+    EXPECT_THAT(far->error, FailsWith(EMFILE, CL_MODULE_MSGC));
+    EXPECT_EQ(CL_DeleteFD(far, &err), 1u) << err;
     crowd.release();
     EXPECT_NE(accept(), nullptr) << err;
     EXPECT_EQ(CL_OpenMSGS(other, taken.c_str(), 8, &err), 1u);

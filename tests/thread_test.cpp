@@ -310,6 +310,11 @@ TEST_F(Threads, HandlerIsInstalledAndRemoved) {
         EXPECT_EQ(saved.sa_handler, own_handler);
         expect_handler();
     }
+    {
+        const Plan plan({.call = "sigaction", .error = EINVAL});
+        EXPECT_EQ(clSIGUSR1Initialize(&err), 0u);
+        EXPECT_THAT(err, test::FailsWith(EINVAL, CL_MODULE_THREAD));
+    }
     EXPECT_EQ(clSIGUSR1End(), 1u);
     raise(SIGUSR1);
     EXPECT_EQ(CL_MainTable->wake_signal, 0u);
