@@ -128,20 +128,19 @@ void on_bare(Watched *self) {
 }
 
 void bare_loop(std::vector<Watched> &watched, const fd_set &reads, int count, size_t &left) {
-    const fd_set none = {};
     sigset_t signals;
     sigset_t saved;
     sigemptyset(&signals);
     sigaddset(&signals, SIGALRM);
     sigaddset(&signals, SIGCHLD);
     while (left != 0) {
-        fd_set ready[3] = {reads, none, none};
+        fd_set ready = reads;
         sigprocmask(SIG_BLOCK, &signals, &saved);
-        const int found = pselect(count, &ready[0], &ready[1], &ready[2], nullptr, &saved);
+        const int found = pselect(count, &ready, nullptr, nullptr, nullptr, &saved);
         sigprocmask(SIG_UNBLOCK, &signals, nullptr);
         if (found <= 0) continue;
         for (Watched &one : watched) {
-            if (FD_ISSET(one.fd, &ready[0])) one.callback(&one);
+            if (FD_ISSET(one.fd, &ready)) one.callback(&one);
         }
     }
 }

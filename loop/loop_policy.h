@@ -165,7 +165,7 @@ struct Loop {
                 main.loop_cursor = object;
                 if (const uint32_t result = check_object(object, err)) return result;
                 // What happened in there may have changed the list itself: then ask the list.
-                if (!order_known() || CL_QUE_Isinque(&main.priority_list, object) == 0) return 0;
+                if (!order_known() || object->event_link.owner != &main.priority_list) return 0;
                 looked = true;
             } else {
                 looked = false;
