@@ -29,12 +29,12 @@ void change(CL_Object *object, uint32_t status, uint32_t sub_status,
     cl_StatusChange_M(object, status, sub_status, kFile, line);
 }
 
-void set_pending(CL_Object *object, uint32_t bits) {
-    change(object, object->status, object->sub_status | bits);
+void set_pending(CL_Object *object, uint32_t bits, uint32_t line = __builtin_LINE()) {
+    change(object, object->status, object->sub_status | bits, line);
 }
 
-void clear_pending(CL_Object *object, uint32_t bits) {
-    change(object, object->status, object->sub_status & ~bits);
+void clear_pending(CL_Object *object, uint32_t bits, uint32_t line = __builtin_LINE()) {
+    change(object, object->status, object->sub_status & ~bits, line);
 }
 
 bool pending(const CL_Object *object, uint32_t bit) {
@@ -69,8 +69,8 @@ uint32_t call(CL_Object *object, CL_Event *event, uint32_t line = __builtin_LINE
 
 // Reports a transfer. Blocks of a disconnect event that the callback left in its queue are the
 // application's again.
-uint32_t report(CL_Object *object, CL_Event *event) {
-    const uint32_t result = call(object, event);
+uint32_t report(CL_Object *object, CL_Event *event, uint32_t line = __builtin_LINE()) {
+    const uint32_t result = call(object, event, line);
     if (event->type == CL_EVENT_DISCONNECT) CL_QUE_Clear(&event->queue);
     return result;
 }
