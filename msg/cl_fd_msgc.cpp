@@ -101,6 +101,7 @@ uint32_t cl_cnctmsgc(CL_Object *client, const char *path, uint32_t mode, CL_ErrI
     connection.receive_buffer = nullptr;
     connection.receive_capacity = 0;
     connection.received_count = 0;
+    connection.pace = 0;
     CL_QUE_InitQT(&connection.send_queue, 0);
     connection.address = qvcl::socket_address(path);
 

@@ -159,37 +159,55 @@ struct Direction {
     void (*watch)(const CL_Object *connection, const CL_Object *end, CL_FdSets &sets,
                   int32_t &count);
     fd_set CL_FdSets::*ready;
-    int32_t (*step)(CL_Object *connection, CL_ErrInfo *err);  // 0 again, length, or -1
-    bool try_first;                                           // before the first wait
+    int32_t (*step)(CL_Object *connection, CL_ErrInfo *err);   // 0 again, length, or -1
+    int32_t (*first)(CL_Object *connection, CL_ErrInfo *err);  // before the first wait, as step
 };
+
+int32_t receive_step(CL_Object *connection, CL_ErrInfo *err) {
+    CL_Event event;
+    if (cl_recv(connection, &event, err) == 0) return 0;
+    if (event.type == CL_EVENT_MESSAGE) return event.length;
+    CL_QUE_Clear(&event.queue);  // blocks that it took are the caller's again
+    return -1;
+}
+
+// An answer is hardly ever there when it is asked for, the next message of a stream nearly always.
+// So a receive waits at once, but every now and then one looks first; and as long as messages are
+// there, so does the next.
+int32_t receive_first(CL_Object *connection, CL_ErrInfo *err) {
+    constexpr uint32_t kWaitAtOnce = 15;
+    uint32_t &pace = connection->connection.pace;
+    if (pace < kWaitAtOnce) {
+        ++pace;
+        return 0;
+    }
+    const int32_t result = receive_step(connection, err);
+    if (result == 0) pace = 0;
+    return result;
+}
+
+int32_t send_step(CL_Object *connection, CL_ErrInfo *err) {
+    CL_Event event = {};
+    const int32_t result = cl_send(connection, &event, err);
+    if (result < 0) CL_QUE_Clear(&event.queue);
+    return result;
+}
 
 constexpr Direction kReceive = {
     [](const CL_Object *connection, const CL_Object *end, CL_FdSets &sets, int32_t &count) {
         cl_make_recv_fd(connection, end, &sets.read, &count);
     },
     &CL_FdSets::read,
-    [](CL_Object *connection, CL_ErrInfo *err) -> int32_t {
-        CL_Event event;
-        if (cl_recv(connection, &event, err) == 0) return 0;
-        if (event.type == CL_EVENT_MESSAGE) return event.length;
-        CL_QUE_Clear(&event.queue);  // blocks that it took are the caller's again
-        return -1;
-    },
-    false,  // an answer is hardly ever there when it is asked for
+    receive_step,
+    receive_first,
 };
 
 constexpr Direction kSend = {
     [](const CL_Object *connection, const CL_Object *end, CL_FdSets &sets, int32_t &count) {
         cl_make_send_fd(connection, end, &sets.read, &sets.write, &count);
     },
-    &CL_FdSets::write,
-    [](CL_Object *connection, CL_ErrInfo *err) -> int32_t {
-        CL_Event event = {};
-        const int32_t result = cl_send(connection, &event, err);
-        if (result < 0) CL_QUE_Clear(&event.queue);
-        return result;
-    },
-    true,  // there is nearly always room, more than a socket that reports writable has
+    &CL_FdSets::write, send_step,
+    send_step,  // there is nearly always room, more than a socket that reports writable has
 };
 
 // One synchronous transfer. SIGALRM is blocked between the look at the ticks and the wait, and open
@@ -216,8 +234,7 @@ class SyncWait {
         }
         begun_ = true;
         // An end watch has to be looked at before anything is transferred.
-        const bool try_first = direction_.try_first && end_ == nullptr;
-        int32_t result = try_first ? direction_.step(connection_, err_) : 0;
+        int32_t result = end_ == nullptr ? direction_.first(connection_, err_) : 0;
         while (result == 0 && !over_)
             result = pass();
         return timeout_ != 0 ? stop_timer(result) : result;

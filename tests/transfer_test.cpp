@@ -237,6 +237,26 @@ TEST_F(Sync, WaitsForTheRest) {
     EXPECT_FALSE(block.queued());
 }
 
+/* A stream is read without waiting for what is there; a request's answer is waited for at once. */
+TEST_F(Sync, LooksFirstOnlyWhenThatPays) {
+    constexpr int MANY = 160;
+    for (int i = 0; i < MANY; i++)
+        peer.send(wire_message("stream"));
+    {
+        const Plan plan;
+        for (int i = 0; i < MANY; i++)
+            EXPECT_EQ(receive(), 22);
+        EXPECT_LT(plan.count("pselect"), MANY / 10);
+    }
+    const Plan plan{{.call = "pselect", .times = test::FOREVER, .before = [&] {
+                         peer.send(wire_message("answer"));
+                     }}};
+    for (int i = 0; i < MANY; i++)
+        EXPECT_EQ(receive(), 22);
+    EXPECT_EQ(plan.count("pselect"), MANY);
+    EXPECT_LT(plan.count("recv"), 2 * MANY + MANY / 10);
+}
+
 TEST_F(Sync, TimesOut) {
     peer.send(wire_message("half").substr(0, 18));
     {

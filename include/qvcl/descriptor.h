@@ -74,7 +74,7 @@ typedef struct CL_Connection {
     int32_t received_count;   /* bytes of the current message; -1 after a failed recv or send */
     CL_Callback end_callback; /* END(ExecComp): the application's */
     uint8_t report[20];       /* END(ExecComp), EXECC: receive buffer of the object's own */
-    uint32_t reserved2;
+    uint32_t pace;            /* synchronous receives since one looked before it waited */
 } CL_Connection;
 
 /* Message server (MSGS, EXECS). The path is kept so that close can remove the socket file. */
