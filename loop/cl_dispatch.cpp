@@ -29,7 +29,7 @@ EventData bounded(const void *data, int64_t length) {
 EventData event_data(const CL_Event &event) {
     switch (event.type) {
         case CL_EVENT_MESSAGE:
-            return bounded(event.data, event.length);
+            return bounded(event.data, static_cast<uint32_t>(event.length));
         case CL_EVENT_SENT: {
             const auto *block = static_cast<const CL_MsgBlock *>(event.data);
             if (block == nullptr) return {nullptr, 0};

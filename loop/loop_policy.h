@@ -147,33 +147,36 @@ struct Loop {
         return dispatch(look(err), err);
     }
 
+    // Whether a look would find anything: this much costs nothing after every object.
+    static bool signalled() {
+        const CL_MainBlock &main = *CL_MainTable;
+        uint64_t any = __atomic_load_n(&main.timer_signals, __ATOMIC_RELAXED) |
+                       __atomic_load_n(&main.child_signal, __ATOMIC_RELAXED);
+        if (Policy::wakes) any |= __atomic_load_n(&main.wake_signal, __ATOMIC_RELAXED);
+        return any != 0;
+    }
+
     // The walk over the priority list as long as nothing changes it: objects that are not ready
     // are passed by. It leaves the cursor where the walk over the list itself goes on.
     static uint32_t check_in_known_order(CL_ErrInfo *err) {
         constexpr uint32_t kAhead = 8;  // objects, so that memory keeps up with the walk
         CL_MainBlock &main = *CL_MainTable;
         const uint32_t count = order_known() ? main.priority_list.count : 0;
-        CL_Object *passed = nullptr;
-        bool looked = true;  // since the last object; there is no look before the first one
         for (uint32_t i = 0; i < count; ++i) {
             if (i + kAhead < count) __builtin_prefetch(&main.scratch[i + kAhead]->watch);
             CL_Object *object = main.scratch[i];
-            if (may_be_ready(object->watch, main.sets)) {
-                main.loop_cursor = passed;
-                if (const uint32_t result = looked ? 0 : dispatch(look(err), err)) return result;
-                if (!order_known()) return 0;
-                main.loop_cursor = object;
-                if (const uint32_t result = check_object(object, err)) return result;
-                // What happened in there may have changed the list itself: then ask the list.
-                if (!order_known() || object->event_link.owner != &main.priority_list) return 0;
-                looked = true;
-            } else {
-                looked = false;
+            const bool ready = may_be_ready(object->watch, main.sets);
+            if (!ready && !signalled()) continue;
+            main.loop_cursor = object;
+            if (const uint32_t result =
+                    ready ? check_object(object, err) : dispatch(look(err), err)) {
+                return result;
             }
-            passed = object;
+            // What happened in there may have changed the list itself: then ask the list.
+            if (!order_known() || object->event_link.owner != &main.priority_list) return 0;
         }
-        main.loop_cursor = passed;
-        return looked ? 0 : dispatch(look(err), err);
+        if (count != 0) main.loop_cursor = main.scratch[count - 1];
+        return 0;
     }
 
     // One iteration. `built` keeps the sets of the last one for as long as the order is known.

@@ -52,21 +52,23 @@ inline BuiltSets built_sets() {
     return built;
 }
 
-// Adds one descriptor to the loop's sets, and to what is remembered of the object.
+// Adds one descriptor to the loop's sets, and to what is remembered of the object: it may be found
+// ready in either direction, because another object may watch the same descriptor.
 inline void watch_descriptor(CL_Object *object, bool reading, bool writing) {
     CL_MainBlock &main = *CL_MainTable;
     const auto descriptor = static_cast<uint32_t>(object->descriptor);
     const uint32_t word = descriptor / kWordBits;
     const uint64_t bit = uint64_t{1} << descriptor % kWordBits;
-    object->watch = {word, word + 1, {reading ? bit : 0, writing ? bit : 0, 0}};
-    words(main.sets.read)[word] |= object->watch.bits[0];
-    words(main.sets.write)[word] |= object->watch.bits[1];
+    object->watch = {word, word + 1, {bit, bit, 0}};
+    if (reading) words(main.sets.read)[word] |= bit;
+    if (writing) words(main.sets.write)[word] |= bit;
     if ((reading || writing) && main.descriptor_count <= object->descriptor) {
         main.descriptor_count = object->descriptor + 1;
     }
 }
 
-// Whether a descriptor of the object may be ready: exact for descriptors in one word, else yes.
+// Whether a descriptor of the object may be ready: no is exact. Descriptors in several words always
+// may.
 inline bool may_be_ready(const CL_Watch &watch, const CL_FdSets &ready) {
     uint64_t any = watch.end_word > watch.first_word + 1;
     for (uint32_t s = 0; s < 3; ++s)

@@ -33,6 +33,12 @@ bool uptime(int64_t *seconds, CL_ErrInfo *err) {
     return true;
 }
 
+// What a timer counts down from. The largest number of seconds is the mark of a timer that is due,
+// so one is taken off it.
+uint32_t countdown(uint32_t seconds) {
+    return seconds == CL_TIMER_DUE ? CL_TIMER_DUE - 1 : seconds;
+}
+
 // Takes a timer off the list; a dispatch pass that is at it goes on with its successor.
 bool take_off(CL_Object *object) {
     CL_MainBlock &main = *CL_MainTable;
@@ -65,7 +71,7 @@ int32_t expire(CL_Object *timer, CL_ErrInfo *err) {
     if (result != 0) return static_cast<int32_t>(result);
     // A stop moved the cursor away: then the timer is not running any more, or was started anew.
     if (CL_MainTable->timer_cursor == timer && (timer->sub_status & CL_SUB_PERIODIC) != 0) {
-        timer->remaining = timer->interval;
+        timer->remaining = countdown(timer->interval);
         timer->start_time += timer->interval;
     }
     return 0;
@@ -114,7 +120,7 @@ uint32_t cl_starttimer(CL_Object *object, uint32_t seconds, uint32_t mode, CL_Er
     if (!uptime(&now, err)) return 0;
     if (CL_QUE_PutTail(&main.timer_list, object) == 0) return fail(err, CL_ERR_QUEUE);
     object->interval = seconds;
-    object->remaining = seconds;
+    object->remaining = countdown(seconds);
     object->start_time = static_cast<uint64_t>(now);
     const uint32_t periodic = mode == CL_TIMER_PERIODIC ? CL_SUB_PERIODIC : 0;
     cl_StatusChange_M(object, object->status | CL_STATUS_RUNNING, object->sub_status | periodic,

@@ -372,6 +372,23 @@ TEST_F(Loop, SignalsDuringCallbacksAreDispatchedBetweenObjects) {
     EXPECT_EQ(trail, "aTCbTc");
 }
 
+/* There is a look behind an object that has nothing to say, too. */
+TEST_F(Loop, LooksBehindEveryObject) {
+    const test::Pipe silent;
+    Action *again = note('T', [this] {
+        tick();
+        return 0u;
+    });
+    timer(again, CL_TIMER_PERIODIC, 0);
+    watch(pipe.out(), note('a'), 20);
+    for (const uint32_t priority : {30u, 40u, 50u})
+        watch(silent.out(), note('-'), priority);
+    watch(pipe.out(), note('z', [] { return 1u; }), 60);
+    Plan plan{{.call = "pselect", .before = [&] { table().timer_signals = 1; }}};
+    EXPECT_EQ(run(), 1u);
+    EXPECT_EQ(trail, "TaTTTTz");
+}
+
 /* After the wait timers come first, children only behind the first object. */
 TEST_F(Loop, SignalsDuringTheWait) {
     timer(note('T'), CL_TIMER_PERIODIC);

@@ -206,6 +206,7 @@ TEST_F(RingUse, CallbacksAreRecorded) {
     } rows[] = {
         {CL_EVENT_MESSAGE, long_block.data(), 100, long_block.data(), 32},
         {CL_EVENT_MESSAGE, long_block.data(), 10, long_block.data(), 10},
+        {CL_EVENT_MESSAGE, long_block.data(), -1, long_block.data(), 32},
         {CL_EVENT_MESSAGE, long_block.data(), 0, nullptr, 0},
         {CL_EVENT_SENT, long_block.data(), 0, &long_block[40], 32},
         {CL_EVENT_SENT, short_block.data(), 0, &short_block[40], 20},

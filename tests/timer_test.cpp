@@ -201,6 +201,25 @@ TEST_F(Timer, FollowsItsModel) {
     EXPECT_GT(calls, 500);
 }
 
+/* The largest number of seconds is not the mark of a timer that is due. */
+TEST_F(Timer, MayRunForVeryLong) {
+    int calls = 0;
+    Action action = [&](CL_Object *, CL_Event *) {
+        calls++;
+        return 0u;
+    };
+    CL_Object *longest = timer(&action), *due = timer(&action);
+    ASSERT_EQ(CL_StartTIMER(longest, UINT32_MAX, CL_TIMER_PERIODIC, &err), 1u);
+    ASSERT_EQ(CL_StartTIMER(due, 0, CL_TIMER_ONESHOT, &err), 1u);
+    EXPECT_EQ(cl_TimerCheck(0, &err), 1u);
+    EXPECT_EQ(cl_TimerCall(&err), 0);
+    EXPECT_EQ(calls, 1) << "nobody else is due";
+    test::set_uptime(1000 + long{UINT32_MAX});
+    EXPECT_EQ(cl_TimerCheck(1, &err), 1u);
+    EXPECT_EQ(cl_TimerCall(&err), 0);
+    EXPECT_EQ(calls, 2);
+}
+
 TEST(Sleep, GoesOnWithWhatIsLeft) {
     Plan plan{{.call = "nanosleep", .error = EINTR, .times = 2},
               {.call = "nanosleep", .nth = 3, .swallow = true}};
