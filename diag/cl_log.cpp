@@ -86,16 +86,23 @@ struct Output {
         length += count;
         text[length] = '\0';
     }
+    void fill(size_t count) {
+        const size_t room = size - 1 - length;
+        if (count > room) count = room;
+        memset(text + length, ' ', count);
+        length += count;
+        text[length] = '\0';
+    }
 };
 
 // Reads digits as a number no larger than `most`.
 uint32_t number(const char *&at, uint32_t most) {
-    uint32_t value = 0;
+    uint64_t value = 0;
     for (; *at >= '0' && *at <= '9'; ++at) {
         value = value * 10 + static_cast<uint32_t>(*at - '0');
         if (value > most) value = most;
     }
-    return value;
+    return static_cast<uint32_t>(value);
 }
 
 // A string conversion of a catalogue text: %[N$][-][width][.precision]s.
@@ -118,8 +125,8 @@ struct Conversion {
         for (; *at == '-' || *at == '0' || *at == ' ' || *at == '+' || *at == '#'; ++at) {
             if (*at == '-') left = true;
         }
-        width = number(at, kMessageSize);
-        if (*at == '.') precision = static_cast<int>(number(++at, kMessageSize));
+        width = number(at, INT32_MAX);
+        if (*at == '.') precision = static_cast<int>(number(++at, INT32_MAX));
         return *at == 's' ? at + 1 : nullptr;
     }
 
@@ -128,8 +135,7 @@ struct Conversion {
             precision < 0 ? strlen(text) : strnlen(text, static_cast<size_t>(precision));
         const size_t padding = width > length ? width - length : 0;
         if (left) out.put(text, length);
-        for (size_t i = 0; i < padding; ++i)
-            out.put(" ", 1);
+        out.fill(padding);
         if (!left) out.put(text, length);
     }
 };

@@ -106,7 +106,7 @@ int32_t cl_open_trc(const char *path, const char *headerText) {
     if (path == nullptr) {
         const CL_TraceRing *ring = CL_MainTable->user_ring;
         if (ring == nullptr || ring->prefix[0] == '\0') return kNone;
-        snprintf(name, sizeof name, "%s%d.trc", ring->prefix, cl_getgen(ring->prefix));
+        snprintf(name, sizeof name, "%.256s%d.trc", ring->prefix, cl_getgen(ring->prefix));
         path = name;
     }
     const int fd = cl_u_open(path, O_RDWR | O_CREAT | O_TRUNC, kMode);
@@ -124,7 +124,7 @@ int32_t cl_open_trc(const char *path, const char *headerText) {
 
 int32_t cl_getgen(const char *prefix) {
     char path[sizeof CL_TraceRing{}.prefix + 8];
-    snprintf(path, sizeof path, "%.255s.cnf", prefix);
+    snprintf(path, sizeof path, "%.256s.cnf", prefix);
     const int32_t now = stored_generation(path);
     if (now == kNone) {
         cl_writegen(path, 1);

@@ -179,6 +179,10 @@ TEST_F(Log, CutsWhatIsTooLong) {
     EXPECT_EQ(test::raw_log().back().size(), 1023u);
     EXPECT_EQ(test::raw_log().back().substr(28, 900), message.substr(0, 900));
 
+    text_is("%1067s");
+    CL_LOG_Out(CL_LOG_SYSLOG, 1, 0, 1, "s", "one");
+    EXPECT_EQ(test::system_log().back(), "tester/0/24/3/E 00001 " + std::string(998, ' '));
+
     const std::string endless(100000, 'z');
     cl_inlog_write(endless.c_str());
     EXPECT_EQ(test::raw_log().back().size(), 1023u);

@@ -336,8 +336,18 @@ TEST(Check, NamesTheDamage) {
          "a record of 250 bytes in 1 entries of 192"},
         {[](Story &d) { d.library.entries[1][8 + 24] = 105; },
          "CL_DelEventList_M: a record of 105 bytes"},
+        {[](Story &d) { d.library.entries[1][8 + 29] = 9; }, "a record of phase 9 with marker "},
+        {[](Story &d) { d.library.entries[1][8 + 31] = 9; }, " with marker 9"},
+        {[](Story &d) { d.library.entries[1][8 + 11] = 9; }, " microseconds"},
+        {[](Story &d) { d.library.entries[1][8 + 24] = 31; }, "of 31 bytes has no whole head"},
     };
-    EXPECT_EQ(tool(command("check"), Story(20).file("x")).err, "");
+    /* A header text may look like a block. */
+    for (const std::string text : {"x", "***CL_MAIN***", "dump of ***CL_USRTRC***",
+                                   "xx***CL_LIBTRC***", "***CL_LIBTRC***"}) {
+        const Result result = tool(command("check"), Story(20).file(text));
+        EXPECT_EQ(result.err, "") << text;
+        EXPECT_EQ(result.status, FINE) << text;
+    }
     for (const auto &[damage, message] : cases) {
         Story story(20);
         damage(story);

@@ -60,19 +60,22 @@ uint64_t Loader::find(uint64_t offset, size_t from) const {
     }
 }
 
-// Passes the header text: NUL-terminated, then zeros up to the next multiple, at least one.
+// Passes the header text: NUL-terminated, then zeros up to the next multiple, at least one. The
+// text may itself look like the beginning of a block, so what has a block behind it is a text.
 uint64_t Loader::first_block() {
-    const uint64_t first = find(0, 0);
-    if (first == 0 && dump.size) return 0;
-    std::string text(std::min(first, LONGEST_TEXT), '\0');
+    std::string text(LONGEST_TEXT, '\0');
     text.resize(source.read(0, text.data(), text.size()));
     const uint64_t end = std::min(text.find('\0'), text.size()) + 1;
+    const uint64_t behind = end + TEXT_ALIGNMENT - end % TEXT_ALIGNMENT;
+    if (rank_at(behind, 0) < RANKS) {
+        dump.text = text.substr(0, end - 1);
+        return behind;
+    }
+    const uint64_t first = find(0, 0);
     if (first == dump.size)
         dump.problems.add(0, "no block of a dump in this file");
-    else if (first != end + TEXT_ALIGNMENT - end % TEXT_ALIGNMENT)
+    else if (first != 0)
         dump.problems.add(0, first, " bytes that are neither a block nor a header text");
-    else
-        dump.text = text.substr(0, end - 1);
     return first;
 }
 

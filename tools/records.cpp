@@ -38,6 +38,20 @@ bool length_fits(const CL_TrcOperation &operation, uint64_t length) {
     return length == operation.length;
 }
 
+// Whether the head's phase and marker are those of such a record.
+bool head_fits(const CL_TrcOperation &operation, const CL_TrcHead &head) {
+    switch (operation.api) {
+        case CL_API_STATUS:
+            return head.phase == 0 && head.marker == CL_MARK_STATUS;
+        case CL_API_CALLBACK:
+            return head.phase <= 1 && head.marker == (head.phase != 0 ? CL_MARK_CALLBACK_EXIT
+                                                                      : CL_MARK_CALLBACK_ENTRY);
+        default:
+            return head.phase <= 1 &&
+                   head.marker == (head.phase != 0 ? CL_MARK_EXIT : CL_MARK_ENTRY);
+    }
+}
+
 // The records of one ring from the oldest to the newest.
 class RingWalk {
   public:
@@ -126,11 +140,18 @@ void RingWalk::take(uint64_t k, uint64_t count) {
         record.operation = operation_of(head.api);
         record.exit = head.phase != 0;
     }
-    if (which == CL_RING_LIBRARY && !record.operation)
+    if (which == CL_RING_LIBRARY && record.bytes.size() < sizeof head)
+        dump.problems.add(record.offset, "a record of ", head.length, " bytes has no whole head");
+    else if (which == CL_RING_LIBRARY && !record.operation)
         dump.problems.add(record.offset, "a record of no known operation, API ", head.api);
     else if (record.operation && !length_fits(*record.operation, head.length))
         dump.problems.add(record.offset, record.operation->name, ": a record of ", head.length,
                           " bytes");
+    else if (record.operation && !head_fits(*record.operation, head))
+        dump.problems.add(record.offset, record.operation->name, ": a record of phase ", head.phase,
+                          " with marker ", head.marker);
+    if (head.microseconds >= 1000000)
+        dump.problems.add(record.offset, "a record of ", head.microseconds, " microseconds");
     out.push_back(record);
 }
 

@@ -56,6 +56,9 @@ void put_field(Text &out, const Dump &dump, Bytes bytes, const CL_TrcField &fiel
         case CL_TRC_HEX:  // arguments of a callback may be addresses
             put_address(out, dump, value, value > UINT32_MAX ? mask : Mask::NO);
             break;
+        case CL_TRC_OCTAL:
+            out.octal(value);
+            break;
         case CL_TRC_HANDLE:
         case CL_TRC_ADDRESS:
             put_address(out, dump, value, mask);

@@ -10,7 +10,7 @@ namespace trace_reader {
 
 namespace {
 
-constexpr size_t DURATION_WIDTH = 9;
+constexpr size_t DURATION_WIDTH = 8;
 constexpr size_t DEEPEST = 48;           // columns of indentation
 constexpr uint64_t QUARTER = 900000000;  // time zones change the date at some quarter of an hour
 
@@ -71,6 +71,7 @@ void Lines::put(const Record &record) {
     put_day(record.time);
     out.colour(Colour::DIM).clock(record.time).colour(Colour::NONE);
     const auto duration = trace.duration(record);
+    out << ' ';
     out.right(duration ? Text().duration(*duration).str() : "", DURATION_WIDTH);
     out.colour(bad ? Colour::RED : Colour::NONE) << (bad ? " ! " : "   ");
     out.fill(std::min(size_t{2} * record.depth, DEEPEST));

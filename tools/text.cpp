@@ -18,6 +18,10 @@ Text &Text::hex(uint64_t value) {
     return (*this << "0x").number(value, 16);
 }
 
+Text &Text::octal(uint64_t value) {
+    return (*this << '0').number(value, 8);
+}
+
 Text &Text::quoted(std::string_view bytes, Escape escape) {
     static constexpr char DIGITS[] = "0123456789abcdef";
     buffer.push_back('"');

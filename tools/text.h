@@ -45,6 +45,7 @@ class Text {
         return number(value, 10);
     }
     Text &hex(uint64_t value);
+    Text &octal(uint64_t value);
     Text &quoted(std::string_view bytes, Escape escape = Escape::C);
     Text &plain(std::string_view bytes);  // unquoted, what does not print as '?'
     Text &dump(Bytes bytes);              // hexadecimal in groups of four, then as characters

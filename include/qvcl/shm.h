@@ -13,7 +13,7 @@ QVCL_BEGIN
 
 /* Opens the segment `name`, close-on-exec. flags: O_RDONLY or O_RDWR; other bits are not used.
  * size: bytes to map later. file, line: the caller's position. The object, or null. Writes no trace
- * record.
+ * record of its own.
  * Errors: 22 (access mode, size 0), 14 (name null), CL_ERR_STATE, 24 (table full), CL_ERR_QUEUE,
  * errno (shm_open, fcntl). */
 QVCL_API CL_Object *cl_openshm(const char *name, int32_t flags, uint64_t size, CL_ErrInfo *err,

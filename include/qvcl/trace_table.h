@@ -10,6 +10,7 @@ typedef enum CL_TrcType {
     CL_TRC_UNSIGNED,
     CL_TRC_SIGNED,
     CL_TRC_HEX,
+    CL_TRC_OCTAL,   /* permission bits */
     CL_TRC_HANDLE,  /* address of a descriptor object */
     CL_TRC_ADDRESS, /* any other address */
     CL_TRC_KIND,
@@ -155,7 +156,7 @@ __attribute__((unused)) static const CL_TrcOperation CL_TRC_OPERATIONS[] = {
      CL_TRC_FIELD(CL_TrcOpenFile, result, CL_TRC_HANDLE),
      {CL_TRC_FIELD(CL_TrcOpenFile, path, CL_TRC_TEXT),
       CL_TRC_FIELD(CL_TrcOpenFile, flags, CL_TRC_HEX),
-      CL_TRC_FIELD(CL_TrcOpenFile, mode, CL_TRC_HEX), CL_TRC_COMMON(CL_TrcOpenFile)}},
+      CL_TRC_FIELD(CL_TrcOpenFile, mode, CL_TRC_OCTAL), CL_TRC_COMMON(CL_TrcOpenFile)}},
     CL_TRC_HANDLE_OPERATION(CL_API_CLOSE_FILE, "CL_CloseFile_M", CL_TRC_UNSIGNED),
     {"CL_WriteFile_M",
      CL_API_WRITE_FILE,
