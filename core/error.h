@@ -44,6 +44,9 @@ class Failure {
         return {};
     }
 
+    // The same module's, with the numbers of a file that several modules share.
+    constexpr Failure in(uint32_t range) const { return Failure(module_, range); }
+
   private:
     uint32_t module_;
     uint32_t base_;

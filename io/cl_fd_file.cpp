@@ -21,7 +21,7 @@ constexpr uint32_t kFlags = kAccess | O_CREAT | O_EXCL | O_TRUNC | O_APPEND;
 
 // A live, open FILE object; who calls makes no difference.
 bool is_open(CL_Object *object, CL_ErrInfo *err, uint32_t line = __builtin_LINE()) {
-    return qvcl::ready_object(fail, object, CL_KIND_FILE, err, 0, line);
+    return qvcl::is_open(fail, object, CL_KIND_FILE, err, line);
 }
 
 // What write, read and flush do: check, one call on the descriptor, and a record that names the
@@ -73,16 +73,10 @@ CL_Object *cl_openfile(const char *path, uint32_t flags, uint32_t mode, CL_ErrIn
     *err = {};
     if ((flags & kAccess) == kAccess) return fail(err, EINVAL);
     if (path == nullptr) return fail(err, EFAULT);
-    CL_Object *object = CL_CreateFD_M(CL_KIND_FILE, nullptr, 0, 0, err, 1, file, line);
+    CL_Object *object = qvcl::open_object(
+        fail, CL_KIND_FILE, [=] { return cl_u_open(path, static_cast<int>(flags & kFlags), mode); },
+        err, file, line, kFile);
     if (object == nullptr) return nullptr;
-    object->descriptor = qvcl::open_close_on_exec(
-        [=] { return cl_u_open(path, static_cast<int>(flags & kFlags), mode); });
-    if (object->descriptor == -1) {
-        fail.sys(err);
-        CL_ErrInfo scratch;
-        CL_DeleteFD_M(object, &scratch, 1, kFile, __LINE__);
-        return nullptr;
-    }
     qvcl::copy_text(object->file.path, sizeof object->file.path, path);
     cl_StatusChange_M(object, CL_STATUS_READY, 0, kFile, __LINE__);
     return object;

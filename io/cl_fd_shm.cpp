@@ -19,7 +19,7 @@ constexpr mode_t kMode = 0660;
 
 // A live, open SHM object; who calls makes no difference.
 bool is_open(CL_Object *object, CL_ErrInfo *err, uint32_t line = __builtin_LINE()) {
-    return qvcl::ready_object(fail, object, CL_KIND_SHM, err, 0, line);
+    return qvcl::is_open(fail, object, CL_KIND_SHM, err, line);
 }
 
 }  // namespace
@@ -33,16 +33,10 @@ CL_Object *cl_openshm(const char *name, int32_t flags, uint64_t size, CL_ErrInfo
     if (access != O_RDONLY && access != O_RDWR) return fail(err, EINVAL);
     if (name == nullptr) return fail(err, EFAULT);
     if (size == 0) return fail(err, EINVAL);
-    CL_Object *object = CL_CreateFD_M(CL_KIND_SHM, nullptr, 0, 0, err, 1, file, line);
+    CL_Object *object = qvcl::open_object(
+        fail, CL_KIND_SHM, [=] { return cl_u_shm_open(name, access, kMode); }, err, file, line,
+        kFile);
     if (object == nullptr) return nullptr;
-    object->descriptor =
-        qvcl::open_close_on_exec([=] { return cl_u_shm_open(name, access, kMode); });
-    if (object->descriptor == -1) {
-        fail.sys(err);
-        CL_ErrInfo scratch;
-        CL_DeleteFD_M(object, &scratch, 1, kFile, __LINE__);
-        return nullptr;
-    }
     CL_SharedMemory &memory = object->memory;
     qvcl::copy_text(memory.name, sizeof memory.name, name);
     memory.name_length = static_cast<uint32_t>(strlen(name));

@@ -135,8 +135,8 @@ uint32_t cl_CheckFD(CL_Object *object, CL_ErrInfo *err) {
 uint32_t cl_CheckFD_sub(CL_Object *object, CL_ErrInfo *err) {
     const CL_TableHeader *table = CL_MainTable->descriptor_table;
     const uint64_t handle = address_of(object);
-    if (table == nullptr || handle < first_object(table) ||
-        handle >= address_of(table) + table->size ||
+    if (table == nullptr) return fail(err, EBADF);
+    if (handle < first_object(table) || handle >= address_of(table) + table->size ||
         (handle - first_object(table)) % sizeof(CL_Object) != 0) {
         return fail(err, EBADF);
     }

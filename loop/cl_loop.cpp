@@ -28,6 +28,9 @@ uint32_t report_failed(CL_Object *object, CL_ErrInfo *err) {
     event.error = object->error;
     const uint32_t result = cl_Callback_M(object->callback, object, &event, object->arg1,
                                           object->arg2, 0, kFile, __LINE__);
+    if (result == CL_LOOP_ERROR && CL_MainTable->exec_error.err != 0) {
+        *err = CL_MainTable->exec_error;
+    }
     if (result != 0) return result;
     fail(err, EBADF);
     return CL_LOOP_ERROR;

@@ -19,13 +19,4 @@ inline bool live_object(const Failure &fail, CL_Object *object, uint32_t kind, C
     return false;
 }
 
-// The same for operations that need the object set up.
-inline bool ready_object(const Failure &fail, CL_Object *object, uint32_t kind, CL_ErrInfo *err,
-                         uint8_t callerFlag, uint32_t line = __builtin_LINE()) {
-    if (!live_object(fail, object, kind, err, callerFlag, line)) return false;
-    if ((object->status & CL_STATUS_READY) != 0) return true;
-    fail(err, EBADF, line);
-    return false;
-}
-
 }  // namespace qvcl

@@ -38,7 +38,7 @@ struct Loop {
         CL_MainBlock &main = *CL_MainTable;
         uint32_t bits = take(main.child_signal) != 0 ? CL_LOOK_CHILD : 0;
         const uint64_t ticks = take(main.timer_signals);
-        if (Policy::wakes && take(main.wake_signal) != 0) bits |= CL_LOOK_WAKE;
+        if (Policy::wakes && take(main.wake_signal) == 1) bits |= CL_LOOK_WAKE;
         if (ticks != 0) {
             const bool due = cl_TimerCheck(static_cast<uint32_t>(ticks), err) != 0;
             if (main.timer_dispatched != 0) {

@@ -37,8 +37,12 @@ void clear_pending(CL_Object *object, uint32_t bits, uint32_t line = __builtin_L
     change(object, object->status, object->sub_status & ~bits, line);
 }
 
-bool pending(const CL_Object *object, uint32_t bit) {
-    return (object->sub_status & bit) != 0;
+// The bit of CL_SUB_SEND_PENDING that says so; the other goes with it, for the eye.
+constexpr uint32_t kSending = 0x04;
+static_assert((CL_SUB_SEND_PENDING & kSending) != 0);
+
+bool pending(const CL_Object *object, uint32_t bits) {
+    return (object->sub_status & bits) != 0;
 }
 
 bool is_mode(uint32_t mode) {
@@ -54,12 +58,6 @@ int32_t goes_on(CL_ErrInfo *err, uint32_t line = __builtin_LINE()) {
 int32_t refused(CL_ErrInfo *err, uint32_t code, uint32_t line = __builtin_LINE()) {
     fail(err, code, line);
     return -1;
-}
-
-// Whether messages can pass: connected, not failed.
-bool connected(const CL_Object *object) {
-    return (object->status & (CL_STATUS_READY | CL_STATUS_FAILED)) == CL_STATUS_READY &&
-           !pending(object, CL_SUB_CONNECT_PENDING);
 }
 
 uint32_t call(CL_Object *object, CL_Event *event, uint32_t line = __builtin_LINE()) {
@@ -105,12 +103,11 @@ uint32_t cl_cnctmsgc(CL_Object *client, const char *path, uint32_t mode, CL_ErrI
     CL_QUE_InitQT(&connection.send_queue, 0);
     connection.address = qvcl::socket_address(path);
 
-    client->descriptor = cl_u_socket(AF_UNIX, SOCK_STREAM, 0);
-    if (client->descriptor == -1 || !qvcl::prepare_socket(client->descriptor) ||
-        cl_u_connect(client->descriptor, qvcl::generic(connection.address),
+    if (!qvcl::make_socket(fail, client, err)) return 0;
+    if (cl_u_connect(client->descriptor, qvcl::generic(connection.address),
                      sizeof connection.address) != 0) {
-        qvcl::abandon_socket(client);
-        return fail.sys(err);
+        fail.sys(err);
+        return qvcl::abandon_socket(client);
     }
     const uint32_t status = CL_STATUS_READY | (client->status & CL_STATUS_LISTED);
     if (mode == CL_MODE_SYNC) {
@@ -149,7 +146,9 @@ int32_t cl_recvmsgc(CL_Object *client, void *buffer, int32_t capacity, uint32_t 
                     uint32_t timeout, CL_ErrInfo *err, uint8_t callerFlag, const char * /*file*/,
                     uint32_t /*line*/) {
     if (!qvcl::live_object(fail, client, CL_KIND_MSGC, err, callerFlag)) return -1;
-    if (!connected(client)) return refused(err, EBADF);
+    if ((client->status & CL_STATUS_FAILED) != 0) return refused(err, EBADF);
+    if ((client->status & CL_STATUS_READY) == 0) return refused(err, EBADF);
+    if (pending(client, CL_SUB_CONNECT_PENDING)) return refused(err, EBADF);
     if (pending(client, CL_SUB_RECV_PENDING)) return refused(err, EINPROGRESS);
     if (!is_mode(mode)) return refused(err, EINVAL);
     if (capacity < CL_MSG_HEADER_SIZE) return refused(err, EINVAL);
@@ -220,7 +219,9 @@ int32_t cl_sendmsgc(CL_Object *client, void *block, int32_t blockSize, uint32_t 
                     uint32_t timeout, CL_ErrInfo *err, uint8_t callerFlag, const char * /*file*/,
                     uint32_t /*line*/) {
     if (!qvcl::live_object(fail, client, CL_KIND_MSGC, err, callerFlag)) return -1;
-    if (!connected(client)) return refused(err, EBADF);
+    if ((client->status & CL_STATUS_FAILED) != 0) return refused(err, EBADF);
+    if ((client->status & CL_STATUS_READY) == 0) return refused(err, EBADF);
+    if (pending(client, CL_SUB_CONNECT_PENDING)) return refused(err, EBADF);
     if (!is_mode(mode)) return refused(err, EINVAL);
     CL_Queue *queue = &client->connection.send_queue;
     if (mode == CL_MODE_SYNC && queue->count != 0) return refused(err, EINPROGRESS);
@@ -254,7 +255,8 @@ uint32_t CL_DiscMSGC_M(CL_Object *client, uint64_t *receiveBufferOut, CL_Queue *
 uint32_t cl_discmsgc(CL_Object *client, uint64_t *receiveBufferOut, CL_Queue *unsentOut,
                      CL_ErrInfo *err, uint8_t callerFlag, const char * /*file*/,
                      uint32_t /*line*/) {
-    if (!qvcl::ready_object(fail, client, CL_KIND_MSGC, err, callerFlag)) return 0;
+    if (!qvcl::live_object(fail, client, CL_KIND_MSGC, err, callerFlag)) return 0;
+    if ((client->status & CL_STATUS_READY) == 0) return fail(err, EBADF);
     CL_Connection &connection = client->connection;
     if (receiveBufferOut != nullptr) *receiveBufferOut = address_of(connection.receive_buffer);
     connection.receive_buffer = nullptr;
@@ -294,7 +296,7 @@ uint32_t cl_MakeListMSGC_M(CL_Object *client) {
         return EBADF;
     }
     qvcl::watch_descriptor(client, pending(client, CL_SUB_RECV_PENDING),
-                           pending(client, CL_SUB_CONNECT_PENDING | CL_SUB_SEND_PENDING));
+                           pending(client, CL_SUB_CONNECT_PENDING | kSending));
     return 0;
 }
 
@@ -308,7 +310,7 @@ uint32_t check_write(CL_Object *client, CL_ErrInfo *err, bool *ended) {
         event.type = CL_EVENT_CONNECTED;
         return call(client, &event);
     }
-    if (!pending(client, CL_SUB_SEND_PENDING)) {
+    if (!pending(client, kSending)) {
         fail(err, CL_ERR_QUEUE);
         return CL_LOOP_ERROR;
     }

@@ -22,15 +22,16 @@ bool listening(const CL_Object *server) {
     return (server->status & CL_STATUS_READY) != 0;
 }
 
-// The steps that make the new socket listen; false with errno.
-bool listen_at(CL_Object *server, const char *path, uint32_t backlog) {
+// The steps that make the new socket listen; 0 with err filled.
+uint32_t listen_at(CL_Object *server, const char *path, uint32_t backlog, CL_ErrInfo *err) {
     struct sockaddr_un &address = server->server.address;
-    if (server->descriptor == -1 || !qvcl::prepare_socket(server->descriptor)) return false;
-    if (cl_u_unlink(path) != 0 && errno != ENOENT) return false;
+    const int fd = server->descriptor;
+    if (cl_u_unlink(path) != 0 && errno != ENOENT) return fail.sys(err);
     address = qvcl::socket_address(path);
-    return cl_u_bind(server->descriptor, qvcl::generic(address), sizeof address) == 0 &&
-           cl_u_chmod(path, kSocketMode) == 0 &&
-           cl_u_listen(server->descriptor, static_cast<int>(backlog)) == 0;
+    if (cl_u_bind(fd, qvcl::generic(address), sizeof address) != 0) return fail.sys(err);
+    if (cl_u_chmod(path, kSocketMode) != 0) return fail.sys(err);
+    if (cl_u_listen(fd, static_cast<int>(backlog)) != 0) return fail.sys(err);
+    return 1;
 }
 
 }  // namespace
@@ -54,11 +55,8 @@ uint32_t cl_openmsgs(CL_Object *server, const char *path, uint32_t backlog, CL_E
     if (listening(server)) return fail(err, EALREADY);
     if (path == nullptr) return fail(err, EFAULT);
     if (qvcl::path_too_long(path)) return fail(err, ENAMETOOLONG);
-    server->descriptor = cl_u_socket(AF_UNIX, SOCK_STREAM, 0);
-    if (!listen_at(server, path, backlog)) {
-        qvcl::abandon_socket(server);
-        return fail.sys(err);
-    }
+    if (!qvcl::make_socket(fail, server, err)) return 0;
+    if (listen_at(server, path, backlog, err) == 0) return qvcl::abandon_socket(server);
     cl_StatusChange_M(server, CL_STATUS_READY | (server->status & CL_STATUS_LISTED), 0, kFile,
                       __LINE__);
     return 1;
@@ -80,16 +78,17 @@ CL_Object *CL_AcceptMSGS_M(CL_Object *server, CL_Callback callback, uint64_t arg
 
 CL_Object *cl_acceptmsgs(CL_Object *server, CL_Callback callback, uint64_t arg1, uint64_t arg2,
                          CL_ErrInfo *err, uint8_t callerFlag, const char *file, uint32_t line) {
-    if (!qvcl::ready_object(fail, server, CL_KIND_MSGS, err, callerFlag)) return nullptr;
+    if (!qvcl::live_object(fail, server, CL_KIND_MSGS, err, callerFlag)) return nullptr;
+    if (!listening(server)) return fail(err, EBADF);
     CL_Object *client = CL_CreateFD_M(CL_KIND_MSGC, callback, arg1, arg2, err, 1, file, line);
     if (client == nullptr) return nullptr;
     struct sockaddr_un peer;
     socklen_t length = sizeof peer;
     client->descriptor =
         cl_u_accept(server->descriptor, reinterpret_cast<struct sockaddr *>(&peer), &length);
-    if (client->descriptor == -1 || !qvcl::prepare_socket(client->descriptor)) {
-        qvcl::abandon_socket(client);
-        fail.sys(err);
+    const bool accepted = client->descriptor != -1;
+    if (!accepted) fail.sys(err);
+    if (!accepted || !qvcl::prepare_socket(fail, client, err)) {
         CL_ErrInfo scratch;
         CL_DeleteFD_M(client, &scratch, 1, kFile, __LINE__);
         return nullptr;
@@ -105,7 +104,8 @@ uint32_t CL_CloseMSGS_M(CL_Object *server, CL_ErrInfo *err, uint8_t callerFlag, 
 }
 
 uint32_t cl_closemsgs(CL_Object *server, CL_ErrInfo *err, uint8_t callerFlag) {
-    if (!qvcl::ready_object(fail, server, CL_KIND_MSGS, err, callerFlag)) return 0;
+    if (!qvcl::live_object(fail, server, CL_KIND_MSGS, err, callerFlag)) return 0;
+    if (!listening(server)) return fail(err, EBADF);
     if (cl_u_close(server->descriptor) != 0) return fail.sys(err);
     cl_u_unlink(server->server.address.sun_path);
     server->descriptor = -1;

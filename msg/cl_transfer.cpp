@@ -228,9 +228,10 @@ class SyncWait {
             fail(err_, EMFILE);
             return -1;
         }
+        const bool others = (connection_->status & CL_STATUS_RUNNING) != 0;
         if (timeout_ != 0 && CL_StartTIMER_M(connection_, timeout_, CL_TIMER_ONESHOT, err_, 1,
                                              kFile, __LINE__) == 0) {
-            return stop_timer(-1);  // it may count without a clock
+            return others ? -1 : stop_timer(-1);  // ours may count without a clock
         }
         begun_ = true;
         // An end watch has to be looked at before anything is transferred.

@@ -8,9 +8,12 @@
 #include <qvcl/main.h>
 #include <qvcl/message.h>
 
+#include "core/error.h"
 #include "core/text.h"
 
 namespace qvcl {
+
+inline constexpr uint32_t kSocketRange = 2;  // of location numbers, in whatever module
 
 // Whether the loop's sets can hold the descriptor.
 inline bool fits_sets(int32_t descriptor) {
@@ -42,28 +45,45 @@ inline const struct sockaddr *generic(const struct sockaddr_un &address) {
     return reinterpret_cast<const struct sockaddr *>(&address);
 }
 
+// Closes a socket on the way out of a failure; 0.
+inline uint32_t abandon_socket(CL_Object *object) {
+    cl_u_close(object->descriptor);
+    object->descriptor = -1;
+    return 0;
+}
+
 // Makes a new socket fit for the loop: non-blocking, close-on-exec. A number that the sets cannot
 // hold counts as the process limit reached (EMFILE). What the running iteration knows about that
-// number belongs to a descriptor closed meanwhile, so it is dropped. False with errno.
-inline bool prepare_socket(int32_t descriptor) {
-    if (!fits_sets(descriptor)) {
-        errno = EMFILE;
-        return false;
-    }
+// number belongs to a descriptor closed meanwhile, so it is dropped. False with err filled and the
+// socket closed.
+inline bool prepare_socket(const Failure &fail, CL_Object *object, CL_ErrInfo *err) {
+    const Failure here = fail.in(kSocketRange);
+    const int32_t descriptor = object->descriptor;
     CL_FdSets &sets = CL_MainTable->sets;
+    if (!fits_sets(descriptor)) {
+        here(err, EMFILE);
+        return abandon_socket(object) != 0;
+    }
     FD_CLR(descriptor, &sets.read);
     FD_CLR(descriptor, &sets.write);
     FD_CLR(descriptor, &sets.except);
-    return cl_u_fcntl(descriptor, F_SETFL, O_NONBLOCK) != -1 &&
-           cl_u_fcntl(descriptor, F_SETFD, FD_CLOEXEC) != -1;
+    if (cl_u_fcntl(descriptor, F_SETFL, O_NONBLOCK) == -1) {
+        here.sys(err);
+        return abandon_socket(object) != 0;
+    }
+    if (cl_u_fcntl(descriptor, F_SETFD, FD_CLOEXEC) == -1) {
+        here.sys(err);
+        return abandon_socket(object) != 0;
+    }
+    return true;
 }
 
-// Closes a socket on the way out of a failure, whose errno stays.
-inline void abandon_socket(CL_Object *object) {
-    const int kept = errno;
-    if (object->descriptor != -1) cl_u_close(object->descriptor);
-    object->descriptor = -1;
-    errno = kept;
+// Gives the object a socket. False with err filled, and none.
+inline bool make_socket(const Failure &fail, CL_Object *object, CL_ErrInfo *err) {
+    object->descriptor = cl_u_socket(AF_UNIX, SOCK_STREAM, 0);
+    if (object->descriptor != -1) return prepare_socket(fail, object, err);
+    fail.in(kSocketRange).sys(err);
+    return false;
 }
 
 }  // namespace qvcl
