@@ -32,17 +32,6 @@ bool priority_allowed(uint32_t priority, uint8_t callerFlag) {
     return priority >= CL_PRIORITY_FIRST && priority <= CL_PRIORITY_LAST;
 }
 
-// Takes the loop's cursor off an object that is about to leave the priority list, so that the loop
-// goes on with its successor.
-bool step_cursor_back(CL_Object *object) {
-    CL_MainBlock &main = *CL_MainTable;
-    if (main.loop_cursor != object) return true;
-    uint32_t status;
-    main.loop_cursor = static_cast<CL_Object *>(
-        CL_QUE_Enum(&main.priority_list, object, CL_QUE_BACKWARD, &status));
-    return status == CL_QUE_WALKING;
-}
-
 }  // namespace
 
 uint32_t CL_AddEventList_M(CL_Object *object, uint32_t priority, CL_ErrInfo *err,
@@ -88,12 +77,11 @@ uint32_t cl_deleventlist(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag)
     const Kind *kind = listable(object, err, callerFlag);
     if (kind == nullptr) return 0;
     if ((object->status & CL_STATUS_LISTED) == 0) return fail(err, EBADF);
-    bool removed = false;
-    if (qvcl::has_priority(*kind)) {
-        if (!step_cursor_back(object)) return fail(err, CL_ERR_QUEUE);
-        removed = CL_QUE_GetData(&main.priority_list, object) != nullptr;
-    }
-    if (!removed) removed = CL_QUE_GetData(&(main.*kind->event_list), object) != nullptr;
+    CL_Queue *joined = &(main.*kind->event_list);
+    CL_Queue *walked = qvcl::has_priority(*kind) ? &main.priority_list : joined;
+    const bool removed =
+        (kind->cursor != nullptr && qvcl::leave_list(walked, main.*kind->cursor, object)) ||
+        CL_QUE_GetData(joined, object) != nullptr;
     if (!removed) return fail(err, CL_ERR_QUEUE);
     cl_StatusChange_M(object, object->status & ~uint32_t{CL_STATUS_LISTED}, object->sub_status,
                       kFile, __LINE__);

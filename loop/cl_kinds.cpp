@@ -30,18 +30,18 @@ uint32_t check_user(CL_Object *object, CL_ErrInfo *err) {
 
 // clang-format off
 constexpr Kind kKinds[CL_KIND_COUNT] = {
-    // number         create   remove   list    internal event list                    release            add                check
-    {CL_KIND_MSGS,    anyone,  anyone,  anyone,  false,   &CL_MainBlock::pending_list, cl_DeleteMSGS_M,   cl_MakeListMSGS_M, check_server},
-    {CL_KIND_MSGC,    anyone,  anyone,  anyone,  false,   &CL_MainBlock::pending_list, cl_DeleteMSGC_M,   cl_MakeListMSGC_M, cl_CheckMSGC_M},
-    {CL_KIND_CHILD,   anyone,  anyone,  library, false,   &CL_MainBlock::child_list,   cl_DeleteCHILD_M,  nullptr,           nullptr},
-    {CL_KIND_FD,      anyone,  anyone,  anyone,  false,   &CL_MainBlock::pending_list, nullptr,           add_user,          check_user},
-    {CL_KIND_THREAD,  anyone,  anyone,  anyone,  false,   &CL_MainBlock::thread_list,  nullptr,           nullptr,           nullptr},
-    {CL_KIND_END,     library, anyone,  library, true,    &CL_MainBlock::pending_list, cl_DeleteMSGC_M,   cl_MakeListMSGC_M, cl_CheckMSGC_M},
-    {CL_KIND_EXECS,   library, library, library, true,    &CL_MainBlock::pending_list, cl_DeleteEXECS_M,  cl_MakeListMSGS_M, check_server},
-    {CL_KIND_EXECC,   library, library, library, true,    &CL_MainBlock::pending_list, cl_DeleteMSGC_M,   cl_MakeListMSGC_M, cl_CheckMSGC_M},
-    {CL_KIND_TIMER,   anyone,  anyone,  library, false,   &CL_MainBlock::timer_list,   cl_DeleteTIMER_M,  nullptr,           nullptr},
-    {CL_KIND_SHM,     library, library, nobody,  false,   nullptr,                     nullptr,           nullptr,           nullptr},
-    {CL_KIND_FILE,    library, library, nobody,  false,   nullptr,                     nullptr,           nullptr,           nullptr},
+    // number         create   remove   list    internal event list                   cursor                        release            add                check
+    {CL_KIND_MSGS,    anyone,  anyone,  anyone,  false,   &CL_MainBlock::pending_list, &CL_MainBlock::loop_cursor,   cl_DeleteMSGS_M,   cl_MakeListMSGS_M, check_server},
+    {CL_KIND_MSGC,    anyone,  anyone,  anyone,  false,   &CL_MainBlock::pending_list, &CL_MainBlock::loop_cursor,   cl_DeleteMSGC_M,   cl_MakeListMSGC_M, cl_CheckMSGC_M},
+    {CL_KIND_CHILD,   anyone,  anyone,  library, false,   &CL_MainBlock::child_list,   &CL_MainBlock::child_cursor,  cl_DeleteCHILD_M,  nullptr,           nullptr},
+    {CL_KIND_FD,      anyone,  anyone,  anyone,  false,   &CL_MainBlock::pending_list, &CL_MainBlock::loop_cursor,   nullptr,           add_user,          check_user},
+    {CL_KIND_THREAD,  anyone,  anyone,  anyone,  false,   &CL_MainBlock::thread_list,  nullptr,                      nullptr,           nullptr,           nullptr},
+    {CL_KIND_END,     library, anyone,  library, true,    &CL_MainBlock::pending_list, &CL_MainBlock::loop_cursor,   cl_DeleteMSGC_M,   cl_MakeListMSGC_M, cl_CheckMSGC_M},
+    {CL_KIND_EXECS,   library, library, library, true,    &CL_MainBlock::pending_list, &CL_MainBlock::loop_cursor,   cl_DeleteEXECS_M,  cl_MakeListMSGS_M, check_server},
+    {CL_KIND_EXECC,   library, library, library, true,    &CL_MainBlock::pending_list, &CL_MainBlock::loop_cursor,   cl_DeleteMSGC_M,   cl_MakeListMSGC_M, cl_CheckMSGC_M},
+    {CL_KIND_TIMER,   anyone,  anyone,  library, false,   &CL_MainBlock::timer_list,   &CL_MainBlock::timer_cursor,  cl_DeleteTIMER_M,  nullptr,           nullptr},
+    {CL_KIND_SHM,     library, library, nobody,  false,   nullptr,                     nullptr,                      nullptr,           nullptr,           nullptr},
+    {CL_KIND_FILE,    library, library, nobody,  false,   nullptr,                     nullptr,                      nullptr,           nullptr,           nullptr},
 };
 // clang-format on
 

@@ -20,6 +20,7 @@ struct Kind {
     Access list;
     bool internal;                                   // in the leak report with CLLIB_DEBUG only
     CL_Queue CL_MainBlock::*event_list;              // listing puts an object here; null: never
+    CL_Object *CL_MainBlock::*cursor;                // of a walk over its objects; null: none
     uint32_t (*release)(CL_Object *, CL_ErrInfo *);  // on deletion; null: nothing to release
     uint32_t (*add)(CL_Object *);                    // to the sets before a wait
     uint32_t (*check)(CL_Object *, CL_ErrInfo *);    // of the sets after a wait
@@ -45,6 +46,17 @@ inline CL_Queue *kind_queue(const Kind &kind) {
 // Whether objects of the kind are sorted by priority: they wait in the pending list first.
 inline bool has_priority(const Kind &kind) {
     return kind.event_list == &CL_MainBlock::pending_list;
+}
+
+// Takes an object off a list that may be walked just now: a walk that is at it goes on with its
+// successor. False when it is not there.
+inline bool leave_list(CL_Queue *list, CL_Object *&cursor, CL_Object *object) {
+    if (cursor == object) {
+        uint32_t status;
+        cursor = static_cast<CL_Object *>(CL_QUE_Enum(list, object, CL_QUE_BACKWARD, &status));
+        if (status != CL_QUE_WALKING) return false;
+    }
+    return CL_QUE_GetData(list, object) != nullptr;
 }
 
 }  // namespace qvcl

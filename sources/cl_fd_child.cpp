@@ -14,6 +14,7 @@
 
 #include "core/error.h"
 #include "core/signal_field.h"
+#include "loop/kinds.h"
 
 namespace {
 
@@ -30,12 +31,8 @@ void close_connection(CL_Object *child) {
     child->descriptor = -1;
 }
 
-// Makes the child's predecessor on the child event list the place of the dispatch.
-bool step_cursor_back(CL_Object *child) {
-    uint32_t status;
-    CL_MainTable->child_cursor = static_cast<CL_Object *>(
-        CL_QUE_Enum(&CL_MainTable->child_list, child, CL_QUE_BACKWARD, &status));
-    return status == CL_QUE_WALKING;
+bool unlist(CL_Object *child) {
+    return qvcl::leave_list(&CL_MainTable->child_list, CL_MainTable->child_cursor, child);
 }
 
 // Takes the child off the exec-completion wait list, if it is there.
@@ -120,8 +117,7 @@ uint32_t cl_ChildCall(CL_ErrInfo *err) {
         CL_Event event = end_event(status);
         close_connection(child);
         if (!stop_waiting(child)) return fail(err, CL_ERR_QUEUE);
-        if (!step_cursor_back(child)) return fail(err, CL_ERR_QUEUE);
-        CL_QUE_GetData(&main.child_list, child);
+        if (!unlist(child)) return fail(err, CL_ERR_QUEUE);
         cl_StatusChange_M(child, 0, 0, kFile, __LINE__);
         const uint32_t result = cl_Callback_M(child->callback, child, &event, child->arg1,
                                               child->arg2, 0, kFile, __LINE__);
@@ -130,7 +126,6 @@ uint32_t cl_ChildCall(CL_ErrInfo *err) {
 }
 
 uint32_t cl_DeleteCHILD_M(CL_Object *child, CL_ErrInfo *err) {
-    CL_MainBlock &main = *CL_MainTable;
     if ((child->status & CL_STATUS_READY) == 0) return 1;
     const auto failed = [err](uint32_t line = __builtin_LINE()) {
         return fail.both(err, CL_ERR_QUEUE, static_cast<uint32_t>(errno), line);
@@ -138,8 +133,7 @@ uint32_t cl_DeleteCHILD_M(CL_Object *child, CL_ErrInfo *err) {
     if (cl_u_kill(pid_of(child), SIGABRT) != 0 && errno != ESRCH) return failed();
     if (cl_u_waitpid(pid_of(child), nullptr, 0) == -1) return failed();
     close_connection(child);
-    if (main.child_cursor == child && !step_cursor_back(child)) return fail(err, CL_ERR_QUEUE);
-    if (CL_QUE_GetData(&main.child_list, child) == nullptr) return fail(err, CL_ERR_QUEUE);
+    if (!unlist(child)) return fail(err, CL_ERR_QUEUE);
     cl_StatusChange_M(child, child->status & ~uint32_t{CL_STATUS_LISTED}, child->sub_status, kFile,
                       __LINE__);
     if (!stop_waiting(child)) return fail(err, CL_ERR_QUEUE);

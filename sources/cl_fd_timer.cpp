@@ -13,6 +13,7 @@
 #include "core/error.h"
 #include "core/signal_field.h"
 #include "diag/traced.h"
+#include "loop/kinds.h"
 #include "loop/live_object.h"
 
 using qvcl::address_of;
@@ -42,13 +43,7 @@ uint32_t countdown(uint32_t seconds) {
 // Takes a timer off the list; a dispatch pass that is at it goes on with its successor.
 bool take_off(CL_Object *object) {
     CL_MainBlock &main = *CL_MainTable;
-    if (main.timer_cursor == object) {
-        uint32_t status;
-        main.timer_cursor = static_cast<CL_Object *>(
-            CL_QUE_Enum(&main.timer_list, object, CL_QUE_BACKWARD, &status));
-        if (status != CL_QUE_WALKING) return false;
-    }
-    if (CL_QUE_GetData(&main.timer_list, object) == nullptr) return false;
+    if (!qvcl::leave_list(&main.timer_list, main.timer_cursor, object)) return false;
     object->interval = 0;
     object->remaining = 0;
     return true;

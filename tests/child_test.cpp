@@ -170,6 +170,23 @@ TEST_F(Children, ACallbackMayChangeTheListItIsCalledFrom) {
     }
 }
 
+/* A dispatch that failed keeps its place; whoever takes the child there off the list moves it. */
+TEST_F(Children, AFailedDispatchGoesOnWhereItStopped) {
+    CL_Object *first = watch(process()), *second = watch(ended_process(2));
+    {
+        const Plan plan({.call = "waitpid", .error = EINVAL});
+        EXPECT_EQ(cl_ChildCall(&err), CL_LOOP_ERROR);
+        EXPECT_EQ(err.err, uint32_t{EINVAL});
+    }
+    EXPECT_EQ(CL_MainTable->child_cursor, first);
+    EXPECT_EQ(CL_DelEventList_M(first, &err, 1, "test", 1), 1u) << err;
+    EXPECT_EQ(cl_ChildCall(&err), 0u) << err;
+    EXPECT_THAT(told, testing::ElementsAre(Told{second, CL_CHILD_EXITED, 2}));
+    EXPECT_EQ(CL_AddEventList_M(first, CL_PRIORITY_FIRST, &err, 1, "test", 1), 1u) << err;
+    EXPECT_EQ(remove(first), 1u) << err;
+    EXPECT_EQ(remove(second), 1u) << err;
+}
+
 TEST_F(Children, DeletingTheObjectOfAChildThatRunsKillsAndReapsIt) {
     CL_Object *child = watch(process());
     const Plan plan;

@@ -269,6 +269,19 @@ TEST_F(Sync, TimesOut) {
     expect_quiet();
 }
 
+/* The connection has a timer that somebody else started: it is not the transfer's to stop. */
+TEST_F(Sync, LeavesAnothersTimerAlone) {
+    ASSERT_EQ(CL_StartTIMER_M(client, 50, CL_TIMER_ONESHOT, &err, 1, "test", 1), 1u);
+    Block block;
+    EXPECT_EQ(receive(5), -1);
+    EXPECT_THAT(err, test::FailsWith(EBADF, CL_MODULE_TIMER));
+    EXPECT_EQ(send(block, CL_MODE_SYNC, 5), -1);
+    EXPECT_FALSE(block.queued());
+    EXPECT_EQ(client->status, uint32_t{CL_STATUS_READY | CL_STATUS_RUNNING});
+    EXPECT_EQ(CL_MainTable->timer_list.count, 1u);
+    EXPECT_EQ(CL_StopTIMER_M(client, &err, 1, "test", 1), 1u);
+}
+
 TEST_F(Sync, TimedOutBlockStaysQueued) {
     const auto big = std::make_unique<Block>(std::size_t{1} << 20);
     Block more;
