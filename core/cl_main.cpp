@@ -163,6 +163,8 @@ uint32_t cl_end(CL_ErrInfo *err) {
     }
     if (auto *server = static_cast<CL_Object *>(main.kind_queues[CL_KIND_QUEUE_EXECS].head)) {
         CL_ErrInfo scratch = {};
+        // What failed half-way may have its server open, and closing takes an initialised library.
+        main.state = CL_STATE_INITIALISED;
         if (CL_DeleteFD_M(server, &scratch, 1, kFile, __LINE__) == 0) fail(err, CL_ERR_QUEUE);
         main.execs = nullptr;
     }

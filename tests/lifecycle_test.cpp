@@ -130,7 +130,7 @@ TEST(Lifecycle, FailsHalfWay) {
     } rows[] = {
         {{.call = "malloc", .error = ENOMEM, .nth = 1}, nullptr, CL_MODULE_FD},
         {{.call = "socket", .error = EMFILE}, "/tmp/qvcl-half", CL_MODULE_MSGS},
-        {{.call = "sigaction", .error = EINVAL}, nullptr, CL_MODULE_CHILD},
+        {{.call = "sigaction", .error = EINVAL}, "/tmp/qvcl-half", CL_MODULE_CHILD},
     };
     for (const auto &row : rows) {
         IN_NEW_PROCESS({
@@ -147,9 +147,12 @@ TEST(Lifecycle, FailsHalfWay) {
             EXPECT_EQ(table().state, CL_STATE_FAILED);
             EXPECT_EQ(CL_CreateFD(CL_KIND_FD, nullptr, 0, 0, &err), nullptr);
             EXPECT_THAT(err, FailsWith(CL_ERR_STATE, CL_MODULE_FD));
+            err = test::UNTOUCHED;
             EXPECT_EQ(CL_End(&err), 1u);
+            EXPECT_EQ(err, test::UNTOUCHED);
             EXPECT_EQ(table().state, uint32_t{CL_STATE_ENDED});
-            unlink("/tmp/qvcl-half");
+            EXPECT_EQ(table().used_queue.count, 0u);
+            EXPECT_EQ(unlink("/tmp/qvcl-half"), -1) << "the server took its socket file away";
         });
     }
 }
