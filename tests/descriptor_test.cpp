@@ -2,6 +2,7 @@
  * reused. */
 #include <fcntl.h>
 #include <qvcl/descriptor.h>
+#include <qvcl/execcomp.h>
 #include <qvcl/starter.h>
 
 #include <cstddef>
@@ -82,7 +83,7 @@ TEST_F(Descriptor, KindsAreOpenToWhomTheyBelong) {
 
 TEST_F(Descriptor, HandlesAreChecked) {
     CL_Object *live = create(CL_KIND_FD);
-    CL_Object *deleted = create(CL_KIND_FD);
+    CL_Object *deleted = create(CL_KIND_FD), *kept = create(CL_KIND_MSGS);
     ASSERT_EQ(CL_DeleteFD(deleted, &err), 1u);
     const auto moved = [](CL_Object *object, std::ptrdiff_t bytes) {
         return reinterpret_cast<CL_Object *>(reinterpret_cast<char *>(object) + bytes);
@@ -156,7 +157,11 @@ TEST_F(Descriptor, HandlesAreChecked) {
         }
     }
     live->status = CL_STATUS_READY | CL_STATUS_RUNNING; /* there is something to release */
-    for (const auto release : {cl_DeleteMSGS_M, cl_DeleteMSGC_M, cl_DeleteTIMER_M}) {
+    kept->status = CL_STATUS_READY;
+    EXPECT_EQ(CL_DeleteFD(kept, &err), 0u);
+    EXPECT_THAT(err, FailsWith(CL_ERR_STATE, CL_MODULE_FD));
+    for (const auto release :
+         {cl_DeleteMSGS_M, cl_DeleteMSGC_M, cl_DeleteTIMER_M, cl_DeleteEXECS_M}) {
         err = {};
         EXPECT_EQ(release(live, &err), 0u);
         EXPECT_THAT(err, FailsWith(CL_ERR_STATE, CL_MODULE_FD));
