@@ -14,6 +14,7 @@ constexpr size_t EYE = sizeof CL_TableHeader::eye;
 constexpr char EYES[RANKS][EYE] = {CL_EYE_LIBTRC, CL_EYE_USRTRC, CL_EYE_MAIN, CL_EYE_FDTBL};
 constexpr uint64_t TEXT_ALIGNMENT = 16;
 constexpr uint64_t LONGEST_TEXT = 1 << 20;
+constexpr uint64_t TEXT_PIECE = 1024;
 constexpr uint64_t LARGEST_RING = 1 << 28;
 
 // Rank of the block whose eye-catcher is at `bytes`, not below `from`; RANKS for none.
@@ -63,8 +64,15 @@ uint64_t Loader::find(uint64_t offset, size_t from) const {
 // Passes the header text: NUL-terminated, then zeros up to the next multiple, at least one. The
 // text may itself look like the beginning of a block, so what has a block behind it is a text.
 uint64_t Loader::first_block() {
-    std::string text(LONGEST_TEXT, '\0');
-    text.resize(source.read(0, text.data(), text.size()));
+    std::string text;
+    uint64_t got = TEXT_PIECE;
+    while (got == TEXT_PIECE && text.size() < LONGEST_TEXT &&
+           text.find('\0') == std::string::npos) {
+        const size_t at = text.size();
+        text.resize(at + TEXT_PIECE);
+        got = source.read(at, text.data() + at, TEXT_PIECE);
+        text.resize(at + got);
+    }
     const uint64_t end = std::min(text.find('\0'), text.size()) + 1;
     const uint64_t behind = end + TEXT_ALIGNMENT - end % TEXT_ALIGNMENT;
     if (rank_at(behind, 0) < RANKS) {
