@@ -182,6 +182,25 @@ TEST_F(Client, RefusedCallsChangeNothing) {
     CL_QUE_Clear(&other);
 }
 
+/* Another object watches the connection's socket too, for what the connection does not wait for. */
+TEST_F(Client, ReadyForWhatNobodyWaitsFor) {
+    CL_Object *client = connect();
+    list(client, 50);
+    await(client);
+    cl_StatusChange_M(client, client->status, client->sub_status | 0x100, "test", 1);
+    EXPECT_EQ(iterate(), 0u) << "that bit alone asks for nothing";
+    test::Action quiet = [](CL_Object *, CL_Event *) { return 0u; };
+    CL_Object *other = create(CL_KIND_FD, test::call_action, test::address(&quiet));
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(client->descriptor, &set);
+    const auto count = static_cast<uint32_t>(client->descriptor) + 1;
+    ASSERT_EQ(CL_SetFD(other, count, nullptr, &set, nullptr, &err), 1u);
+    list(other, 20);
+    EXPECT_EQ(CL_EventLoop(&err), CL_LOOP_ERROR);
+    EXPECT_THAT(err, FailsWith(CL_ERR_QUEUE, CL_MODULE_MSGC));
+}
+
 TEST_F(Client, DisconnectHandsEverythingBack) {
     CL_Object *client = connect();
     for (int number = 0; number < 2 * 2 * 2 * 2; number++) {

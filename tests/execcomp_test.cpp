@@ -374,6 +374,15 @@ TEST_F(Started, ASynchronousTransferIsInterruptedByTheEndOnlyWhenAsked) {
     EXPECT_EQ(CL_DeleteFD(client, &err), 1u) << err;
 }
 
+/* The library's own callback fails; whoever runs the loop is told with what. */
+TEST_F(Started, ALostEndObjectEndsTheLoopWithItsError) {
+    const Raw connection = report();
+    EXPECT_EQ(CL_DiscMSGC_M(end, nullptr, nullptr, &err, 1, "test", 1), 1u);
+    EXPECT_EQ(rounds(), CL_LOOP_ERROR);
+    EXPECT_THAT(err, test::FailsWith(CL_ERR_QUEUE, CL_MODULE_MAIN));
+    EXPECT_EQ(CL_DeleteFD(end, &err), 1u) << err;
+}
+
 TEST_F(Started, EveryStepOfReportingMayFailAndLeavesNothing) {
     const struct {
         const char *what;

@@ -101,6 +101,24 @@ TEST_F(Server, OpensWhereItCan) {
     EXPECT_TRUE(std::filesystem::exists(target)) << "what a link pointed to is not touched";
 }
 
+/* Which call failed is told by the place, as most of them can fail with the same errno. */
+TEST_F(Server, EveryStepHasItsPlace) {
+    const struct {
+        const char *call;
+        int nth;
+    } steps[] = {{"socket", 1}, {"fcntl", 1}, {"fcntl", 2}, {"unlink", 1},
+                 {"bind", 1},   {"chmod", 1}, {"listen", 1}};
+    std::set<uint32_t> places;
+    for (const auto &step : steps) {
+        const test::Plan plan({.call = step.call, .error = EACCES, .nth = step.nth});
+        EXPECT_EQ(open(address.c_str()), 0u) << step.call;
+        EXPECT_THAT(err, FailsWith(EACCES, CL_MODULE_MSGS));
+        places.insert(err.line);
+    }
+    EXPECT_EQ(places.size(), std::size(steps));
+    std::filesystem::remove(address);
+}
+
 TEST_F(Server, ConnectionWaitsForAFreeSlot) {
     ASSERT_EQ(open(address.c_str()), 1u);
     const Socket raw = Socket::connected(address);

@@ -315,6 +315,13 @@ TEST_F(Threads, HandlerIsInstalledAndRemoved) {
         EXPECT_EQ(clSIGUSR1Initialize(&err), 0u);
         EXPECT_THAT(err, test::FailsWith(EINVAL, CL_MODULE_THREAD));
     }
+    sigset_t set, kept;
+    sigemptyset(&set);
+    for (const uint32_t flag : {0u, 1u, 2u}) { /* the handler writes 1 and nothing else */
+        CL_MainTable->wake_signal = flag;
+        EXPECT_EQ(cl_sigcheckThread(1, &set, &kept, &err), flag == 1 ? 4u : 0u);
+        EXPECT_EQ(CL_MainTable->wake_signal, 0u);
+    }
     EXPECT_EQ(clSIGUSR1End(), 1u);
     raise(SIGUSR1);
     EXPECT_EQ(CL_MainTable->wake_signal, 0u);

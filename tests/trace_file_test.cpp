@@ -146,6 +146,12 @@ TEST_F(TraceFile, GenerationsGoRound) {
         EXPECT_EQ(bytes_of(prefix + ".cnf"),
                   "[GenConfig]\nGenNum = " + std::to_string(next) + "\n");
     }
+    /* A prefix that nobody checked fills its field, and ends there. */
+    user_ring(false);
+    const std::string longest(300, 'p');
+    ASSERT_EQ(cl_trc_init(CL_RING_USER, longest.c_str(), 40, 2, nullptr), 0u);
+    EXPECT_THAT(dump(nullptr),
+                ElementsAre("CLLIB:trc file open err " + longest.substr(44) + "0.trc (36)."));
     /* Without a name for it there is no dump. */
     for (const bool ring : {false, true}) {
         user_ring(ring, "");
