@@ -59,23 +59,21 @@ inline uint32_t abandon_socket(CL_Object *object) {
 inline bool prepare_socket(const Failure &fail, CL_Object *object, CL_ErrInfo *err) {
     const Failure here = fail.in(kSocketRange);
     const int32_t descriptor = object->descriptor;
-    CL_FdSets &sets = CL_MainTable->sets;
     if (!fits_sets(descriptor)) {
         here(err, EMFILE);
-        return abandon_socket(object) != 0;
-    }
-    FD_CLR(descriptor, &sets.read);
-    FD_CLR(descriptor, &sets.write);
-    FD_CLR(descriptor, &sets.except);
-    if (cl_u_fcntl(descriptor, F_SETFL, O_NONBLOCK) == -1) {
+    } else if (cl_u_fcntl(descriptor, F_SETFL, O_NONBLOCK) == -1) {
         here.sys(err);
-        return abandon_socket(object) != 0;
-    }
-    if (cl_u_fcntl(descriptor, F_SETFD, FD_CLOEXEC) == -1) {
+    } else if (cl_u_fcntl(descriptor, F_SETFD, FD_CLOEXEC) == -1) {
         here.sys(err);
-        return abandon_socket(object) != 0;
+    } else {
+        CL_FdSets &sets = CL_MainTable->sets;
+        FD_CLR(descriptor, &sets.read);
+        FD_CLR(descriptor, &sets.write);
+        FD_CLR(descriptor, &sets.except);
+        return true;
     }
-    return true;
+    abandon_socket(object);
+    return false;
 }
 
 // Gives the object a socket. False with err filled, and none.

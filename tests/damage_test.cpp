@@ -159,6 +159,12 @@ TEST_F(Damaged, ListsCannotBeChangedOrWalked) {
     CL_Object *client = ready(CL_KIND_MSGC);
     CL_Queue unsent;
     CL_Event event{};
+    const auto astray = [](CL_QueueLink &link, auto call) {
+        return [&link, call] {
+            const Astray wrong(link);
+            return call();
+        };
+    };
     const auto headed_by_stray = [this](CL_Queue CL_MainBlock::*list, auto call) {
         return [this, list, call] {
             const Damage<void *> head((table().*list).head, &stray);
@@ -174,29 +180,13 @@ TEST_F(Damaged, ListsCannotBeChangedOrWalked) {
         uint32_t result;
     } rows[] = {
         {"start a timer",
-         [&] {
-             const Astray astray(timer->timer_link);
-             return CL_StartTIMER(timer, 9, CL_TIMER_ONESHOT, &err);
-         },
+         astray(timer->timer_link, [&] { return CL_StartTIMER(timer, 9, CL_TIMER_ONESHOT, &err); }),
          0},
         {"release a timer",
-         [&] {
-             const Astray astray(running->timer_link);
-             return cl_DeleteTIMER_M(running, &err);
-         },
+         astray(running->timer_link, [&] { return cl_DeleteTIMER_M(running, &err); }), 0},
+        {"list", astray(unlisted->event_link, [&] { return CL_AddEventList(unlisted, 20, &err); }),
          0},
-        {"list",
-         [&] {
-             const Astray astray(unlisted->event_link);
-             return CL_AddEventList(unlisted, 20, &err);
-         },
-         0},
-        {"unlist",
-         [&] {
-             const Astray astray(listed->event_link);
-             return CL_DelEventList(listed, &err);
-         },
-         0},
+        {"unlist", astray(listed->event_link, [&] { return CL_DelEventList(listed, &err); }), 0},
         {"move what is listed",
          [&] {
              const Plan plan({.call = "malloc", .error = ENOMEM});

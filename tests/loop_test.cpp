@@ -134,7 +134,6 @@ class Walk {
         return std::next(objects_.begin(), random->below(static_cast<uint32_t>(objects_.size())))
             ->first;
     }
-    CL_Object *first() const { return objects_.begin()->first; }
     std::size_t size() const { return objects_.size(); }
 
     /* The object that the loop must call now; some object must be listed and watching. */
@@ -193,73 +192,7 @@ class Walk {
     std::ptrdiff_t cursor_ = -1;
 };
 
-/* One callback acts once, on itself, the one before it or the one after it. */
-TEST_F(Loop, CallbacksMayChangeTheLists) {
-    const struct {
-        const char *name;
-        std::function<void(Walk &, CL_Object *, Action *)> deed;
-    } deeds[] = {
-        {"unlist", [](Walk &walk, CL_Object *target, Action *) { walk.unlist(target); }},
-        {"destroy", [](Walk &walk, CL_Object *target, Action *) { walk.destroy(target); }},
-        {"relist first",
-         [](Walk &walk, CL_Object *target, Action *) {
-             walk.unlist(target);
-             walk.list(target, 12);
-         }},
-        {"relist last",
-         [](Walk &walk, CL_Object *target, Action *) {
-             walk.unlist(target);
-             walk.list(target, 110);
-         }},
-        {"replace",
-         [](Walk &walk, CL_Object *target, Action *action) {
-             walk.destroy(target);
-             walk.list(walk.make(action), 25);
-         }},
-        {"add", [](Walk &walk, CL_Object *, Action *action) { walk.list(walk.make(action), 12); }},
-        {"everything goes",
-         [](Walk &walk, CL_Object *target, Action *action) {
-             for (const uint32_t priority : {20u, 50u}) {
-                 walk.list(walk.make(action), priority);
-             }
-             walk.unlist(target);
-             walk.destroy(target);
-         }},
-    };
-    const test::Balance before = test::Balance::now();
-    for (const auto &deed : deeds) {
-        for (std::size_t actor = 0; actor < 5; actor++) {
-            for (int offset = -1; offset <= 1; offset++) {
-                Walk walk(&err, pipe.out());
-                std::vector<CL_Object *> objects;
-                bool acted = false;
-                std::string calls;
-                Action action = [&](CL_Object *object, CL_Event *) {
-                    EXPECT_EQ(object, walk.next())
-                        << deed.name << " by " << actor << " on " << offset << " after " << calls;
-                    const auto place = std::find(objects.begin(), objects.end(), object);
-                    calls += static_cast<char>('a' + (place - objects.begin()));
-                    const auto target = static_cast<std::ptrdiff_t>(actor) + offset;
-                    if (!acted && object == objects[actor] && target >= 0 && target < 5) {
-                        acted = true;
-                        deed.deed(walk, objects[static_cast<std::size_t>(target)], &action);
-                    }
-                    return object == objects[5] && walk.iterations == 3 ? 1u : 0u;
-                };
-                for (std::size_t i = 0; i < 6; i++) {
-                    objects.push_back(walk.make(&action));
-                    walk.list(objects[i], i < 5 ? 20 + 10 * static_cast<uint32_t>(i) : 111);
-                }
-                ASSERT_EQ(run(), 1u);
-                while (walk.size() > 0) {
-                    walk.destroy(walk.first());
-                }
-            }
-        }
-    }
-    EXPECT_EQ(test::Balance::now(), before);
-}
-
+/* Callbacks at random, on themselves and on others. */
 TEST_F(Loop, FollowsItsModel) {
     test::Random random;
     Walk walk(&err, pipe.out());
