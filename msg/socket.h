@@ -59,21 +59,27 @@ inline uint32_t abandon_socket(CL_Object *object) {
 inline bool prepare_socket(const Failure &fail, CL_Object *object, CL_ErrInfo *err) {
     const Failure here = fail.in(kSocketRange);
     const int32_t descriptor = object->descriptor;
+    const auto undo = [object] {
+        abandon_socket(object);
+        return false;
+    };
     if (!fits_sets(descriptor)) {
         here(err, EMFILE);
-    } else if (cl_u_fcntl(descriptor, F_SETFL, O_NONBLOCK) == -1) {
-        here.sys(err);
-    } else if (cl_u_fcntl(descriptor, F_SETFD, FD_CLOEXEC) == -1) {
-        here.sys(err);
-    } else {
-        CL_FdSets &sets = CL_MainTable->sets;
-        FD_CLR(descriptor, &sets.read);
-        FD_CLR(descriptor, &sets.write);
-        FD_CLR(descriptor, &sets.except);
-        return true;
+        return undo();
     }
-    abandon_socket(object);
-    return false;
+    if (cl_u_fcntl(descriptor, F_SETFL, O_NONBLOCK) == -1) {
+        here.sys(err);
+        return undo();
+    }
+    if (cl_u_fcntl(descriptor, F_SETFD, FD_CLOEXEC) == -1) {
+        here.sys(err);
+        return undo();
+    }
+    CL_FdSets &sets = CL_MainTable->sets;
+    FD_CLR(descriptor, &sets.read);
+    FD_CLR(descriptor, &sets.write);
+    FD_CLR(descriptor, &sets.except);
+    return true;
 }
 
 // Gives the object a socket. False with err filled, and none.
