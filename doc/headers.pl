@@ -16,8 +16,6 @@ use strict;
 use warnings;
 use Errno;
 
-my %errno_name;
-$errno_name{ Errno->can($_)->() } = $_ for grep { $_ ne 'EWOULDBLOCK' } keys %!;
 my %usual_reason = (
     CL_ERR_STATE       => 'the library is not initialised',
     CL_ERR_QUEUE       => 'an internal queue operation failed',
@@ -146,8 +144,9 @@ sub split_errors {
     my $list = join ' ', splice @text, $start;
     $list =~ s/^Errors: //;
     my @errors;
-    while ($list =~ s/^(\d+|errno|CL_\w+)(?: \(([^()]*)\))?(?:, |\.$)//) {
+    while ($list =~ s/^(E[A-Z0-9]+|errno|CL_\w+)(?: \(([^()]*)\))?(?:, |\.$)//) {
         my ($code, $when) = ($1, $2);
+        die "$where: $code is no name of errno.h\n" if $code =~ /^E/ && !exists $!{$code};
         $when //= $usual_reason{$code} // '';
         push @errors, [ $code, $when ];
     }
@@ -278,7 +277,7 @@ sub error_section {
             my ($code, $when) = @$error;
             my $shown =
                   $code eq 'errno'   ? 'Other errno values'
-                : $code =~ /^\d+$/   ? "Bq Er $errno_name{$code} No ($code)"
+                : $code =~ /^E/      ? "Bq Er $code"
                 :                      "Bq Dv $code";
             $when = $code eq 'errno' ? "from $when" : $when if $when ne '';
             $out .= ".It $shown\n" . ($when eq '' ? '' : escaped(ucfirst $when) . ".\n");

@@ -1,5 +1,5 @@
-/* The ground that every other header stands on: linkage, source positions, the error record and
- * its codes.
+/* The ground that every other header stands on: linkage, source positions, the error record and its
+ * codes.
  *
  * The interface is plain C, usable from C11 and C++17 and later, on 64-bit Linux. Most operations
  * have the form
@@ -7,15 +7,15 @@
  *     result CL_Name_M(arguments..., CL_ErrInfo *err, uint8_t callerFlag,
  *                      const char *file, uint32_t line);
  *
- * They return 1 or 0, a handle or null, or a count or -1, and fill `*err`. `err` may be null when
- * the caller does not want the record. `callerFlag` is 0 for the application and 1 for calls that
- * the library makes itself; some kinds, priorities and memory lists are open to flag 1 only.
- * `file` and `line` name the caller's source position; they are recorded in traces, allocations
- * and objects. For each of them there is a macro of the same name without `_M` that supplies the
- * last three arguments: CL_CreateFD(kind, callback, a1, a2, &err).
+ * They return 1 on success and 0 on failure, a handle or null, or a count or -1, and fill `*err`.
+ * `err` may be null when the caller does not want the record. `callerFlag` is 0 for the application
+ * and 1 for calls that the library makes itself; some kinds, priorities and memory lists are open
+ * to flag 1 only. `file` and `line` name the caller's source position; they are recorded in traces,
+ * allocations and objects. For each of them there is a macro of the same name without `_M` that
+ * supplies the last three arguments: CL_CreateFD(kind, callback, a1, a2, &err).
  *
  * A line that begins with "Errors:" lists the codes that a failing operation leaves in `err`, or
- * returns where it takes no error record: errno values as numbers, the library's own by name, and
+ * returns where it takes no error record: names of <errno.h> and the library's own (below), and
  * "errno" for whatever the system calls behind it report.
  *
  * Nothing here is locked: one thread drives the library, the one that runs the loop. */

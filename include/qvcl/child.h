@@ -5,8 +5,8 @@
  * children with an object are reaped. Deleting the object of a running child kills it with SIGABRT
  * and waits for it. Starting a program is the business of a starter; starter.h is one.
  *
- * These functions write no trace record; their failures carry module 10. SIGCHLD belongs to the
- * library from CL_Init_M on. */
+ * These functions write no trace record; their failures carry CL_MODULE_CHILD. SIGCHLD belongs to
+ * the library from CL_Init_M on. */
 #ifndef QVCL_CHILD_H
 #define QVCL_CHILD_H
 
@@ -23,7 +23,7 @@ typedef struct CL_EnvChange {
 /* The SIGCHLD handler: sets the child signal flag. */
 QVCL_API void cl_sigchld(int signal);
 
-/* Installs the handler (CL_Init_M does). 1, or 0.
+/* Installs the handler (CL_Init_M does). 1 on success, 0 on failure.
  * Errors: errno (sigaction). */
 QVCL_API uint32_t cl_sigchld_init(CL_ErrInfo *err);
 
@@ -31,26 +31,26 @@ QVCL_API uint32_t cl_sigchld_init(CL_ErrInfo *err);
  * Always 1. */
 QVCL_API uint32_t cl_SIGCHLD_end(void);
 
-/* Applies environment changes in order; meant for a forked child before it runs its program. 0; -1:
- * the rest of the list is not applied.
- * Errors: 12 (a variable could not be set). */
+/* Applies environment changes in order; meant for a forked child before it runs its program. 0 on
+ * success; -1 on failure: the rest of the list is not applied.
+ * Errors: ENOMEM (a variable could not be set). */
 QVCL_API int32_t cl_envchange(const CL_EnvChange *changes, CL_ErrInfo *err);
 
 /* Reaps ended children and calls their callbacks. 0, or the value that ends the loop.
  * Errors: CL_ERR_QUEUE, errno (waitpid). */
 QVCL_API uint32_t cl_ChildCall(CL_ErrInfo *err);
 
-/* Release of a CHILD object: kills and reaps a running child. 1, or 0.
+/* Release of a CHILD object: kills and reaps a running child. 1 on success, 0 on failure.
  * Errors: CL_ERR_QUEUE (with the errno of kill or waitpid as detail when one of them failed). */
 QVCL_API uint32_t cl_DeleteCHILD_M(CL_Object *child, CL_ErrInfo *err);
 
 /* Matches the message event of a report connection with a waiting child, which takes over the
- * connection. 0 with *childOut set; 1 when it is no report or nobody waits for it; -1.
+ * connection. 0 with *childOut set; 1 when it is no report or nobody waits for it; -1 on failure.
  * Errors: CL_ERR_QUEUE. */
 QVCL_API int32_t cl_ExecCompRecv(CL_Object *connection, CL_Event *event, CL_Object **childOut,
                                  CL_ErrInfo *err);
 
-/* Deletes all report connections once no child waits for a report. 1, or 0.
+/* Deletes all report connections once no child waits for a report. 1 on success, 0 on failure.
  * Errors: CL_ERR_QUEUE (one could not be deleted). */
 QVCL_API uint32_t cl_clear_execc(CL_ErrInfo *err);
 

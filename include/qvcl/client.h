@@ -1,10 +1,10 @@
 /* Message client endpoints (MSGC): one end of a connection that carries messages (message.h).
  *
- * An application connects an object to a server's path, or accepts one from a server of its own.
- * It receives one message at a time into its own buffer, sends blocks in order, and disconnects.
+ * An application connects an object to a server's path, or accepts one from a server of its own. It
+ * receives one message at a time into its own buffer, sends blocks in order, and disconnects.
  * Callback events: CONNECTED, MESSAGE, SENT, DISCONNECT, FAILED. After CL_EVENT_DISCONNECT the
  * object is failed and only disconnect or delete is useful; it can then connect again. A listed
- * connection is watched only for what is pending. Failures carry module 5. */
+ * connection is watched only for what is pending. Failures carry CL_MODULE_MSGC. */
 #ifndef QVCL_CLIENT_H
 #define QVCL_CLIENT_H
 
@@ -12,12 +12,13 @@
 
 QVCL_BEGIN
 
-/* Connects to the server at `path` (at most 107 characters). mode CL_MODE_SYNC: 1 connected. Other
- * modes: 0 with CL_ERR_IN_PROGRESS, and CL_EVENT_CONNECTED follows in the loop. No retry: a server
- * that is missing, refuses or is full fails the call, with 0. reserved: recorded only.
- * Errors: CL_ERR_STATE, 9 (invalid handle, not MSGC), 114 (connected already), 14 (path null), 36
- * (path too long), 22 (mode), 24 (descriptor beyond the loop's sets), CL_ERR_IN_PROGRESS, errno
- * (socket, fcntl, connect). */
+/* Connects to the server at `path` (at most 107 characters). CL_MODE_SYNC: 1 connected, 0 on
+ * failure. Other modes: 0, with CL_ERR_IN_PROGRESS in err when CL_EVENT_CONNECTED follows in the
+ * loop. No retry: a server that is missing, refuses or is full fails the call. reserved: recorded
+ * only.
+ * Errors: CL_ERR_STATE, EBADF (invalid handle, not MSGC), EALREADY (connected already), EFAULT
+ * (path null), ENAMETOOLONG (path too long), EINVAL (mode), EMFILE (descriptor beyond the loop's
+ * sets), CL_ERR_IN_PROGRESS, errno (socket, fcntl, connect). */
 QVCL_API uint32_t CL_CnctMSGC_M(CL_Object *client, const char *path, uint32_t mode,
                                 uint32_t reserved, CL_ErrInfo *err, uint8_t callerFlag,
                                 const char *file, uint32_t line);
@@ -30,12 +31,13 @@ QVCL_API uint32_t cl_cnctmsgc(CL_Object *client, const char *path, uint32_t mode
  * largest message accepted). CL_MODE_SYNC: waits at most `timeout` seconds (0: no limit) and
  * returns the message length. Other modes: -1 with CL_ERR_IN_PROGRESS; CL_EVENT_MESSAGE follows. -1
  * on failure.
- * Errors: CL_ERR_STATE, 9 (invalid handle, not MSGC, not connected, failed, connect pending), 115
- * (a receive is pending), 22 (mode, capacity), 14 (buffer null), CL_ERR_IN_PROGRESS, 110 (mode 1:
- * timed out; what was read of the message is lost), 32 (mode 1: peer closed), 90 (mode 1: message
- * above capacity), 71 (mode 1: not a message), 4 (mode 1: end watch; the result is the end
- * callback's), 24 (mode 1: descriptor beyond the wait's sets), errno (recv and pselect in mode 1,
- * and the calls of timers). */
+ * Errors: CL_ERR_STATE, EBADF (invalid handle, not MSGC, not connected, failed, connect pending),
+ * EINPROGRESS (a receive is pending), EINVAL (mode, capacity), EFAULT (buffer null),
+ * CL_ERR_IN_PROGRESS, ETIMEDOUT (CL_MODE_SYNC; what was read of the message is lost), EPIPE
+ * (CL_MODE_SYNC: peer closed), EMSGSIZE (CL_MODE_SYNC: message above capacity), EPROTO
+ * (CL_MODE_SYNC: not a message), EINTR (CL_MODE_SYNC: end watch; the result is the end callback's),
+ * EMFILE (CL_MODE_SYNC: descriptor beyond the wait's sets), errno (with CL_MODE_SYNC: recv,
+ * pselect, and the calls of timers). */
 QVCL_API int32_t CL_RecvMSGC_M(CL_Object *client, void *buffer, int32_t capacity, uint32_t mode,
                                uint32_t timeout, CL_ErrInfo *err, uint8_t callerFlag,
                                const char *file, uint32_t line);
@@ -47,13 +49,14 @@ QVCL_API int32_t cl_recvmsgc(CL_Object *client, void *buffer, int32_t capacity, 
 
 /* Sends a message block (CL_MsgBlock and its payload) of `blockSize` bytes, at least 56; fills
  * length, version and sender of its header. The message length when it went out within the call
- * (modes 1 and 2); -1 with CL_ERR_IN_PROGRESS when the loop goes on with it and CL_EVENT_SENT
- * follows (mode 2 when the socket is full, mode 3 always, any mode but 1 behind other blocks). -1
- * on failure.
- * Errors: CL_ERR_STATE, 9 (as receive), 22 (mode, size, block still queued), 115 (mode 1 while
- * blocks are queued), 14 (block null), CL_ERR_IN_PROGRESS, CL_ERR_QUEUE, 110 (mode 1: timed out), 4
- * (mode 1: end watch; the result is the end callback's), 24 (mode 1: descriptor beyond the wait's
- * sets), errno (send, in mode 1 also pselect and the calls of timers). */
+ * (CL_MODE_SYNC, CL_MODE_IMMEDIATE); -1 with CL_ERR_IN_PROGRESS when the loop goes on with it and
+ * CL_EVENT_SENT follows (CL_MODE_IMMEDIATE when the socket is full or other blocks are queued,
+ * CL_MODE_DEFERRED always). -1 on failure.
+ * Errors: CL_ERR_STATE, EBADF (as receive), EINVAL (mode, size, block still queued), EINPROGRESS
+ * (CL_MODE_SYNC while blocks are queued), EFAULT (block null), CL_ERR_IN_PROGRESS, CL_ERR_QUEUE,
+ * ETIMEDOUT (CL_MODE_SYNC), EINTR (CL_MODE_SYNC: end watch; the result is the end callback's),
+ * EMFILE (CL_MODE_SYNC: descriptor beyond the wait's sets), errno (send; with CL_MODE_SYNC also
+ * pselect and the calls of timers). */
 QVCL_API int32_t CL_SendMSGC_M(CL_Object *client, void *block, int32_t blockSize, uint32_t mode,
                                uint32_t timeout, CL_ErrInfo *err, uint8_t callerFlag,
                                const char *file, uint32_t line);
@@ -65,9 +68,9 @@ QVCL_API int32_t cl_sendmsgc(CL_Object *client, void *block, int32_t blockSize, 
 
 /* Ends the connection. receiveBufferOut: receives the address of the receive buffer last set up.
  * unsentOut: made a queue that receives the unsent blocks; without it they are only unlinked.
- * Either may be null. The object stays listed. 1, or 0.
- * Errors: CL_ERR_STATE, 9 (invalid handle, not MSGC, not connected), CL_ERR_QUEUE, errno (close).
- */
+ * Either may be null. The object stays listed. 1 on success, 0 on failure.
+ * Errors: CL_ERR_STATE, EBADF (invalid handle, not MSGC, not connected), CL_ERR_QUEUE, errno
+ * (close). */
 QVCL_API uint32_t CL_DiscMSGC_M(CL_Object *client, uint64_t *receiveBufferOut, CL_Queue *unsentOut,
                                 CL_ErrInfo *err, uint8_t callerFlag, const char *file,
                                 uint32_t line);
@@ -76,15 +79,16 @@ QVCL_API uint32_t CL_DiscMSGC_M(CL_Object *client, uint64_t *receiveBufferOut, C
 QVCL_API uint32_t cl_discmsgc(CL_Object *client, uint64_t *receiveBufferOut, CL_Queue *unsentOut,
                               CL_ErrInfo *err, uint8_t callerFlag, const char *file, uint32_t line);
 
-/* The loop's step before the wait: adds to the sets. 0, or 9 when the object cannot take part; its
- * error record says why: 9 not connected or failed, 24 descriptor beyond the sets.
- * Errors: 9 (cannot take part). */
+/* The loop's step before the wait: adds to the sets. 0, or EBADF when the object cannot take part;
+ * its error record says why: EBADF not connected or failed, EMFILE descriptor beyond the sets.
+ * Errors: EBADF (cannot take part). */
 QVCL_API uint32_t cl_MakeListMSGC_M(CL_Object *client);
 /* The loop's step after the wait. 0, or the value that ends the loop.
  * Errors: CL_ERR_QUEUE (ready for what nobody waits for). */
 QVCL_API uint32_t cl_CheckMSGC_M(CL_Object *client, CL_ErrInfo *err);
 
-/* Release of MSGC, END(ExecComp) and EXECC objects: disconnects when connected. 1, or 0.
+/* Release of MSGC, END(ExecComp) and EXECC objects: disconnects when connected. 1 on success, 0 on
+ * failure.
  * Errors: CL_ERR_STATE, errno (close). */
 QVCL_API uint32_t cl_DeleteMSGC_M(CL_Object *client, CL_ErrInfo *err);
 

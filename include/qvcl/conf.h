@@ -62,22 +62,23 @@ CL_LAYOUT_AT(CL_ConfMember, value, 92);
 
 /* Reads the file at `path` into `conf`, which must be empty (CL_QUE_InitQT(conf, 0)). *line
  * receives the number of lines + 1, or after a failure the line that failed, from 1 (0 when the
- * queue was not empty or the file could not be opened). 0, or the error; conf is then empty.
+ * queue was not empty or the file could not be opened). CL_CONF_OK, or the error; conf is then
+ * empty.
  * Errors: CL_CONF_NOT_EMPTY (conf stays as it was), CL_CONF_NO_FILE, CL_CONF_LINE_LONG,
  * CL_CONF_NO_SECTION, CL_CONF_BAD_SECTION, CL_CONF_NO_MEMORY, CL_CONF_SECTION_TWICE,
  * CL_CONF_BAD_MEMBER, CL_CONF_KEY_TWICE, CL_CONF_INSERT_FAILED. */
 QVCL_API uint32_t CL_ReadConf(CL_Queue *conf, const char *path, uint32_t *line);
 
-/* Releases everything. 1; 0 when an element could not be freed, the rest stays. */
+/* Releases everything. 1 on success; 0 when an element could not be freed: the rest stays. */
 QVCL_API uint32_t CL_FreeConf(CL_Queue *conf);
 
 /* The next section in name order: *cursor null gives the first. name: at most `length` bytes,
- * padded with NUL, not terminated when the name fills them. 0, or the error.
+ * padded with NUL, not terminated when the name fills them. CL_CONF_OK, or the error.
  * Errors: CL_CONF_END, CL_CONF_BAD_CURSOR. */
 QVCL_API uint32_t CL_EnumSection(CL_Queue *conf, char *name, uint64_t length, uint32_t *line,
                                  CL_ConfSection **cursor);
 
-/* Looks a section up by its exact name. 0 with *section set, or the error.
+/* Looks a section up by its exact name. CL_CONF_OK with *section set, or the error.
  * Errors: CL_CONF_NOT_FOUND. */
 QVCL_API uint32_t CL_GetSectionIndex(CL_Queue *conf, const char *name, CL_ConfSection **section);
 
@@ -86,8 +87,8 @@ QVCL_API uint32_t CL_GetSectionIndex(CL_Queue *conf, const char *name, CL_ConfSe
 QVCL_API uint32_t CL_EnumMember(CL_ConfSection *section, char *key, uint64_t keyLength, char *value,
                                 uint64_t valueLength, uint32_t *line, CL_ConfMember **cursor);
 
-/* Looks a value up. 0 with value (at most `length` bytes, as CL_EnumSection) and *line stored, or
- * the error.
+/* Looks a value up. CL_CONF_OK with value (at most `length` bytes, as CL_EnumSection) and *line
+ * stored, or the error.
  * Errors: CL_CONF_NOT_FOUND (section or key). */
 QVCL_API uint32_t CL_GetMember(CL_Queue *conf, const char *section, const char *key, char *value,
                                uint64_t length, uint32_t *line);

@@ -197,14 +197,15 @@ CL_LAYOUT_SIZE(CL_Object, 840);
 /* The table is one block: a CL_TableHeader, then capacity objects. */
 static_assert(sizeof(CL_TableHeader) % alignof(CL_Object) == 0, "objects follow the header");
 
-/* Builds the table of count + CL_SPARE_OBJECTS objects. Called once, by CL_Init_M. 1, or 0.
- * Errors: 12 (no memory), CL_ERR_QUEUE. */
+/* Builds the table of count + CL_SPARE_OBJECTS objects. Called once, by CL_Init_M. 1 on success, 0
+ * on failure.
+ * Errors: ENOMEM (no memory), CL_ERR_QUEUE. */
 QVCL_API uint32_t CL_FD_TblInit(uint32_t count, CL_ErrInfo *err);
 
 /* A new object of `kind`, status 0. callback: with null the object's events are dropped; arg1,
  * arg2: passed to every call of it. Null on failure.
- * Errors: CL_ERR_STATE (library not initialised), 22 (no such kind, or one that only the library
- * creates: END, EXECS, EXECC, SHM, FILE), 24 (table full), CL_ERR_QUEUE. */
+ * Errors: CL_ERR_STATE (library not initialised), EINVAL (no such kind, or one that only the
+ * library creates: END, EXECS, EXECC, SHM, FILE), EMFILE (table full), CL_ERR_QUEUE. */
 QVCL_API CL_Object *CL_CreateFD_M(uint32_t kind, CL_Callback callback, uint64_t arg1, uint64_t arg2,
                                   CL_ErrInfo *err, uint8_t callerFlag, const char *file,
                                   uint32_t line);
@@ -216,9 +217,9 @@ QVCL_API CL_Object *cl_createfd(uint32_t kind, CL_Callback callback, uint64_t ar
 
 /* Releases what the object stands for, unlists it and gives it back; the handle is invalid
  * afterwards. A running child is killed (SIGABRT) and reaped, a running timer stopped, a connection
- * or server closed; blocks of a connection's send queue are unlinked, not freed. 1; 0: when a
- * release failed the object stays live.
- * Errors: 9 (invalid handle, or a kind that only the library deletes: EXECS, EXECC, SHM, FILE),
+ * or server closed; blocks of a connection's send queue are unlinked, not freed. 1 on success, 0 on
+ * failure: when a release failed the object stays live.
+ * Errors: EBADF (invalid handle, or a kind that only the library deletes: EXECS, EXECC, SHM, FILE),
  * CL_ERR_QUEUE, CL_ERR_STATE (library not initialised, and the object has something to release or
  * is listed), errno (close, setitimer). */
 QVCL_API uint32_t CL_DeleteFD_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag,
@@ -227,12 +228,12 @@ QVCL_API uint32_t CL_DeleteFD_M(CL_Object *object, CL_ErrInfo *err, uint8_t call
 QVCL_API uint32_t cl_deletefd(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag,
                               const char *file, uint32_t line);
 
-/* 1 when the library is initialised and `object` is a live object; else 0.
- * Errors: CL_ERR_STATE, 9 (not a live object). */
+/* 1 when the library is initialised and `object` is a live object, else 0.
+ * Errors: CL_ERR_STATE, EBADF (not a live object). */
 QVCL_API uint32_t cl_CheckFD(CL_Object *object, CL_ErrInfo *err);
 
 /* The handle test alone, whatever the library's state.
- * Errors: 9 (not a live object). */
+ * Errors: EBADF (not a live object). */
 QVCL_API uint32_t cl_CheckFD_sub(CL_Object *object, CL_ErrInfo *err);
 
 QVCL_END

@@ -22,9 +22,9 @@ enum {
 };
 
 /* Lists a ready object. priority: CL_PRIORITY_FIRST to CL_PRIORITY_LAST; checked for every kind,
- * used by those of the priority list. 1 listed, or 0.
- * Errors: CL_ERR_STATE, 9 (invalid handle, kind not listable by this caller, not ready, listed
- * already), 22 (priority), CL_ERR_QUEUE. */
+ * used by those of the priority list. 1 on success, 0 on failure.
+ * Errors: CL_ERR_STATE, EBADF (invalid handle, kind not listable by this caller, not ready, listed
+ * already), EINVAL (priority), CL_ERR_QUEUE. */
 QVCL_API uint32_t CL_AddEventList_M(CL_Object *object, uint32_t priority, CL_ErrInfo *err,
                                     uint8_t callerFlag, const char *file, uint32_t line);
 #define CL_AddEventList(object, priority, err) \
@@ -32,16 +32,16 @@ QVCL_API uint32_t CL_AddEventList_M(CL_Object *object, uint32_t priority, CL_Err
 QVCL_API uint32_t cl_addeventlist(CL_Object *object, uint32_t priority, CL_ErrInfo *err,
                                   uint8_t callerFlag);
 
-/* Unlists an object; open to callbacks, for any object. 1 unlisted, or 0.
- * Errors: CL_ERR_STATE, 9 (invalid handle, kind not listable by this caller, not listed),
+/* Unlists an object; open to callbacks, for any object. 1 on success, 0 on failure.
+ * Errors: CL_ERR_STATE, EBADF (invalid handle, kind not listable by this caller, not listed),
  * CL_ERR_QUEUE. */
 QVCL_API uint32_t CL_DelEventList_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag,
                                     const char *file, uint32_t line);
 #define CL_DelEventList(object, err) CL_DelEventList_M((object), (err), CL_HERE)
 QVCL_API uint32_t cl_deleventlist(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag);
 
-/* Moves the pending list into the priority list. 0; 0xffffffff with the queue's result as detail.
- * The loop's step; allocates nothing.
+/* Moves the pending list into the priority list. 0 on success; CL_LOOP_ERROR on failure, with the
+ * queue's result as detail. The loop's step; allocates nothing.
  * Errors: CL_ERR_QUEUE. */
 QVCL_API uint32_t cl_move_eventlist(CL_ErrInfo *err);
 

@@ -27,8 +27,9 @@ typedef int (*CL_LogCallback)(int kind, const char *line);
 
 /* Sets up the log; may be repeated. name: identity, at most 31 characters. catalogue, altCatalogue:
  * message catalogues as of catopen(3), at most 255 characters; one may be null. logPath: file whose
- * generations cl_log_lotate rotates, at most 252 characters. 1 with err untouched, or 0. Module 12.
- * Errors: 22 (name, both catalogues or logPath null), 36 (one of them too long). */
+ * generations cl_log_lotate rotates, at most 252 characters. 1 on success, with err as the caller
+ * passed it in; 0 on failure (CL_MODULE_LOG).
+ * Errors: EINVAL (name, both catalogues or logPath null), ENAMETOOLONG (one of them too long). */
 QVCL_API uint32_t CL_LOG_Init_M(const char *name, const char *catalogue, const char *altCatalogue,
                                 const char *logPath, CL_ErrInfo *err);
 QVCL_API uint32_t cl_log_init(const char *name, const char *catalogue, const char *altCatalogue,
@@ -52,7 +53,7 @@ QVCL_API void CL_SetLogCallbackFunction(CL_LogCallback callback);
 QVCL_API void cl_inlog_write(const char *text);
 
 /* Copies the catalogue text of `messageId` into `out`, 1024 bytes: at most 1023 characters and a
- * NUL. 1, or 0 when there is none. */
+ * NUL. 1 on success, 0 when there is none. */
 QVCL_API uint32_t cl_GetLogString(uint32_t messageId, char *out);
 
 /* Renames the log file to its generation 1, and generations 1 to 3 to 2 to 4. The result of the

@@ -2,13 +2,14 @@
  *
  * Each iteration: newly listed objects join the priority list; every listed object adds its
  * descriptors to three sets; due timers, then ended children are dispatched if their signals came;
- * otherwise pselect waits, with SIGALRM and SIGCHLD open only during the wait. Then due timers,
- * and the listed objects in ascending priority; between two objects due timers and ended children
- * that became pending meanwhile.
+ * otherwise pselect waits, with SIGALRM and SIGCHLD open only during the wait. Then due timers, and
+ * the listed objects in ascending priority; between two objects due timers and ended children that
+ * became pending meanwhile.
  *
  * CL_EventLoop_M returns the value of the callback that ended it, or CL_LOOP_ERROR with err filled
- * (module 2 for failures of its own); never 0. It can be entered again. The sets hold descriptors
- * below 1024; an object with a larger one is reported with CL_EVENT_FAILED, which ends the loop.
+ * (CL_MODULE_LOOP for failures of its own); never 0. It can be entered again. The sets hold
+ * descriptors below 1024; an object with a larger one is reported with CL_EVENT_FAILED, which ends
+ * the loop.
  *
  * The loop's signals are open from its first wait on, even when the application had blocked them
  * before; the masks of other signals are left alone. The steps below CL_EventLoop_M are the loop's
@@ -27,7 +28,7 @@ enum { CL_LOOK_CHILD = 1, CL_LOOK_TIMER = 2, CL_LOOK_WAKE = 4 };
 
 /* Runs the loop. The value of the callback that ended it, or CL_LOOP_ERROR; never 0. A failed
  * exec-completion callback leaves the error of its own step.
- * Errors: 9 (an object could not take part, and its callback returned 0), CL_ERR_QUEUE, errno
+ * Errors: EBADF (an object could not take part, and its callback returned 0), CL_ERR_QUEUE, errno
  * (sigprocmask, pselect, and the calls of timers and children). */
 QVCL_API uint32_t CL_EventLoop_M(CL_ErrInfo *err, uint8_t callerFlag, const char *file,
                                  uint32_t line);
@@ -35,7 +36,7 @@ QVCL_API uint32_t CL_EventLoop_M(CL_ErrInfo *err, uint8_t callerFlag, const char
 QVCL_API uint32_t cl_eventloop(CL_ErrInfo *err);
 
 /* Builds the descriptor sets from the listed objects. 0, or the value that ends the loop.
- * Errors: 9 (an object could not take part, and its callback returned 0), CL_ERR_QUEUE. */
+ * Errors: EBADF (an object could not take part, and its callback returned 0), CL_ERR_QUEUE. */
 QVCL_API uint32_t cl_fdmake(CL_ErrInfo *err);
 
 /* Empties the three sets. */

@@ -156,11 +156,12 @@ QVCL_API extern CL_MainBlock *CL_MainTable;
 /* Initialises the library. count: objects that the application needs, at most 10000. execPath:
  * socket path (at most 107 characters) of the exec-completion server, null or empty for none.
  * SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGUSR2 and SIGPROF are ignored from then on, and SIGCHLD is
- * the library's. 1; 0: after 1, 36 and 22 nothing has changed, and the call may be repeated after
- * the last two; after any other the state is CL_STATE_FAILED.
- * Errors: 1 (not in the constructed state), 36 (path too long), 22 (count too large), 12 (no memory
- * for the table), 24 (server's descriptor beyond the loop's sets), CL_ERR_QUEUE, errno (opening the
- * server, installing the SIGCHLD handler). */
+ * the library's. 1 on success, 0 on failure: after EPERM, ENAMETOOLONG and EINVAL nothing has
+ * changed, and the call may be repeated after the last two; after any other the state is
+ * CL_STATE_FAILED.
+ * Errors: EPERM (not in the constructed state), ENAMETOOLONG (path too long), EINVAL (count too
+ * large), ENOMEM (no memory for the table), EMFILE (server's descriptor beyond the loop's sets),
+ * CL_ERR_QUEUE, errno (opening the server, installing the SIGCHLD handler). */
 QVCL_API uint32_t CL_Init_M(uint32_t count, const char *execPath, CL_ErrInfo *err,
                             uint8_t callerFlag, const char *file, uint32_t line);
 #define CL_Init(count, execPath, err) CL_Init_M((count), (execPath), (err), CL_HERE)
@@ -168,8 +169,8 @@ QVCL_API uint32_t cl_init(uint32_t count, const char *execPath, CL_ErrInfo *err)
 
 /* Ends the library: deletes the exec-completion server and reports blocks and objects that are left
  * to the internal log (the library's own too when the environment variable CLLIB_DEBUG is exactly
- * "1"); releases nothing else. 1 with err untouched, or CL_ERR_QUEUE in it when the server could
- * not be deleted; 0.
+ * "1"); releases nothing else. 1 on success, 0 on failure. A success leaves err as the caller
+ * passed it in, but for CL_ERR_QUEUE when the server could not be deleted.
  * Errors: CL_ERR_STATE (not initialised, or ended), CL_ERR_QUEUE (server not deleted; the result is
  * 1). */
 QVCL_API uint32_t CL_End_M(CL_ErrInfo *err, uint8_t callerFlag, const char *file, uint32_t line);

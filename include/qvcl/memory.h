@@ -37,8 +37,9 @@ CL_LAYOUT_SIZE(CL_BlockHeader, 112);
 QVCL_API void *CL_malloc_M(uint64_t size, int32_t callerFlag, const char *file, uint32_t line);
 #define CL_malloc(size) CL_malloc_M((size), CL_HERE)
 
-/* Releases a block. 1 released. 0 refused and nothing changed: data is null, the block belongs to
- * the other flag's list, or its guard was overwritten (one line to the internal log). */
+/* Releases a block. 1 on success, 0 when it is refused and nothing has changed: data is null, the
+ * block belongs to the other flag's list, or its guard was overwritten (one line to the internal
+ * log). */
 QVCL_API uint32_t CL_free_M(void *data, int32_t callerFlag, const char *file, uint32_t line);
 #define CL_free(data) CL_free_M((data), CL_HERE)
 
@@ -59,7 +60,7 @@ QVCL_API void mem_disp(void);
  * without CL_MEM_CHECK. Frees nothing. */
 QVCL_API void mem_check(void);
 
-/* 14 (EFAULT) when length is not 0 and address is null, else 0. */
+/* EFAULT when length is not 0 and address is null, else 0. */
 QVCL_API uint32_t cl_addrchk(const void *address, int32_t length);
 
 QVCL_END

@@ -1,27 +1,28 @@
 /* Framed messages over local stream sockets: wire format, message block, transfer steps.
  *
- * A message is a 16-byte header and an opaque payload, in host byte order, one after another on
- * the stream. The application sends from and receives into buffers of its own; nothing is copied
- * and nothing allocated.
+ * A message is a 16-byte header and an opaque payload, in host byte order, one after another on the
+ * stream. The application sends from and receives into buffers of its own; nothing is copied and
+ * nothing allocated.
  *
  * Who owns a buffer, exactly once:
  *
  *   operation                      lent to the connection until
- *   receive, mode 1                the call returns
- *   receive, mode 2 and 3          CL_EVENT_MESSAGE or CL_EVENT_DISCONNECT (data), or disconnect
+ *   receive, CL_MODE_SYNC          the call returns
+ *   receive, other modes           CL_EVENT_MESSAGE or CL_EVENT_DISCONNECT (data), or disconnect
  *                                  (receiveBufferOut)
- *   send, mode 1, length returned  the call returns
- *   send, mode 1, -1               the call returns, but after a time-out (110), a failed wait or
- *                                  an end request (4): the block stays queued until disconnect
- *                                  (unsentOut); never when the time limit could not start
- *   send, mode 2, length returned  the call returns; no event follows
+ *   send, CL_MODE_SYNC, length     the call returns
+ *   send, CL_MODE_SYNC, -1         the call returns; but after ETIMEDOUT, EINTR (end request) or a
+ *                                  failed wait the block stays queued until disconnect (unsentOut)
+ *   send, CL_MODE_IMMEDIATE,       the call returns; no event follows
+ *   length
  *   send, -1 and in progress       CL_EVENT_SENT (data), CL_EVENT_DISCONNECT (queue, during the
  *                                  callback), or disconnect (unsentOut)
  *   send, -1 and any other error   never: it is the caller's again
  *
  * A block is on the send queue exactly as long as the connection holds it (block->link.owner).
  *
- * The functions below are the steps of client.h, exported for tests; module 5, no trace records. */
+ * The functions below are the steps of client.h, exported for tests; CL_MODULE_MSGC, no trace
+ * records. */
 #ifndef QVCL_MESSAGE_H
 #define QVCL_MESSAGE_H
 
@@ -75,8 +76,8 @@ enum { CL_MSG_EXEC_COMPLETE = 1, CL_MSG_END_REQUEST = 2 };
 
 /* Receive step: reads on. 1 when `event` holds CL_EVENT_MESSAGE or CL_EVENT_DISCONNECT, 0 when the
  * socket has no more bytes for now. Each of the errors ends the connection.
- * Errors: 32 (peer closed), 90 (length above the capacity), 71 (another version, or a length below
- * 16), errno (recv). */
+ * Errors: EPIPE (peer closed), EMSGSIZE (length above the capacity), EPROTO (another version, or a
+ * length below 16), errno (recv). */
 QVCL_API uint32_t cl_recv(CL_Object *connection, CL_Event *event, CL_ErrInfo *err);
 
 /* Send step: writes the head of the send queue. Its length when it is out (CL_EVENT_SENT in
@@ -91,20 +92,20 @@ QVCL_API void cl_setdiscivent(CL_Event *event, CL_Object *connection, const CL_E
 /* Takes the head block off the send queue and fills a send-complete event with it. */
 QVCL_API void cl_setsendcmp(CL_Event *event, CL_Object *connection);
 
-/* Synchronous transfer of one message; timeout in seconds, 0 for none. The message length, -1, or
- * the end callback's result when the end watch fires.
- * Errors: 24 (descriptor beyond the wait's sets), 110 (timed out), 4 (end watch), 32 (peer closed),
- * 90 (length above the capacity), 71 (not a message), errno (recv, pselect, sigprocmask, and the
- * calls of timers). */
+/* Synchronous transfer of one message; timeout in seconds, 0 for none. The message length, -1 on
+ * failure, or the end callback's result when the end watch fires.
+ * Errors: EMFILE (descriptor beyond the wait's sets), ETIMEDOUT, EINTR (end watch), EPIPE (peer
+ * closed), EMSGSIZE (length above the capacity), EPROTO (not a message), errno (recv, pselect,
+ * sigprocmask, and the calls of timers). */
 QVCL_API int32_t cl_recv_sync(CL_Object *connection, uint32_t timeout, CL_ErrInfo *err);
 /* The same for sending.
- * Errors: 24 (descriptor beyond the wait's sets), 110 (timed out), 4 (end watch), errno (send,
+ * Errors: EMFILE (descriptor beyond the wait's sets), ETIMEDOUT, EINTR (end watch), errno (send,
  * pselect, sigprocmask, and the calls of timers). */
 QVCL_API int32_t cl_send_sync(CL_Object *connection, uint32_t timeout, CL_ErrInfo *err);
 
 /* Blocks SIGALRM (previous mask in `saved`) and applies timer ticks. 0 with the signal blocked; 2
- * timed out; -1.
- * Errors: 110 (timed out), errno (sigprocmask). */
+ * timed out; -1 on failure.
+ * Errors: ETIMEDOUT, errno (sigprocmask). */
 QVCL_API int32_t cl_msgc_sigcheck(CL_Object *connection, uint32_t timeout, const sigset_t *alarm,
                                   sigset_t *saved, CL_ErrInfo *err);
 
@@ -115,7 +116,8 @@ QVCL_API void cl_make_send_fd(const CL_Object *connection, const CL_Object *end,
                               fd_set *write, int32_t *count);
 
 /* 1 when the end object's connection delivered an end request or has ended, else 0.
- * Errors: 32 (peer closed), 90 (message above 20 bytes), 71 (not a message), errno (recv). */
+ * Errors: EPIPE (peer closed), EMSGSIZE (message above 20 bytes), EPROTO (not a message), errno
+ * (recv). */
 QVCL_API uint32_t cl_recv_end(CL_Object *end, CL_ErrInfo *err);
 
 QVCL_END

@@ -84,8 +84,8 @@ QVCL_API void CL_QUE_InitQT(CL_Queue *queue, uint32_t link_offset);
 /* Number of elements. */
 QVCL_API uint32_t CL_QUE_GetNum(const CL_Queue *queue);
 
-/* Appends `element`. 1 appended; 0 its link is already in this or another queue, or it is null:
- * nothing changed. */
+/* Appends `element`. 1 on success, 0 on failure: its link is already in this or another queue, or
+ * it is null; nothing changed. */
 QVCL_API uint32_t CL_QUE_PutTail(CL_Queue *queue, void *element);
 
 /* Removes and returns the first element; null when the queue is empty. */
@@ -114,8 +114,8 @@ QVCL_API void *CL_QUE_SearchStr(const CL_Queue *queue, const void *start, const 
                                 uint64_t key_offset);
 
 /* Sorts the queue; the order of equal elements is not kept. `work`: array of at least count
- * pointers, or null to use the stack (up to 128 elements) or library memory. 1 done; 0 no memory,
- * queue unchanged. */
+ * pointers, or null to use the stack (up to 128 elements) or library memory. 1 on success, 0 on
+ * failure: no memory, queue unchanged. */
 QVCL_API uint32_t CL_QUE_Sort(CL_Queue *queue, void **work, CL_Comparator compare);
 
 /* Binary search in a queue sorted by `compare`. `key` is handed to the comparator as its first
@@ -132,8 +132,8 @@ QVCL_API void *CL_QUE_BSearch(const CL_Queue *queue, const void *key, int32_t mo
 QVCL_API uint32_t CL_QUE_Insert(CL_Queue *queue, void *element, uint32_t flags, void *reference,
                                 void **work, CL_Comparator compare);
 
-/* Appends every element of `source` to `destination` and leaves `source` empty. 1 done; 0 their
- * link offsets differ, nothing changed. Linear in the elements moved. */
+/* Appends every element of `source` to `destination` and leaves `source` empty. 1 on success, 0 on
+ * failure: their link offsets differ; nothing changed. Linear in the elements moved. */
 QVCL_API uint32_t CL_QUE_Apend(CL_Queue *destination, CL_Queue *source);
 
 /* Removes every element; frees nothing. Always 0. */

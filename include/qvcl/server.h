@@ -2,7 +2,7 @@
  *
  * While it is listed, its callback gets CL_EVENT_CONNECTION whenever a peer waits, again and again
  * until the callback accepts. The accepted connection is an MSGC object (client.h). Failures carry
- * module 4. */
+ * CL_MODULE_MSGS. */
 #ifndef QVCL_SERVER_H
 #define QVCL_SERVER_H
 
@@ -11,10 +11,10 @@
 QVCL_BEGIN
 
 /* Listens at `path` (at most 107 characters). Any file there is removed first; the socket file has
- * mode 0660. backlog: of listen(2). 1 listening; 0, the object as before.
- * Errors: CL_ERR_STATE, 9 (invalid handle, not an MSGS object), 114 (open already), 14 (path null),
- * 36 (path too long), 24 (descriptor beyond the loop's sets), errno (socket, fcntl, unlink, bind,
- * chmod, listen). */
+ * mode 0660. backlog: of listen(2). 1 on success, 0 on failure: the object is as before.
+ * Errors: CL_ERR_STATE, EBADF (invalid handle, not an MSGS object), EALREADY (open already), EFAULT
+ * (path null), ENAMETOOLONG (path too long), EMFILE (descriptor beyond the loop's sets), errno
+ * (socket, fcntl, unlink, bind, chmod, listen). */
 QVCL_API uint32_t CL_OpenMSGS_M(CL_Object *server, const char *path, uint32_t backlog,
                                 CL_ErrInfo *err, uint8_t callerFlag, const char *file,
                                 uint32_t line);
@@ -25,9 +25,9 @@ QVCL_API uint32_t cl_openmsgs(CL_Object *server, const char *path, uint32_t back
 
 /* Accepts a waiting connection as a new MSGC object with the given callback and arguments; ready,
  * not listed, no receive set up. Null on failure.
- * Errors: CL_ERR_STATE, 9 (invalid handle, not an open server), 11 (nobody waits), 24 (table full,
- * or descriptor beyond the loop's sets: the connection is closed), CL_ERR_QUEUE, errno (accept,
- * fcntl). */
+ * Errors: CL_ERR_STATE, EBADF (invalid handle, not an open server), EAGAIN (nobody waits), EMFILE
+ * (table full, or descriptor beyond the loop's sets: the connection is closed), CL_ERR_QUEUE, errno
+ * (accept, fcntl). */
 QVCL_API CL_Object *CL_AcceptMSGS_M(CL_Object *server, CL_Callback callback, uint64_t arg1,
                                     uint64_t arg2, CL_ErrInfo *err, uint8_t callerFlag,
                                     const char *file, uint32_t line);
@@ -37,21 +37,22 @@ QVCL_API CL_Object *cl_acceptmsgs(CL_Object *server, CL_Callback callback, uint6
                                   uint64_t arg2, CL_ErrInfo *err, uint8_t callerFlag,
                                   const char *file, uint32_t line);
 
-/* Closes the socket and removes its file; the object stays listed and may be opened again. 1, or 0.
- * Errors: CL_ERR_STATE, 9 (invalid handle, not an open server), errno (close). */
+/* Closes the socket and removes its file; the object stays listed and may be opened again. 1 on
+ * success, 0 on failure.
+ * Errors: CL_ERR_STATE, EBADF (invalid handle, not an open server), errno (close). */
 QVCL_API uint32_t CL_CloseMSGS_M(CL_Object *server, CL_ErrInfo *err, uint8_t callerFlag,
                                  const char *file, uint32_t line);
 #define CL_CloseMSGS(server, err) CL_CloseMSGS_M((server), (err), CL_HERE)
 QVCL_API uint32_t cl_closemsgs(CL_Object *server, CL_ErrInfo *err, uint8_t callerFlag);
 
-/* The loop's step before the wait: adds to the sets. 0, or 9 when the object cannot take part; its
- * error record says why: 9 not open, 24 descriptor beyond the sets.
- * Errors: 9 (cannot take part). */
+/* The loop's step before the wait: adds to the sets. 0, or EBADF when the object cannot take part;
+ * its error record says why: EBADF not open, EMFILE descriptor beyond the sets.
+ * Errors: EBADF (cannot take part). */
 QVCL_API uint32_t cl_MakeListMSGS_M(CL_Object *server);
 /* The loop's step after the wait. 0, or the callback's result. */
 QVCL_API uint32_t cl_CheckMSGS_M(CL_Object *server);
 
-/* Release of an MSGS object: closes it when it is open. 1, or 0.
+/* Release of an MSGS object: closes it when it is open. 1 on success, 0 on failure.
  * Errors: CL_ERR_STATE, errno (close). */
 QVCL_API uint32_t cl_DeleteMSGS_M(CL_Object *server, CL_ErrInfo *err);
 

@@ -85,7 +85,8 @@ QVCL_API uint64_t CL_GetTime_M(uint64_t *microseconds);
 /* The calling process's id. */
 QVCL_API uint32_t CL_GetPid(void);
 
-/* Sleeps for the whole of `milliseconds`, whatever signals arrive. 0, or -1 with errno. */
+/* Sleeps for the whole of `milliseconds`, whatever signals arrive. 0 on success, -1 with errno on
+ * failure. */
 QVCL_API int CL_Sleep(uint32_t milliseconds);
 
 /* The value of an environment variable, or null when it is not set. */

@@ -21,10 +21,11 @@ enum {
 
 #define CL_TIMER_DUE 0xffffffffu /* value of an object's `remaining` */
 
-/* Starts a stopped TIMER object. seconds: 0 is due at the loop's next look. 1 running, or 0. When
- * the interval timer cannot be started the result is 0 and the timer stays on its list.
- * Errors: CL_ERR_STATE, 9 (invalid handle, not a timer, runs already), 22 (mode), CL_ERR_QUEUE,
- * errno (sysinfo, sigaction, setitimer). */
+/* Starts a stopped TIMER object. seconds: 0 is due at the loop's next look. 1 on success, 0 on
+ * failure. When the interval timer cannot be started the result is 0 and the timer stays on its
+ * list.
+ * Errors: CL_ERR_STATE, EBADF (invalid handle, not a timer, runs already), EINVAL (mode),
+ * CL_ERR_QUEUE, errno (sysinfo, sigaction, setitimer). */
 QVCL_API uint32_t CL_StartTIMER_M(CL_Object *object, uint32_t seconds, uint32_t mode,
                                   CL_ErrInfo *err, uint8_t callerFlag, const char *file,
                                   uint32_t line);
@@ -33,8 +34,8 @@ QVCL_API uint32_t CL_StartTIMER_M(CL_Object *object, uint32_t seconds, uint32_t 
 QVCL_API uint32_t cl_starttimer(CL_Object *object, uint32_t seconds, uint32_t mode, CL_ErrInfo *err,
                                 uint8_t callerFlag);
 
-/* Stops a running or due timer. 1 stopped, or 0.
- * Errors: CL_ERR_STATE, 9 (invalid handle, not a timer, not running), CL_ERR_QUEUE, errno
+/* Stops a running or due timer. 1 on success, 0 on failure.
+ * Errors: CL_ERR_STATE, EBADF (invalid handle, not a timer, not running), CL_ERR_QUEUE, errno
  * (setitimer). */
 QVCL_API uint32_t CL_StopTIMER_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag,
                                  const char *file, uint32_t line);
@@ -44,7 +45,7 @@ QVCL_API uint32_t cl_stoptimer(CL_Object *object, CL_ErrInfo *err, uint8_t calle
 /* Brings remaining seconds and due marks up to date; calls no callback. */
 QVCL_API void CL_CommitTIMER(void);
 
-/* Release of a TIMER object: stops it when it runs. 1, or 0.
+/* Release of a TIMER object: stops it when it runs. 1 on success, 0 on failure.
  * Errors: CL_ERR_STATE, CL_ERR_QUEUE, errno (setitimer). */
 QVCL_API uint32_t cl_DeleteTIMER_M(CL_Object *object, CL_ErrInfo *err);
 
@@ -52,14 +53,14 @@ QVCL_API uint32_t cl_DeleteTIMER_M(CL_Object *object, CL_ErrInfo *err);
  * Errors: CL_ERR_QUEUE, errno (sysinfo). */
 QVCL_API uint32_t cl_TimerCheck(uint32_t ticks, CL_ErrInfo *err);
 
-/* Calls the due timers. 0, a callback's non-zero result, or -1.
+/* Calls the due timers. 0, a callback's non-zero result, or -1 on failure.
  * Errors: CL_ERR_QUEUE, errno (setitimer). */
 QVCL_API int32_t cl_TimerCall(CL_ErrInfo *err);
 
-/* Installs handler and interval timer. 1, or 0.
+/* Installs handler and interval timer. 1 on success, 0 on failure.
  * Errors: errno (sigaction, setitimer). */
 QVCL_API uint32_t cl_timer_init(CL_ErrInfo *err);
-/* Removes both: SIGALRM is ignored. 1, or 0.
+/* Removes both: SIGALRM is ignored. 1 on success, 0 on failure.
  * Errors: CL_ERR_QUEUE (signal failed), errno (setitimer). */
 QVCL_API uint32_t cl_timer_end(CL_ErrInfo *err);
 

@@ -93,9 +93,9 @@ typedef void (*CL_DumpCallback)(void);
 
 /* Creates a ring of library memory. prefix: of trace file names, at most 200 characters; may be
  * null for the library ring. entrySize: at least 32 bytes; entryCount: at least 1. dumpCallback:
- * kept for the user ring only, may be null. 0, or the error.
- * Errors: 14 (user ring without a prefix), 36 (prefix too long), 22 (size or count), 114 (the ring
- * exists), 12 (no memory). */
+ * kept for the user ring only, may be null. 0 on success, or the error.
+ * Errors: EFAULT (user ring without a prefix), ENAMETOOLONG (prefix too long), EINVAL (size or
+ * count), EALREADY (the ring exists), ENOMEM (no memory). */
 QVCL_API uint32_t CL_TRC_Init_M(const char *prefix, uint32_t entrySize, uint32_t entryCount,
                                 CL_DumpCallback dumpCallback, int ring);
 QVCL_API uint32_t cl_trc_init(int ring, const char *prefix, uint32_t entrySize, uint32_t entryCount,
@@ -106,14 +106,14 @@ QVCL_API uint32_t cl_trc_init(int ring, const char *prefix, uint32_t entrySize, 
 QVCL_API void CL_TRC_End_M(int ring);
 
 /* Appends a record, at least 32 bytes beginning as CL_TrcHead; its time is filled in, also in the
- * caller's copy. ring: 0 user, any other library. 0, or the error.
- * Errors: 14 (record null), CL_ERR_STATE (no such ring), 7 (needs more entries than the ring has).
- */
+ * caller's copy. ring: CL_RING_USER, any other value is the library's. 0 on success, or the error.
+ * Errors: EFAULT (record null), CL_ERR_STATE (no such ring), E2BIG (needs more entries than the
+ * ring has). */
 QVCL_API uint32_t CL_TRC_Write_M(void *record, int ring);
 
 /* Creates the library ring with the size that CL_TRC_NUM says; the library does it when it is
- * loaded. 0, or the error.
- * Errors: 114 (the ring exists), 12 (no memory). */
+ * loaded. 0 on success, or the error.
+ * Errors: EALREADY (the ring exists), ENOMEM (no memory). */
 QVCL_API uint32_t CL_INTRC_Init(void);
 
 /* Dumps rings and tables. path: file to write (mode 0600, truncated); null for the user ring's
@@ -122,8 +122,8 @@ QVCL_API uint32_t CL_INTRC_Init(void);
  * then holds what could be written. A call from within the dump callback does nothing. */
 QVCL_API void CL_TRC_Out(const char *path, const char *headerText);
 
-/* Appends a block to the dump in progress, from within a dump callback. 1; 0 when no dump is in
- * progress or the write failed. */
+/* Appends a block to the dump in progress, from within a dump callback. 1 on success; 0 when no
+ * dump is in progress or the write failed. */
 QVCL_API uint32_t CL_TRC_AddTbl(const void *block, uint64_t length);
 
 /* Steps of CL_TRC_Out. cl_open_trc: opens the file, writes the header text; descriptor or -1.

@@ -2,7 +2,7 @@
  *
  * The callback gets CL_EVENT_DESCRIPTOR at most once an iteration, with all sets as pselect
  * returned them (other objects' bits included); it tests its own descriptors in them. The library
- * never opens, reads, writes or closes these descriptors. Failures carry module 9. */
+ * never opens, reads, writes or closes these descriptors. Failures carry CL_MODULE_USERFD. */
 #ifndef QVCL_USERFD_H
 #define QVCL_USERFD_H
 
@@ -12,8 +12,8 @@ QVCL_BEGIN
 
 /* Gives the object its sets: descriptors 0 to count - 1 of each (null: none); count at most 1024.
  * The sets are copied, and may be replaced at any time; the loop waits for the new ones from the
- * next iteration on. 1; 0, nothing changed.
- * Errors: CL_ERR_STATE, 9 (invalid handle, not an FD object), 22 (count). */
+ * next iteration on. 1 on success, 0 on failure: nothing changed.
+ * Errors: CL_ERR_STATE, EBADF (invalid handle, not an FD object), EINVAL (count). */
 QVCL_API uint32_t CL_SetFD_M(CL_Object *object, uint32_t count, const fd_set *readSet,
                              const fd_set *writeSet, const fd_set *exceptSet, CL_ErrInfo *err,
                              uint8_t callerFlag, const char *file, uint32_t line);
@@ -23,9 +23,9 @@ QVCL_API uint32_t cl_setfd(CL_Object *object, uint32_t count, const fd_set *read
                            const fd_set *writeSet, const fd_set *exceptSet, CL_ErrInfo *err,
                            uint8_t callerFlag);
 
-/* The loop's step before the wait: adds to the sets. 0, or 9 when the object cannot take part; its
- * error record says why.
- * Errors: 9 (no sets given). */
+/* The loop's step before the wait: adds to the sets. 0, or EBADF when the object cannot take part;
+ * its error record says why.
+ * Errors: EBADF (no sets given). */
 QVCL_API uint32_t cl_MakeListLFD_M(CL_Object *object, uint8_t callerFlag, const char *file,
                                    uint32_t line);
 /* The loop's step after the wait. 0, or the callback's result. err: not used. */
