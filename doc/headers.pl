@@ -116,7 +116,7 @@ sub take_declaration {
     my ($item, $text) = @_;
     $item->{code} .= $text;
     my $flat = $text =~ s/\\?\s+/ /gr =~ s/^QVCL_API //r;
-    if ($flat =~ /^#define (CL_\w+)\(([^)]*)\).*\bCL_HERE\b/) {
+    if ($flat =~ /^#define (CL_\w+)\(([^)]*)\).*\bCL_(?:HERE|FILE_LINE)\b/) {
         push @{ $item->{macros} }, { name => $1, arguments => [ split /, /, $2 ] };
     } elsif ($flat =~ /^extern (.*?)(\w+); ?$/) {
         push @{ $item->{variables} }, { name => $2, type => $1 };

@@ -53,8 +53,10 @@ static_assert(sizeof(void *) == 8, "the layouts are those of a 64-bit process");
 #define CL_FILE_NAME (strrchr("/" __FILE__, '/') + 1)
 #endif
 
-/* The last three arguments of an operation called by the application. */
-#define CL_HERE 0, CL_FILE_NAME, __LINE__
+/* This source position, as the last two arguments of an operation; with the application's caller
+ * flag in front, the last three. */
+#define CL_FILE_LINE CL_FILE_NAME, __LINE__
+#define CL_HERE 0, CL_FILE_LINE
 
 QVCL_BEGIN
 

@@ -18,6 +18,7 @@ QVCL_BEGIN
  * CL_ERR_QUEUE, errno (shm_open, fcntl). */
 QVCL_API CL_Object *cl_openshm(const char *name, int32_t flags, uint64_t size, CL_ErrInfo *err,
                                const char *file, uint32_t line);
+#define CL_OpenSHM(name, flags, size, err) cl_openshm((name), (flags), (size), (err), CL_FILE_LINE)
 
 /* Maps the segment, shared, readable and with O_RDWR writable. The address, owned by the object;
  * null on failure.
