@@ -103,7 +103,7 @@ QVCL_API void CL_SetIndependErr(CL_ErrInfo *err);
 typedef struct CL_TableHeader {
     char eye[16];
     uint64_t size;    /* total bytes of the block, this header included */
-    uint64_t address; /* own address in the process that wrote the block */
+    uint64_t address; /* == address of this header in the process that wrote the block */
 } CL_TableHeader;
 CL_LAYOUT_AT(CL_TableHeader, size, 16);
 CL_LAYOUT_AT(CL_TableHeader, address, 24);

@@ -125,26 +125,35 @@ typedef struct CL_Watch {
     uint64_t bits[3];    /* when it is one word: its bits there, read, write, except */
 } CL_Watch;
 
-/* Descriptor object. Applications read it, the library's operations change it. */
+/* Descriptor object. Applications read it, the library's operations change it.
+ *
+ * Between two operations it is on the queues of the main table that its links' owners name:
+ *
+ *     live    == (link.owner == used_queue)
+ *     listed  == (child_link.owner || thread_link.owner || event_link.owner)
+ *     status & CL_STATUS_LISTED  ? listed : !listed
+ *     status & CL_STATUS_RUNNING ? timer_link.owner == timer_list : !timer_link.owner
+ *
+ * A deletion that failed leaves it live, but off the queue of its kind. */
 struct CL_Object {
-    CL_QueueLink link;        /* free queue or used queue */
-    CL_QueueLink kind_link;   /* queue of its kind */
-    CL_QueueLink timer_link;  /* timer event list */
-    CL_QueueLink child_link;  /* child event list */
-    CL_QueueLink thread_link; /* thread event list */
-    CL_QueueLink event_link;  /* priority event list or pending list */
-    CL_QueueLink exec_link;   /* exec-completion wait list */
+    CL_QueueLink link;        /* owner: used_queue, or free_queue; never null */
+    CL_QueueLink kind_link;   /* owner: live ? kind_queues[place of kind] : null */
+    CL_QueueLink timer_link;  /* owner: timer_list, or null */
+    CL_QueueLink child_link;  /* owner: child_list, or null */
+    CL_QueueLink thread_link; /* owner: thread_list, or null */
+    CL_QueueLink event_link;  /* owner: priority_list or pending_list, or null */
+    CL_QueueLink exec_link;   /* owner: exec_wait_list, or null */
 
     CL_Position created_before; /* these four survive deletion and reuse of the slot */
     CL_Position created;
     CL_Position deleted_before;
     CL_Position deleted;
-    uint64_t own_address;
+    uint64_t own_address; /* == address of this object in the process */
 
-    uint32_t kind; /* from here on a creation clears everything */
+    uint32_t kind; /* live: CL_KIND_...; from here on a creation clears everything */
     uint32_t priority;
-    uint32_t status;
-    uint32_t sub_status;
+    uint32_t status;     /* CL_STATUS_... */
+    uint32_t sub_status; /* CL_SUB_... */
     CL_Callback callback;
     uint64_t arg1;
     uint64_t arg2;
@@ -194,7 +203,8 @@ CL_LAYOUT_AT(CL_Object, memory.size, 560);
 CL_LAYOUT_AT(CL_Object, watch, 808);
 CL_LAYOUT_SIZE(CL_Object, 840);
 
-/* The table is one block: a CL_TableHeader, then capacity objects. */
+/* The table is one block: a CL_TableHeader, then capacity objects.
+ * size == sizeof(CL_TableHeader) + capacity * sizeof(CL_Object); address == descriptor_table. */
 static_assert(sizeof(CL_TableHeader) % alignof(CL_Object) == 0, "objects follow the header");
 
 /* Builds the table of count + CL_SPARE_OBJECTS objects. Called once, by CL_Init_M. 1 on success, 0

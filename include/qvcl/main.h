@@ -29,35 +29,37 @@ enum {
 #undef CL_KIND_PLACE
 };
 
-/* Main table. The three signal fields are written by signal handlers at any time: atomic access. */
+/* Main table. The three signal fields are written by signal handlers at any time: atomic access.
+ * A pointer to an object is null or the address of an entry of the descriptor table. */
 typedef struct CL_MainBlock {
-    CL_TableHeader header;
-    uint32_t version;
-    uint32_t pid; /* of the process that loaded the library */
-    uint32_t state;
-    uint32_t capacity;  /* objects of the descriptor table */
-    uint32_t requested; /* objects that the application asked for */
+    CL_TableHeader header; /* size == sizeof(CL_MainBlock) */
+    uint32_t version;      /* == CL_VERSION */
+    uint32_t pid;          /* of the process that loaded the library */
+    uint32_t state;        /* CL_STATE_... */
+    uint32_t capacity;     /* == (descriptor_table ? requested + CL_SPARE_OBJECTS : 0) */
+    uint32_t requested;    /* objects that the application asked for, <= CL_MAX_OBJECTS */
     uint32_t reserved1;
-    CL_TableHeader *descriptor_table;
-    CL_Object **scratch;   /* capacity pointers, lent to the sorted insertion */
-    CL_Object *execs;      /* exec-completion server, or null */
-    CL_ErrInfo exec_error; /* stored exec-completion error */
+    CL_TableHeader *descriptor_table; /* null, or the table: as in descriptor.h */
+    CL_Object **scratch;              /* capacity pointers, lent to the sorted insertion */
+    CL_Object *execs;                 /* exec-completion server, or null */
+    CL_ErrInfo exec_error;            /* stored exec-completion error */
     uint32_t reserved2;
 
-    CL_Queue free_queue;
-    CL_Queue used_queue;
-    CL_Queue kind_queues[CL_KIND_COUNT];
+    /* Each queue of objects has the link_offset of the CL_Object field that is named here. */
+    CL_Queue free_queue;                 /* link */
+    CL_Queue used_queue;                 /* link */
+    CL_Queue kind_queues[CL_KIND_COUNT]; /* kind_link */
     uint32_t sync_flag; /* not 0: synchronous transfers watch the first END(ExecComp) object */
     uint32_t reserved3;
-    CL_Queue timer_list;
-    CL_Queue child_list;
-    CL_Queue priority_list;
-    CL_Queue pending_list;
-    CL_Queue thread_list;
+    CL_Queue timer_list;    /* timer_link */
+    CL_Queue child_list;    /* child_link */
+    CL_Queue priority_list; /* event_link */
+    CL_Queue pending_list;  /* event_link */
+    CL_Queue thread_list;   /* thread_link */
     CL_Object *loop_cursor;
     CL_Object *timer_cursor;
     CL_Object *child_cursor;
-    CL_Queue exec_wait_list;
+    CL_Queue exec_wait_list; /* exec_link */
     char exec_path[108];
     uint32_t reserved4;
 
@@ -69,9 +71,9 @@ typedef struct CL_MainBlock {
     CL_FdSets sets;
     uint64_t reserved5;
 
-    CL_TraceRing *library_ring;
-    CL_TraceRing *user_ring;
-    int32_t trace_fd; /* -1 while no dump is in progress */
+    CL_TraceRing *library_ring; /* null, or library_ring->header.address == library_ring */
+    CL_TraceRing *user_ring;    /* null, or user_ring->header.address == user_ring */
+    int32_t trace_fd;           /* -1 while no dump is in progress */
     uint32_t reserved6;
     CL_DumpCallback dump_callback;
     uint32_t generations;

@@ -13,21 +13,21 @@
 
 QVCL_BEGIN
 
-/* Queue header. Invariants: head, tail and count agree with the chain; an empty queue has null,
- * null and 0. */
+/* Queue header. link(e) is the CL_QueueLink at byte link_offset of element e. */
 typedef struct CL_Queue {
-    void *head;
-    void *tail;
-    uint32_t count;
+    void *head;           /* count == 0 ? null : the first element, link(head)->previous == null */
+    void *tail;           /* count == 0 ? null : the last element, link(tail)->next == null */
+    uint32_t count;       /* elements on the way from head over link(e)->next to tail */
     uint32_t link_offset; /* where in each element its CL_QueueLink for this queue lies */
 } CL_Queue;
 CL_LAYOUT_AT(CL_Queue, count, 16);
 CL_LAYOUT_AT(CL_Queue, link_offset, 20);
 CL_LAYOUT_SIZE(CL_Queue, 24);
 
+/* Link of element e in one queue. owner == null: next == previous == null. */
 typedef struct CL_QueueLink {
-    void *next;      /* next element (not its link), or null */
-    void *previous;  /* previous element, or null */
+    void *next;      /* next element (not its link), or null; link(next)->previous == e */
+    void *previous;  /* previous element, or null; link(previous)->next == e */
     CL_Queue *owner; /* the queue that holds the element, or null */
 } CL_QueueLink;
 CL_LAYOUT_SIZE(CL_QueueLink, 24);

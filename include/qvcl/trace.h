@@ -30,15 +30,16 @@ enum {
     CL_TRC_GENERATIONS = 5
 };
 
-/* Ring block; the entries follow. */
+/* Ring block; the entries follow.
+ * header.size == sizeof(CL_TraceRing) + entry_count * (entry_size + sizeof(CL_TraceEntry)). */
 typedef struct CL_TraceRing {
     CL_TableHeader header;
-    char prefix[256];    /* of file names; zero when none was given */
-    uint32_t entry_size; /* data bytes per entry */
-    uint32_t entry_count;
-    uint32_t oldest;  /* entry where the oldest record begins */
-    uint32_t next;    /* entry that the next write fills */
-    uint32_t wrapped; /* 1 once next has come back to 0 */
+    char prefix[256];     /* of file names; zero when none was given */
+    uint32_t entry_size;  /* data bytes per entry, >= CL_TRC_MIN_ENTRY */
+    uint32_t entry_count; /* >= 1 */
+    uint32_t oldest;      /* < entry_count: entry where the oldest record begins; 0 until wrapped */
+    uint32_t next;        /* < entry_count: entry that the next write fills */
+    uint32_t wrapped;     /* 1 once next has come back to 0, else 0 */
     uint32_t reserved;
 } CL_TraceRing;
 CL_LAYOUT_AT(CL_TraceRing, prefix, 32);
@@ -50,19 +51,26 @@ CL_LAYOUT_AT(CL_TraceRing, wrapped, 304);
 CL_LAYOUT_SIZE(CL_TraceRing, 312);
 
 /* Entry header; entry_size data bytes follow. Bytes that a short last slice does not cover keep
- * what was there. */
+ * what was there. A record of `length` bytes has n = ceil(length / entry_size) entries, one behind
+ * the other, entry 0 behind the last; this is its i-th, from 0. */
 typedef struct CL_TraceEntry {
-    uint32_t flags;     /* 1: first entry of a record, 2: last */
-    uint32_t remaining; /* entries from this one to the record's last, this one included */
+    uint32_t flags;     /* (i == 0 ? CL_ENTRY_FIRST : 0) | (i == n - 1 ? CL_ENTRY_LAST : 0) */
+    uint32_t remaining; /* n - i: entries to the record's last, this one included */
 } CL_TraceEntry;
 CL_LAYOUT_SIZE(CL_TraceEntry, 8);
 
 enum { CL_ENTRY_FIRST = 1, CL_ENTRY_LAST = 2 };
 
-/* What every record begins with. A user record needs only `length`, and room for the time. */
+/* What every record begins with. A user record needs only `length`, and room for the time. In the
+ * library's records
+ *
+ *     marker == (phase ? CL_MARK_EXIT : CL_MARK_ENTRY)                       of a call
+ *     marker == (phase ? CL_MARK_CALLBACK_EXIT : CL_MARK_CALLBACK_ENTRY)     of a callback
+ *     marker == CL_MARK_STATUS && phase == 0                                 of a status change
+ */
 typedef struct CL_TrcHead {
-    uint64_t seconds; /* time of the write, since the epoch; filled by CL_TRC_Write_M */
-    uint64_t microseconds;
+    uint64_t seconds;      /* time of the write, since the epoch; filled by CL_TRC_Write_M */
+    uint64_t microseconds; /* < 1000000 */
     uint8_t reserved[8];
     uint32_t length; /* bytes of the record, this head included */
     uint8_t api;     /* CL_API_... */
