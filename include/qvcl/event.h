@@ -28,7 +28,7 @@ enum {
     CL_EVENT_EXEC_COMPLETE = 6, /* CHILD: the started program has come up */
     CL_EVENT_CHILD_END = 7,     /* CHILD: exit_reason, exit_value */
     CL_EVENT_TIMER = 8,         /* TIMER: the timer expired */
-    CL_EVENT_END = 9,           /* END(ExecComp): asked to end, or (error.err 32) parent lost */
+    CL_EVENT_END = 9,           /* END(ExecComp): asked to end, or parent lost (error.err EPIPE) */
     CL_EVENT_DESCRIPTOR = 11,   /* FD: sets: the descriptors that are ready */
     CL_EVENT_FAILED = 12,       /* any listed object: it cannot take part; error: why */
     CL_EVENT_WAKE = 13          /* THREAD: another thread woke the loop */
