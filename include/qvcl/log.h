@@ -1,9 +1,9 @@
 /* Log: numbered catalogue messages to the system log, the internal log and standard error.
  *
- * The internal log is also where the library writes its own lines, which begin with "CLLIB:". It
- * stamps each line with the local time to the microsecond and hands it to the application's log
- * callback; without one the line goes nowhere. No allocation; catalogue and system log are opened
- * and closed for every message. */
+ * The internal log is also where the library writes its own lines, which begin with "CLLIB:" (but
+ * for the greeting of a new callback). It stamps each line with the local time to the microsecond
+ * and hands it to the application's log callback; without one the line goes nowhere. No allocation;
+ * catalogue and system log are opened and closed for every message. */
 #ifndef QVCL_LOG_H
 #define QVCL_LOG_H
 
@@ -21,8 +21,9 @@ enum {
 /* Severities. */
 enum { CL_LOG_ERROR = 1, CL_LOG_WARNING = 2, CL_LOG_INFO = 3 };
 
-/* Receives each line of the internal log, newline included; kind is always 4, the result is
- * ignored. */
+/* Receives each line of the internal log: a time stamp of 28 characters, the text, a newline; 1023
+ * characters at most. A text of more than 994 characters is cut, and its line has no newline. kind
+ * is always 4, the result is ignored. */
 typedef int (*CL_LogCallback)(int kind, const char *line);
 
 /* Sets up the log; may be repeated. name: identity, at most 31 characters. catalogue, altCatalogue:
@@ -46,10 +47,11 @@ QVCL_API uint32_t cl_log_init(const char *name, const char *catalogue, const cha
 QVCL_API uint32_t CL_LOG_Out(uint32_t destinations, uint16_t severity, uint64_t reserved,
                              uint32_t messageId, const char *types, ...);
 
-/* Sets the log callback (null: none); the new one receives a line that says so. */
+/* Sets the log callback (null: none); the new one at once receives a line that begins with "Trace
+ * Callback is set by". */
 QVCL_API void CL_SetLogCallbackFunction(CL_LogCallback callback);
 
-/* Writes one line to the internal log. */
+/* Writes one line to the internal log. text: without newline. */
 QVCL_API void cl_inlog_write(const char *text);
 
 /* Copies the catalogue text of `messageId` into `out`, 1024 bytes: at most 1023 characters and a
