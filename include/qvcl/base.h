@@ -61,7 +61,9 @@ static_assert(sizeof(void *) == 8, "the layouts are those of a 64-bit process");
 QVCL_BEGIN
 
 /* Error record. `err` is 0 after a success, and it is the only field to test: some successful
- * operations fill `module`, `line` and `version`. */
+ * operations fill `module`, `line` and `version`. Test the result alone where a success leaves the
+ * record as the caller passed it in (CL_SetThreadFd_M, CL_End_M, CL_LOG_Init_M, and the steps that
+ * are exported for tests), and look at the record of a loop after CL_LOOP_ERROR only. */
 typedef struct CL_ErrInfo {
     uint32_t err;     /* errno value or one of the library codes below */
     uint32_t detail;  /* the same code, or the errno of the failed system call */
