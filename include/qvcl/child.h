@@ -2,8 +2,10 @@
  *
  * A CHILD object that is ready and listed stands for a running child: its end is noticed through
  * SIGCHLD, the child is reaped without blocking, and the callback gets CL_EVENT_CHILD_END. Only
- * children with an object are reaped. Deleting the object of a running child kills it with SIGABRT
- * and waits for it. Starting a program is the business of a starter; starter.h is one.
+ * children with an object are reaped. A child that ends before its object is listed is noticed with
+ * the next SIGCHLD, whoever's: list the object in the callback that forks, as starter.h does, or
+ * raise(SIGCHLD) after listing it. Deleting the object of a running child kills it with SIGABRT and
+ * waits for it. Starting a program is the business of a starter; starter.h is one.
  *
  * These functions write no trace record; their failures carry CL_MODULE_CHILD. SIGCHLD belongs to
  * the library from CL_Init_M on. */

@@ -7,7 +7,9 @@
  * became pending meanwhile.
  *
  * CL_EventLoop_M returns the value of the callback that ended it, or CL_LOOP_ERROR with err filled
- * (CL_MODULE_LOOP for failures of its own); never 0. It can be entered again. The sets hold
+ * (CL_MODULE_LOOP for failures of its own); never 0. With a callback's value err says nothing. It
+ * can be entered again: what was due, but not called, is called by the next loop (ended children
+ * only after another SIGCHLD), and so is a periodic timer that ended it (timer.h). The sets hold
  * descriptors below 1024; an object with a larger one is reported with CL_EVENT_FAILED, which ends
  * the loop.
  *

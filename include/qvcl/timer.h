@@ -2,10 +2,14 @@
  *
  * All running timers share one interval timer (ITIMER_REAL, SIGALRM every second, only while a
  * timer runs), so neither alarm() nor setitimer() nor SIGALRM is free for the application. The
- * handler only counts. A timer is due when the system's uptime in whole seconds has advanced by
- * its interval; the loop then calls its callback with CL_EVENT_TIMER. Timers that are due together
- * are called in order of their start. A periodic timer keeps its phase, and catches up when the
- * loop was late. */
+ * handler only counts. A timer is due when the system's uptime in whole seconds has advanced by its
+ * interval; the loop then calls its callback with CL_EVENT_TIMER. Timers that are due together are
+ * called in order of their start.
+ *
+ * A periodic timer keeps its phase, and catches up when the loop was late. It is re-armed after its
+ * callback: one whose callback ends the loop stays due, and the next loop calls it again with the
+ * first tick. What ends the loop again and again is a one-shot timer that its callback starts
+ * again, or a periodic one that its callback stops and starts. */
 #ifndef QVCL_TIMER_H
 #define QVCL_TIMER_H
 
