@@ -3,8 +3,10 @@
  * An application connects an object to a server's path, or accepts one from a server of its own. It
  * receives one message at a time into its own buffer, sends blocks in order, and disconnects.
  * Callback events: CONNECTED, MESSAGE, SENT, DISCONNECT, FAILED. After CL_EVENT_DISCONNECT the
- * object is failed and only disconnect or delete is useful; it can then connect again. A listed
- * connection is watched only for what is pending. Failures carry CL_MODULE_MSGC. */
+ * object is failed and only disconnect or delete is useful; it can then connect again. The same
+ * holds after a send that meets the end (errno): no event follows, and the next iteration ends the
+ * loop when the connection is still listed. A listed connection is watched only for what is
+ * pending. Failures carry CL_MODULE_MSGC. */
 #ifndef QVCL_CLIENT_H
 #define QVCL_CLIENT_H
 

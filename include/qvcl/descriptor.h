@@ -204,7 +204,8 @@ CL_LAYOUT_AT(CL_Object, watch, 808);
 CL_LAYOUT_SIZE(CL_Object, 840);
 
 /* The table is one block: a CL_TableHeader, then capacity objects.
- * size == sizeof(CL_TableHeader) + capacity * sizeof(CL_Object); address == descriptor_table. */
+ *
+ *     size == sizeof(CL_TableHeader) + capacity * sizeof(CL_Object), address == descriptor_table */
 static_assert(sizeof(CL_TableHeader) % alignof(CL_Object) == 0, "objects follow the header");
 
 /* Builds the table of count + CL_SPARE_OBJECTS objects. Called once, by CL_Init_M. 1 on success, 0
@@ -227,8 +228,10 @@ QVCL_API CL_Object *cl_createfd(uint32_t kind, CL_Callback callback, uint64_t ar
 
 /* Releases what the object stands for, unlists it and gives it back; the handle is invalid
  * afterwards. A running child is killed (SIGABRT) and reaped, a running timer stopped, a connection
- * or server closed; blocks of a connection's send queue are unlinked, not freed. 1 on success, 0 on
- * failure: when a release failed the object stays live.
+ * or server closed; blocks of a connection's send queue are unlinked, not freed (those of a
+ * CL_EVENT_DISCONNECT are in the event's queue by then: clear that before their memory goes). 1 on
+ * success, 0 on failure: when a release failed the object stays live. A CHILD is deleted also when
+ * a report connection that nobody needs any more could not be: 1, with CL_ERR_QUEUE in err.
  * Errors: EBADF (invalid handle, or a kind that only the library deletes: EXECS, EXECC, SHM, FILE),
  * CL_ERR_QUEUE, CL_ERR_STATE (library not initialised, and the object has something to release or
  * is listed), errno (close, setitimer). */
