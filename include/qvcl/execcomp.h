@@ -8,6 +8,9 @@
  * over it, or its loss, gives the program's end callback CL_EVENT_END. Messages are at most 20
  * bytes. starter.h does both sides.
  *
+ * When a synchronous transfer sees the end (EINTR, client.h), it calls the end callback, with
+ * error.err 0 whatever happened, but does not delete the object: delete it, or it reports again.
+ *
  * These are the library's own callbacks. They fail with CL_LOOP_ERROR, which ends the loop; why is
  * in the main table's stored exec-completion error (CL_MODULE_MAIN), which the loop hands to its
  * caller. */

@@ -48,7 +48,8 @@ uint32_t CL_RequestEnd(CL_Object *child, CL_ErrInfo *err);
 /* In the started program, after CL_Init: reports completion to the starter named by
  * QVCL_EXEC_SOCKET. endCallback, arg1, arg2: called with CL_EVENT_END when the starter asks the
  * program to end or is gone; the object is deleted afterwards. watch_sync: not 0 makes synchronous
- * transfers watch for it too. The END(ExecComp) object, or null on failure.
+ * transfers watch for it too; they end with EINTR, and leave the object to be deleted by the
+ * caller. The END(ExecComp) object, or null on failure.
  * Errors: ENOENT (variable not set: the program was not started this way), EFAULT (endCallback
  * null), CL_ERR_STATE, EMFILE (table full, or descriptor beyond the loop's sets), ENAMETOOLONG
  * (path too long), EAGAIN (the starter accepted nobody for ten seconds), CL_ERR_QUEUE, errno
