@@ -10,8 +10,9 @@
 
 QVCL_BEGIN
 
-/* Listens at `path` (at most 107 characters). Any file there is removed first; the socket file has
- * mode 0660. backlog: of listen(2). 1 on success, 0 on failure: the object is as before.
+/* Listens at `path` (at most 107 characters). Any file there is removed first, so the directory
+ * must be one that nobody else may write to; the socket file has mode 0660. backlog: of listen(2).
+ * 1 on success, 0 on failure: the object is as before.
  * Errors: CL_ERR_STATE, EBADF (invalid handle, not an MSGS object), EALREADY (open already), EFAULT
  * (path null), ENAMETOOLONG (path too long), EMFILE (descriptor beyond the loop's sets), errno
  * (socket, fcntl, unlink, bind, chmod, listen). */

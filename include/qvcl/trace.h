@@ -10,7 +10,12 @@
  * fills an error record or writes a trace record.
  *
  * Environment: CL_TRC_NUM (entries of the library ring, default 1000, at least 100), CL_TRC_GEN
- * (generations of trace files, default 5). */
+ * (generations of trace files, default 5). A library ring that memory does not hold, such as one of
+ * 2147483647 entries, is not there: `library_ring` of the main table is null, nothing is recorded,
+ * and all else works.
+ *
+ * 1000 entries hold some 60 messages that were received and answered. To make the library ring
+ * larger from code, end it and create it again with CL_TRC_LIB_ENTRY bytes an entry. */
 #ifndef QVCL_TRACE_H
 #define QVCL_TRACE_H
 
@@ -31,7 +36,8 @@ enum {
 };
 
 /* Ring block; the entries follow.
- * header.size == sizeof(CL_TraceRing) + entry_count * (entry_size + sizeof(CL_TraceEntry)). */
+ *
+ *     header.size == sizeof(CL_TraceRing) + entry_count * (entry_size + sizeof(CL_TraceEntry)) */
 typedef struct CL_TraceRing {
     CL_TableHeader header;
     char prefix[256];     /* of file names; zero when none was given */
@@ -66,8 +72,7 @@ enum { CL_ENTRY_FIRST = 1, CL_ENTRY_LAST = 2 };
  *
  *     marker == (phase ? CL_MARK_EXIT : CL_MARK_ENTRY)                       of a call
  *     marker == (phase ? CL_MARK_CALLBACK_EXIT : CL_MARK_CALLBACK_ENTRY)     of a callback
- *     marker == CL_MARK_STATUS && phase == 0                                 of a status change
- */
+ *     marker == CL_MARK_STATUS && phase == 0                                 of a status change */
 typedef struct CL_TrcHead {
     uint64_t seconds;      /* time of the write, since the epoch; filled by CL_TRC_Write_M */
     uint64_t microseconds; /* < 1000000 */
@@ -126,8 +131,9 @@ QVCL_API uint32_t CL_INTRC_Init(void);
 
 /* Dumps rings and tables. path: file to write (mode 0600, truncated); null for the user ring's
  * prefix, the generation number and ".trc" (nothing happens without a user ring or prefix).
- * headerText: put in front, may be null. Failures are reported to the internal log only; the file
- * then holds what could be written. A call from within the dump callback does nothing. */
+ * headerText: put in front, may be null. Symbolic links are followed: the directory must be one
+ * that nobody else may write to. Failures are reported to the internal log only; the file then
+ * holds what could be written. A call from within the dump callback does nothing. */
 QVCL_API void CL_TRC_Out(const char *path, const char *headerText);
 
 /* Appends a block to the dump in progress, from within a dump callback. 1 on success; 0 when no
