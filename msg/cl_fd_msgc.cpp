@@ -49,6 +49,16 @@ bool is_mode(uint32_t mode) {
     return mode >= CL_MODE_SYNC && mode <= CL_MODE_DEFERRED;
 }
 
+// What a receive and a send both need: a connection that is complete and has not failed. False with
+// err filled.
+bool connected(CL_Object *client, CL_ErrInfo *err, uint8_t callerFlag) {
+    if (!qvcl::live_object(fail, client, CL_KIND_MSGC, err, callerFlag)) return false;
+    if ((client->status & CL_STATUS_FAILED) != 0) return fail(err, EBADF);
+    if ((client->status & CL_STATUS_READY) == 0) return fail(err, EBADF);
+    if (pending(client, CL_SUB_CONNECT_PENDING)) return fail(err, EBADF);
+    return true;
+}
+
 // Not a failure: an event will report the end.
 int32_t goes_on(CL_ErrInfo *err, uint32_t line = __builtin_LINE()) {
     fail(err, CL_ERR_IN_PROGRESS, line);
@@ -145,10 +155,7 @@ int32_t CL_RecvMSGC_M(CL_Object *client, void *buffer, int32_t capacity, uint32_
 int32_t cl_recvmsgc(CL_Object *client, void *buffer, int32_t capacity, uint32_t mode,
                     uint32_t timeout, CL_ErrInfo *err, uint8_t callerFlag, const char * /*file*/,
                     uint32_t /*line*/) {
-    if (!qvcl::live_object(fail, client, CL_KIND_MSGC, err, callerFlag)) return -1;
-    if ((client->status & CL_STATUS_FAILED) != 0) return refused(err, EBADF);
-    if ((client->status & CL_STATUS_READY) == 0) return refused(err, EBADF);
-    if (pending(client, CL_SUB_CONNECT_PENDING)) return refused(err, EBADF);
+    if (!connected(client, err, callerFlag)) return -1;
     if (pending(client, CL_SUB_RECV_PENDING)) return refused(err, EINPROGRESS);
     if (!is_mode(mode)) return refused(err, EINVAL);
     if (capacity < CL_MSG_HEADER_SIZE) return refused(err, EINVAL);
@@ -218,10 +225,7 @@ int32_t send_now(CL_Object *client, CL_MsgBlock *block, uint32_t mode, CL_ErrInf
 int32_t cl_sendmsgc(CL_Object *client, void *block, int32_t blockSize, uint32_t mode,
                     uint32_t timeout, CL_ErrInfo *err, uint8_t callerFlag, const char * /*file*/,
                     uint32_t /*line*/) {
-    if (!qvcl::live_object(fail, client, CL_KIND_MSGC, err, callerFlag)) return -1;
-    if ((client->status & CL_STATUS_FAILED) != 0) return refused(err, EBADF);
-    if ((client->status & CL_STATUS_READY) == 0) return refused(err, EBADF);
-    if (pending(client, CL_SUB_CONNECT_PENDING)) return refused(err, EBADF);
+    if (!connected(client, err, callerFlag)) return -1;
     if (!is_mode(mode)) return refused(err, EINVAL);
     CL_Queue *queue = &client->connection.send_queue;
     if (mode == CL_MODE_SYNC && queue->count != 0) return refused(err, EINPROGRESS);
