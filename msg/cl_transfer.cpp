@@ -210,8 +210,14 @@ constexpr Direction kSend = {
     send_step,  // there is nearly always room, more than a socket that reports writable has
 };
 
-// One synchronous transfer. SIGALRM is blocked between the look at the ticks and the wait, and open
-// in the wait, so that no tick is missed; without a running timer there is nothing to miss.
+// One synchronous transfer. begin() starts its time limit; then run() makes one pass after another,
+// each of them one wait, until the last one has left its result.
+//
+// Between two passes:
+//   - nothing is decided yet: result_ is 0, whatever err says;
+//   - a timer of ours runs on the connection exactly when there is a time limit;
+//   - SIGALRM is not blocked. It is, while a timer runs, from a look at the ticks to the wait that
+//     follows; the wait itself opens it, so that no tick is missed.
 class SyncWait {
   public:
     SyncWait(CL_Object *connection, uint32_t timeout, CL_ErrInfo *err, const Direction &direction)
@@ -223,37 +229,68 @@ class SyncWait {
         if (end_ == connection_) end_ = nullptr;
     }
 
-    int32_t run() {
+    // False with err filled: there is no transfer, and no timer of ours.
+    bool begin() {
         if (!qvcl::fits_sets(connection_->descriptor)) {
             fail(err_, EMFILE);
-            return -1;
+            return false;
         }
-        const bool others = (connection_->status & CL_STATUS_RUNNING) != 0;
-        if (timeout_ != 0 && CL_StartTIMER_M(connection_, timeout_, CL_TIMER_ONESHOT, err_, 1,
-                                             kFile, __LINE__) == 0) {
-            return others ? -1 : stop_timer(-1);  // ours may count without a clock
+        const bool taken = (connection_->status & CL_STATUS_RUNNING) != 0;
+        if (timeout_ == 0 || CL_StartTIMER_M(connection_, timeout_, CL_TIMER_ONESHOT, err_, 1,
+                                             kFile, __LINE__) != 0) {
+            return true;
         }
-        begun_ = true;
-        // An end watch has to be looked at before anything is transferred.
-        int32_t result = end_ == nullptr ? direction_.first(connection_, err_) : 0;
-        while (result == 0 && !over_)
-            result = pass();
-        return timeout_ != 0 ? stop_timer(result) : result;
+        // One that was refused because somebody else's runs there is not ours; any other is, even
+        // when nothing makes it tick.
+        if (!taken) stop_timer();
+        return false;
     }
 
-    // Whether it came to a transfer at all.
-    bool begun() const { return begun_; }
+    // The length, -1 with err filled, or the end callback's result.
+    int32_t run() {
+        // An end watch has to be looked at before anything is transferred.
+        if (end_ == nullptr) result_ = direction_.first(connection_, err_);
+        bool last = result_ != 0;
+        while (!last)
+            last = pass();
+        if (timeout_ != 0) stop_timer();
+        return result_;
+    }
 
   private:
-    // One wait and what it brought: 0 for another pass, unless over_ says it was the last.
-    int32_t pass() {
+    enum class Wait { ready, interrupted, failed };
+
+    // One wait and what it brought. Whether it was the last one.
+    bool pass() {
         CL_FdSets sets = {};
+        switch (wait(sets)) {
+            case Wait::ready:
+                break;
+            case Wait::interrupted:
+                return false;  // the next pass looks at the ticks
+            case Wait::failed:
+                result_ = -1;
+                return true;
+        }
+        if (end_ != nullptr && qvcl::ready_in(end_->descriptor, sets.read) &&
+            cl_recv_end(end_, err_) != 0) {
+            result_ = call_end();
+            return true;
+        }
+        if (qvcl::ready_in(connection_->descriptor, sets.*direction_.ready)) {
+            result_ = direction_.step(connection_, err_);
+        }
+        return result_ != 0;
+    }
+
+    // Leaves in the sets what is ready. `failed` with err filled.
+    Wait wait(CL_FdSets &sets) {
         int32_t count = 0;
         direction_.watch(connection_, end_, sets, count);
         sigset_t saved;
         const bool ticking = CL_MainTable->timer_list.head != nullptr;
         if (ticking && cl_msgc_sigcheck(connection_, timeout_, &alarm_, &saved, err_) != 0) {
-            return -1;
+            return Wait::failed;
         }
         if (ticking) sigdelset(&saved, SIGALRM);
         // An empty set is left out: the kernel takes as long over it as over a full one.
@@ -263,59 +300,51 @@ class SyncWait {
                     sending ? &sets.write : nullptr, nullptr, nullptr, ticking ? &saved : nullptr);
         const int code = errno;
         if (ticking) cl_u_sigprocmask(SIG_UNBLOCK, &alarm_, nullptr);
-        if (ready < 0) {
-            if (code == EINTR) return 0;  // the next pass looks at the ticks
-            fail(err_, static_cast<uint32_t>(code));
-            return -1;
-        }
-        if (end_ != nullptr && qvcl::ready_in(end_->descriptor, sets.read) &&
-            cl_recv_end(end_, err_) != 0) {
-            return end_request();
-        }
-        if (!qvcl::ready_in(connection_->descriptor, sets.*direction_.ready)) return 0;
-        return direction_.step(connection_, err_);
+        if (ready >= 0) return Wait::ready;
+        if (code == EINTR) return Wait::interrupted;
+        fail(err_, static_cast<uint32_t>(code));
+        return Wait::failed;
     }
 
-    int32_t end_request() {
+    int32_t call_end() {
         CL_Event event = {};
         event.type = CL_EVENT_END;
         const uint32_t result = cl_Callback_M(end_->connection.end_callback, end_, &event,
                                               end_->arg1, end_->arg2, 0, kFile, __LINE__);
         fail(err_, EINTR);
-        over_ = true;
         return static_cast<int32_t>(result);
     }
 
     // The end callback may have given the connection up, and its timer with it.
-    int32_t stop_timer(int32_t result) {
-        if ((connection_->status & CL_STATUS_RUNNING) == 0) return result;
+    void stop_timer() {
+        if ((connection_->status & CL_STATUS_RUNNING) == 0) return;
         CL_ErrInfo scratch = {};
         CL_ErrInfo *err = err_->err != 0 ? &scratch : err_;
-        return CL_StopTIMER_M(connection_, err, 1, kFile, __LINE__) != 0 ? result : -1;
+        if (CL_StopTIMER_M(connection_, err, 1, kFile, __LINE__) == 0) result_ = -1;
     }
 
     CL_Object *connection_;
     uint32_t timeout_;
     CL_ErrInfo *err_;
     const Direction &direction_;
-    CL_Object *end_ = nullptr;
+    CL_Object *end_ = nullptr;  // watched, or null
     sigset_t alarm_;
-    bool begun_ = false;
-    bool over_ = false;
+    int32_t result_ = 0;
 };
 
 }  // namespace
 
 int32_t cl_recv_sync(CL_Object *connection, uint32_t timeout, CL_ErrInfo *err) {
-    return SyncWait(connection, timeout, err, kReceive).run();
+    SyncWait wait(connection, timeout, err, kReceive);
+    return wait.begin() ? wait.run() : -1;
 }
 
 int32_t cl_send_sync(CL_Object *connection, uint32_t timeout, CL_ErrInfo *err) {
     SyncWait wait(connection, timeout, err, kSend);
-    const int32_t result = wait.run();
+    if (wait.begin()) return wait.run();
     // The block that stands alone in the queue was not touched: it is the caller's again.
-    if (!wait.begun()) CL_QUE_Clear(&connection->connection.send_queue);
-    return result;
+    CL_QUE_Clear(&connection->connection.send_queue);
+    return -1;
 }
 
 int32_t cl_msgc_sigcheck(CL_Object *connection, uint32_t timeout, const sigset_t *alarm,
