@@ -11,6 +11,7 @@
 #include <qvcl/server.h>
 
 #include "core/error.h"
+#include "msg/end_callback.h"
 
 namespace {
 
@@ -56,16 +57,8 @@ bool await_report(CL_Object *object) {
            error.err == CL_ERR_IN_PROGRESS;
 }
 
-// Calls the end callback of a started program.
-uint32_t call_end(CL_Object *end, const CL_ErrInfo &why, uint64_t arg1, uint64_t arg2) {
-    CL_Event event = {};
-    event.type = CL_EVENT_END;
-    event.error = why;
-    return cl_Callback_M(end->connection.end_callback, end, &event, arg1, arg2, 0, kFile, __LINE__);
-}
-
 uint32_t end_requested(CL_Object *end, uint64_t arg1, uint64_t arg2) {
-    const uint32_t result = call_end(end, {}, arg1, arg2);
+    const uint32_t result = qvcl::call_end_callback(end, {}, arg1, arg2, kFile);
     CL_ErrInfo error = {};
     if (CL_DeleteFD_M(end, &error, 1, kFile, __LINE__) == 0) return store(error);
     return result;
@@ -74,7 +67,7 @@ uint32_t end_requested(CL_Object *end, uint64_t arg1, uint64_t arg2) {
 uint32_t parent_lost(CL_Object *end, const CL_Event *event, uint64_t arg1, uint64_t arg2) {
     CL_ErrInfo why = event->error;
     why.err = EPIPE;
-    const uint32_t result = call_end(end, why, arg1, arg2);
+    const uint32_t result = qvcl::call_end_callback(end, why, arg1, arg2, kFile);
     CL_ErrInfo error = {};
     if (CL_DeleteFD_M(end, &error, 1, kFile, __LINE__) == 0) return store();
     return result;

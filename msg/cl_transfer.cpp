@@ -14,6 +14,7 @@
 
 #include "core/error.h"
 #include "core/signal_field.h"
+#include "msg/end_callback.h"
 #include "msg/socket.h"
 
 namespace {
@@ -224,8 +225,6 @@ class SyncWait {
         : connection_(connection), timeout_(timeout), err_(err), direction_(direction) {
         sigemptyset(&alarm_);
         sigaddset(&alarm_, SIGALRM);
-        if (CL_MainTable->sync_flag == 0) return;
-        end_ = static_cast<CL_Object *>(CL_MainTable->kind_queues[CL_KIND_QUEUE_END].head);
         if (end_ == connection_) end_ = nullptr;
     }
 
@@ -274,7 +273,10 @@ class SyncWait {
         }
         if (end_ != nullptr && qvcl::ready_in(end_->descriptor, sets.read) &&
             cl_recv_end(end_, err_) != 0) {
-            result_ = call_end();
+            const uint32_t result =
+                qvcl::call_end_callback(end_, {}, end_->arg1, end_->arg2, kFile);
+            fail(err_, EINTR);
+            result_ = static_cast<int32_t>(result);
             return true;
         }
         if (qvcl::ready_in(connection_->descriptor, sets.*direction_.ready)) {
@@ -306,15 +308,6 @@ class SyncWait {
         return Wait::failed;
     }
 
-    int32_t call_end() {
-        CL_Event event = {};
-        event.type = CL_EVENT_END;
-        const uint32_t result = cl_Callback_M(end_->connection.end_callback, end_, &event,
-                                              end_->arg1, end_->arg2, 0, kFile, __LINE__);
-        fail(err_, EINTR);
-        return static_cast<int32_t>(result);
-    }
-
     // The end callback may have given the connection up, and its timer with it.
     void stop_timer() {
         if ((connection_->status & CL_STATUS_RUNNING) == 0) return;
@@ -327,7 +320,7 @@ class SyncWait {
     uint32_t timeout_;
     CL_ErrInfo *err_;
     const Direction &direction_;
-    CL_Object *end_ = nullptr;  // watched, or null
+    CL_Object *end_ = qvcl::end_to_watch();
     sigset_t alarm_;
     int32_t result_ = 0;
 };

@@ -274,10 +274,12 @@ class Started : public Channel {
     Balance before;
     std::vector<CL_ErrInfo> ends;
     uint32_t result = 0;
+    std::function<void()> deed;
     Action on_end = [this](CL_Object *object, CL_Event *event) {
         EXPECT_EQ(object, end);
         EXPECT_EQ(event->type, uint32_t{CL_EVENT_END});
         ends.push_back(event->error);
+        if (deed) deed();
         return result;
     };
 };
@@ -371,6 +373,17 @@ TEST_F(Started, ASynchronousTransferIsInterruptedByTheEndOnlyWhenAsked) {
         EXPECT_EQ(err.err, 4u);
     }
     EXPECT_EQ(ends.size(), 5u);
+
+    /* While the end callback runs there is nothing more to be told. */
+    EXPECT_EQ(CL_DeleteFD_M(end, &err, 1, "test", 1), 1u) << err;
+    connection = report(1);
+    connection.close();
+    deed = [&] {
+        peer.say(message(16, 3));
+        EXPECT_EQ(receive(), 16);
+    };
+    EXPECT_EQ(rounds(), 99u);
+    EXPECT_EQ(ends.size(), 6u);
     EXPECT_EQ(CL_DeleteFD(client, &err), 1u) << err;
 }
 
