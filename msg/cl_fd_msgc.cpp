@@ -197,7 +197,8 @@ int32_t CL_SendMSGC_M(CL_Object *client, void *block, int32_t blockSize, uint32_
         },
         [&](int32_t) {
             record.head.length = sizeof record;
-            copy_block();
+            // An end callback (EINTR) may have disconnected and freed the block.
+            if (record.error.err != EINTR) copy_block();
         });
 }
 

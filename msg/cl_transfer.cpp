@@ -308,9 +308,11 @@ class SyncWait {
         return Wait::failed;
     }
 
-    // The end callback may have given the connection up, and its timer with it.
+    // The end callback may have given the connection up, and the timer with it. One that runs in
+    // the same slot then is the own timer of a new TIMER object.
     void stop_timer() {
         if ((connection_->status & CL_STATUS_RUNNING) == 0) return;
+        if (connection_->kind == CL_KIND_TIMER) return;
         CL_ErrInfo scratch = {};
         CL_ErrInfo *err = err_->err != 0 ? &scratch : err_;
         if (CL_StopTIMER_M(connection_, err, 1, kFile, __LINE__) == 0) result_ = -1;

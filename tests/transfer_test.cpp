@@ -437,19 +437,37 @@ TEST_F(EndWatch, OtherMessagesDoNotDisturb) {
     expect_quiet();
 }
 
-TEST_F(EndWatch, MayGiveTheConnectionUp) {
-    for (const bool all : {false, true}) {
-        SCOPED_TRACE(all ? "delete" : "disconnect");
+/* While the end callback runs nobody watches for the end; what it gives up is not looked at any
+ * more, and whatever has the connection's slot then is left alone. */
+TEST_F(EndWatch, MayGiveEverythingUp) {
+    for (int number = 0; number < 2 * 2; number++) {
+        const bool sending = (number & 1) != 0, all = (number & 2) != 0;
+        SCOPED_TRACE(testing::Message() << (all ? "delete" : "disconnect") << " send " << sending);
+        auto block = std::make_unique<Block>(1000);
+        if (sending) fill(client->descriptor);
         parent.send(end_request());
+        parent.close();
+        peer.send(wire_message("goodbye"));
+        std::vector<CL_Object *> strangers;
         reply = [&](CL_Object *, CL_Event *) {
+            EXPECT_EQ(receive(), 23);
             EXPECT_EQ(all ? CL_DeleteFD(client, &err) : disconnect(client), 1u) << err;
+            block.reset();
+            while (CL_Object *stranger = all ? make(CL_KIND_TIMER) : nullptr) {
+                strangers.push_back(stranger);
+                EXPECT_EQ(CL_StartTIMER(stranger, 50, CL_TIMER_ONESHOT, &err), 1u);
+            }
             return 3u;
         };
-        EXPECT_EQ(receive(9), 3);
+        heard.clear();
+        EXPECT_EQ(sending ? send(*block, CL_MODE_SYNC, 9) : receive(9), 3);
         EXPECT_EQ(err.err, uint32_t{EINTR});
-        ASSERT_EQ(CL_MainTable->timer_list.count, 0u) << "its time limit runs on";
+        EXPECT_EQ(heard.size(), 1u);
+        EXPECT_EQ(CL_MainTable->timer_list.count, strangers.size());
+        for (CL_Object *stranger : strangers)
+            ASSERT_EQ(CL_DeleteFD(stranger, &err), 1u);
         expect_quiet();
-        if (all) break;
+        if (all) client = connect();
         reconnect(client);
         watch_end();
     }

@@ -221,7 +221,8 @@ typedef struct CL_TrcSend {
     uint64_t err_address;
     CL_ErrInfo error;
     uint32_t data_length;
-    uint8_t data[72]; /* the first bytes of the block; at exit with the header filled */
+    uint8_t data[72]; /* the first bytes of the block; at exit with the header filled, but after an
+                       * end callback (4) as they were at entry */
 } CL_TrcSend;
 CL_LAYOUT_AT(CL_TrcSend, block_size, 80);
 CL_LAYOUT_AT(CL_TrcSend, err_address, 96);
