@@ -57,20 +57,35 @@ bool await_report(CL_Object *object) {
            error.err == CL_ERR_IN_PROGRESS;
 }
 
+// Whether the object is still there after its end callback. One that the callback deleted may have
+// given its slot to a new object, which nobody has told anything yet.
+bool left_by_callback(CL_Object *end) {
+    CL_ErrInfo scratch;
+    return cl_CheckFD_sub(end, &scratch) != 0 && end->kind == CL_KIND_END &&
+           end->connection.told != 0;
+}
+
+// Calls the end callback, then deletes the object unless the callback did so itself. 1, or 0 with
+// err filled.
+uint32_t tell_end(CL_Object *end, const CL_ErrInfo &why, uint64_t arg1, uint64_t arg2,
+                  uint32_t *result, CL_ErrInfo *err) {
+    end->connection.told = 1;
+    *result = qvcl::call_end_callback(end, why, arg1, arg2, kFile);
+    return left_by_callback(end) ? CL_DeleteFD_M(end, err, 1, kFile, __LINE__) : 1;
+}
+
 uint32_t end_requested(CL_Object *end, uint64_t arg1, uint64_t arg2) {
-    const uint32_t result = qvcl::call_end_callback(end, {}, arg1, arg2, kFile);
+    uint32_t result;
     CL_ErrInfo error = {};
-    if (CL_DeleteFD_M(end, &error, 1, kFile, __LINE__) == 0) return store(error);
-    return result;
+    return tell_end(end, {}, arg1, arg2, &result, &error) != 0 ? result : store(error);
 }
 
 uint32_t parent_lost(CL_Object *end, const CL_Event *event, uint64_t arg1, uint64_t arg2) {
     CL_ErrInfo why = event->error;
     why.err = EPIPE;
-    const uint32_t result = qvcl::call_end_callback(end, why, arg1, arg2, kFile);
+    uint32_t result;
     CL_ErrInfo error = {};
-    if (CL_DeleteFD_M(end, &error, 1, kFile, __LINE__) == 0) return store();
-    return result;
+    return tell_end(end, why, arg1, arg2, &result, &error) != 0 ? result : store();
 }
 
 uint32_t unknown_message(CL_Object *end, uint32_t type) {

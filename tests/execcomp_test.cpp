@@ -304,10 +304,19 @@ TEST_F(Started, TheProgramIsToldToEndByARequestAndByAnyLoss) {
         {"other version", {message(16, 2, PID, 1)}, false, 32, 71},
         {"other messages first", {message(16, 7), message(20, 1), request}, false, 0, 0},
     };
+    /* The end callback may delete the object itself, and give its slot to somebody else. */
+    std::vector<CL_Object *> strangers;
+    const auto replace = [&] {
+        EXPECT_EQ(CL_DeleteFD(end, &err), 1u) << err;
+        while (CL_Object *stranger = CL_CreateFD(CL_KIND_TIMER, nullptr, 0, 0, &err))
+            strangers.push_back(stranger);
+    };
     for (const auto &test : cases) {
-        for (const uint32_t value : {0u, uint32_t{STOP}}) {
+        for (const bool deletes : {false, true}) {
+            const uint32_t value = deletes ? 0 : STOP;
             SCOPED_TRACE(testing::Message() << test.what << ", callback returns " << value);
             result = value;
+            deed = deletes ? std::function<void()>(replace) : nullptr;
             Raw connection = report();
             EXPECT_EQ(rounds(), 0u) << err;
             EXPECT_TRUE(ends.empty());
@@ -324,6 +333,8 @@ TEST_F(Started, TheProgramIsToldToEndByARequestAndByAnyLoss) {
             EXPECT_EQ(ends.size(), 1u);
             EXPECT_EQ(ends.empty() ? 0 : ends[0].err, test.err);
             EXPECT_EQ(ends.empty() ? 0 : ends[0].detail, test.detail);
+            for (CL_Object *stranger : std::exchange(strangers, {}))
+                EXPECT_EQ(CL_DeleteFD(stranger, &err), 1u) << err;
             EXPECT_EQ(cl_CheckFD(end, &err), 0u) << "the object is deleted";
             ends.clear();
             connection.close();

@@ -29,7 +29,7 @@ QVCL_API uint32_t cl_ExecSWaitCallback(CL_Object *server, CL_Event *event, uint6
 QVCL_API uint32_t cl_ExecCWaitCallback(CL_Object *connection, CL_Event *event, uint64_t arg1,
                                        uint64_t arg2);
 
-/* END(ExecComp): calls the end callback and deletes the object. */
+/* END(ExecComp): calls the end callback, and deletes the object unless that callback did. */
 QVCL_API uint32_t cl_EndCallback(CL_Object *end, CL_Event *event, uint64_t arg1, uint64_t arg2);
 
 /* Release of the EXECS object: deletes all report connections, then closes the server. 1 on
