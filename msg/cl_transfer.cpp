@@ -16,6 +16,7 @@
 #include "core/signal_field.h"
 #include "msg/end_callback.h"
 #include "msg/socket.h"
+#include "sources/timer_look.h"
 
 namespace {
 
@@ -249,10 +250,11 @@ class SyncWait {
     int32_t run() {
         // An end watch has to be looked at before anything is transferred.
         if (end_ == nullptr) result_ = direction_.first(connection_, err_);
-        bool last = result_ != 0;
-        while (!last)
+        const bool waits = result_ == 0;
+        for (bool last = !waits; !last;)
             last = pass();
         if (timeout_ != 0) stop_timer();
+        if (waits) qvcl::leave_tick();  // the ticks that came meanwhile were taken from the loop
         return result_;
     }
 

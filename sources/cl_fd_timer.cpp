@@ -15,6 +15,7 @@
 #include "diag/traced.h"
 #include "loop/kinds.h"
 #include "loop/live_object.h"
+#include "sources/timer_look.h"
 
 using qvcl::address_of;
 
@@ -91,6 +92,20 @@ int32_t dispatch_pass(CL_ErrInfo *err) {
 }
 
 }  // namespace
+
+// A tick of no seconds stands above those that are counted: whoever takes it looks at the timers,
+// and no timer's remaining seconds change.
+void qvcl::leave_tick() {
+    constexpr uint64_t kEmptyTick = uint64_t{1} << 32;
+    CL_MainBlock &main = *CL_MainTable;
+    uint32_t status;
+    CL_Object *timer = nullptr;
+    do {
+        timer =
+            static_cast<CL_Object *>(CL_QUE_Enum(&main.timer_list, timer, CL_QUE_FORWARD, &status));
+    } while (timer != nullptr && timer->remaining != CL_TIMER_DUE);
+    if (timer != nullptr) __atomic_fetch_or(&main.timer_signals, kEmptyTick, __ATOMIC_RELAXED);
+}
 
 uint32_t CL_StartTIMER_M(CL_Object *object, uint32_t seconds, uint32_t mode, CL_ErrInfo *err,
                          uint8_t callerFlag, const char *file, uint32_t line) {

@@ -63,7 +63,7 @@ typedef struct CL_MainBlock {
     char exec_path[108];
     uint32_t reserved4;
 
-    uint64_t timer_signals; /* SIGALRM: counted */
+    uint64_t timer_signals; /* SIGALRM: counted, in the lower half; not 0: look at the timers */
     uint32_t child_signal;  /* SIGCHLD: 1 */
     uint32_t wake_signal;   /* SIGUSR1: 1 */
     uint32_t timer_dispatched;
