@@ -257,6 +257,17 @@ uint32_t CL_DiscMSGC_M(CL_Object *client, uint64_t *receiveBufferOut, CL_Queue *
     });
 }
 
+namespace {
+
+// A disconnect failed when buffer and blocks had been handed back: nothing is pending without them.
+uint32_t still_connected(CL_Object *client) {
+    const bool blocks = client->connection.send_queue.count != 0;
+    clear_pending(client, CL_SUB_RECV_PENDING | (blocks ? 0 : CL_SUB_SEND_PENDING));
+    return 0;
+}
+
+}  // namespace
+
 uint32_t cl_discmsgc(CL_Object *client, uint64_t *receiveBufferOut, CL_Queue *unsentOut,
                      CL_ErrInfo *err, uint8_t callerFlag, const char * /*file*/,
                      uint32_t /*line*/) {
@@ -267,11 +278,17 @@ uint32_t cl_discmsgc(CL_Object *client, uint64_t *receiveBufferOut, CL_Queue *un
     connection.receive_buffer = nullptr;
     if (unsentOut != nullptr) {
         CL_QUE_InitQT(unsentOut, 0);
-        if (CL_QUE_Apend(unsentOut, &connection.send_queue) == 0) return fail(err, CL_ERR_QUEUE);
+        if (CL_QUE_Apend(unsentOut, &connection.send_queue) == 0) {
+            fail(err, CL_ERR_QUEUE);
+            return still_connected(client);
+        }
     } else {
         CL_QUE_Clear(&connection.send_queue);
     }
-    if (client->descriptor != -1 && cl_u_close(client->descriptor) != 0) return fail.sys(err);
+    if (client->descriptor != -1 && cl_u_close(client->descriptor) != 0) {
+        fail.sys(err);
+        return still_connected(client);
+    }
     client->descriptor = -1;
     // An end callback may disconnect in the midst of a transfer with a time limit.
     CL_ErrInfo scratch = {};

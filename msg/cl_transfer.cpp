@@ -381,6 +381,12 @@ void cl_make_send_fd(const CL_Object *connection, const CL_Object *end, fd_set *
 }
 
 uint32_t cl_recv_end(CL_Object *end, CL_ErrInfo *err) {
+    CL_Connection &connection = end->connection;
+    if (connection.receive_buffer == nullptr) {  // no receive was set up, or a disconnect failed
+        connection.receive_buffer = connection.report;
+        connection.receive_capacity = sizeof connection.report;
+        connection.received_count = 0;
+    }
     CL_Event event;
     if (cl_recv(end, &event, err) == 0) return 0;
     if (event.type == CL_EVENT_DISCONNECT) {
@@ -388,7 +394,7 @@ uint32_t cl_recv_end(CL_Object *end, CL_ErrInfo *err) {
         return 1;
     }
     if (static_cast<const CL_MsgHeader *>(event.data)->type == CL_MSG_END_REQUEST) return 1;
-    end->connection.receive_capacity = sizeof end->connection.report;
-    end->connection.received_count = 0;
+    connection.receive_capacity = sizeof connection.report;
+    connection.received_count = 0;
     return 0;
 }

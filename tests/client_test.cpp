@@ -243,6 +243,32 @@ TEST_F(Client, DisconnectHandsEverythingBack) {
     EXPECT_TRUE(peer.receive().size() > 0 && peer.ended());
 }
 
+/* A disconnect that fails has handed everything back all the same: nothing goes on into it. */
+TEST_F(Client, FailedDisconnectLeavesNothingPending) {
+    CL_Object *client = connect();
+    list(client);
+    for (const bool sending : {false, true}) {
+        SCOPED_TRACE(sending);
+        const auto block = sending ? stuff(client) : std::make_unique<Block>();
+        await(client);
+        peer.send(wire_message("in two parts").substr(0, 18));
+        EXPECT_EQ(iterate(), 0u);
+        {
+            const test::Plan plan{{.call = "close", .error = EIO}};
+            EXPECT_EQ(disconnect(client), 0u);
+        }
+        EXPECT_THAT(err, FailsWith(EIO, CL_MODULE_MSGC));
+        EXPECT_FALSE(block->queued());
+        peer.receive();
+        peer.send(wire_message("in two parts").substr(18));
+        EXPECT_EQ(iterate(), 0u);
+        EXPECT_TRUE(heard.empty());
+        EXPECT_EQ(client->status, uint32_t{CL_STATUS_READY | CL_STATUS_LISTED});
+        EXPECT_EQ(client->sub_status, 0u);
+        reconnect(client);
+    }
+}
+
 /* What a callback may do to its own connection, whatever it is called for. Nothing of the old
  * connection may be reported afterwards, and the objects behind it get their turn. */
 class InItsCallback : public Client {

@@ -447,6 +447,18 @@ TEST_F(EndWatch, OtherMessagesDoNotDisturb) {
     EXPECT_EQ(peer.receive(), block.message());
     EXPECT_TRUE(heard.empty());
     expect_quiet();
+
+    /* A disconnect that failed has taken its buffer away. */
+    {
+        const Plan plan{{.call = "close", .error = EIO}};
+        EXPECT_EQ(CL_DiscMSGC_M(end, nullptr, nullptr, &err, 1, "test", 1), 0u);
+    }
+    parent.send(wire_message("four", 1));
+    peer.send(wire_message("hello"));
+    EXPECT_EQ(receive(9), 21);
+    parent.send(end_request());
+    EXPECT_EQ(receive(9), 0);
+    EXPECT_EQ(err.err, uint32_t{EINTR});
 }
 
 /* While the end callback runs nobody watches for the end; what it gives up is not looked at any
