@@ -1,7 +1,6 @@
 // The library's life: the constructor, CL_Init_M, CL_End_M.
 //
-// The main table's storage is exported and may be copied into an executable when that is loaded, so
-// everything reaches it through CL_MainTable; there is no other state.
+// All state is in the main table, and everything reaches it through CL_MainTable.
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -19,9 +18,6 @@
 #include "loop/kinds.h"
 
 using qvcl::switched_on;
-
-CL_MainBlock CL_EM_MainTable;
-CL_MainBlock *CL_MainTable;
 
 namespace {
 
@@ -105,10 +101,6 @@ void report_leaks() {
 }
 
 }  // namespace
-
-void CL_SetIndependErr(CL_ErrInfo *err) {
-    err->err = err->detail;
-}
 
 void CL_Abort_M() {
     abort();

@@ -1,10 +1,9 @@
 // The one way to an application's callback and the one way to change an object's status, both
-// traced; and positions, which record who did something and when.
+// traced.
 #include <cstring>
 
 #include <qvcl/descriptor.h>
 #include <qvcl/message.h>
-#include <qvcl/system.h>
 
 #include "diag/traced.h"
 #include "loop/watch.h"
@@ -90,11 +89,4 @@ uint32_t cl_StatusChange_M(CL_Object *object, uint32_t status, uint32_t sub_stat
     record.status = status;
     record.sub_status = sub_status;
     return CL_TRC_Write_M(&record, CL_RING_LIBRARY);
-}
-
-void CL_SetPT(CL_Position *position, const char *file, uint32_t line) {
-    qvcl::copy_file_name(position->file, file);
-    position->line = line;
-    position->microseconds = 0;
-    position->seconds = CL_GetTime_M(&position->microseconds);
 }
