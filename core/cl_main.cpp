@@ -11,6 +11,7 @@
 #include <qvcl/execcomp.h>
 #include <qvcl/memory.h>
 #include <qvcl/server.h>
+#include <qvcl/system.h>
 
 #include "core/error.h"
 #include "core/table_header.h"
@@ -47,6 +48,9 @@ void init_queues(CL_MainBlock &main) {
 }
 
 __attribute__((constructor)) void construct() {
+    // A second copy of the library, opened from another path, finds the table of the first one, and
+    // works on that.
+    if (CL_MainTable != nullptr) return;
     CL_MainTable = &CL_EM_MainTable;
     CL_MainBlock &main = *CL_MainTable;
     main = {};
@@ -74,6 +78,30 @@ bool open_exec_server(CL_ErrInfo *err) {
     }
     main.execs = server;
     return true;
+}
+
+// The steps of initialisation that cannot be taken back.
+bool set_up(uint32_t count, CL_ErrInfo *err) {
+    CL_MainBlock &main = *CL_MainTable;
+    if (CL_FD_TblInit(count, err) == 0) return false;
+    main.state = CL_STATE_INITIALISED;
+    if (main.exec_path[0] != '\0' && !open_exec_server(err)) return false;
+    return cl_sigchld_init(err) != 0;
+}
+
+// Deletes the first exec-completion server. One that initialisation left half-way may be open, and
+// closing it takes an initialised library.
+bool delete_exec_server() {
+    CL_MainBlock &main = *CL_MainTable;
+    auto *server = static_cast<CL_Object *>(main.kind_queues[CL_KIND_QUEUE_EXECS].head);
+    if (server == nullptr) return true;
+    const uint32_t state = main.state;
+    main.state = CL_STATE_INITIALISED;
+    CL_ErrInfo scratch = {};
+    const bool deleted = CL_DeleteFD_M(server, &scratch, 1, kFile, __LINE__) != 0;
+    main.state = state;
+    if (deleted && main.execs == server) main.execs = nullptr;
+    return deleted;
 }
 
 void report_line(const char *what, uint32_t count) {
@@ -128,17 +156,9 @@ uint32_t cl_init(uint32_t count, const char *execPath, CL_ErrInfo *err) {
     for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGUSR2, SIGPROF}) {
         cl_u_signal(signal, SIG_IGN);
     }
-    if (CL_FD_TblInit(count, err) == 0) {
-        main.state = CL_STATE_FAILED;
-        return 0;
-    }
-    main.state = CL_STATE_INITIALISED;
-    const bool serving = main.exec_path[0] == '\0' || open_exec_server(err);
-    if (!serving || cl_sigchld_init(err) == 0) {
-        main.state = CL_STATE_FAILED;
-        return 0;
-    }
-    return 1;
+    if (set_up(count, err)) return 1;
+    main.state = CL_STATE_FAILED;
+    return 0;
 }
 
 uint32_t CL_End_M(CL_ErrInfo *err, uint8_t callerFlag, const char *file, uint32_t line) {
@@ -153,13 +173,7 @@ uint32_t cl_end(CL_ErrInfo *err) {
     if (main.state == CL_STATE_CONSTRUCTED || main.state == CL_STATE_ENDED) {
         return fail(err, CL_ERR_STATE);
     }
-    if (auto *server = static_cast<CL_Object *>(main.kind_queues[CL_KIND_QUEUE_EXECS].head)) {
-        CL_ErrInfo scratch = {};
-        // What failed half-way may have its server open, and closing takes an initialised library.
-        main.state = CL_STATE_INITIALISED;
-        if (CL_DeleteFD_M(server, &scratch, 1, kFile, __LINE__) == 0) fail(err, CL_ERR_QUEUE);
-        main.execs = nullptr;
-    }
+    if (!delete_exec_server()) fail(err, CL_ERR_QUEUE);
     report_leaks();
     cl_memdisp();
     main.state = CL_STATE_ENDED;

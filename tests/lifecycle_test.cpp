@@ -1,10 +1,12 @@
 /* From loading to ending: what the main table holds at each point, and the report at the end. */
+#include <dlfcn.h>
 #include <qvcl/main.h>
 #include <signal.h>
 #include <sys/stat.h>
 
 #include <cstddef>
 
+#include "tests/folder.h"
 #include "tests/support.h"
 
 namespace {
@@ -15,21 +17,44 @@ using test::log_lines;
 using test::Plan;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
+using testing::EndsWith;
 using testing::MatchesRegex;
 
 CL_MainBlock &table() {
     return *CL_MainTable;
 }
 
+/* What the probe, or a copy of it, says. */
+std::string said_by(const std::string &probe) {
+    /* What an unloaded library leaves is left by intent. */
+    FILE *out = popen(("ASAN_OPTIONS=detect_leaks=0 " + probe + " " QVCL_LIBRARY).c_str(), "r");
+    char text[400];
+    const std::size_t length = fread(text, 1, sizeof text, out);
+    EXPECT_EQ(pclose(out), 0);
+    return {text, length};
+}
+
 /* Loading does not depend on the loader having been told at link time. */
 TEST(Lifecycle, LoadsWhileAProgramRuns) {
-    /* What an unloaded library leaves is left by intent. */
-    FILE *probe = popen("ASAN_OPTIONS=detect_leaks=0 " QVCL_DLOPEN_PROBE " " QVCL_LIBRARY, "r");
-    char text[400];
-    const std::size_t length = fread(text, 1, sizeof text, probe);
-    EXPECT_EQ(pclose(probe), 0);
-    EXPECT_EQ(std::string(text, length),
-              "own storage 1, state 1, ring 1\nbegun 1, ended 1, state 3\nclosed 0\n");
+    EXPECT_THAT(said_by(QVCL_DLOPEN_PROBE),
+                EndsWith("own storage 1, state 1, ring 1\nbegun 1, ended 1, state 3\nclosed 0\n"));
+}
+
+/* A copy that is opened from elsewhere finds the table of the first one in use, and uses it. */
+TEST(Lifecycle, IsNotBegunAgainByASecondCopy) {
+    const test::Folder folder;
+    const std::string path = folder.path("copy.so");
+    std::filesystem::copy_file(QVCL_LIBRARY, path);
+    CL_ErrInfo err;
+    ASSERT_EQ(CL_Init(5, nullptr, &err), 1u);
+    const CL_MainBlock before = table();
+    void *copy = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(copy, nullptr) << dlerror();
+    EXPECT_EQ(memcmp(&table(), &before, sizeof before), 0);
+    const auto end = reinterpret_cast<decltype(&CL_End_M)>(dlsym(copy, "CL_End_M"));
+    ASSERT_NE(end, &CL_End_M);
+    EXPECT_EQ(end(&err, 0, "copy", 1), 1u);
+    EXPECT_EQ(table().state, uint32_t{CL_STATE_ENDED});
 }
 
 TEST(Lifecycle, LoadsAheadOfAnyProgram) {
@@ -147,9 +172,17 @@ TEST(Lifecycle, FailsHalfWay) {
             EXPECT_EQ(table().state, CL_STATE_FAILED);
             EXPECT_EQ(CL_CreateFD(CL_KIND_FD, nullptr, 0, 0, &err), nullptr);
             EXPECT_THAT(err, FailsWith(CL_ERR_STATE, CL_MODULE_FD));
+            static uint32_t reported_in;
+            CL_malloc(1);
+            CL_SetLogCallbackFunction([](int, const char *) {
+                reported_in = table().state;
+                return 0;
+            });
+            reported_in = 0;
             err = test::UNTOUCHED;
             EXPECT_EQ(CL_End(&err), 1u);
             EXPECT_EQ(err, test::UNTOUCHED);
+            EXPECT_EQ(reported_in, CL_STATE_FAILED);
             EXPECT_EQ(table().state, uint32_t{CL_STATE_ENDED});
             EXPECT_EQ(table().used_queue.count, 0u);
             EXPECT_EQ(unlink("/tmp/qvcl-half"), -1) << "the server took its socket file away";
