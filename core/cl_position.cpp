@@ -1,5 +1,6 @@
 // Positions: who did something, and when.
 #include <qvcl/base.h>
+#include <qvcl/system.h>
 
 #include "core/text.h"
 

@@ -1,6 +1,7 @@
-// Bounded texts and switches.
+// Bounded texts, and settings in the environment.
 #pragma once
 
+#include <cstdlib>
 #include <cstring>
 
 #include <qvcl/system.h>
@@ -26,9 +27,15 @@ inline void copy_file_name(char (&to)[16], const char *from) {
         to[i] = '\0';
 }
 
+// What the environment says of a setting of the library's own, or null. A program with more rights
+// than whoever runs it takes no settings from him.
+inline const char *setting(const char *variable) {
+    return secure_getenv(variable);
+}
+
 // Switches count only when their value is exactly "1".
 inline bool switched_on(const char *variable) {
-    const char *value = cl_GetEnvValue(variable);
+    const char *value = setting(variable);
     return value != nullptr && strcmp(value, "1") == 0;
 }
 

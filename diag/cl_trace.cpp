@@ -13,6 +13,7 @@
 #include <qvcl/trace.h>
 
 #include "core/table_header.h"
+#include "core/text.h"
 #include "diag/traced.h"
 
 namespace {
@@ -25,7 +26,7 @@ CL_TraceRing *&ring_field(int ring) {
 
 // The library ring's entry count: what CL_TRC_NUM says when it is a number.
 uint32_t library_entries() {
-    const char *value = cl_GetEnvValue("CL_TRC_NUM");
+    const char *value = qvcl::setting("CL_TRC_NUM");
     if (value == nullptr) return CL_TRC_LIB_COUNT;
     char *end;
     const auto count = static_cast<int32_t>(strtol(value, &end, 0));
@@ -35,7 +36,7 @@ uint32_t library_entries() {
 }
 
 uint32_t generations() {
-    const char *value = cl_GetEnvValue("CL_TRC_GEN");
+    const char *value = qvcl::setting("CL_TRC_GEN");
     const long count = value != nullptr ? strtol(value, nullptr, 0) : 0;
     if (count < 1) return CL_TRC_GENERATIONS;
     return count < INT32_MAX ? static_cast<uint32_t>(count) : uint32_t{INT32_MAX};

@@ -2,6 +2,7 @@
  * names, and unloads it. Says what it found on standard output. */
 #include <dlfcn.h>
 #include <qvcl/main.h>
+#include <sys/auxv.h>
 
 #include <cstdio>
 
@@ -18,6 +19,8 @@ int main(int count, char **arguments) {
     CL_MainBlock *table = *static_cast<CL_MainBlock **>(find("CL_MainTable"));
     const auto init = reinterpret_cast<decltype(&CL_Init_M)>(find("CL_Init_M"));
     const auto end = reinterpret_cast<decltype(&CL_End_M)>(find("CL_End_M"));
+    printf("privileged %lu, guards %u, entries %u\n", getauxval(AT_SECURE), table->memory_check,
+           table->library_ring->entry_count);
     printf("own storage %d, state %u, ring %d\n", table == find("CL_EM_MainTable"), table->state,
            table->library_ring != nullptr);
     CL_ErrInfo err;

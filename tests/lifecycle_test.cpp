@@ -19,6 +19,7 @@ using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::EndsWith;
 using testing::MatchesRegex;
+using testing::StartsWith;
 
 CL_MainBlock &table() {
     return *CL_MainTable;
@@ -55,6 +56,25 @@ TEST(Lifecycle, IsNotBegunAgainByASecondCopy) {
     ASSERT_NE(end, &CL_End_M);
     EXPECT_EQ(end(&err, 0, "copy", 1), 1u);
     EXPECT_EQ(table().state, uint32_t{CL_STATE_ENDED});
+}
+
+/* A program with more rights than whoever runs it takes no switches from him. */
+TEST(Lifecycle, IsNotSwitchedInPrivilegedPrograms) {
+    const test::Folder folder;
+    const std::string probe = folder.path("probe");
+    std::filesystem::copy_file(QVCL_DLOPEN_PROBE, probe);
+    gid_t groups[NGROUPS_MAX];
+    const int count = getgroups(NGROUPS_MAX, groups);
+    gid_t *other = std::find_if(groups, groups + count, [](gid_t g) { return g != getgid(); });
+    if (other == groups + count) *other = getgid() + 1; /* the superuser may take any */
+    const bool lent =
+        chown(probe.c_str(), getuid(), *other) == 0 && chmod(probe.c_str(), 02755) == 0;
+    test::set_env("CL_MEM_CHECK", "1");
+    test::set_env("CL_TRC_NUM", "123");
+    EXPECT_THAT(said_by(QVCL_DLOPEN_PROBE), StartsWith("privileged 0, guards 1, entries 123\n"));
+    const std::string said = said_by(probe);
+    if (!lent || said.starts_with("privileged 0")) GTEST_SKIP() << "no other group to be had";
+    EXPECT_THAT(said, StartsWith("privileged 1, guards 0, entries 1000\n"));
 }
 
 TEST(Lifecycle, LoadsAheadOfAnyProgram) {
