@@ -70,23 +70,58 @@ void for_each(const CL_Queue &blocks, Visit visit) {
     }
 }
 
-// Both reports of live blocks: where each line goes is `write`'s business.
-template <class Write>
-void write_lists(Write write) {
-    const auto list = [&](const char *title, const CL_Queue &blocks) {
-        if (blocks.count == 0) return;
-        write(title);
-        for_each(blocks, [&](const CL_BlockHeader *block) {
-            char text[100];
-            char line[kLineSize];
-            describe(block, text, sizeof text);
-            snprintf(line, sizeof line, "CLLIB:%.16s(%d) %s", block->allocated.file,
-                     static_cast<int>(block->allocated.line), text);
-            write(line);
-        });
-    };
-    if (switched_on("CLLIB_DEBUG")) list("CLLIB:lib memory list", CL_MainTable->library_blocks);
-    list("CLLIB:usr memory list", CL_MainTable->user_blocks);
+// A line of a report of live blocks.
+struct BlockLine {
+    char text[kLineSize];
+
+    explicit BlockLine(const CL_BlockHeader *block) {
+        char when[100];
+        describe(block, when, sizeof when);
+        snprintf(text, sizeof text, "CLLIB:%.16s(%d) %s", block->allocated.file,
+                 static_cast<int>(block->allocated.line), when);
+    }
+};
+
+// The lists of both reports.
+template <class Visit>
+void for_each_list(Visit visit) {
+    if (switched_on("CLLIB_DEBUG")) visit("CLLIB:lib memory list", CL_MainTable->library_blocks);
+    visit("CLLIB:usr memory list", CL_MainTable->user_blocks);
+}
+
+// The internal log is the application's callback, which may allocate and release blocks between two
+// lines, so a report of its blocks needs no pointer to one: what is to be told is marked first, in
+// the release position that a live block does not use, and each block goes to the end of its list
+// before it is told. What is left to tell is thus always a marked row at the head. (A cursor that
+// CL_free_M moves, as other walks have, would need a place in the main table.)
+enum Mark : uint32_t { kNew, kToTell, kTold };
+
+uint32_t &mark_of(CL_BlockHeader *block) {
+    return block->released.line;
+}
+
+void mark_for_report(const CL_Queue &blocks) {
+    for_each(blocks, [](CL_BlockHeader *block) { mark_of(block) = kToTell; });
+}
+
+// The oldest block that is still to be told, moved to the end of its list; or null.
+CL_BlockHeader *next_to_tell(CL_Queue &blocks) {
+    auto *block = static_cast<CL_BlockHeader *>(blocks.head);
+    if (block == nullptr || mark_of(block) != kToTell) return nullptr;
+    mark_of(block) = kTold;
+    CL_QUE_PutTail(&blocks, CL_QUE_GetTop(&blocks));
+    return block;
+}
+
+// Oldest first again: what came during the report goes behind what was told.
+void restore_order(CL_Queue &blocks) {
+    auto *block = static_cast<CL_BlockHeader *>(blocks.head);
+    for (uint32_t left = blocks.count; left != 0; --left) {
+        auto *next = static_cast<CL_BlockHeader *>(block->link.next);
+        if (mark_of(block) == kNew) CL_QUE_PutTail(&blocks, CL_QUE_GetData(&blocks, block));
+        mark_of(block) = kNew;
+        block = next;
+    }
 }
 
 }  // namespace
@@ -143,11 +178,21 @@ uint64_t CL_memlimit(uint64_t limit) {
 }
 
 void cl_memdisp() {
-    write_lists(cl_inlog_write);
+    for_each_list([](const char *, CL_Queue &blocks) { mark_for_report(blocks); });
+    for_each_list([](const char *title, CL_Queue &blocks) {
+        if (blocks.head == nullptr) return;
+        cl_inlog_write(title);
+        while (const CL_BlockHeader *block = next_to_tell(blocks))
+            cl_inlog_write(BlockLine(block).text);
+        restore_order(blocks);
+    });
 }
 
 void mem_disp() {
-    write_lists(puts);
+    for_each_list([](const char *title, const CL_Queue &blocks) {
+        if (blocks.head != nullptr) puts(title);
+        for_each(blocks, [](const CL_BlockHeader *block) { puts(BlockLine(block).text); });
+    });
 }
 
 void mem_check() {

@@ -146,6 +146,30 @@ TEST(Memory, ListsReadTheSameInLogAndOutput) {
     CL_free(block);
 }
 
+/* Blocks that are there at the start are told once and in order, whatever the callback does. */
+TEST(Memory, ListsChangeWhileTheyAreTold) {
+    static void *held[7];
+    static std::string told;
+    for (uint64_t i = 1; i < std::size(held); i++) {
+        held[i] = CL_malloc(i);
+    }
+    CL_SetLogCallbackFunction([](int, const char *line) {
+        if (strstr(line, "CLLIB") == nullptr) return 0;
+        CL_malloc(9);
+        const char *unit = strstr(line, " byte");
+        told += unit != nullptr ? unit[-1] : ':';
+        if (told.ends_with('2')) { /* itself, its successor, the last one */
+            EXPECT_EQ(CL_free(held[2]) + CL_free(held[3]) + CL_free(held[6]), 3u);
+        }
+        return 0;
+    });
+    cl_memdisp();
+    EXPECT_EQ(told, ":1245");
+    told = "";
+    cl_memdisp();
+    EXPECT_EQ(told, ":14599999") << "the new ones come behind";
+}
+
 TEST(Memory, GuardSeesOverruns) {
     test::set_env("CL_MEM_CHECK", "1");
     test::set_env("TZ", "UTC");

@@ -50,7 +50,9 @@ QVCL_API uint32_t CL_nmem_M(int32_t callerFlag);
 QVCL_API uint64_t CL_memlimit(uint64_t limit);
 
 /* Writes the lists of live blocks to the internal log, oldest first: the application's, and before
- * it the library's when the environment variable CLLIB_DEBUG is exactly "1". */
+ * it the library's when the environment variable CLLIB_DEBUG is exactly "1". The log callback may
+ * allocate and release blocks: what it allocates is not listed, what it has released is not either.
+ */
 QVCL_API void cl_memdisp(void);
 
 /* Writes the same lines to standard output. */
