@@ -34,7 +34,7 @@ __attribute__((format(printf, 1, 2))) void log_line(const char *format, ...) {
 // One write; a short one is a failure.
 bool write_all(int fd, const void *data, uint64_t length) {
     const int64_t written = cl_u_write(fd, data, length);
-    if (written == static_cast<int64_t>(length)) return true;
+    if (written >= 0 && static_cast<uint64_t>(written) == length) return true;
     log_line("CLLIB:trc file write err(%zd:%d)", static_cast<ssize_t>(written), errno);
     return false;
 }
@@ -81,18 +81,20 @@ int32_t stored_generation(const char *path) {
 
 void CL_TRC_Out(const char *path, const char *headerText) {
     CL_MainBlock &main = *CL_MainTable;
-    if (main.trace_fd != kNone) return;  // one dump at a time
     const int fd = cl_open_trc(path, headerText);
     if (fd == kNone) return;
+    // Another dump is in progress when its callback asks for this one, directly or because it
+    // crashed. The callback is not entered again, and goes on with its own file afterwards.
+    const int outer = main.trace_fd;
     main.trace_fd = fd;
     if (add_tables()) {
-        if (main.dump_callback != nullptr) main.dump_callback();
+        if (main.dump_callback != nullptr && outer == kNone) main.dump_callback();
         if (cl_u_fdatasync(fd) != 0) log_line("CLLIB:trc file fdatasync err(%d).", errno);
         if (cl_u_close(fd) != 0) log_line("CLLIB:trc file close err(%d).", errno);
     } else {
         cl_u_close(fd);
     }
-    main.trace_fd = kNone;
+    main.trace_fd = outer;
 }
 
 uint32_t CL_TRC_AddTbl(const void *block, uint64_t length) {

@@ -1,6 +1,7 @@
 /* Trace files and their generations, read as bytes at the places that the format gives. */
 #include <fcntl.h>
 #include <qvcl/trace.h>
+#include <setjmp.h>
 #include <sys/stat.h>
 
 #include "tests/folder.h"
@@ -227,7 +228,7 @@ TEST_F(TraceFile, FullDisk) {
     EXPECT_EQ(added, 0u) << "the application learns of its failure";
 }
 
-/* What a dump callback may do; a dump inside a dump is none. */
+/* What a dump callback may do; a dump inside a dump does not enter it again. */
 TEST_F(TraceFile, CallbackAddsBlocks) {
     static std::string nested;
     static std::vector<uint32_t> results;
@@ -242,18 +243,34 @@ TEST_F(TraceFile, CallbackAddsBlocks) {
         results.push_back(CL_TRC_AddTbl("two\0three", 9));
         const Plan plan({.call = "write", .error = EIO});
         results.push_back(CL_TRC_AddTbl("four", 4));
+        results.push_back(CL_TRC_AddTbl("none is so long", UINT64_MAX));
         results.push_back(CL_TRC_AddTbl("five", 4));
     });
-    EXPECT_THAT(dump(file.c_str()), ElementsAre(started, "CLLIB:trc file write err(-1:5)"));
-    EXPECT_THAT(results, ElementsAre(1u, 1u, 1u, 0u, 1u));
+    const auto start = [](const std::string &name) { return "CLLIB:trc out start " + name; };
+    EXPECT_THAT(dump(file.c_str()),
+                ElementsAre(started, start(nested), start(prefix + "0.trc"),
+                            "CLLIB:trc file write err(-1:5)", "CLLIB:trc file write err(-1:14)"));
+    EXPECT_THAT(results, ElementsAre(1u, 1u, 1u, 0u, 0u, 1u));
     EXPECT_EQ(fcntl(fd, F_GETFD), -1) << "closed at the end";
     EXPECT_EQ(bytes_of(file).substr(tables().size()), "onetwo\0threefive"s);
-    EXPECT_EQ(folder.files(), 1u) << "no nested file, no generation used up";
+    EXPECT_EQ(bytes_of(nested).size(), 16 + tables().size());
+    EXPECT_EQ(bytes_of(prefix + "0.trc").size(), tables().size());
     /* The callback goes with its ring. */
     user_ring(false);
     dump(file.c_str());
-    EXPECT_EQ(results.size(), 5u);
+    EXPECT_EQ(results.size(), 6u);
     EXPECT_EQ(bytes_of(file).size(), tables().size());
+}
+
+/* A callback that was left by a jump costs later dumps its own blocks, not the tables. */
+TEST_F(TraceFile, CallbackIsLeftByAJump) {
+    static jmp_buf back;
+    user_ring(true, prefix, [] { longjmp(back, 1); });
+    if (setjmp(back) == 0) CL_TRC_Out(file.c_str(), nullptr);
+    for (const char *name : {"second", "third"}) {
+        CL_TRC_Out(folder.path(name).c_str(), nullptr);
+        EXPECT_EQ(bytes_of(folder.path(name)).size(), tables().size());
+    }
 }
 
 }  // namespace

@@ -133,7 +133,9 @@ QVCL_API uint32_t CL_INTRC_Init(void);
  * prefix, the generation number and ".trc" (nothing happens without a user ring or prefix).
  * headerText: put in front, may be null. Symbolic links are followed: the directory must be one
  * that nobody else may write to. Failures are reported to the internal log only; the file then
- * holds what could be written. A call from within the dump callback does nothing. */
+ * holds what could be written. The dump callback may ask for a dump into another file, which then
+ * has no blocks of the application's: the callback is not entered again. One that was left by a
+ * jump counts as entered from then on. */
 QVCL_API void CL_TRC_Out(const char *path, const char *headerText);
 
 /* Appends a block to the dump in progress, from within a dump callback. 1 on success; 0 when no
