@@ -24,16 +24,13 @@ bool is_open(CL_Object *object, CL_ErrInfo *err, uint32_t line = __builtin_LINE(
     return qvcl::is_open(fail, object, CL_KIND_FILE, err, line);
 }
 
-// What write, read and flush do: check, one call on the descriptor, and a record that names the
-// place after a success too.
-template <class Call>
-int64_t transfer(CL_Object *object, CL_ErrInfo *err, Call call) {
-    if (!is_open(object, err)) return -1;
-    const int64_t result = call(object->descriptor);
+// The end of an operation that is one call on the descriptor: its result, and a record that names
+// the place after a success too.
+int64_t ended(int64_t result, CL_ErrInfo *err, uint32_t line = __builtin_LINE()) {
     if (result == -1) {
-        fail.sys(err);
+        fail.sys(err, line);
     } else {
-        fail(err, 0);
+        fail(err, 0, line);
     }
     return result;
 }
@@ -105,7 +102,8 @@ int64_t CL_WriteFile_M(CL_Object *object, const void *buffer, uint64_t length, C
 }
 
 int64_t cl_writefile(CL_Object *object, const void *buffer, uint64_t length, CL_ErrInfo *err) {
-    return transfer(object, err, [=](int fd) { return cl_u_write(fd, buffer, length); });
+    if (!is_open(object, err)) return -1;
+    return ended(cl_u_write(object->descriptor, buffer, length), err);
 }
 
 int64_t CL_ReadFile_M(CL_Object *object, void *buffer, uint64_t length, CL_ErrInfo *err,
@@ -120,7 +118,8 @@ int64_t CL_ReadFile_M(CL_Object *object, void *buffer, uint64_t length, CL_ErrIn
 }
 
 int64_t cl_readfile(CL_Object *object, void *buffer, uint64_t length, CL_ErrInfo *err) {
-    return transfer(object, err, [=](int fd) { return cl_u_read(fd, buffer, length); });
+    if (!is_open(object, err)) return -1;
+    return ended(cl_u_read(object->descriptor, buffer, length), err);
 }
 
 uint32_t CL_FlushFile_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag, const char *file,
@@ -133,7 +132,8 @@ uint32_t CL_FlushFile_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag, 
 }
 
 uint32_t cl_flushfile(CL_Object *object, CL_ErrInfo *err) {
-    return transfer(object, err, [](int fd) { return cl_u_fdatasync(fd); }) == 0;
+    if (!is_open(object, err)) return 0;
+    return ended(cl_u_fdatasync(object->descriptor), err) == 0;
 }
 
 int32_t CL_SeekFile_M(CL_Object *object, int32_t offset, uint32_t whence, CL_ErrInfo *err,
@@ -162,16 +162,11 @@ int32_t cl_seekfile(CL_Object *object, int32_t offset, uint32_t whence, CL_ErrIn
     const int fd = object->descriptor;
     const off_t before = whence == SEEK_SET ? 0 : lseek(fd, 0, SEEK_CUR);
     const off_t result = before == -1 ? -1 : lseek(fd, offset, static_cast<int>(whence));
-    if (result == -1) {
-        fail.sys(err);
-        return -1;
-    }
     if (result > INT32_MAX) {
         lseek(fd, before, SEEK_SET);
         return refused(EOVERFLOW);
     }
-    fail(err, 0);
-    return static_cast<int32_t>(result);
+    return static_cast<int32_t>(ended(result, err));
 }
 
 uint32_t CL_DeleteFile_M(const char *path, CL_ErrInfo *err, uint8_t callerFlag, const char *file,

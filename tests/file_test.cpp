@@ -85,13 +85,22 @@ TEST_F(File, HandlesAreChecked) {
     } bad[] = {{closed, CL_MODULE_FD},
                {create(CL_KIND_SHM), CL_MODULE_FILE},
                {create(CL_KIND_FILE), CL_MODULE_FILE}}; /* made, never opened */
+    CL_FlushFile(closed, &err);
+    std::set<uint32_t> places = {err.line};
     for (const auto &operation : operations) {
         for (const auto &row : bad) {
             const Plan plan;
             EXPECT_EQ(operation.run(row.object), operation.failure) << operation.call;
             EXPECT_THAT(err, FailsWith(EBADF, row.module)) << operation.call;
             EXPECT_EQ(plan.count(operation.call), 0);
+            const bool own = row.module == CL_MODULE_FILE;
+            EXPECT_EQ(own, places.insert(err.line).second) << operation.call;
         }
+        CL_Object *file = open(path, O_RDWR);
+        const Plan plan({.call = operation.call, .error = EIO});
+        EXPECT_EQ(operation.run(file), operation.failure);
+        EXPECT_THAT(err, FailsWith(EIO, CL_MODULE_FILE));
+        EXPECT_TRUE(places.insert(err.line).second) << operation.call << ": no place of its own";
     }
 }
 
