@@ -1,8 +1,10 @@
 // Trace rings: where every public call leaves its records.
 //
 // A write is two checks, one clock read and one copy per entry; nothing is formatted, nothing
-// allocated. The indexes keep one rule: `oldest` is always the first entry of a whole record, so a
-// reader can walk from it by the entry counts alone.
+// allocated. The indexes keep one rule, between any two stores: from `oldest` round to `next` lie
+// whole records, so a reader can walk from `oldest` by the entry counts alone, and one in another
+// process may do so while a record is written (trace.h, CL_TraceRing). Hence the order: make room,
+// fill, publish.
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -61,29 +63,69 @@ struct Pieces {
     }
 };
 
-// Writes the slice of a record that begins at byte `at` into the next entry.
-void write_entry(CL_TraceRing *ring, const Pieces &record, uint32_t at, uint32_t length,
-                 uint32_t flags, uint32_t remaining) {
-    const uint32_t index = ring->next;
-    // Entries of an odd size are not aligned, so their headers are copied.
-    char *entry = reinterpret_cast<char *>(ring + 1) +
-                  size_t{index} * (ring->entry_size + sizeof(CL_TraceEntry));
-    if (index == ring->oldest && ring->wrapped != 0) {
-        // The oldest record gives way as a whole. Its count fits the ring, so one step wraps.
-        CL_TraceEntry old;
-        memcpy(&old, entry, sizeof old);
-        const uint64_t after = uint64_t{index} + old.remaining;
-        ring->oldest = static_cast<uint32_t>(
-            after < ring->entry_count ? after : (after - ring->entry_count) % ring->entry_count);
-    }
-    const CL_TraceEntry header = {flags, remaining};
+// What is stored before it is seen before what is stored after it, in other processes too.
+void store_in_order() {
+#ifndef __SANITIZE_THREAD__  // which does not know fences
+    __atomic_thread_fence(__ATOMIC_RELEASE);
+#endif
+}
+
+// Entries of an odd size are not aligned, so their headers are copied.
+char *entry_at(CL_TraceRing *ring, uint32_t index) {
+    return reinterpret_cast<char *>(ring + 1) +
+           size_t{index} * (ring->entry_size + sizeof(CL_TraceEntry));
+}
+
+void put_header(char *entry, CL_TraceEntry header) {
     memcpy(entry, &header, sizeof header);
-    record.copy(entry + sizeof header, at, length);
-    ring->next = index + 1;
-    if (ring->next == ring->entry_count) {
-        ring->next = 0;
-        ring->wrapped = 1;
+}
+
+// The index `step` entries, at most the ring's count, behind another: no division, no overflow.
+uint32_t behind(uint32_t index, uint32_t step, uint32_t count) {
+    const uint32_t to_end = count - index;
+    return step < to_end ? index + step : step - to_end;
+}
+
+// Takes away the oldest records that lie in the `entries` entries from `next` on. Returns whether
+// that leaves none: "oldest == next" then looks like a full ring, so the entry there must not look
+// like the first of a record.
+bool make_room(CL_TraceRing *ring, uint32_t entries) {
+    const uint32_t count = ring->entry_count;
+    const uint32_t next = ring->next;
+    uint32_t oldest = ring->oldest;
+    const bool wrapped = ring->wrapped != 0;
+    uint32_t room = wrapped && oldest >= next ? oldest - next : count - (next - oldest);
+    while (room < entries) {
+        CL_TraceEntry old;
+        memcpy(&old, entry_at(ring, oldest), sizeof old);
+        const uint32_t used = count - room;
+        const uint32_t given = old.remaining - 1 < used ? old.remaining : used;
+        room += given;
+        oldest = behind(oldest, given, count);
     }
+    if (room == count) put_header(entry_at(ring, next), {});
+    if (!wrapped && entries >= count - next) __atomic_store_n(&ring->wrapped, 1, __ATOMIC_RELEASE);
+    __atomic_store_n(&ring->oldest, oldest, __ATOMIC_RELEASE);
+    store_in_order();
+    return room == count;
+}
+
+// Fills the entries of a record from `next` on; returns the index behind them.
+uint32_t fill_entries(CL_TraceRing *ring, const Pieces &record, uint32_t length, uint32_t entries,
+                      uint32_t first) {
+    const uint32_t size = ring->entry_size;
+    uint32_t index = ring->next;
+    uint32_t at = 0;
+    for (; entries != 0; --entries, first = 0) {
+        char *entry = entry_at(ring, index);
+        const uint32_t slice = length - at < size ? length - at : size;
+        const uint32_t last = entries == 1 ? uint32_t{CL_ENTRY_LAST} : 0u;
+        put_header(entry, {first | last, entries});
+        record.copy(entry + sizeof(CL_TraceEntry), at, slice);
+        at += slice;
+        index = behind(index, 1, ring->entry_count);
+    }
+    return index;
 }
 
 }  // namespace
@@ -139,18 +181,23 @@ uint32_t qvcl::write_record(CL_TrcHead *head, uint32_t head_length, const void *
     const uint32_t size = block->entry_size;
     const uint32_t length = head->length;
     // Most records fit one entry: that needs no division.
-    uint32_t entries = length <= size ? length != 0 : (length - 1) / size + 1;
+    const uint32_t entries = length <= size ? length != 0 : (length - 1) / size + 1;
     if (entries > block->entry_count) return E2BIG;
     head->seconds = CL_GetTime_M(&head->microseconds);
 
+    if (entries == 0) return 0;
+
     const Pieces record = {reinterpret_cast<const char *>(head), head_length,
                            static_cast<const char *>(tail)};
-    uint32_t at = 0;
-    for (uint32_t first = CL_ENTRY_FIRST; entries != 0; --entries, first = 0) {
-        const uint32_t slice = length - at < size ? length - at : size;
+    char *entry = entry_at(block, block->next);
+    const bool alone = make_room(block, entries);
+    const uint32_t first = alone ? 0u : uint32_t{CL_ENTRY_FIRST};
+    const uint32_t next = fill_entries(block, record, length, entries, first);
+    __atomic_store_n(&block->next, next, __ATOMIC_RELEASE);
+    if (alone) {
+        store_in_order();
         const uint32_t last = entries == 1 ? uint32_t{CL_ENTRY_LAST} : 0u;
-        write_entry(block, record, at, slice, first | last, entries);
-        at += slice;
+        put_header(entry, {CL_ENTRY_FIRST | last, entries});
     }
     return 0;
 }

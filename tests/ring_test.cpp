@@ -1,8 +1,11 @@
 /* Trace rings against a model, their set-up, and what callbacks and status changes leave there. */
 #include <qvcl/trace.h>
+#include <sys/mman.h>
 
+#include <csignal>
 #include <cstddef>
 #include <deque>
+#include <optional>
 
 #include "tests/support.h"
 
@@ -21,8 +24,50 @@ std::vector<uint8_t> make_record(uint32_t length, uint32_t number) {
     return bytes;
 }
 
+/* What another process could see of a ring in the middle of a write: the record to be written goes
+ * on in memory that may not be read, so the write stops there, and looks. */
+class MidWrite {
+  public:
+    static uint32_t write(std::vector<uint8_t> &record, std::size_t readable) {
+        static auto *const memory = static_cast<uint8_t *>(
+            mmap(nullptr, 2 * HALF, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        barred_ = memory + HALF;
+        uint8_t *const start = barred_ - readable;
+        std::copy(record.begin(), record.end(), start);
+        struct sigaction action {};
+        action.sa_handler = [](int) {
+            held() = test::records(CL_MainTable->user_ring);
+            mprotect(barred_, HALF, PROT_READ | PROT_WRITE);
+        };
+        action.sa_flags = static_cast<int>(SA_RESETHAND);
+        sigaction(SIGSEGV, &action, nullptr);
+        held().reset();
+        mprotect(barred_, HALF, PROT_NONE);
+        const uint32_t result = CL_TRC_Write_M(start, CL_RING_USER);
+        mprotect(barred_, HALF, PROT_READ | PROT_WRITE);
+        std::copy_n(start, record.size(), record.begin());
+        return result;
+    }
+    /* What the ring held then; nothing when the write did not stop. */
+    static std::optional<std::vector<Record>> &held() {
+        static std::optional<std::vector<Record>> records;
+        return records;
+    }
+
+  private:
+    static constexpr std::size_t HALF = 1 << 13; /* whole pages, longer than any record */
+    static inline uint8_t *barred_;
+};
+
 TEST(Ring, FollowsItsModel) {
     test::Random random;
+    const auto expect_model = [](const std::vector<Record> &held, const auto &model) {
+        ASSERT_EQ(held.size(), model.size());
+        for (std::size_t i = 0; i < held.size(); i++) {
+            ASSERT_EQ(held[i].bytes, model[i]);
+        }
+    };
+    int stops = 0;
     for (int round = 0; round < 60; round++) {
         const uint32_t size = 32 + random.below(round % 2 == 0 ? 200 : 20);
         const uint32_t count = 1 + random.below(round % 3 == 0 ? 4 : 30);
@@ -42,7 +87,9 @@ TEST(Ring, FollowsItsModel) {
             const auto original = record;
             test::set_time(step + 1, step * 2);
             const uint32_t needed = entries(length);
-            ASSERT_EQ(CL_TRC_Write_M(record.data(), CL_RING_USER), needed > count ? 7u : 0u);
+            const auto readable =
+                32 + 8 * random.below(static_cast<uint32_t>(record.size()) / 8 - 3);
+            ASSERT_EQ(MidWrite::write(record, readable), needed > count ? 7u : 0u);
             if (needed > count) {
                 ASSERT_EQ(record, original) << "a refused record is not stamped";
                 continue;
@@ -56,19 +103,21 @@ TEST(Ring, FollowsItsModel) {
             for (; used + needed > count; model.pop_front()) {
                 used -= entries(model[0].size());
             }
+            if (MidWrite::held()) {
+                stops++;
+                expect_model(*MidWrite::held(), model);
+            }
             model.push_back(record);
             used += needed;
             written += needed;
             ASSERT_EQ(ring->next, written % count);
             ASSERT_EQ(ring->wrapped, written >= count ? 1u : 0u);
-            const auto held = test::records(ring);
-            ASSERT_EQ(held.size(), model.size());
-            for (std::size_t i = 0; i < held.size(); i++) {
-                ASSERT_EQ(held[i].bytes, model[i]);
-            }
+            expect_model(test::records(ring), model);
+            ASSERT_FALSE(HasFailure());
         }
         CL_TRC_End_M(CL_RING_USER);
     }
+    EXPECT_GT(stops, 1000);
 }
 
 TEST(Ring, RefusesInOrder) {

@@ -437,6 +437,7 @@ std::vector<Record> records(const CL_TraceRing *ring) {
         EXPECT_EQ(ring->oldest, 0u);
         return read_records(ring, 0, ring->next);
     }
+    if ((entry_header(ring, ring->oldest).flags & CL_ENTRY_FIRST) == 0) return {};
     const uint32_t distance = (ring->next + ring->entry_count - ring->oldest) % ring->entry_count;
     return read_records(ring, ring->oldest, distance == 0 ? ring->entry_count : distance);
 }

@@ -35,9 +35,21 @@ enum {
     CL_TRC_GENERATIONS = 5
 };
 
-/* Ring block; the entries follow.
+/* Ring block; the entries follow. At any moment, also while a record is being written, and also for
+ * a reader in another process:
  *
- *     header.size == sizeof(CL_TraceRing) + entry_count * (entry_size + sizeof(CL_TraceEntry)) */
+ *     header.size == sizeof(CL_TraceRing) + entry_count * (entry_size + sizeof(CL_TraceEntry))
+ *     oldest < entry_count    next < entry_count    wrapped is 0 or 1    oldest == 0 unless wrapped
+ *     held are the entries from oldest round to the one before next; while oldest == next, all of
+ *     them when wrapped is 1 and none when it is 0
+ *     what is held are whole records with all their bytes, oldest first
+ *
+ * A write first moves oldest off the records that it is about to overwrite, then fills entries that
+ * are not held, and last stores next, once a record, with release order. When it has to overwrite
+ * all records, the entry at oldest lacks CL_ENTRY_FIRST until the new one is whole: the ring then
+ * holds nothing. A reader that copies a ring takes the head (next with acquire order) before the
+ * entries, and drops what oldest has left when it takes the head again afterwards. The head does
+ * not tell whether the writer has gone round in between; the times of the records do. */
 typedef struct CL_TraceRing {
     CL_TableHeader header;
     char prefix[256];     /* of file names; zero when none was given */
