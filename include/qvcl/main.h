@@ -5,10 +5,11 @@
  * operations change it.
  *
  * Loading the library makes the table (state CL_STATE_CONSTRUCTED) and the library trace ring.
- * CL_Init_M makes it usable once per process; CL_End_M ends it, reporting what was not released to
- * the internal log. A forked child has copies of all tables but shares its parent's sockets and
- * files: it may use CL_GetPid, CL_Sleep, the cl_u_ wrappers, cl_envchange, the queue, the allocator
- * and CL_TRC_Out, and should then exec or _exit. */
+ * A second copy of the library in the process, opened from another path, uses the table that is
+ * there. CL_Init_M makes it usable once per process; CL_End_M ends it, reporting what was not
+ * released to the internal log. A forked child has copies of all tables but shares its parent's
+ * sockets and files: it may use CL_GetPid, CL_Sleep, the cl_u_ wrappers, cl_envchange, the queue,
+ * the allocator and CL_TRC_Out, and should then exec or _exit. */
 #ifndef QVCL_MAIN_H
 #define QVCL_MAIN_H
 

@@ -47,9 +47,10 @@ enum {
  * A write first moves oldest off the records that it is about to overwrite, then fills entries that
  * are not held, and last stores next, once a record, with release order. When it has to overwrite
  * all records, the entry at oldest lacks CL_ENTRY_FIRST until the new one is whole: the ring then
- * holds nothing. A reader that copies a ring takes the head (next with acquire order) before the
- * entries, and drops what oldest has left when it takes the head again afterwards. The head does
- * not tell whether the writer has gone round in between; the times of the records do. */
+ * holds nothing. A reader that copies a ring takes the head (next with acquire order), then the
+ * entries, then the head and the header at oldest again, and drops what oldest has left meanwhile,
+ * all of it when the ring holds nothing any more. That does not tell whether the writer has gone
+ * round once in between; the times of the records do. */
 typedef struct CL_TraceRing {
     CL_TableHeader header;
     char prefix[256];     /* of file names; zero when none was given */
