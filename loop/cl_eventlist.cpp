@@ -9,6 +9,7 @@
 #include "diag/traced.h"
 #include "loop/kinds.h"
 #include "loop/watch.h"
+#include "util/sorted_run.h"
 
 using qvcl::address_of;
 using qvcl::Kind;
@@ -90,18 +91,18 @@ uint32_t cl_deleventlist(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag)
 
 uint32_t cl_move_eventlist(CL_ErrInfo *err) {
     CL_MainBlock &main = *CL_MainTable;
-    qvcl::forget_order();  // the insertion needs its array
-    while (void *object = CL_QUE_GetTop(&main.pending_list)) {
-        const uint32_t result =
-            CL_QUE_Insert(&main.priority_list, object, CL_QUE_SORTED_AFTER, nullptr,
-                          reinterpret_cast<void **>(main.scratch), pri_compar);
-        if (result != CL_QUE_INSERTED) {
-            fail.both(err, CL_ERR_QUEUE, result);
-            return 0xffffffff;
-        }
-        qvcl::forget_order();
+    qvcl::forget_order();  // the insertions need its array
+    if (main.pending_list.head == nullptr) return 0;
+    qvcl::SortedRun run(&main.priority_list, reinterpret_cast<void **>(main.scratch),
+                        main.capacity);
+    uint32_t result = CL_QUE_INSERTED;
+    while (result == CL_QUE_INSERTED && main.pending_list.head != nullptr) {
+        result = run.insert(CL_QUE_GetTop(&main.pending_list), CL_QUE_SORTED_AFTER, pri_compar);
     }
-    return 0;
+    qvcl::forget_order();
+    if (result == CL_QUE_INSERTED) return 0;
+    fail.both(err, CL_ERR_QUEUE, result);
+    return 0xffffffff;
 }
 
 int pri_compar(const void *a, const void *b) {

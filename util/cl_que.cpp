@@ -6,11 +6,12 @@
 #include <cstdlib>
 
 #include <qvcl/memory.h>
-#include <qvcl/queue.h>
+
+#include "util/sorted_run.h"
 
 namespace {
 
-constexpr uint32_t kStackElements = 128;  // longer queues borrow library memory for a search
+using qvcl::kStackElements;
 
 CL_QueueLink *link_at(const void *element, uint32_t offset) {
     return reinterpret_cast<CL_QueueLink *>(const_cast<char *>(static_cast<const char *>(element)) +
@@ -93,17 +94,65 @@ uint32_t insert_relative(CL_Queue *queue, void *element, void *reference, bool a
     return CL_QUE_INSERTED;
 }
 
-uint32_t insert_sorted(CL_Queue *queue, void *element, uint32_t flags, void **work,
+// The elements in order, which is what a binary search looks at. `array` has room for all of them.
+uint32_t fill(void **array, const CL_Queue *queue) {
+    uint32_t count = 0;
+    for (void *e = queue->head; e != nullptr; e = link_of(queue, e)->next)
+        array[count++] = e;
+    return count;
+}
+
+constexpr uint32_t kNowhere = UINT32_MAX;
+
+// The place in the array of the element that the mode asks for.
+uint32_t binary_search(void **array, uint32_t count, const void *key, int32_t mode,
                        CL_Comparator compare) {
-    void *lower = CL_QUE_BSearch(queue, element, CL_QUE_EQUAL_OR_LOWER, work, compare);
-    if (lower == CL_QUE_ERROR) return CL_QUE_SEARCH_FAILED;
-    if (lower == nullptr) {
+    uint32_t low = 0;
+    uint32_t high = count - 1;
+    for (;;) {
+        const uint32_t mid = low + (high - low) / 2;
+        const int order = compare(&key, &array[mid]);
+        if (order == 0) return mid;
+        if (order < 0) {
+            if (low < mid) {
+                high = mid - 1;
+                continue;
+            }
+            // Everything from mid on is higher, everything before it lower.
+            if (mode == CL_QUE_EQUAL_OR_HIGHER) return mid;
+            return mode == CL_QUE_EQUAL_OR_LOWER && mid != 0 ? mid - 1 : kNowhere;
+        }
+        if (high > mid) {
+            low = mid + 1;
+            continue;
+        }
+        // Everything up to mid is lower, everything behind it higher.
+        if (mode == CL_QUE_EQUAL_OR_LOWER) return mid;
+        return mode == CL_QUE_EQUAL_OR_HIGHER && mid != count - 1 ? mid + 1 : kNowhere;
+    }
+}
+
+// Inserts into a queue whose `count` elements are in the array. *place receives the place that the
+// element would have in there.
+uint32_t insert_sorted(CL_Queue *queue, void *element, uint32_t flags, void **array, uint32_t count,
+                       CL_Comparator compare, uint32_t *place) {
+    const uint32_t lower =
+        count != 0 ? binary_search(array, count, element, CL_QUE_EQUAL_OR_LOWER, compare)
+                   : kNowhere;
+    if (lower == kNowhere) {
         link_between(queue, element, nullptr, queue->head);
+        *place = 0;
         return CL_QUE_INSERTED;
     }
-    const bool equal = compare(&element, &lower) == 0;
+    const bool equal = compare(&element, &array[lower]) == 0;
     if (equal && flags == CL_QUE_SORTED_UNIQUE) return CL_QUE_DUPLICATE;
-    return insert_relative(queue, element, lower, !equal || flags == CL_QUE_SORTED_AFTER);
+    const bool after = !equal || flags == CL_QUE_SORTED_AFTER;
+    *place = lower + after;
+    return insert_relative(queue, element, array[lower], after);
+}
+
+bool insertable(const CL_Queue *queue, const void *element) {
+    return element != nullptr && link_of(queue, element)->owner == nullptr;
 }
 
 }  // namespace
@@ -183,52 +232,51 @@ void *CL_QUE_BSearch(const CL_Queue *queue, const void *key, int32_t mode, void 
                      CL_Comparator compare) {
     if (queue->head == nullptr) return nullptr;
     if (mode < CL_QUE_EQUAL || mode > CL_QUE_EQUAL_OR_HIGHER) return CL_QUE_ERROR;
-    const WorkArray borrowed(work, queue->count);
-    void **array = borrowed.get();
-    if (array == nullptr) return CL_QUE_ERROR;
-    uint32_t count = 0;
-    for (void *e = queue->head; e != nullptr; e = link_of(queue, e)->next)
-        array[count++] = e;
-
-    uint32_t low = 0;
-    uint32_t high = count - 1;
-    for (;;) {
-        const uint32_t mid = low + (high - low) / 2;
-        const int order = compare(&key, &array[mid]);
-        if (order == 0) return array[mid];
-        if (order < 0) {
-            if (low < mid) {
-                high = mid - 1;
-                continue;
-            }
-            // Everything from mid on is higher, everything before it lower.
-            if (mode == CL_QUE_EQUAL_OR_HIGHER) return array[mid];
-            return mode == CL_QUE_EQUAL_OR_LOWER && mid != 0 ? array[mid - 1] : nullptr;
-        }
-        if (high > mid) {
-            low = mid + 1;
-            continue;
-        }
-        // Everything up to mid is lower, everything behind it higher.
-        if (mode == CL_QUE_EQUAL_OR_LOWER) return array[mid];
-        return mode == CL_QUE_EQUAL_OR_HIGHER && mid != count - 1 ? array[mid + 1] : nullptr;
-    }
+    const WorkArray array(work, queue->count);
+    if (array.get() == nullptr) return CL_QUE_ERROR;
+    const uint32_t count = fill(array.get(), queue);
+    const uint32_t place = binary_search(array.get(), count, key, mode, compare);
+    return place != kNowhere ? array.get()[place] : nullptr;
 }
 
 uint32_t CL_QUE_Insert(CL_Queue *queue, void *element, uint32_t flags, void *reference, void **work,
                        CL_Comparator compare) {
-    if (element == nullptr || link_of(queue, element)->owner != nullptr) return CL_QUE_REFUSED;
+    if (!insertable(queue, element)) return CL_QUE_REFUSED;
     switch (flags) {
         case CL_QUE_BEFORE_ELEMENT:
         case CL_QUE_AFTER_ELEMENT:
             return insert_relative(queue, element, reference, flags == CL_QUE_AFTER_ELEMENT);
         case CL_QUE_SORTED_BEFORE:
         case CL_QUE_SORTED_AFTER:
-        case CL_QUE_SORTED_UNIQUE:
-            return insert_sorted(queue, element, flags, work, compare);
+        case CL_QUE_SORTED_UNIQUE: {
+            const WorkArray array(work, queue->count);
+            if (array.get() == nullptr) return CL_QUE_SEARCH_FAILED;
+            uint32_t place;
+            return insert_sorted(queue, element, flags, array.get(), fill(array.get(), queue),
+                                 compare, &place);
+        }
         default:
             return CL_QUE_REFUSED;
     }
+}
+
+qvcl::SortedRun::SortedRun(CL_Queue *queue, void **array, uint32_t room)
+    : queue_(queue), array_(array), room_(array != nullptr ? room : 0) {
+    if (queue->count < room_) count_ = fill(array, queue);
+}
+
+uint32_t qvcl::SortedRun::insert(void *element, uint32_t flags, CL_Comparator compare) {
+    if (queue_->count >= room_) {
+        return CL_QUE_Insert(queue_, element, flags, nullptr, nullptr, compare);
+    }
+    if (!insertable(queue_, element)) return CL_QUE_REFUSED;
+    uint32_t place;
+    const uint32_t result = insert_sorted(queue_, element, flags, array_, count_, compare, &place);
+    if (result != CL_QUE_INSERTED) return result;
+    memmove(&array_[place + 1], &array_[place], (count_ - place) * sizeof *array_);
+    array_[place] = element;
+    ++count_;
+    return result;
 }
 
 uint32_t CL_QUE_Apend(CL_Queue *destination, CL_Queue *source) {
