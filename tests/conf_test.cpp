@@ -2,6 +2,7 @@
 #include <qvcl/conf.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <map>
 
 #include "tests/folder.h"
@@ -12,9 +13,36 @@ namespace {
 using namespace std::string_literals;
 using test::Plan;
 
+struct Found {
+    uint32_t line;
+    std::string section, key, value;
+};
+
+/* Every member is found, whatever was looked up before: in the order of the file, backwards, and
+ * all over the place. */
+void look_all_up(CL_Queue *conf, std::vector<Found> members) {
+    std::sort(members.begin(), members.end(),
+              [](const Found &a, const Found &b) { return a.line < b.line; });
+    const std::size_t count = members.size();
+    for (const std::size_t step : {std::size_t{1}, count - 1, count / 3 * 2 + 1}) {
+        for (std::size_t i = 0; i < count; i++) {
+            const Found &member = members[i * step % count];
+            char value[512];
+            uint32_t line = 0;
+            EXPECT_EQ(CL_GetMember(conf, member.section.c_str(), member.key.c_str(), value,
+                                   sizeof value, &line),
+                      0u);
+            EXPECT_EQ(member.value, value);
+            EXPECT_EQ(member.line, line);
+            EXPECT_EQ(CL_GetMember(conf, member.section.c_str(), "\x01", value, 1, &line), 11u);
+        }
+    }
+}
+
 /* "a@1{k=v@2 }b@3{}": sections and members with their lines, as the enumerations give them. */
 std::string walk(CL_Queue *conf) {
     std::string all;
+    std::vector<Found> found;
     char name[64], value[512];
     uint32_t line = 0, code;
     CL_ConfSection *section = nullptr;
@@ -25,6 +53,7 @@ std::string walk(CL_Queue *conf) {
         while ((code = CL_EnumMember(section, name, sizeof name, value, sizeof value, &line,
                                      &member)) == CL_CONF_OK) {
             all += name + ("=" + std::string(value)) + "@" + std::to_string(line) + " ";
+            found.push_back({line, section->name, name, value});
             members++;
         }
         EXPECT_EQ(code, uint32_t{CL_CONF_END});
@@ -32,6 +61,7 @@ std::string walk(CL_Queue *conf) {
         all += "}";
     }
     EXPECT_EQ(code, uint32_t{CL_CONF_END});
+    look_all_up(conf, std::move(found));
     return all;
 }
 
@@ -194,6 +224,51 @@ TEST_F(Conf, OutOfMemory) {
                              .nth = static_cast<int>(i) + 1,
                              .times = times});
             ASSERT_EQ(read(text), (Outcome{allocations[i].code, allocations[i].line, ""})) << i;
+        }
+    }
+}
+
+/* Elements that CL_FreeConf could not free everything of: what is left is looked up without what
+ * is gone. */
+TEST_F(Conf, LookUpsAfterARefusedRelease) {
+    CL_Queue conf;
+    CL_QUE_InitQT(&conf, 0);
+    uint32_t line = 0;
+    const std::string path = folder.put("conf", "[c]\n[a]\n[b]\n");
+    ASSERT_EQ(CL_ReadConf(&conf, path.c_str(), &line), 0u);
+    CL_ConfSection *section = nullptr;
+    ASSERT_EQ(CL_GetSectionIndex(&conf, "b", &section), 0u);
+    CL_Queue *&owner = (reinterpret_cast<CL_BlockHeader *>(section) - 1)->link.owner;
+    owner = nullptr;
+    EXPECT_EQ(CL_FreeConf(&conf), 0u);
+    owner = &CL_MainTable->library_blocks;
+    EXPECT_EQ(CL_free_M(section, 1, "test", 1), 1u);
+    EXPECT_EQ(CL_GetSectionIndex(&conf, "a", &section), 11u);
+    EXPECT_EQ(CL_GetSectionIndex(&conf, "c", &section), 0u);
+    EXPECT_EQ(CL_FreeConf(&conf), 1u);
+}
+
+/* Names compare as strncmp compares their fields, whatever stands behind their end. */
+TEST_F(Conf, NamesCompareAsTheirFields) {
+    const auto field = [](std::string_view text) {
+        CL_ConfSection section = {};
+        memset(section.name, 'x', sizeof section.name);
+        section.name[text.copy(section.name, sizeof section.name)] = '\0';
+        return section;
+    };
+    std::vector<CL_ConfSection> sections;
+    for (const char *text : {"", "a", "\x01", "\x80", "ab", "abcdefg", "abcdefgh", "abcdefg\xff",
+                             "abcdefgha", "abcdefghb", "b", "\x01\x01", "bbcdefgh"}) {
+        sections.push_back(field(text));
+        sections.push_back(field(text));
+        sections.back().name[strlen(text) + 1] = 'y';
+    }
+    const auto sign = [](int order) { return (order > 0) - (order < 0); };
+    for (const CL_ConfSection &a : sections) {
+        for (const CL_ConfSection &b : sections) {
+            const CL_ConfSection *slots[] = {&a, &b};
+            EXPECT_EQ(sign(sec_compar(&slots[0], &slots[1])), sign(strcmp(a.name, b.name)))
+                << a.name << " " << b.name;
         }
     }
 }

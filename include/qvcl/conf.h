@@ -38,12 +38,12 @@ enum {
     CL_CONF_INSERT_FAILED = 99
 };
 
-/* Elements: library memory, owned by the configuration. */
+/* Elements: library memory, owned by the configuration; CL_FreeConf alone takes them out of it. */
 typedef struct CL_ConfSection {
     CL_QueueLink link;
     char name[64];
     uint32_t line; /* of the header in the file, from 1 */
-    uint32_t reserved;
+    int32_t guess; /* the reader's own, for look-ups */
     CL_Queue members;
 } CL_ConfSection;
 CL_LAYOUT_AT(CL_ConfSection, name, 24);
@@ -55,10 +55,12 @@ typedef struct CL_ConfMember {
     char key[64];
     uint32_t line;
     char value[512];
+    int32_t guess; /* as in a section */
 } CL_ConfMember;
 CL_LAYOUT_AT(CL_ConfMember, key, 24);
 CL_LAYOUT_AT(CL_ConfMember, line, 88);
 CL_LAYOUT_AT(CL_ConfMember, value, 92);
+CL_LAYOUT_SIZE(CL_ConfMember, 608);
 
 /* Reads the file at `path` into `conf`, which must be empty (CL_QUE_InitQT(conf, 0)). *line
  * receives the number of lines + 1, or after a failure the line that failed, from 1 (0 when the
