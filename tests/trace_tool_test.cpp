@@ -327,6 +327,11 @@ TEST(Check, NamesTheDamage) {
         {[](Story &d) { d.objects[2].link.next = pointer<void *>(Dump::handle(0)); },
          "used queue: a circle"},
         {[](Story &d) { d.objects[1].kind = CL_KIND_FD; }, "#1 is on the queue of another kind"},
+        {[](Story &d) {
+             d.main.kind_queues[CL_KIND_QUEUE_TIMER] = d.main.kind_queues[CL_KIND_QUEUE_CHILD];
+             d.objects[2].kind_link = {};
+         },
+         "#2 is on no kind queue"},
         {[](Story &d) { d.main.free_queue = {}; }, "#3 is neither free nor used"},
         {[](Story &d) { d.library.head.entry_count = UINT32_MAX; },
          "***CL_LIBTRC*** of 4312 bytes by its header"},

@@ -79,6 +79,8 @@ void check_object(Dump &dump, const Memberships &queues, uint64_t slot) {
                  live ? " is free and used" : " is neither free nor used");
     if (live && kind_name(object.kind).empty())
         complain(offsetof(CL_Object, kind), " is of kind ", object.kind);
+    if (live && !queues.any(slot, [](const QueueView &view) { return view.kind != 0; }))
+        complain(offsetof(CL_Object, kind_link), " is on no kind queue");
     if (queues.any(slot, [&](const QueueView &view) {
             return view.kind && (!live || view.kind != object.kind);
         }))
