@@ -52,7 +52,10 @@ bool take_off(CL_Object *object) {
 
 // Dispatches one due timer; the callback's result, or -1 with err filled.
 int32_t expire(CL_Object *timer, CL_ErrInfo *err) {
-    if ((timer->sub_status & CL_SUB_PERIODIC) == 0) {
+    const uint64_t start_time = timer->start_time;
+    const uint32_t interval = timer->interval;
+    const bool periodic = (timer->sub_status & CL_SUB_PERIODIC) != 0;
+    if (!periodic) {
         if (!take_off(timer)) {
             fail(err, CL_ERR_QUEUE);
             return -1;
@@ -65,10 +68,11 @@ int32_t expire(CL_Object *timer, CL_ErrInfo *err) {
     const uint32_t result =
         cl_Callback_M(timer->callback, timer, &event, timer->arg1, timer->arg2, 0, kFile, __LINE__);
     if (result != 0) return static_cast<int32_t>(result);
-    // A stop moved the cursor away: then the timer is not running any more, or was started anew.
-    if (CL_MainTable->timer_cursor == timer && (timer->sub_status & CL_SUB_PERIODIC) != 0) {
-        timer->remaining = countdown(timer->interval);
-        timer->start_time += timer->interval;
+    // Unless the callback stopped it (no interval), started it anew (a later start) or had it
+    // re-armed already by entering a loop (the next start), this is still the expiry just told.
+    if (periodic && timer->interval == interval && timer->start_time == start_time) {
+        timer->remaining = countdown(interval);
+        timer->start_time += interval;
     }
     return 0;
 }

@@ -354,6 +354,24 @@ TEST_F(Loop, DueTimersDoNotStarveDescriptors) {
     EXPECT_LE(trail.size(), 15u) << trail;
 }
 
+/* Loops do not nest; a periodic timer that a nested one leaves due is re-armed all the same. */
+TEST_F(Loop, ANestedLoopLeavesNoTimerDue) {
+    uint32_t depth = 0;
+    Action *nesting = note('T', [&] {
+        if (++depth > 1) {
+            return 5u;
+        }
+        CL_ErrInfo inner;
+        EXPECT_EQ(CL_EventLoop(&inner), 5u);
+        return 0u;
+    });
+    timer(nesting, CL_TIMER_PERIODIC, 3);
+    watch(pipe.out(), note('z', once([] {}, 1)), 20);
+    test::set_uptime(uptime += 3);
+    EXPECT_EQ(run(), 1u);
+    EXPECT_EQ(trail, "TTzz");
+}
+
 TEST_F(Loop, MakesThreeSystemCallsAnIteration) {
     for (const uint32_t objects : {1u, 10u, 50u}) {
         for (const bool all_ready : {false, true}) {

@@ -13,6 +13,8 @@
  * descriptors below 1024; an object with a larger one is reported with CL_EVENT_FAILED, which ends
  * the loop.
  *
+ * Loops do not nest: a callback must not enter one. It may use synchronous transfers.
+ *
  * The loop's signals are open from its first wait on, even when the application had blocked them
  * before; the masks of other signals are left alone. The steps below CL_EventLoop_M are the loop's
  * own, exported for tests. */
