@@ -16,7 +16,10 @@
 
 #include <cerrno>
 
+#include <qvcl/main.h>
 #include <qvcl/system.h>
+
+#include "core/fd_sets.h"
 
 namespace {
 
@@ -34,13 +37,31 @@ int retry(Call call) {
     return retry(-1, call);
 }
 
+// A descriptor number that changes hands is not ready any more: what the running iteration of the
+// loop found out about it was about whoever had it before. It counts when the number is given up,
+// and when it is given out too, because an application may close with a call of its own. Returns
+// the number. Atomic, because the wrappers work on any thread; a number that is in no set is only
+// looked at.
+int not_ready(int fd) {
+    if (fd < 0 || fd >= FD_SETSIZE || CL_MainTable == nullptr) return fd;
+    const auto number = static_cast<uint32_t>(fd);
+    const uint64_t bit = qvcl::bit_of(number);
+    for (const auto set : qvcl::kSets) {
+        uint64_t *word = qvcl::words(CL_MainTable->sets.*set) + qvcl::word_of(number);
+        if ((__atomic_load_n(word, __ATOMIC_RELAXED) & bit) != 0) {
+            __atomic_fetch_and(word, ~bit, __ATOMIC_RELAXED);
+        }
+    }
+    return fd;
+}
+
 }  // namespace
 
 int cl_u_gettimeofday(struct timeval *time, void *zone) {
     return retry([=] { return gettimeofday(time, zone); });
 }
 int cl_u_shm_open(const char *name, int flags, mode_t mode) {
-    return retry([=] { return shm_open(name, flags, mode); });
+    return not_ready(retry([=] { return shm_open(name, flags, mode); }));
 }
 int cl_u_shm_unlink(const char *name) {
     return retry([=] { return shm_unlink(name); });
@@ -73,9 +94,10 @@ int cl_u_munmap(void *address, size_t length) {
     return retry([=] { return munmap(address, length); });
 }
 int cl_u_open(const char *path, int flags, mode_t mode) {
-    return retry([=] { return open(path, flags, mode); });
+    return not_ready(retry([=] { return open(path, flags, mode); }));
 }
 int cl_u_close(int fd) {
+    not_ready(fd);
     return retry([=] { return close(fd); });
 }
 int64_t cl_u_write(int fd, const void *data, size_t length) {
@@ -97,7 +119,7 @@ int cl_u_fcntl(int fd, int command, int argument) {
     return retry([=] { return fcntl(fd, command, argument); });
 }
 int cl_u_socket(int domain, int type, int protocol) {
-    return retry([=] { return socket(domain, type, protocol); });
+    return not_ready(retry([=] { return socket(domain, type, protocol); }));
 }
 int cl_u_bind(int fd, const struct sockaddr *address, socklen_t length) {
     return retry([=] { return bind(fd, address, length); });
@@ -106,7 +128,7 @@ int cl_u_listen(int fd, int backlog) {
     return retry([=] { return listen(fd, backlog); });
 }
 int cl_u_accept(int fd, struct sockaddr *address, socklen_t *length) {
-    return retry([=] { return accept(fd, address, length); });
+    return not_ready(retry([=] { return accept(fd, address, length); }));
 }
 int cl_u_connect(int fd, const struct sockaddr *address, socklen_t length) {
     return retry([=] { return connect(fd, address, length); });

@@ -11,23 +11,9 @@
 
 #include <qvcl/main.h>
 
+#include "core/fd_sets.h"
+
 namespace qvcl {
-
-inline constexpr uint32_t kWordBits = 64;
-inline constexpr uint32_t kSetWords = FD_SETSIZE / kWordBits;
-static_assert(sizeof(fd_set) == kSetWords * sizeof(uint64_t));
-
-// The sets in the order of CL_Watch's bits.
-inline constexpr fd_set CL_FdSets::*kSets[] = {&CL_FdSets::read, &CL_FdSets::write,
-                                               &CL_FdSets::except};
-
-// A set as machine words; its own are the signed ones of this type.
-inline uint64_t *words(fd_set &set) {
-    return reinterpret_cast<uint64_t *>(&set);
-}
-inline const uint64_t *words(const fd_set &set) {
-    return reinterpret_cast<const uint64_t *>(&set);
-}
 
 inline bool in_one_word(const CL_Watch &watch) {
     return watch.end_word == watch.first_word + 1;
@@ -57,8 +43,8 @@ inline BuiltSets built_sets() {
 inline void watch_descriptor(CL_Object *object, bool reading, bool writing) {
     CL_MainBlock &main = *CL_MainTable;
     const auto descriptor = static_cast<uint32_t>(object->descriptor);
-    const uint32_t word = descriptor / kWordBits;
-    const uint64_t bit = uint64_t{1} << descriptor % kWordBits;
+    const uint32_t word = word_of(descriptor);
+    const uint64_t bit = bit_of(descriptor);
     object->watch = {word, word + 1, {bit, bit, 0}};
     if (reading) words(main.sets.read)[word] |= bit;
     if (writing) words(main.sets.write)[word] |= bit;

@@ -53,9 +53,7 @@ inline uint32_t abandon_socket(CL_Object *object) {
 }
 
 // Makes a new socket fit for the loop: non-blocking, close-on-exec. A number that the sets cannot
-// hold counts as the process limit reached (EMFILE). What the running iteration knows about that
-// number belongs to a descriptor closed meanwhile, so it is dropped. False with err filled and the
-// socket closed.
+// hold counts as the process limit reached (EMFILE). False with err filled and the socket closed.
 inline bool prepare_socket(const Failure &fail, CL_Object *object, CL_ErrInfo *err) {
     const Failure here = fail.in(kSocketRange);
     const int32_t descriptor = object->descriptor;
@@ -75,10 +73,6 @@ inline bool prepare_socket(const Failure &fail, CL_Object *object, CL_ErrInfo *e
         here.sys(err);
         return undo();
     }
-    CL_FdSets &sets = CL_MainTable->sets;
-    FD_CLR(descriptor, &sets.read);
-    FD_CLR(descriptor, &sets.write);
-    FD_CLR(descriptor, &sets.except);
     return true;
 }
 

@@ -1,7 +1,10 @@
 /* The event loop: callbacks that change the lists under it, signals at every point, and what an
  * iteration costs. */
+#include <fcntl.h>
 #include <qvcl/loop.h>
 #include <qvcl/thread.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 
 #include <csignal>
@@ -229,6 +232,69 @@ TEST_F(Loop, FollowsItsModel) {
     walk.list(last, 20); /* in the middle: it keeps the loop from starving */
     EXPECT_EQ(run(), 1u);
     EXPECT_GT(walk.iterations, 100);
+}
+
+/* What a callback gets in the place of what it gave up, number and slot, is not ready. */
+TEST_F(Loop, FindsNothingReadyThatCameLater) {
+    const std::string segment = "/qvcl-loop-test-" + std::to_string(getpid());
+    close(shm_open(segment.c_str(), O_CREAT | O_RDWR, 0600));
+    CL_Object *later = watch(pipe.out(), note('-'), 30);
+    watch(pipe.out(), note('z', [] { return 1u; }), 40);
+    CL_Object *owner = watch(pipe.out(), note('-'), 50);
+    CL_Object *client = create(CL_KIND_MSGC);
+    while (create(CL_KIND_THREAD) != nullptr) {
+    }
+    const auto watch_only = [&](CL_Object *object, int fd) {
+        const fd_set read = only(fd);
+        CL_SetFD(object, static_cast<uint32_t>(fd + 1), &read, nullptr, nullptr, &err);
+        return fd;
+    };
+    const auto file = [&] { return CL_OpenFile("/dev/null", O_RDONLY, 0, &err)->descriptor; };
+    const struct {
+        const char *name;
+        std::function<int()> get;
+        bool by_close; /* the number was the application's, and it is the application that closes */
+    } rows[] = {
+        {"file", file, false},
+        {"file", file, true},
+        {"segment",
+         [&] { return cl_openshm(segment.c_str(), O_RDONLY, 1, &err, "test", 1)->descriptor; },
+         true},
+        {"pipe",
+         [&] {
+             int ends[2];
+             EXPECT_EQ(::pipe(ends), 0);
+             return watch_only(later, ends[0]);
+         },
+         false},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        trail.clear();
+        const int owned = watch_only(owner, dup(pipe.out()));
+        CL_SetFD(later, 0, nullptr, nullptr, nullptr, &err);
+        int ends[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+        ASSERT_EQ(write(ends[1], "x", 1), 1);
+        /* In the one place of the table that is free. */
+        CL_DeleteFD_M(client, &err, 1, "test", 1);
+        client = create(CL_KIND_MSGC, test::call_action, test::address(note('c', [&] {
+                            if (row.by_close) {
+                                close(owned);
+                                watch_only(owner, pipe.out());
+                            }
+                            EXPECT_EQ(CL_DeleteFD(client, &err), 1u) << err;
+                            EXPECT_EQ(row.get(), row.by_close ? owned : ends[0]);
+                            return 0u;
+                        })));
+        client->descriptor = ends[0];
+        cl_StatusChange_M(client, CL_STATUS_READY, CL_SUB_CONNECT_PENDING | CL_SUB_RECV_PENDING,
+                          "test", 1);
+        ASSERT_EQ(CL_AddEventList(client, 20, &err), 1u) << err;
+        EXPECT_EQ(run(), 1u) << err;
+        EXPECT_EQ(trail, "cz");
+    }
+    shm_unlink(segment.c_str());
 }
 
 /* Whoever cannot take part hears why, and the loop ends whatever it answers. */

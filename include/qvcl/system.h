@@ -4,7 +4,8 @@
  * be interrupted at any time. Each cl_u_ wrapper takes the arguments of the call it is named
  * after (see that call's manual page) and returns its result; while the call fails with EINTR it
  * is made again, without bound. Any other failure is returned with errno as the call left it.
- * A single read, write, send or receive carries its count in 32 bits.
+ * A single read, write, send or receive carries its count in 32 bits. Whatever closes a descriptor
+ * or opens one takes its number out of what the running iteration of the loop found ready.
  *
  * Nothing here fills an error record or writes a trace record. */
 #ifndef QVCL_SYSTEM_H
