@@ -9,6 +9,7 @@
 
 #include "core/error.h"
 #include "diag/traced.h"
+#include "loop/known_order.h"
 #include "loop/live_object.h"
 #include "loop/watch.h"
 

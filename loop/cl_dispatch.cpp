@@ -6,7 +6,7 @@
 #include <qvcl/message.h>
 
 #include "diag/traced.h"
-#include "loop/watch.h"
+#include "loop/known_order.h"
 
 using qvcl::address_of;
 

@@ -8,7 +8,7 @@
 #include "core/error.h"
 #include "diag/traced.h"
 #include "loop/kinds.h"
-#include "loop/watch.h"
+#include "loop/known_order.h"
 #include "util/sorted_run.h"
 
 using qvcl::address_of;

@@ -3,8 +3,8 @@
 #include <qvcl/loop.h>
 
 #include "diag/traced.h"
+#include "loop/known_order.h"
 #include "loop/loop_policy.h"
-#include "loop/watch.h"
 
 namespace {
 
@@ -55,43 +55,44 @@ uint32_t cl_sigcheck(uint32_t always_unblock, const sigset_t *set, sigset_t *sav
 }
 
 uint32_t cl_fdcheck(const sigset_t * /*set*/, sigset_t * /*saved*/, CL_ErrInfo *err) {
-    return Loop::fdcheck(err);
+    return Loop::fdcheck(nullptr, err);
 }
 
 void cl_clearlist() {
     CL_MainTable->descriptor_count = 0;
     CL_MainTable->sets = {};
+    qvcl::forget_order();
 }
 
 uint32_t cl_fdmake(CL_ErrInfo *err) {
+    return qvcl::make_sets(nullptr, err);
+}
+
+uint32_t qvcl::make_sets(KnownOrder *order, CL_ErrInfo *err) {
     CL_MainBlock &main = *CL_MainTable;
     cl_clearlist();
     if (cl_move_eventlist(err) != 0) return CL_LOOP_ERROR;
+    if (order != nullptr) order->begin();
     uint32_t status;
-    uint32_t count = 0;
     CL_Object *object = nullptr;
-    CL_Object *first = nullptr;
     const auto next = [&] {
         object = static_cast<CL_Object *>(
             CL_QUE_Enum(&main.priority_list, object, CL_QUE_FORWARD, &status));
         return object != nullptr;
     };
     while (next()) {
-        const qvcl::Kind *kind = qvcl::kind_of(object->kind);
+        const Kind *kind = kind_of(object->kind);
         if (kind == nullptr || kind->add == nullptr) {
             fail.both(err, CL_ERR_QUEUE, object->kind);
             return CL_LOOP_ERROR;
         }
         if (kind->add(object) != 0) return report_failed(object, err);
-        // The first place comes last: it says that the order is known.
-        if (count == 0) first = object;
-        if (count != 0 && count < main.capacity) main.scratch[count] = object;
-        ++count;
+        if (order != nullptr) order->add(object);
     }
     if (status != CL_QUE_WALKING) {
         fail.both(err, CL_ERR_QUEUE, status);
         return CL_LOOP_ERROR;
     }
-    if (main.scratch != nullptr && count <= main.capacity) main.scratch[0] = first;
+    if (order != nullptr) order->conclude();
     return 0;
 }

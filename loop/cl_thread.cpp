@@ -90,7 +90,7 @@ uint32_t cl_sigcheckThread(uint32_t always_unblock, const sigset_t *set, sigset_
 }
 
 uint32_t cl_fdcheckThread(const sigset_t * /*set*/, sigset_t * /*saved*/, CL_ErrInfo *err) {
-    return Loop::fdcheck(err);
+    return Loop::fdcheck(nullptr, err);
 }
 
 // A callback may list, unlist and delete any THREAD object, its own included. So each object notes

@@ -25,6 +25,7 @@
 #include "core/error.h"
 #include "core/signal_field.h"
 #include "loop/kinds.h"
+#include "loop/known_order.h"
 #include "loop/watch.h"
 
 namespace qvcl {
@@ -92,7 +93,8 @@ struct Loop {
         return bits;
     }
 
-    static uint32_t fdcheck(CL_ErrInfo *err) {
+    // `order`: what the loop knows of the list; null: nothing.
+    static uint32_t fdcheck(const KnownOrder *order, CL_ErrInfo *err) {
         CL_MainBlock &main = *CL_MainTable;
         const uint64_t ticks = take(main.timer_signals);
         // Without a timer there is no uptime to read.
@@ -100,7 +102,9 @@ struct Loop {
             if (const int32_t result = cl_TimerCall(err)) return static_cast<uint32_t>(result);
         }
         main.loop_cursor = nullptr;
-        if (const uint32_t result = check_in_known_order(err)) return result;
+        if (order != nullptr && order->known()) {
+            if (const uint32_t result = check_in_known_order(*order, err)) return result;
+        }
         for (;;) {
             uint32_t status;
             auto *object = static_cast<CL_Object *>(
@@ -115,16 +119,14 @@ struct Loop {
     static uint32_t run(CL_ErrInfo *err) {
         CL_ErrInfo own = {};
         CL_MainTable->timer_dispatched = 0;
-        forget_order();
         sigset_t set;
         sigemptyset(&set);
         for (const int signal : Policy::signals)
             sigaddset(&set, signal);
-        BuiltSets built = {};
+        KnownOrder order;
         uint32_t result = 0;
         while (result == 0)
-            result = iterate(&set, &built, &own);
-        forget_order();
+            result = iterate(&set, &order, &own);
         *err = own;
         return result;
     }
@@ -158,13 +160,13 @@ struct Loop {
 
     // The walk over the priority list as long as nothing changes it: objects that are not ready
     // are passed by. It leaves the cursor where the walk over the list itself goes on.
-    static uint32_t check_in_known_order(CL_ErrInfo *err) {
+    static uint32_t check_in_known_order(const KnownOrder &order, CL_ErrInfo *err) {
         constexpr uint32_t kAhead = 8;  // objects, so that memory keeps up with the walk
         CL_MainBlock &main = *CL_MainTable;
-        const uint32_t count = order_known() ? main.priority_list.count : 0;
-        for (uint32_t i = 0; i < count; ++i) {
-            if (i + kAhead < count) __builtin_prefetch(&main.scratch[i + kAhead]->watch);
-            CL_Object *object = main.scratch[i];
+        const uint32_t count = order.count();
+        for (uint32_t i = 1; i <= count; ++i) {
+            if (i + kAhead <= count) __builtin_prefetch(&order.at(i + kAhead)->watch);
+            CL_Object *object = order.at(i);
             const bool ready = may_be_ready(object->watch, main.sets);
             if (!ready && !signalled()) continue;
             main.loop_cursor = object;
@@ -173,20 +175,18 @@ struct Loop {
                 return result;
             }
             // What happened in there may have changed the list itself: then ask the list.
-            if (!order_known() || object->event_link.owner != &main.priority_list) return 0;
+            if (!order.known() || object->event_link.owner != &main.priority_list) return 0;
         }
-        if (count != 0) main.loop_cursor = main.scratch[count - 1];
+        if (count != 0) main.loop_cursor = order.at(count);
         return 0;
     }
 
-    // One iteration. `built` keeps the sets of the last one for as long as the order is known.
-    static uint32_t iterate(const sigset_t *set, BuiltSets *built, CL_ErrInfo *err) {
+    static uint32_t iterate(const sigset_t *set, KnownOrder *order, CL_ErrInfo *err) {
         CL_MainBlock &main = *CL_MainTable;
-        if (order_known()) {
-            main.sets = built->sets;
-        } else {
-            if (const uint32_t result = cl_fdmake(err)) return result;
-            *built = built_sets();
+        if (order->known() && main.pending_list.head == nullptr) {
+            order->repeat_sets();
+        } else if (const uint32_t result = make_sets(order, err)) {
+            return result;
         }
         sigset_t saved;
         const uint32_t bits = sigcheck(0, set, &saved, err);
@@ -201,12 +201,12 @@ struct Loop {
         // The wait is open to the loop's signals even when the application had blocked them.
         for (const int signal : Policy::signals)
             sigdelset(&saved, signal);
-        const int ready = pselect(main.descriptor_count, built->given[0], built->given[1],
-                                  built->given[2], nullptr, &saved);
+        const int ready = pselect(main.descriptor_count, order->for_wait(0), order->for_wait(1),
+                                  order->for_wait(2), nullptr, &saved);
         const int code = errno;
         main.timer_dispatched = 0;
         Policy::mask(SIG_UNBLOCK, set, nullptr);
-        if (ready >= 0) return fdcheck(err);
+        if (ready >= 0) return fdcheck(order, err);
         if (code != EINTR) return end(err, static_cast<uint32_t>(code));
         return dispatch(look(err), err);
     }

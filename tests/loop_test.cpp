@@ -97,140 +97,204 @@ class Loop : public test::Library {
     std::string trail;
 };
 
-/* Follows the loop's walk while callbacks change the lists: tells which object is called next. */
+/* Follows the loop's walk while callbacks change the lists and the sets: tells which object is
+ * called next. The objects watch copies of `fd`, which is always readable, in every word of the
+ * sets but the first. */
 class Walk {
   public:
-    Walk(CL_ErrInfo *err, int fd) : err_(err), fd_(fd) {}
-
-    CL_Object *make(Action *action) {
+    Walk(CL_ErrInfo *err, int fd) : err_(err) {
+        for (int word = 1; word < FD_SETSIZE / 64; ++word) {
+            fds_.push_back(fcntl(fd, F_DUPFD, 64 * word + 63 * (word % 2)));
+        }
+    }
+    CL_Object *make(Action *action, uint32_t descriptors) {
         CL_Object *object =
             CL_CreateFD(CL_KIND_FD, test::call_action, test::address(action), 0, err_);
         if (object != nullptr) {
-            objects_[object] = {};
-            set(object, true);
+            set(object, descriptors);
         }
         return object;
     }
-    void set(CL_Object *object, bool watching) {
-        const fd_set read = only(fd_);
-        const auto count = static_cast<uint32_t>(watching ? fd_ + 1 : 0);
-        EXPECT_EQ(CL_SetFD(object, count, &read, nullptr, nullptr, err_), 1u);
-        objects_[object].watching = watching;
+    void set(CL_Object *object, uint32_t descriptors) {
+        std::set<int> &watched = objects_[object].watched;
+        watched.clear();
+        fd_set read;
+        FD_ZERO(&read);
+        for (; descriptors > 0; descriptors--) {
+            const int fd = fds_[random_.below(static_cast<uint32_t>(fds_.size()))];
+            watched.insert(fd);
+            FD_SET(fd, &read);
+        }
+        const int count = watched.empty() ? 0 : *watched.rbegin() + 1;
+        EXPECT_EQ(CL_SetFD(object, static_cast<uint32_t>(count), &read, nullptr, nullptr, err_),
+                  1u);
     }
     void list(CL_Object *object, uint32_t priority) {
         EXPECT_EQ(CL_AddEventList(object, priority, err_), 1u);
-        objects_[object].listed = true;
-        pending_.push_back({object, priority});
+        objects_[object].place = LISTED;
+        pending_.push_back(object);
     }
     void unlist(CL_Object *object) {
         EXPECT_EQ(CL_DelEventList(object, err_), 1u);
         forget(object);
     }
+    /* Onto a list and off it behind the library's back, as an element like any other. */
+    void slip_in(CL_Object *object) {
+        const uint32_t where = random_.below(3);
+        objects_[object].place = SLIPPED_IN;
+        if (where == 0) {
+            CL_QUE_Insert(&table().priority_list, object, CL_QUE_BEFORE_ELEMENT, list_.front(),
+                          nullptr, nullptr);
+            insert(0, object);
+        } else if (where == 1) {
+            CL_QUE_PutTail(&table().priority_list, object);
+            insert(list_.size(), object);
+        } else {
+            CL_QUE_PutTail(&table().pending_list, object);
+            pending_.push_back(object);
+        }
+    }
+    void slip_out(CL_Object *object) {
+        CL_QUE_GetData(object->event_link.owner, object);
+        forget(object);
+    }
     void destroy(CL_Object *object) {
+        if (slipped_in(object)) {
+            slip_out(object);
+        }
         EXPECT_EQ(CL_DeleteFD(object, err_), 1u);
         forget(object);
         objects_.erase(object);
     }
-    bool listed(CL_Object *object) const { return objects_.at(object).listed; }
-    bool watching(CL_Object *object) const { return objects_.at(object).watching; }
-    CL_Object *any(test::Random *random) const {
-        return std::next(objects_.begin(), random->below(static_cast<uint32_t>(objects_.size())))
+    /* The loop's own steps, from a callback: the rest of the iteration goes by these sets. */
+    void clear_sets() {
+        cl_clearlist();
+        sets_.clear();
+    }
+    void make_sets() {
+        EXPECT_EQ(cl_fdmake(err_), 0u);
+        join();
+    }
+    bool listed(CL_Object *object) const { return objects_.at(object).place == LISTED; }
+    bool slipped_in(CL_Object *object) const { return objects_.at(object).place == SLIPPED_IN; }
+    CL_Object *any() {
+        return std::next(objects_.begin(), random_.below(static_cast<uint32_t>(objects_.size())))
             ->first;
     }
     std::size_t size() const { return objects_.size(); }
+    uint32_t below(uint32_t bound) { return random_.below(bound); }
 
     /* The object that the loop must call now; some object must be listed and watching. */
     CL_Object *next() {
         for (;;) {
             if (++cursor_ == std::ssize(list_)) {
-                merge();
                 cursor_ = -1;
+                join();
                 iterations++;
                 continue;
             }
-            CL_Object *object = list_[static_cast<std::size_t>(cursor_)].object;
-            if (objects_.at(object).watching) {
-                return object;
+            CL_Object *object = list_[static_cast<std::size_t>(cursor_)];
+            for (const int fd : objects_.at(object).watched) {
+                if (sets_.contains(fd)) {
+                    return object;
+                }
             }
         }
     }
     int iterations = 0;
 
   private:
+    enum Place { NOWHERE, LISTED, SLIPPED_IN };
     struct State {
-        bool listed = false, watching = false;
+        Place place = NOWHERE;
+        std::set<int> watched;
     };
-    struct Item {
-        CL_Object *object;
-        uint32_t priority;
-    };
-    void forget(CL_Object *object) {
-        objects_[object].listed = false;
-        std::erase_if(pending_, [=](const Item &item) { return item.object == object; });
-        for (std::ptrdiff_t i = 0; i < std::ssize(list_); i++) {
-            if (list_[static_cast<std::size_t>(i)].object != object) {
-                continue;
-            }
-            list_.erase(list_.begin() + i);
-            if (i <= cursor_) {
-                cursor_--;
-            }
+    void insert(std::size_t place, CL_Object *object) {
+        list_.insert(list_.begin() + static_cast<std::ptrdiff_t>(place), object);
+        if (static_cast<std::ptrdiff_t>(place) <= cursor_) {
+            cursor_++;
         }
     }
-    void merge() {
-        for (const Item &item : std::exchange(pending_, {})) {
+    void forget(CL_Object *object) {
+        objects_[object].place = NOWHERE;
+        std::erase(pending_, object);
+        const auto at = std::find(list_.begin(), list_.end(), object);
+        if (at != list_.end() && list_.erase(at) - list_.begin() <= cursor_) {
+            cursor_--;
+        }
+    }
+    void join() {
+        for (CL_Object *object : std::exchange(pending_, {})) {
             std::vector<int64_t> keys;
-            for (const Item &other : list_) {
-                keys.push_back(other.priority);
+            for (const CL_Object *other : list_) {
+                keys.push_back(other->priority);
             }
-            list_.insert(list_.begin() +
-                             static_cast<std::ptrdiff_t>(test::sorted_place(keys, item.priority)),
-                         item);
+            insert(test::sorted_place(keys, object->priority), object);
+        }
+        sets_.clear();
+        for (CL_Object *object : list_) {
+            const std::set<int> &watched = objects_.at(object).watched;
+            sets_.insert(watched.begin(), watched.end());
         }
     }
     CL_ErrInfo *err_;
-    int fd_;
+    test::Random random_;
+    std::vector<int> fds_;
     std::map<CL_Object *, State> objects_;
-    std::vector<Item> list_, pending_;
+    std::vector<CL_Object *> list_, pending_;
+    std::set<int> sets_;
     std::ptrdiff_t cursor_ = -1;
 };
 
 /* Callbacks at random, on themselves and on others. */
 TEST_F(Loop, FollowsItsModel) {
-    test::Random random;
     Walk walk(&err, pipe.out());
     CL_Object *last = nullptr;
     int calls = 0;
     Action action = [&](CL_Object *object, CL_Event *) -> uint32_t {
         calls++;
         EXPECT_EQ(object, walk.next()) << "call " << calls;
-        for (uint32_t i = random.below(4); i > 0; i--) {
-            CL_Object *target = random.below(4) == 0 ? object : walk.any(&random);
-            const uint32_t deed = random.below(6);
-            if (deed == 0 && walk.size() < OBJECTS) {
-                walk.make(&action);
-            } else if (target == last) {
-                continue;
+        /* Most do nothing, so that the loop comes to know its objects. */
+        for (uint32_t i = walk.below(16) == 0 ? walk.below(6) : 0; i > 0; i--) {
+            CL_Object *target = walk.below(4) == 0 ? object : walk.any();
+            const uint32_t deed = walk.below(32);
+            if (deed == 0) {
+                walk.clear_sets();
             } else if (deed == 1) {
+                walk.make_sets();
+            } else if (deed < 7 && walk.size() < OBJECTS) {
+                walk.make(&action, walk.below(3));
+            } else if (target == last ||
+                       (walk.slipped_in(target) && target == table().loop_cursor)) {
+                continue;
+            } else if (deed < 12) {
                 walk.destroy(target);
                 if (target == object) {
                     break;
                 }
-            } else if (deed == 2) {
-                walk.set(target, random.below(3) > 0);
+            } else if (deed < 17) {
+                walk.set(target, walk.below(3));
             } else if (walk.listed(target)) {
-                if (deed == 3) {
+                if (deed < 22) {
                     walk.unlist(target);
                 }
+            } else if (walk.slipped_in(target)) {
+                walk.slip_out(target);
+                CL_Object *other = walk.any();
+                if (!walk.listed(other) && !walk.slipped_in(other)) {
+                    walk.slip_in(other);
+                }
+            } else if (deed < 19) {
+                walk.slip_in(target);
             } else {
-                walk.list(target, 12 + random.below(12));
+                walk.list(target, 12 + walk.below(12));
             }
         }
-        return HasFailure() || calls > 20000 ? 1 : 0;
+        return HasFailure() || calls > 40000 ? 1 : 0;
     };
-    last = walk.make(&action);
+    last = walk.make(&action, 1);
     walk.list(last, 20); /* in the middle: it keeps the loop from starving */
-    EXPECT_EQ(run(), 1u);
+    EXPECT_EQ(run(), 1u) << err;
     EXPECT_GT(walk.iterations, 100);
 }
 
