@@ -20,9 +20,9 @@ using namespace dump_builder;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::SizeIs;
-using trace_reader::DAMAGED;
-using trace_reader::FINE;
-using trace_reader::USAGE;
+using trace_reader::kDamaged;
+using trace_reader::kFine;
+using trace_reader::kUsage;
 
 const bool utc = setenv("TZ", "UTC0", 1) == 0;
 
@@ -76,7 +76,7 @@ Result tool(const trace_reader::Command &command, const File &file) {
 }
 
 const trace_reader::Command &command(std::string_view name) {
-    return *std::ranges::find(trace_reader::COMMANDS, name, &trace_reader::Command::name);
+    return *std::ranges::find(trace_reader::kCommands, name, &trace_reader::Command::name);
 }
 
 // What is not in the Story below: a path that would write to the terminal, sets, unknown bits.
@@ -95,7 +95,7 @@ TEST(Show, SaysHardRecordsInWords) {
     d.call(set, CL_API_SET_FD, 1);
     d.status(2, CL_STATUS_READY, CL_STATUS_READY | 0x80, 0x107, 0x04);
     const Result result = tool({"show", "FILE"}, {d.file()});
-    EXPECT_EQ(result.status, FINE) << result.err;
+    EXPECT_EQ(result.status, kFine) << result.err;
     for (const std::string_view text :
          {"CL_CnctMSGC_M(handle=#1, path=\"\\x1b[31m\", mode=DEFERRED, reserved=0) = 0 "
           "IN_PROGRESS ",
@@ -106,7 +106,7 @@ TEST(Show, SaysHardRecordsInWords) {
 
 TEST(Show, NestsWhatHappenedInsideACall) {
     const Result result = tool({"show", "FILE"}, {Story(20).file("text")});
-    EXPECT_EQ(result.status, FINE) << result.err;
+    EXPECT_EQ(result.status, kFine) << result.err;
     EXPECT_EQ(
         result.out,
         "-- 2026-09-21 --\n"
@@ -167,7 +167,7 @@ TEST(Show, ChoosesLines) {
         words.push_back("FILE");
         const Result result = tool(words, {Story(20).file()});
         SCOPED_TRACE(testing::PrintToString(options));
-        EXPECT_EQ(result.status, FINE) << result.err;
+        EXPECT_EQ(result.status, kFine) << result.err;
         auto shown = lines(result.out);
         if (!shown.empty()) shown.erase(shown.begin());  // the date
         ASSERT_THAT(shown, SizeIs(count));
@@ -201,7 +201,7 @@ TEST(Show, WalksRingsThatWrapped) {
         d.free_rest();
         d.user = &ring;
         const Result result = tool({"show", "FILE"}, {d.file()});
-        EXPECT_EQ(result.status, FINE) << result.err;
+        EXPECT_EQ(result.status, kFine) << result.err;
         std::string expected = kept ? "-- 1970-01-01 --\n" : "";
         auto shown = lines(result.out);
         ASSERT_EQ(shown.size(), kept ? kept + 1 : 0);
@@ -274,7 +274,7 @@ TEST(Export, IsATimelineInStrictJson) {
     for (const std::string_view bad : {"{", "[1,]", "[01]", "\"\x80\""})
         ASSERT_FALSE(Json(bad).valid()) << bad;
     const Result result = tool({"export", "--json", "FILE"}, {Story(20).file()});
-    EXPECT_EQ(result.status, FINE) << result.err;
+    EXPECT_EQ(result.status, kFine) << result.err;
     EXPECT_TRUE(Json(result.out).valid()) << result.out;
     for (
         const std::string_view text :
@@ -305,10 +305,10 @@ TEST(Diff, FindsTheFirstDifferenceAndMasksWhatAlwaysDiffers) {
     };
     const File a = story(1, 0x7fff00001000, 5);
     const Result same = tool({"diff", "FILE", "FILE"}, {a, story(2, 0x7fff00002000, 5)});
-    EXPECT_EQ(same.status, FINE);
+    EXPECT_EQ(same.status, kFine);
     EXPECT_EQ(same.out, "library ring: the same 6 records\nuser ring: the same 0 records\n");
     const Result other = tool({"diff", "FILE", "FILE"}, {a, story(1, 0x7fff00003000, 6)});
-    EXPECT_EQ(other.status, DAMAGED);
+    EXPECT_EQ(other.status, kDamaged);
     EXPECT_THAT(other.out, HasSubstr("library ring: the same 4 records, then a difference\n"));
     EXPECT_THAT(other.out,
                 HasSubstr("\n- -> CL_StartTIMER_M(handle=#1, seconds=5, mode=0)  server.c:7\n"
@@ -351,13 +351,13 @@ TEST(Check, NamesTheDamage) {
                                    "xx***CL_LIBTRC***", "***CL_LIBTRC***"}) {
         const Result result = tool(command("check"), Story(20).file(text));
         EXPECT_EQ(result.err, "") << text;
-        EXPECT_EQ(result.status, FINE) << text;
+        EXPECT_EQ(result.status, kFine) << text;
     }
     for (const auto &[damage, message] : cases) {
         Story story(20);
         damage(story);
         const Result result = tool(command("check"), story.file("x"));
-        EXPECT_EQ(result.status, DAMAGED) << message;
+        EXPECT_EQ(result.status, kDamaged) << message;
         EXPECT_THAT(result.err, AllOf(HasSubstr("qvcl-trace: a: offset "), HasSubstr(message)));
         EXPECT_THAT(result.out, HasSubstr("problem"));
     }
@@ -371,10 +371,10 @@ TEST(Damage, OfEveryLengthIsToldAndTheRestIsShown) {
     for (size_t length = 0; length < whole.size(); ++length) {
         const File cut(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(length));
         const Result check = tool(command("check"), cut);
-        ASSERT_EQ(check.status, DAMAGED) << length;
+        ASSERT_EQ(check.status, kDamaged) << length;
         ASSERT_THAT(check.err, HasSubstr("offset ")) << length;
         const Result show = tool(command("show"), cut);
-        ASSERT_EQ(show.status, DAMAGED) << length;
+        ASSERT_EQ(show.status, kDamaged) << length;
         if (length < story.user_at) continue;
         const size_t shown = lines(show.out).size();  // more and more of the user ring
         ASSERT_GE(shown, before) << length;
@@ -411,10 +411,10 @@ TEST_P(Flips, AreSurvived) {
         for (int bit = 0; bit < 8; ++bit) {
             file[byte] = static_cast<uint8_t>(file[byte] ^ 1 << bit);
             const Result check = tool(command("check"), file);
-            ASSERT_TRUE(check.status == DAMAGED || (check.status == FINE && !structure[byte]))
+            ASSERT_TRUE(check.status == kDamaged || (check.status == kFine && !structure[byte]))
                 << byte << '.' << bit;
-            const auto &other = trace_reader::COMMANDS[(byte / SHARDS + static_cast<size_t>(bit)) %
-                                                       trace_reader::COMMANDS.size()];
+            const auto &other = trace_reader::kCommands[(byte / SHARDS + static_cast<size_t>(bit)) %
+                                                        trace_reader::kCommands.size()];
             const Result result = tool(other, file);
             ASSERT_LT(result.out.size(), 100000u) << byte << '.' << bit;
             ASSERT_TRUE(other.name != "export" || Json(result.out).valid()) << byte << '.' << bit;
@@ -430,21 +430,21 @@ TEST(CommandLine, RefusesWhatItDoesNotUnderstand) {
         int status;
         std::string_view said;
     } cases[] = {
-        {{"--help"}, FINE, "usage: qvcl-trace COMMAND"},
-        {{"frobnicate", "FILE"}, USAGE, "no such command: frobnicate"},
-        {{"check", "/nonexistent/x"}, USAGE, "/nonexistent/x: No such file or directory"},
-        {{"check", "/dev/null"}, DAMAGED, "offset 0: no block of a dump in this file"},
-        {{"tables", "--failures", "FILE"}, USAGE, "not an option of this command: --failures"},
-        {{"show", "--since", "later", "FILE"}, USAGE, "later"},
-        {{"show", "--slower=3h", "FILE"}, USAGE, "3h"},
-        {{"show", "--last"}, USAGE, "--last"},
+        {{"--help"}, kFine, "usage: qvcl-trace COMMAND"},
+        {{"frobnicate", "FILE"}, kUsage, "no such command: frobnicate"},
+        {{"check", "/nonexistent/x"}, kUsage, "/nonexistent/x: No such file or directory"},
+        {{"check", "/dev/null"}, kDamaged, "offset 0: no block of a dump in this file"},
+        {{"tables", "--failures", "FILE"}, kUsage, "not an option of this command: --failures"},
+        {{"show", "--since", "later", "FILE"}, kUsage, "later"},
+        {{"show", "--slower=3h", "FILE"}, kUsage, "3h"},
+        {{"show", "--last"}, kUsage, "--last"},
     };
     for (const auto &[words, status, said] : cases) {
         const Result result = tool(words, {Story(20).file(), {}});
         SCOPED_TRACE(testing::PrintToString(words));
         EXPECT_EQ(result.status, status) << result.err;
         EXPECT_THAT(result.out + result.err, HasSubstr(said));
-        EXPECT_EQ(result.err.empty(), status == FINE);
+        EXPECT_EQ(result.err.empty(), status == kFine);
     }
 }
 
@@ -479,7 +479,7 @@ TEST(Library, WritesDumpsThatAreWhole) {
     CL_CloseMSGS(server, &err);
 
     const Result check = tool({"check", path});
-    EXPECT_EQ(check.status, FINE) << check.err;
+    EXPECT_EQ(check.status, kFine) << check.err;
     EXPECT_THAT(check.out, HasSubstr("3 live objects, whole and consistent\n"));
     const Result show = tool({"show", path});
     EXPECT_THAT(show.out, AllOf(HasSubstr("CL_EventLoop_M() = ? (not finished)"),

@@ -13,14 +13,14 @@ namespace {
 class Memberships {
   public:
     explicit Memberships(Dump &dump) : bits(dump.objects.size()) {
-        for (size_t i = 0; i < QUEUES.size(); ++i)
-            for (const uint64_t slot : dump.follow(QUEUES[i]))
+        for (size_t i = 0; i < kQueues.size(); ++i)
+            for (const uint64_t slot : dump.follow(kQueues[i]))
                 bits[slot] |= uint64_t{1} << i;
     }
     template <typename Condition>
     bool any(uint64_t slot, Condition condition) const {
-        for (size_t i = 0; i < QUEUES.size(); ++i)
-            if (bits[slot] >> i & 1 && condition(QUEUES[i])) return true;
+        for (size_t i = 0; i < kQueues.size(); ++i)
+            if (bits[slot] >> i & 1 && condition(kQueues[i])) return true;
         return false;
     }
 

@@ -16,7 +16,7 @@ namespace trace_reader {
 
 namespace {
 
-constexpr Command TABLE[] = {
+constexpr Command kTable[] = {
     {"show", show, 1, false, "calls, callbacks and status changes, oldest first"},
     {"tables", tables, 1, true, "main table, lists and queues, descriptor objects"},
     {"report", report, 1, true, "counts, failures and durations by operation and object"},
@@ -61,9 +61,9 @@ bool set_handle(Options &options, const char *text) {
 bool set_slower(Options &options, const char *text) {
     char *unit = nullptr;
     const double value = std::strtod(text, &unit);
-    static constexpr std::pair<std::string_view, double> UNITS[] = {
+    static constexpr std::pair<std::string_view, double> kUnits[] = {
         {"us", 1}, {"ms", 1e3}, {"s", 1e6}, {"", 1}};
-    for (const auto &[name, factor] : UNITS)
+    for (const auto &[name, factor] : kUnits)
         if (unit != text && name == unit && value >= 0 && value < 1e9) {
             options.slower = static_cast<int64_t>(value * factor);
             return true;
@@ -84,7 +84,7 @@ struct Option {
     bool (*set)(Options &options, const char *value);
     std::string_view help;
 };
-constexpr Option OPTIONS[] = {
+constexpr Option kOptions[] = {
     {"api", "NAME", "show", set_api,
      "calls whose name holds NAME, or with that number; repeatable"},
     {"handle", "#N|ADDRESS", "show", set_handle, "calls about the object in slot N, or at ADDRESS"},
@@ -104,15 +104,15 @@ constexpr Option OPTIONS[] = {
      "also free slots, and where all were used before"},
     {"json", nullptr, "export", [](Options &, const char *) { return true; },
      "the format, and the only one"}};
-constexpr int HELP = std::size(OPTIONS), VERSION = HELP + 1;
+constexpr int kHelp = std::size(kOptions), kVersion = kHelp + 1;
 
 void put_help(Text &out) {
     out << "usage: qvcl-trace COMMAND [OPTION...] FILE\n"
            "       qvcl-trace diff FILE FILE\n"
            "Reads trace files of libqvcl; \"-\" is standard input.\n\n";
-    for (const Command &command : TABLE) {
+    for (const Command &command : kTable) {
         (out << "  " << command.name).fill(10 - command.name.size()) << command.help << '\n';
-        for (const Option &option : OPTIONS) {
+        for (const Option &option : kOptions) {
             if (option.command != command.name) continue;
             const size_t begin = out.size();
             out << "    --" << option.name << (option.value ? "=" : "")
@@ -125,44 +125,44 @@ void put_help(Text &out) {
 
 Status usage(Text &err, std::string_view problem, std::string_view what = {}) {
     err << "qvcl-trace: " << problem << what << "\nTry \"qvcl-trace --help\".\n";
-    return USAGE;
+    return kUsage;
 }
 
 struct Line {
     Options options;
     std::vector<const Option *> used;
     std::vector<std::string> words;  // command and files
-    int other = -1;                  // HELP, VERSION
+    int other = -1;                  // kHelp, kVersion
 };
 
 Status parse(int argc, char **argv, Line &line, Text &err) {
-    std::array<option, std::size(OPTIONS) + 3> longs{};
-    for (size_t i = 0; i < std::size(OPTIONS); ++i)
-        longs[i] = {OPTIONS[i].name, OPTIONS[i].value ? 1 : 0, nullptr, static_cast<int>(i)};
-    longs[HELP] = {"help", 0, nullptr, HELP};
-    longs[VERSION] = {"version", 0, nullptr, VERSION};
+    std::array<option, std::size(kOptions) + 3> longs{};
+    for (size_t i = 0; i < std::size(kOptions); ++i)
+        longs[i] = {kOptions[i].name, kOptions[i].value ? 1 : 0, nullptr, static_cast<int>(i)};
+    longs[kHelp] = {"help", 0, nullptr, kHelp};
+    longs[kVersion] = {"version", 0, nullptr, kVersion};
     optind = 0;  // starts over
     opterr = 0;
     for (int index = 0; (index = getopt_long(argc, argv, "", longs.data(), nullptr)) != -1;) {
         if (index == '?')
             return usage(err, "unknown option, or a value is missing: ", argv[optind - 1]);
-        if (index >= HELP) {
+        if (index >= kHelp) {
             line.other = index;
-            return FINE;
+            return kFine;
         }
-        const Option &option = OPTIONS[index];
+        const Option &option = kOptions[index];
         if (!option.set(line.options, optarg))
             return usage(err, (Text() << "--" << option.name << ": not understood: ").str(),
                          optarg);
         line.used.push_back(&option);
     }
     line.words.assign(argv + optind, argv + argc);
-    return FINE;
+    return kFine;
 }
 
 }  // namespace
 
-constinit const std::span<const Command> COMMANDS = TABLE;
+constinit const std::span<const Command> kCommands = kTable;
 
 Status run_command(const Command &command, const Options &options,
                    std::span<const std::string> names, std::span<const Source *const> sources,
@@ -177,21 +177,21 @@ Status run_command(const Command &command, const Options &options,
         dump.problems.print(err, dump.name);
         fine = fine && !dump.problems.count();
     }
-    return fine ? FINE : DAMAGED;
+    return fine ? kFine : kDamaged;
 }
 
 Status run(int argc, char **argv, Text &out, Text &err) {
     Line line;
-    if (const Status status = parse(argc, argv, line, err); status != FINE) return status;
-    if (line.other == HELP) put_help(out);
-    if (line.other == VERSION) {
+    if (const Status status = parse(argc, argv, line, err); status != kFine) return status;
+    if (line.other == kHelp) put_help(out);
+    if (line.other == kVersion) {
         put_version(out << "qvcl-trace ", CL_VERSION);
         out << '\n';
     }
-    if (line.other >= 0) return FINE;
+    if (line.other >= 0) return kFine;
     if (line.words.empty()) return usage(err, "no command");
-    const auto command = std::ranges::find(TABLE, line.words.front(), &Command::name);
-    if (command == std::end(TABLE)) return usage(err, "no such command: ", line.words.front());
+    const auto command = std::ranges::find(kTable, line.words.front(), &Command::name);
+    if (command == std::end(kTable)) return usage(err, "no such command: ", line.words.front());
     for (const Option *option : line.used)
         if (option->command != command->name)
             return usage(err, "not an option of this command: --", option->name);
@@ -204,7 +204,7 @@ Status run(int argc, char **argv, Text &out, Text &err) {
         pointers.push_back(&sources.emplace_back(name.c_str()));
         if (sources.back().error().empty()) continue;
         err << "qvcl-trace: " << name << ": " << sources.back().error() << '\n';
-        return USAGE;
+        return kUsage;
     }
     return run_command(*command, line.options, names, pointers, out, err);
 }

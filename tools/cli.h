@@ -7,7 +7,7 @@
 
 namespace trace_reader {
 
-enum Status { FINE = 0, DAMAGED = 1, USAGE = 2 };  // DAMAGED: or it differs
+enum Status { kFine = 0, kDamaged = 1, kUsage = 2 };  // kDamaged: or it differs
 
 struct Command {
     std::string_view name;
@@ -16,7 +16,7 @@ struct Command {
     bool objects;  // whether it reads the descriptor table
     std::string_view help;
 };
-extern const std::span<const Command> COMMANDS;
+extern const std::span<const Command> kCommands;
 
 // What is wrong with the files goes to `err` at the end.
 Status run_command(const Command &command, const Options &options,

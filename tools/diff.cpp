@@ -9,13 +9,13 @@ namespace trace_reader {
 
 namespace {
 
-constexpr size_t CONTEXT = 3;
+constexpr size_t kContext = 3;
 
 std::string line_of(const Dump &dump, const Record &record) {
     Text line;
     if (record.is_call()) line << (record.exit ? "<- " : "-> ");
-    put_record(line, dump, record, Mask::YES);
-    if (record.is_call() && record.exit) put_outcome(line << " = ", dump, record, Mask::YES);
+    put_record(line, dump, record, Mask::yes);
+    if (record.is_call() && record.exit) put_outcome(line << " = ", dump, record, Mask::yes);
     if (record.operation) put_position(line << "  ", record);
     return line.str();
 }
@@ -29,7 +29,7 @@ bool same_ring(Dumps dumps, int ring, std::string_view name, Text &out) {
     for (; i < common; ++i) {
         std::string line = line_of(dumps[0], a.records[i]);
         if (line != line_of(dumps[1], b.records[i])) break;
-        if (before.size() == CONTEXT) before.pop_front();
+        if (before.size() == kContext) before.pop_front();
         before.push_back(std::move(line));
     }
     if (i == a.records.size() && i == b.records.size()) {

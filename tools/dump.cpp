@@ -9,17 +9,17 @@ namespace trace_reader {
 namespace {
 
 // In the order of the file. All but the main table may be absent.
-enum Rank : size_t { LIBRARY_RING, USER_RING, MAIN, TABLE, RANKS };
-constexpr size_t EYE = sizeof CL_TableHeader::eye;
-constexpr char EYES[RANKS][EYE] = {CL_EYE_LIBTRC, CL_EYE_USRTRC, CL_EYE_MAIN, CL_EYE_FDTBL};
-constexpr uint64_t TEXT_ALIGNMENT = 16;
-constexpr uint64_t LONGEST_TEXT = 1 << 20;
-constexpr uint64_t TEXT_PIECE = 1024;
-constexpr uint64_t LARGEST_RING = 1 << 28;
+enum Rank : size_t { kLibraryRing, kUserRing, kMain, kTable, kRanks };
+constexpr size_t kEyeSize = sizeof CL_TableHeader::eye;
+constexpr char kEyes[kRanks][kEyeSize] = {CL_EYE_LIBTRC, CL_EYE_USRTRC, CL_EYE_MAIN, CL_EYE_FDTBL};
+constexpr uint64_t kTextAlignment = 16;
+constexpr uint64_t kLongestText = 1 << 20;
+constexpr uint64_t kTextPiece = 1024;
+constexpr uint64_t kLargestRing = 1 << 28;
 
 // Rank of the block whose eye-catcher is at `bytes`, not below `from`; RANKS for none.
 size_t rank_of(const uint8_t *bytes, size_t from) {
-    while (from < RANKS && std::memcmp(bytes, EYES[from], EYE) != 0)
+    while (from < kRanks && std::memcmp(bytes, kEyes[from], kEyeSize) != 0)
         ++from;
     return from;
 }
@@ -46,17 +46,17 @@ class Loader {
 };
 
 size_t Loader::rank_at(uint64_t offset, size_t from) const {
-    uint8_t bytes[EYE];
-    return source.read(offset, bytes, EYE) == EYE ? rank_of(bytes, from) : RANKS;
+    uint8_t bytes[kEyeSize];
+    return source.read(offset, bytes, kEyeSize) == kEyeSize ? rank_of(bytes, from) : kRanks;
 }
 
 // Offset of the next block of at least that rank, at whatever alignment; the file's size for none.
 uint64_t Loader::find(uint64_t offset, size_t from) const {
     std::vector<uint8_t> piece(65536);
-    for (;; offset += piece.size() - (EYE - 1)) {
+    for (;; offset += piece.size() - (kEyeSize - 1)) {
         const uint64_t got = source.read(offset, piece.data(), piece.size());
-        for (uint64_t i = 0; i + EYE <= got; ++i)
-            if (piece[i] == EYES[0][0] && rank_of(&piece[i], from) < RANKS) return offset + i;
+        for (uint64_t i = 0; i + kEyeSize <= got; ++i)
+            if (piece[i] == kEyes[0][0] && rank_of(&piece[i], from) < kRanks) return offset + i;
         if (got < piece.size()) return dump.size;
     }
 }
@@ -65,17 +65,17 @@ uint64_t Loader::find(uint64_t offset, size_t from) const {
 // text may itself look like the beginning of a block, so what has a block behind it is a text.
 uint64_t Loader::first_block() {
     std::string text;
-    uint64_t got = TEXT_PIECE;
-    while (got == TEXT_PIECE && text.size() < LONGEST_TEXT &&
+    uint64_t got = kTextPiece;
+    while (got == kTextPiece && text.size() < kLongestText &&
            text.find('\0') == std::string::npos) {
         const size_t at = text.size();
-        text.resize(at + TEXT_PIECE);
-        got = source.read(at, text.data() + at, TEXT_PIECE);
+        text.resize(at + kTextPiece);
+        got = source.read(at, text.data() + at, kTextPiece);
         text.resize(at + got);
     }
     const uint64_t end = std::min(text.find('\0'), text.size()) + 1;
-    const uint64_t behind = end + TEXT_ALIGNMENT - end % TEXT_ALIGNMENT;
-    if (rank_at(behind, 0) < RANKS) {
+    const uint64_t behind = end + kTextAlignment - end % kTextAlignment;
+    if (rank_at(behind, 0) < kRanks) {
         dump.text = text.substr(0, end - 1);
         return behind;
     }
@@ -88,15 +88,15 @@ uint64_t Loader::first_block() {
 }
 
 Block &Loader::block(size_t rank) {
-    Block *const places[RANKS] = {&dump.rings[CL_RING_LIBRARY].block,
-                                  &dump.rings[CL_RING_USER].block, &dump.main_block, &dump.table};
+    Block *const places[kRanks] = {&dump.rings[CL_RING_LIBRARY].block,
+                                   &dump.rings[CL_RING_USER].block, &dump.main_block, &dump.table};
     return *places[rank];
 }
 
 // The size that the contents of a block call for.
 uint64_t Loader::content_size(const Block &block, size_t rank) const {
-    if (rank == MAIN) return sizeof(CL_MainBlock);
-    if (rank == TABLE)
+    if (rank == kMain) return sizeof(CL_MainBlock);
+    if (rank == kTable)
         return dump.main_block.size ? sizeof(CL_TableHeader) + dump.capacity * sizeof(CL_Object)
                                     : std::max(block.header.size, sizeof(CL_TableHeader));
     CL_TraceRing ring{};
@@ -109,9 +109,9 @@ uint64_t Loader::content_size(const Block &block, size_t rank) const {
 uint64_t Loader::length(const Block &block, size_t rank) {
     const uint64_t content = content_size(block, rank);
     if (block.header.size == content) return content;
-    dump.problems.add(block.offset + offsetof(CL_TableHeader, size), EYES[rank], " of ",
+    dump.problems.add(block.offset + offsetof(CL_TableHeader, size), kEyes[rank], " of ",
                       block.header.size, " bytes by its header, ", content, " by its contents");
-    return rank >= MAIN ? content : find(block.offset + EYE, rank + 1) - block.offset;
+    return rank >= kMain ? content : find(block.offset + kEyeSize, rank + 1) - block.offset;
 }
 
 void Loader::take(uint64_t offset, size_t rank) {
@@ -122,8 +122,8 @@ void Loader::take(uint64_t offset, size_t rank) {
     block.size = std::min(whole, dump.size - offset);
     if (block.size < whole)
         dump.problems.add(dump.size, "the file ends ", whole - block.size, " bytes inside ",
-                          EYES[rank]);
-    if (rank != MAIN) return;
+                          kEyes[rank]);
+    if (rank != kMain) return;
     source.read(offset, &dump.main, std::min<uint64_t>(block.size, sizeof dump.main));
     dump.capacity = dump.main.capacity;
     if (dump.capacity > CL_MAX_OBJECTS + CL_SPARE_OBJECTS) {
@@ -136,8 +136,8 @@ void Loader::take(uint64_t offset, size_t rank) {
 void Loader::blocks() {
     uint64_t at = first_block();
     size_t rank = 0;
-    while (rank < RANKS && at < dump.size) {
-        if (const size_t found = rank_at(at, rank); found < RANKS) {
+    while (rank < kRanks && at < dump.size) {
+        if (const size_t found = rank_at(at, rank); found < kRanks) {
             take(at, found);
             at += block(found).size;
             rank = found + 1;
@@ -162,7 +162,7 @@ void Loader::ring(Ring &ring) {
                           ring.head.entry_count, " entries of ", ring.head.entry_size, " bytes");
         return;
     }
-    const uint64_t bytes = std::min(block.size - sizeof ring.head, LARGEST_RING);
+    const uint64_t bytes = std::min(block.size - sizeof ring.head, kLargestRing);
     ring.held = std::min<uint64_t>(ring.head.entry_count, bytes / ring.stride());
     ring.entries = std::make_unique_for_overwrite<uint8_t[]>(ring.held * ring.stride());
     ring.held = source.read(ring.offset_of(0), ring.entries.get(), ring.held * ring.stride()) /
@@ -191,17 +191,17 @@ void Loader::compare_addresses() {
         size_t place;
         uint64_t there;
     } expected[] = {
-        {LIBRARY_RING, offsetof(CL_MainBlock, library_ring), address(main.library_ring)},
-        {USER_RING, offsetof(CL_MainBlock, user_ring), address(main.user_ring)},
-        {TABLE, offsetof(CL_MainBlock, descriptor_table), address(main.descriptor_table)}};
+        {kLibraryRing, offsetof(CL_MainBlock, library_ring), address(main.library_ring)},
+        {kUserRing, offsetof(CL_MainBlock, user_ring), address(main.user_ring)},
+        {kTable, offsetof(CL_MainBlock, descriptor_table), address(main.descriptor_table)}};
     if (!dump.main_block.size) return;
     for (const auto &[rank, place, there] : expected) {
         const Block &block = this->block(rank);
         if (!block.size && there)
-            dump.problems.add(dump.main_block.offset + place, EYES[rank], " is missing");
+            dump.problems.add(dump.main_block.offset + place, kEyes[rank], " is missing");
         else if (block.size && there != block.header.address)
             dump.problems.add(dump.main_block.offset + place, "another address than that of ",
-                              EYES[rank]);
+                              kEyes[rank]);
     }
 }
 
@@ -276,20 +276,20 @@ std::vector<uint64_t> Dump::follow(const QueueView &view) {
 
 namespace {
 #define QUEUE(name, queue, link) name, offsetof(CL_MainBlock, queue), offsetof(CL_Object, link)
-constexpr QueueView VIEWS[] = {{QUEUE("priority list", priority_list, event_link)},
-                               {QUEUE("pending list", pending_list, event_link)},
-                               {QUEUE("timer list", timer_list, timer_link)},
-                               {QUEUE("child list", child_list, child_link)},
-                               {QUEUE("thread list", thread_list, thread_link)},
-                               {QUEUE("exec wait list", exec_wait_list, exec_link)},
-                               {QUEUE("free queue", free_queue, link)},
-                               {QUEUE("used queue", used_queue, link)},
+constexpr QueueView kViews[] = {{QUEUE("priority list", priority_list, event_link)},
+                                {QUEUE("pending list", pending_list, event_link)},
+                                {QUEUE("timer list", timer_list, timer_link)},
+                                {QUEUE("child list", child_list, child_link)},
+                                {QUEUE("thread list", thread_list, thread_link)},
+                                {QUEUE("exec wait list", exec_wait_list, exec_link)},
+                                {QUEUE("free queue", free_queue, link)},
+                                {QUEUE("used queue", used_queue, link)},
 #define KIND_QUEUE(number, symbol, name) \
     {QUEUE(name, kind_queues[CL_KIND_QUEUE_##symbol], kind_link), number},
-                               CL_KINDS(KIND_QUEUE)
+                                CL_KINDS(KIND_QUEUE)
 #undef KIND_QUEUE
 };
 }  // namespace
-constinit const std::span<const QueueView> QUEUES = VIEWS;
+constinit const std::span<const QueueView> kQueues = kViews;
 
 }  // namespace trace_reader

@@ -23,7 +23,7 @@ class Problems {
   public:
     template <typename... Part>
     void add(uint64_t offset, const Part &...parts) {
-        if (++total > KEPT) return;
+        if (++total > kKept) return;
         Text text;
         text << "offset " << offset << ": ";
         (text << ... << parts);
@@ -33,7 +33,7 @@ class Problems {
     void print(Text &out, std::string_view file) const;
 
   private:
-    static constexpr size_t KEPT = 20;
+    static constexpr size_t kKept = 20;
     size_t total = 0;
     std::vector<std::string> list;
 };
@@ -64,7 +64,7 @@ struct QueueView {
     size_t link;        // in each object
     uint32_t kind = 0;  // of all its objects
 };
-extern const std::span<const QueueView> QUEUES;
+extern const std::span<const QueueView> kQueues;
 
 struct Dump {
     std::string name;

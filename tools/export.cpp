@@ -39,8 +39,8 @@ uint64_t Exporter::track_of(const Record &record) {
 
 void Exporter::put_text(std::string_view key, std::string_view value) {
     out << between;
-    out.quoted(key, Escape::JSON) << ':';
-    out.quoted(value, Escape::JSON);
+    out.quoted(key, Escape::json) << ':';
+    out.quoted(value, Escape::json);
     between = ",";
 }
 
@@ -56,7 +56,7 @@ void Exporter::put_arguments(const Record &record, const Record *exit) {
         put_record(change, dump, record);
         put_text("change", change.str());
     } else if (record.operation) {
-        each_argument(dump, trace.fuller(record), Mask::NO, [&](std::string_view name, auto write) {
+        each_argument(dump, trace.fuller(record), Mask::no, [&](std::string_view name, auto write) {
             Text value;
             write(value);
             put_text(name, value.str());
@@ -90,7 +90,7 @@ void Exporter::put_event(const Record &record) {
         out << R"(,"s":"t")";
     Text name;
     put_title(name << (bad ? "! " : ""), record);
-    (out << R"(,"name":)").quoted(name.str(), Escape::JSON);
+    (out << R"(,"name":)").quoted(name.str(), Escape::json);
     out << R"(,"cat":")"
         << (bad                    ? "error"
             : record.is_callback() ? "callback"
@@ -110,7 +110,7 @@ void Exporter::put_names() {
             name << "process";
         out << ",\n";
         put_head("M", track);
-        (out << R"(,"name":"thread_name","args":{"name":)").quoted(name.str(), Escape::JSON)
+        (out << R"(,"name":"thread_name","args":{"name":)").quoted(name.str(), Escape::json)
             << "}}";
         out << ",\n";
         put_head("M", track);
@@ -121,7 +121,7 @@ void Exporter::put_names() {
 void Exporter::run() {
     out << R"({"displayTimeUnit":"ms","traceEvents":[)" << '\n';
     put_head("M", 0);
-    (out << R"(,"name":"process_name","args":{"name":)").quoted(dump.name, Escape::JSON) << "}}";
+    (out << R"(,"name":"process_name","args":{"name":)").quoted(dump.name, Escape::json) << "}}";
     for (const Record &record : trace.records)
         if (trace.is_told(record)) put_event(record);
     put_names();

@@ -12,7 +12,7 @@ int main(int argc, char **argv) {
     const char *none = std::getenv("NO_COLOR");
     Text out(stdout, isatty(STDOUT_FILENO) && !(none && *none));
     Text err(stderr);
-    int status = USAGE;
+    int status = kUsage;
     try {
         status = run(argc, argv, out, err);
     } catch (const std::exception &e) {  // out of memory
@@ -20,7 +20,7 @@ int main(int argc, char **argv) {
     }
     if (!out.flush()) {
         err << "qvcl-trace: the output could not be written\n";
-        status = USAGE;
+        status = kUsage;
     }
     err.flush();
     return status;

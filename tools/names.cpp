@@ -20,32 +20,33 @@ struct Name {
 #define NAME(prefix, word) \
     { prefix##word, #word }
 
-constexpr Name KINDS[] = {
+constexpr Name kKinds[] = {
 #define KIND_NAME(number, symbol, name) {number, name},
     CL_KINDS(KIND_NAME)
 #undef KIND_NAME
 };
-constexpr Name EVENTS[] = {
+constexpr Name kEvents[] = {
     NAME(CL_EVENT_, CONNECTION), NAME(CL_EVENT_, CONNECTED),  NAME(CL_EVENT_, MESSAGE),
     NAME(CL_EVENT_, SENT),       NAME(CL_EVENT_, DISCONNECT), NAME(CL_EVENT_, EXEC_COMPLETE),
     NAME(CL_EVENT_, CHILD_END),  NAME(CL_EVENT_, TIMER),      NAME(CL_EVENT_, END),
     NAME(CL_EVENT_, DESCRIPTOR), NAME(CL_EVENT_, FAILED),     NAME(CL_EVENT_, WAKE)};
-constexpr Name MODES[] = {NAME(CL_MODE_, SYNC), NAME(CL_MODE_, IMMEDIATE), NAME(CL_MODE_, DEFERRED),
-                          NAME(CL_TIMER_, ONESHOT), NAME(CL_TIMER_, PERIODIC)};
-constexpr Name STATES[] = {NAME(CL_STATE_, CONSTRUCTED), NAME(CL_STATE_, INITIALISED),
-                           NAME(CL_STATE_, ENDED), NAME(CL_STATE_, FAILED)};
-constexpr Name MODULES[] = {
+constexpr Name kModes[] = {NAME(CL_MODE_, SYNC), NAME(CL_MODE_, IMMEDIATE),
+                           NAME(CL_MODE_, DEFERRED), NAME(CL_TIMER_, ONESHOT),
+                           NAME(CL_TIMER_, PERIODIC)};
+constexpr Name kStates[] = {NAME(CL_STATE_, CONSTRUCTED), NAME(CL_STATE_, INITIALISED),
+                            NAME(CL_STATE_, ENDED), NAME(CL_STATE_, FAILED)};
+constexpr Name kModules[] = {
     NAME(CL_MODULE_, MAIN),   NAME(CL_MODULE_, LOOP), NAME(CL_MODULE_, FD),
     NAME(CL_MODULE_, MSGS),   NAME(CL_MODULE_, MSGC), NAME(CL_MODULE_, TIMER),
     NAME(CL_MODULE_, FILE),   NAME(CL_MODULE_, SHM),  NAME(CL_MODULE_, USERFD),
     NAME(CL_MODULE_, CHILD),  NAME(CL_MODULE_, LOG),  NAME(CL_MODULE_, THREAD),
     NAME(CL_MODULE_, STARTER)};
-constexpr Name ERRORS[] = {NAME(CL_ERR_, QUEUE), NAME(CL_ERR_, IN_PROGRESS), NAME(CL_ERR_, STATE)};
-constexpr Name STATUS_BITS[] = {NAME(CL_STATUS_, READY), NAME(CL_STATUS_, LISTED),
+constexpr Name kErrors[] = {NAME(CL_ERR_, QUEUE), NAME(CL_ERR_, IN_PROGRESS), NAME(CL_ERR_, STATE)};
+constexpr Name kStatusBits[] = {NAME(CL_STATUS_, READY), NAME(CL_STATUS_, LISTED),
                                 NAME(CL_STATUS_, RUNNING), NAME(CL_STATUS_, FAILED)};
-constexpr Name SUB_STATUS_BITS[] = {NAME(CL_SUB_, CONNECT_PENDING), NAME(CL_SUB_, RECV_PENDING),
-                                    NAME(CL_SUB_, SEND_PENDING),    NAME(CL_SUB_, PERIODIC),
-                                    NAME(CL_SUB_, EXEC_AWAITED),    NAME(CL_SUB_, EXEC_COMPLETE)};
+constexpr Name kSubStatusBits[] = {NAME(CL_SUB_, CONNECT_PENDING), NAME(CL_SUB_, RECV_PENDING),
+                                   NAME(CL_SUB_, SEND_PENDING),    NAME(CL_SUB_, PERIODIC),
+                                   NAME(CL_SUB_, EXEC_AWAITED),    NAME(CL_SUB_, EXEC_COMPLETE)};
 
 std::string_view find(std::span<const Name> names, uint64_t value) {
     const auto found = std::ranges::find(names, value, &Name::value);
@@ -91,29 +92,29 @@ void put_set(Text &out, std::string_view name, Bytes set) {
 }  // namespace
 
 std::string_view kind_name(uint64_t kind) {
-    return find(KINDS, kind);
+    return find(kKinds, kind);
 }
 void put_kind(Text &out, uint64_t kind) {
-    put_name(out, KINDS, kind);
+    put_name(out, kKinds, kind);
 }
 void put_event(Text &out, uint64_t type) {
-    put_name(out, EVENTS, type);
+    put_name(out, kEvents, type);
 }
 void put_mode(Text &out, uint64_t mode) {
-    put_name(out, MODES, mode);
+    put_name(out, kModes, mode);
 }
 void put_state(Text &out, uint64_t state) {
-    put_name(out, STATES, state);
+    put_name(out, kStates, state);
 }
 void put_status(Text &out, uint64_t bits) {
-    put_bits(out, STATUS_BITS, bits);
+    put_bits(out, kStatusBits, bits);
 }
 void put_sub_status(Text &out, uint64_t bits) {
-    put_bits(out, SUB_STATUS_BITS, bits);
+    put_bits(out, kSubStatusBits, bits);
 }
 
 void put_error_code(Text &out, uint64_t code) {
-    if (const auto name = find(ERRORS, code); !name.empty())
+    if (const auto name = find(kErrors, code); !name.empty())
         out << name;
     else if (const char *word = strerrorname_np(static_cast<int>(code)); word && code)
         out << word;
@@ -125,7 +126,7 @@ void put_error(Text &out, const CL_ErrInfo &error) {
     put_error_code(out, error.err);
     if (!error.err) return;
     out << " (";
-    put_name(out, MODULES, error.module);
+    put_name(out, kModules, error.module);
     out << ':' << error.line;
     if (error.detail != error.err) {
         out << ", detail ";
@@ -142,9 +143,9 @@ void put_version(Text &out, uint64_t version) {
 void put_sets(Text &out, Bytes sets) {
     const size_t before = out.size();
     const size_t each = sizeof(fd_set);
-    static constexpr std::string_view NAMES[] = {"read ", " write ", " except "};
+    static constexpr std::string_view kNames[] = {"read ", " write ", " except "};
     for (size_t i = 0; i < 3 && (i + 1) * each <= sets.size(); ++i)
-        put_set(out, NAMES[i].substr(i && out.size() == before), sets.subspan(i * each, each));
+        put_set(out, kNames[i].substr(i && out.size() == before), sets.subspan(i * each, each));
     if (out.size() == before) out << "none";
 }
 

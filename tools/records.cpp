@@ -9,7 +9,7 @@ namespace trace_reader {
 namespace {
 
 // A call is looked for among so many that are open, so that a hostile trace stays linear.
-constexpr size_t SEARCHED = 64;
+constexpr size_t kSearched = 64;
 
 const CL_TrcOperation *operation_of(uint8_t api) {
     static const auto table = [] {
@@ -179,10 +179,10 @@ void RingWalk::run() {
 }
 
 bool same_call(const Record &entry, const Record &exit) {
-    constexpr size_t POSITION = offsetof(CL_TrcHead, file);
+    constexpr size_t kPosition = offsetof(CL_TrcHead, file);
     return entry.operation == exit.operation &&
-           std::memcmp(&entry.bytes[POSITION], &exit.bytes[POSITION],
-                       sizeof(CL_TrcHead) - POSITION) == 0;
+           std::memcmp(&entry.bytes[kPosition], &exit.bytes[kPosition],
+                       sizeof(CL_TrcHead) - kPosition) == 0;
 }
 
 }  // namespace
@@ -230,7 +230,7 @@ void Trace::pair() {
     for (uint32_t i = 0; i < records.size(); ++i) {
         Record &record = records[i];
         if (record.is_call() && record.exit) {
-            const size_t searched = std::min(open.size(), SEARCHED);
+            const size_t searched = std::min(open.size(), kSearched);
             const auto found =
                 std::find_if(open.rbegin(), open.rbegin() + static_cast<ptrdiff_t>(searched),
                              [&](uint32_t entry) { return same_call(records[entry], record); });
@@ -240,7 +240,7 @@ void Trace::pair() {
                 open.erase(std::next(found).base(), open.end());
             }
         }
-        record.parent = open.empty() ? NONE : open.back();
+        record.parent = open.empty() ? kNone : open.back();
         record.depth = static_cast<uint32_t>(open.size());
         if (record.is_call() && !record.exit) open.push_back(i);
     }
@@ -248,8 +248,8 @@ void Trace::pair() {
     uint32_t enclosing = 0;
     for (auto record = records.rbegin(); record != records.rend(); ++record) {
         record->depth += enclosing;
-        enclosing +=
-            record->is_call() && record->exit && record->partner == NONE && record->parent == NONE;
+        enclosing += record->is_call() && record->exit && record->partner == kNone &&
+                     record->parent == kNone;
     }
 }
 

@@ -9,7 +9,7 @@
 
 namespace trace_reader {
 
-constexpr uint32_t NONE = UINT32_MAX;  // no such record
+constexpr uint32_t kNone = UINT32_MAX;  // no such record
 
 struct Record {
     Bytes bytes;
@@ -19,9 +19,9 @@ struct Record {
     int ring = CL_RING_LIBRARY;
     const CL_TrcOperation *operation = nullptr;  // null: the application's record, or unknown
     bool exit = false;
-    uint32_t partner = NONE;
-    uint32_t parent = NONE;  // the call that was running
-    uint32_t depth = 0;      // calls that were running, those with a lost entry record included
+    uint32_t partner = kNone;
+    uint32_t parent = kNone;  // the call that was running
+    uint32_t depth = 0;       // calls that were running, those with a lost entry record included
 
     uint8_t api() const { return operation ? operation->api : 0; }
     bool is_call() const { return operation && operation->api != CL_API_STATUS; }
@@ -42,7 +42,7 @@ class Trace {
     explicit Trace(Dump &dump, int ring = -1);
 
     const Record *partner(const Record &record) const {
-        return record.partner == NONE ? nullptr : &records[record.partner];
+        return record.partner == kNone ? nullptr : &records[record.partner];
     }
     // What is told of a call is told where it begins, or where it ends when only that is left. The
     // following are about such a record.

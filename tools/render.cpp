@@ -8,11 +8,11 @@ namespace trace_reader {
 namespace {
 
 // What is shown of a record of the application's: what follows the bytes that all records share.
-constexpr size_t USER_BEGIN = CL_TRC_MIN_ENTRY, USER_BYTES = 48;
+constexpr size_t kUserBegin = CL_TRC_MIN_ENTRY, kUserBytes = 48;
 
 // A slot has the same number in every run, an address has not.
 void put_address(Text &out, const Dump &dump, uint64_t address, Mask mask) {
-    if (mask == Mask::NO || !address || dump.slot_of(address))
+    if (mask == Mask::no || !address || dump.slot_of(address))
         dump.put_handle(out, address);
     else
         out << '*';
@@ -32,7 +32,7 @@ void put_message(Text &out, Bytes bytes, Mask mask) {
         return;
     }
     out << "{length=" << header.length;
-    if (mask == Mask::NO) out << ", sender=" << header.sender;
+    if (mask == Mask::no) out << ", sender=" << header.sender;
     out << ", type=" << header.type << ", ";
     out.dump(part(bytes, sizeof header)) << '}';
 }
@@ -54,7 +54,7 @@ void put_field(Text &out, const Dump &dump, Bytes bytes, const CL_TrcField &fiel
             out << static_cast<int64_t>(value);
             break;
         case CL_TRC_HEX:  // arguments of a callback may be addresses
-            put_address(out, dump, value, value > UINT32_MAX ? mask : Mask::NO);
+            put_address(out, dump, value, value > UINT32_MAX ? mask : Mask::no);
             break;
         case CL_TRC_OCTAL:
             out.octal(value);
@@ -128,7 +128,7 @@ Carried carried(const Record &record) {
         CL_TrcField data;
         CL_TrcField count;  // bytes of it that mean something; without a name: the result
         size_t skipped;
-    } DATA[] = {
+    } kData[] = {
         {CL_API_RECV_MSGC, "message", CL_TRC_FIELD(CL_TrcReceive, data, CL_TRC_BYTES), {}, 0},
         {CL_API_SEND_MSGC, "message", CL_TRC_FIELD(CL_TrcSend, data, CL_TRC_BYTES),
          CL_TRC_FIELD(CL_TrcSend, data_length, CL_TRC_UNSIGNED), offsetof(CL_MsgBlock, header)},
@@ -140,7 +140,7 @@ Carried carried(const Record &record) {
         return {type == CL_EVENT_DESCRIPTOR ? "ready" : "message",
                 part(record.bytes, sizeof(CL_TrcCallback))};
     }
-    for (const auto &[api, name, data, count, skipped] : DATA) {
+    for (const auto &[api, name, data, count, skipped] : kData) {
         if (api != record.api() || (!count.name && (!record.exit || failed(record)))) continue;
         const CL_TrcField &field = count.name ? count : record.operation->result;
         const auto room = part(record.bytes, data.offset, data.size);
@@ -188,7 +188,7 @@ void put_outcome(Text &out, const Dump &dump, const Record &exit, Mask mask) {
 void put_record(Text &out, const Dump &dump, const Record &record, Mask mask) {
     if (!record.operation) {
         out << name_of(record) << ' ' << record.length << " bytes";
-        if (mask == Mask::NO) (out << ": ").dump(part(record.bytes, USER_BEGIN, USER_BYTES));
+        if (mask == Mask::no) (out << ": ").dump(part(record.bytes, kUserBegin, kUserBytes));
     } else if (record.api() == CL_API_STATUS) {
         const auto change = load<CL_TrcStatus>(record.bytes, 0);
         put_address(out << "status ", dump, change.handle, mask);

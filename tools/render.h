@@ -6,20 +6,20 @@
 
 namespace trace_reader {
 
-enum class Mask { NO, YES };
+enum class Mask { no, yes };
 
 // One field of a record, or of any other struct whose fields are described the same way.
 void put_field(Text &out, const Dump &dump, Bytes bytes, const CL_TrcField &field,
-               Mask mask = Mask::NO);
+               Mask mask = Mask::no);
 
 std::string_view name_of(const Record &record);
 void put_title(Text &out, const Record &record);                 // with a callback's event
 void put_object(Text &out, const Dump &dump, uint64_t address);  // #4 TIMER
 void put_position(Text &out, const Record &record);              // server.c:42
 // CL_Name_M(argument=value, ...), a change of status, or the beginning of an application's record.
-void put_record(Text &out, const Dump &dump, const Record &record, Mask mask = Mask::NO);
+void put_record(Text &out, const Dump &dump, const Record &record, Mask mask = Mask::no);
 // The result of a call, and the error record in words.
-void put_outcome(Text &out, const Dump &dump, const Record &exit, Mask mask = Mask::NO);
+void put_outcome(Text &out, const Dump &dump, const Record &exit, Mask mask = Mask::no);
 
 // Calls visit(name, write) for each argument that says something, write(text) to append its value.
 template <typename Visit>

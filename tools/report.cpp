@@ -10,9 +10,9 @@ namespace trace_reader {
 
 namespace {
 
-constexpr size_t SLOWEST = 10;
-constexpr size_t NAME_WIDTH = 28;
-constexpr size_t NUMBER_WIDTH = 10;
+constexpr size_t kSlowest = 10;
+constexpr size_t kNameWidth = 28;
+constexpr size_t kNumberWidth = 10;
 
 struct Row {
     uint64_t count = 0;
@@ -35,22 +35,22 @@ void put_rows(Text &out, std::string_view title, Rows &rows) {
     std::ranges::stable_sort(order, std::greater(),
                              [](const auto &row) { return row->second.count; });
     const size_t begin = out.size();
-    (out << '\n' << title).column(begin, NAME_WIDTH + 1);
+    (out << '\n' << title).column(begin, kNameWidth + 1);
     for (const std::string_view head : {"count", "failed", "p50", "p99", "max"})
-        out.right(head, NUMBER_WIDTH);
+        out.right(head, kNumberWidth);
     out << '\n';
     for (const auto &row : order) {
         auto &[name, figures] = *row;
         std::ranges::sort(figures.durations);
         out << name;
-        out.column(out.size() - name.size(), NAME_WIDTH);
-        out.right((Text() << figures.count).str(), NUMBER_WIDTH);
-        out.right((Text() << figures.failures).str(), NUMBER_WIDTH);
+        out.column(out.size() - name.size(), kNameWidth);
+        out.right((Text() << figures.count).str(), kNumberWidth);
+        out.right((Text() << figures.failures).str(), kNumberWidth);
         const size_t n = figures.durations.size();
         for (const size_t percent : {size_t{50}, size_t{99}, size_t{100}})  // nearest rank
             out.right(
                 n ? Text().duration(figures.durations[(n * percent + 99) / 100 - 1]).str() : "-",
-                NUMBER_WIDTH);
+                kNumberWidth);
         out << '\n';
     }
 }
@@ -61,12 +61,12 @@ void put_slowest(Text &out, const Dump &dump, const Trace &trace) {
         if (const auto duration = trace.duration(record);
             record.is_callback() && !record.exit && duration)
             slow.emplace_back(*duration, &record);
-    const size_t shown = std::min(slow.size(), SLOWEST);
+    const size_t shown = std::min(slow.size(), kSlowest);
     std::ranges::partial_sort(slow, slow.begin() + static_cast<ptrdiff_t>(shown), std::greater(),
                               &std::pair<int64_t, const Record *>::first);
     out << "\nslowest callbacks\n";
     for (const auto &[duration, record] : std::span(slow).first(shown)) {
-        out.right(Text().duration(duration).str(), NUMBER_WIDTH) << "  ";
+        out.right(Text().duration(duration).str(), kNumberWidth) << "  ";
         out.clock(record->time) << "  ";
         put_title(out, *record);
         put_object(out << ' ', dump, trace.object_of(*record));
@@ -83,7 +83,7 @@ void put_longest_gap(Text &out, const Trace &trace) {
     for (const Record &record : trace.records) {
         if (!record.is_call()) continue;
         const bool is_loop = record.api() == CL_API_LOOP;
-        const bool is_outermost = record.parent == NONE;
+        const bool is_outermost = record.parent == kNone;
         if (is_loop || (record.is_callback() &&
                         (is_outermost || trace.records[record.parent].api() == CL_API_LOOP))) {
             const bool ends_gap = is_loop == record.exit;

@@ -10,9 +10,9 @@ namespace trace_reader {
 
 namespace {
 
-constexpr size_t DURATION_WIDTH = 8;
-constexpr size_t DEEPEST = 48;           // columns of indentation
-constexpr uint64_t QUARTER = 900000000;  // time zones change the date at some quarter of an hour
+constexpr size_t kDurationWidth = 8;
+constexpr size_t kDeepest = 48;           // columns of indentation
+constexpr uint64_t kQuarter = 900000000;  // time zones change the date at some quarter of an hour
 
 class Filter {
   public:
@@ -57,8 +57,8 @@ class Lines {
 };
 
 void Lines::put_day(uint64_t time) {
-    if (time / QUARTER == quarter) return;
-    quarter = time / QUARTER;
+    if (time / kQuarter == quarter) return;
+    quarter = time / kQuarter;
     Text text;
     if (text.day(time).str() == day) return;
     day = text.str();
@@ -69,12 +69,12 @@ void Lines::put(const Record &record) {
     const Record *exit = trace.exit_of(record);
     const bool bad = trace.is_bad(record);
     put_day(record.time);
-    out.colour(Colour::DIM).clock(record.time).colour(Colour::NONE);
+    out.colour(Colour::dim).clock(record.time).colour(Colour::none);
     const auto duration = trace.duration(record);
     out << ' ';
-    out.right(duration ? Text().duration(*duration).str() : "", DURATION_WIDTH);
-    out.colour(bad ? Colour::RED : Colour::NONE) << (bad ? " ! " : "   ");
-    out.fill(std::min(size_t{2} * record.depth, DEEPEST));
+    out.right(duration ? Text().duration(*duration).str() : "", kDurationWidth);
+    out.colour(bad ? Colour::red : Colour::none) << (bad ? " ! " : "   ");
+    out.fill(std::min(size_t{2} * record.depth, kDeepest));
     put_record(out, dump, trace.fuller(record));
     if (record.is_call()) {
         out << " = ";
@@ -84,12 +84,12 @@ void Lines::put(const Record &record) {
             out << "? (not finished)";
         if (record.exit) out << " (began before the trace)";
     }
-    out.colour(Colour::NONE);
+    out.colour(Colour::none);
     if (record.operation) {
-        out.colour(Colour::DIM) << "  ";
+        out.colour(Colour::dim) << "  ";
         put_position(out, record);
         if (load<uint8_t>(record.bytes, offsetof(CL_TrcHead, caller)) == 1) out << " (library)";
-        out.colour(Colour::NONE);
+        out.colour(Colour::none);
     }
     out << '\n';
     out.spill();

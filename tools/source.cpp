@@ -12,7 +12,7 @@
 namespace trace_reader {
 
 namespace {
-constexpr size_t PIPE_LIMIT = size_t{1} << 30;
+constexpr size_t kPipeLimit = size_t{1} << 30;
 }
 
 Source::Source(const char *path) {
@@ -34,7 +34,7 @@ void Source::slurp() {
     uint8_t piece[65536];
     ssize_t got;
     while ((got = ::read(fd, piece, sizeof piece)) > 0) {
-        if (held.size() + static_cast<size_t>(got) > PIPE_LIMIT) {
+        if (held.size() + static_cast<size_t>(got) > kPipeLimit) {
             failure = "more than a gibibyte through a pipe";
             return;
         }

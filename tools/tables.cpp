@@ -9,13 +9,13 @@ namespace trace_reader {
 
 namespace {
 
-constexpr size_t LABEL_WIDTH = 20;
-constexpr size_t SLOTS_A_LINE = 12;
+constexpr size_t kLabelWidth = 20;
+constexpr size_t kSlotsALine = 12;
 
 #define FIELD(type, member) CL_TRC_FIELD(CL_MainBlock, member, CL_TRC_##type)
 #define OBJECT(member) \
     { #member, CL_TRC_HANDLE, offsetof(CL_MainBlock, member), sizeof(uint64_t) }
-constexpr CL_TrcField MAIN_FIELDS[] = {FIELD(UNSIGNED, pid),
+constexpr CL_TrcField kMainFields[] = {FIELD(UNSIGNED, pid),
                                        FIELD(UNSIGNED, capacity),
                                        FIELD(UNSIGNED, requested),
                                        OBJECT(execs),
@@ -51,7 +51,7 @@ constexpr CL_TrcField MAIN_FIELDS[] = {FIELD(UNSIGNED, pid),
 
 Text &label(Text &out, std::string_view text) {
     out << "  " << text;
-    return out.column(out.size() - text.size(), LABEL_WIDTH);
+    return out.column(out.size() - text.size(), kLabelWidth);
 }
 
 void put_block(Text &out, const Dump &dump, const Block &block) {
@@ -94,7 +94,7 @@ void put_main(Text &out, const Dump &dump) {
     label(out << '\n', "state");
     put_state(out, dump.main.state);
     out << '\n';
-    for (const CL_TrcField &field : MAIN_FIELDS) {
+    for (const CL_TrcField &field : kMainFields) {
         label(out, field.name);
         put_field(out, dump, bytes_of(dump.main), field);
         out << '\n';
@@ -104,7 +104,7 @@ void put_main(Text &out, const Dump &dump) {
 void put_chain(Text &out, std::string_view name, const std::vector<uint64_t> &slots, bool brief) {
     label(out, name) << slots.size();
     for (size_t i = 0; i < slots.size() && !brief; ++i) {
-        if (i && i % SLOTS_A_LINE == 0) (out << "\n  ").fill(LABEL_WIDTH + 1);
+        if (i && i % kSlotsALine == 0) (out << "\n  ").fill(kLabelWidth + 1);
         out << " #" << slots[i];
     }
     out << '\n';
@@ -180,7 +180,7 @@ void put_open_file(Text &out, const CL_Object &object) {
 constexpr struct {
     uint32_t kind;
     void (*put)(Text &out, const CL_Object &object);
-} WAITS[] = {
+} kWaits[] = {
     {CL_KIND_MSGS, put_server},    {CL_KIND_EXECS, put_server},     {CL_KIND_MSGC, put_connection},
     {CL_KIND_END, put_connection}, {CL_KIND_EXECC, put_connection}, {CL_KIND_CHILD, put_child},
     {CL_KIND_FD, put_user},        {CL_KIND_THREAD, put_thread},    {CL_KIND_TIMER, put_timer},
@@ -191,7 +191,7 @@ void put_live(Text &out, const CL_Object &object) {
     put_status(out << "  ", object.status);
     if (object.sub_status) put_sub_status(out << ", ", object.sub_status);
     out << "  priority " << object.priority << "  descriptor " << object.descriptor << '\n';
-    for (const auto &[kind, put] : WAITS) {
+    for (const auto &[kind, put] : kWaits) {
         if (kind != object.kind) continue;
         put(out << "    ", object);
         out << '\n';
@@ -231,7 +231,7 @@ bool tables(Dumps dumps, const Options &options, Text &out) {
     if (!dump.main_block.size) return true;
     put_main(out, dump);
     out << "\nlists and queues\n";
-    for (const QueueView &view : QUEUES) {
+    for (const QueueView &view : kQueues) {
         const bool is_free_queue = view.place == offsetof(CL_MainBlock, free_queue);
         put_chain(out, view.name, dump.follow(view), is_free_queue && !options.all);
     }

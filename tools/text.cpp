@@ -6,8 +6,8 @@
 namespace trace_reader {
 
 namespace {
-constexpr size_t PIECE = 65536;
-constexpr uint64_t SECOND = 1000000;
+constexpr size_t kPiece = 65536;
+constexpr uint64_t kSecond = 1000000;
 
 bool printable(uint8_t c) {
     return c >= 0x20 && c < 0x7f;
@@ -23,7 +23,7 @@ Text &Text::octal(uint64_t value) {
 }
 
 Text &Text::quoted(std::string_view bytes, Escape escape) {
-    static constexpr char DIGITS[] = "0123456789abcdef";
+    static constexpr char kDigits[] = "0123456789abcdef";
     buffer.push_back('"');
     for (const char c : bytes) {
         const auto byte = static_cast<uint8_t>(c);
@@ -31,9 +31,9 @@ Text &Text::quoted(std::string_view bytes, Escape escape) {
             if (c == '"' || c == '\\') buffer.push_back('\\');
             buffer.push_back(c);
         } else {
-            buffer.append(escape == Escape::C ? "\\x" : "\\u00");
-            buffer.push_back(DIGITS[byte >> 4]);
-            buffer.push_back(DIGITS[byte & 15]);
+            buffer.append(escape == Escape::c ? "\\x" : "\\u00");
+            buffer.push_back(kDigits[byte >> 4]);
+            buffer.push_back(kDigits[byte & 15]);
         }
     }
     buffer.push_back('"');
@@ -47,11 +47,11 @@ Text &Text::plain(std::string_view bytes) {
 }
 
 Text &Text::dump(Bytes bytes) {
-    static constexpr char DIGITS[] = "0123456789abcdef";
+    static constexpr char kDigits[] = "0123456789abcdef";
     for (size_t i = 0; i < bytes.size(); ++i) {
         if (i && i % 4 == 0) buffer.push_back(' ');
-        buffer.push_back(DIGITS[bytes[i] >> 4]);
-        buffer.push_back(DIGITS[bytes[i] & 15]);
+        buffer.push_back(kDigits[bytes[i] >> 4]);
+        buffer.push_back(kDigits[bytes[i] & 15]);
     }
     buffer.append(" |");
     for (const uint8_t byte : bytes)
@@ -75,11 +75,11 @@ Text &Text::duration(int64_t usec) {
         size_t decimals;
         std::string_view name;
     };
-    static constexpr std::array<Unit, 3> UNITS{
-        {{SECOND, SECOND, 3, "s"}, {1000, 1000, 3, "ms"}, {0, 1, 0, "us"}}};
+    static constexpr std::array<Unit, 3> kUnits{
+        {{kSecond, kSecond, 3, "s"}, {1000, 1000, 3, "ms"}, {0, 1, 0, "us"}}};
     if (usec < 0) buffer.push_back('-');  // the clock was set back
     const uint64_t value = usec < 0 ? 0 - static_cast<uint64_t>(usec) : static_cast<uint64_t>(usec);
-    for (const Unit &unit : UNITS) {
+    for (const Unit &unit : kUnits) {
         if (value < unit.from) continue;
         *this << value / unit.size;
         if (unit.decimals) (*this << '.').padded(value % unit.size / (unit.size / 1000), 3);
@@ -89,7 +89,7 @@ Text &Text::duration(int64_t usec) {
 }
 
 bool Text::local(uint64_t usec) {
-    const uint64_t second = usec / SECOND;
+    const uint64_t second = usec / kSecond;
     if (second == known_second) return true;
     const auto time = static_cast<std::time_t>(second);
     if (!localtime_r(&time, &known) || known.tm_year < -1900) return false;
@@ -98,7 +98,7 @@ bool Text::local(uint64_t usec) {
 }
 
 Text &Text::day(uint64_t usec) {
-    if (!local(usec)) return *this << "second " << usec / SECOND;
+    if (!local(usec)) return *this << "second " << usec / kSecond;
     padded(static_cast<uint64_t>(known.tm_year) + 1900, 4) << '-';
     padded(static_cast<uint64_t>(known.tm_mon) + 1, 2) << '-';
     return padded(static_cast<uint64_t>(known.tm_mday), 2);
@@ -106,18 +106,18 @@ Text &Text::day(uint64_t usec) {
 
 Text &Text::clock(uint64_t usec) {
     if (!local(usec)) {
-        *this << '@' << usec / SECOND;
+        *this << '@' << usec / kSecond;
     } else {
         padded(static_cast<uint64_t>(known.tm_hour), 2) << ':';
         padded(static_cast<uint64_t>(known.tm_min), 2) << ':';
         padded(static_cast<uint64_t>(known.tm_sec), 2);
     }
-    return (*this << '.').padded(usec % SECOND, 6);
+    return (*this << '.').padded(usec % kSecond, 6);
 }
 
 Text &Text::colour(Colour colour) {
-    static constexpr std::string_view CODES[] = {"\33[0m", "\33[2m", "\33[31m"};
-    return colours ? *this << CODES[static_cast<size_t>(colour)] : *this;
+    static constexpr std::string_view kCodes[] = {"\33[0m", "\33[2m", "\33[31m"};
+    return colours ? *this << kCodes[static_cast<size_t>(colour)] : *this;
 }
 
 Text &Text::fill(size_t count, char c) {
@@ -135,7 +135,7 @@ Text &Text::right(std::string_view text, size_t width) {
 }
 
 void Text::spill() {
-    if (stream && buffer.size() >= PIECE) flush();
+    if (stream && buffer.size() >= kPiece) flush();
 }
 
 bool Text::flush() {

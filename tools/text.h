@@ -23,8 +23,8 @@ inline Bytes part(Bytes bytes, size_t begin, size_t count = SIZE_MAX) {
     return bytes.subspan(begin, std::min(count, bytes.size() - begin));
 }
 
-enum class Escape { C, JSON };
-enum class Colour { NONE, DIM, RED };
+enum class Escape { c, json };
+enum class Colour { none, dim, red };
 
 class Text {
   public:
@@ -46,7 +46,7 @@ class Text {
     }
     Text &hex(uint64_t value);
     Text &octal(uint64_t value);
-    Text &quoted(std::string_view bytes, Escape escape = Escape::C);
+    Text &quoted(std::string_view bytes, Escape escape = Escape::c);
     Text &plain(std::string_view bytes);  // unquoted, what does not print as '?'
     Text &dump(Bytes bytes);              // hexadecimal in groups of four, then as characters
     Text &duration(int64_t usec);         // 3us, 1.204ms, 2.500s

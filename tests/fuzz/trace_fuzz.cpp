@@ -8,7 +8,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const std::string names[] = {"a", "b"};
     Options options;
     options.all = true;
-    for (const Command &command : COMMANDS) {
+    for (const Command &command : kCommands) {
         Text out, err;
         run_command(command, options, std::span(names).first(command.files),
                     std::span(sources).first(command.files), out, err);
