@@ -21,7 +21,7 @@ namespace trace_reader {
 // What is wrong with a file; of a long list the beginning is kept.
 class Problems {
   public:
-    template <typename... Part>
+    template <class... Part>
     void add(uint64_t offset, const Part &...parts) {
         if (++total > kKept) return;
         Text text;
@@ -100,13 +100,13 @@ inline uint64_t address(const volatile void *pointer) {
     return reinterpret_cast<uint64_t>(pointer);
 }
 
-template <typename T>
+template <class T>
 Bytes bytes_of(const T &object) {
     return {reinterpret_cast<const uint8_t *>(&object), sizeof object};
 }
 
 // A value out of bytes that may end before it does; zero where they do.
-template <typename T>
+template <class T>
 T load(Bytes bytes, uint64_t offset) {
     T value{};
     if (offset < bytes.size())

@@ -22,7 +22,7 @@ void put_record(Text &out, const Dump &dump, const Record &record, Mask mask = M
 void put_outcome(Text &out, const Dump &dump, const Record &exit, Mask mask = Mask::no);
 
 // Calls visit(name, write) for each argument that says something, write(text) to append its value.
-template <typename Visit>
+template <class Visit>
 void each_argument(const Dump &dump, const Record &record, Mask mask, Visit visit);
 
 // What a record carries besides arguments: the beginning of a message, or ready descriptors.
@@ -34,7 +34,7 @@ Carried carried(const Record &record);
 void put_carried(Text &out, const Carried &carried, Mask mask);
 bool worth_showing(const Record &record, const CL_TrcField &field);
 
-template <typename Visit>
+template <class Visit>
 void each_argument(const Dump &dump, const Record &record, Mask mask, Visit visit) {
     for (const CL_TrcField &field : fields(*record.operation))
         if (worth_showing(record, field))

@@ -21,7 +21,7 @@ struct Row {
 };
 using Rows = std::map<std::string, Row>;
 
-template <typename Put>
+template <class Put>
 std::string text_of(Put put) {
     Text text;
     put(text);
