@@ -142,7 +142,7 @@ void serve(const std::string &path, const std::function<void()> &ready) {
                  "the server");
     ready();
     CL_EventLoop(&err);
-    std::fprintf(stderr, "the loop ended: err %u, module %u\n", err.err, err.module);
+    fprintf(stderr, "the loop ended: err %u, module %u\n", err.err, err.module);
 }
 
 constexpr Transport kLibrary = {"qvcl", serve, connect_clients};
@@ -215,12 +215,12 @@ void tell_calls_and_memory(const Transport &transport) {
         struct mallinfo2 before = {};
         on_echo = [&](size_t count) {
             if (count == kClients) {
-                std::printf("%s: %.1f bytes allocated for a connection\n", transport.name,
-                            static_cast<double>(mallinfo2().uordblks - before.uordblks) / kClients);
+                printf("%s: %.1f bytes allocated for a connection\n", transport.name,
+                       static_cast<double>(mallinfo2().uordblks - before.uordblks) / kClients);
                 bench::mark();
             } else if (count == 2 * kClients) {
                 bench::mark();
-                std::fflush(stdout);
+                fflush(stdout);
                 _exit(0);
             }
         };
@@ -234,14 +234,14 @@ void tell_calls_and_memory(const Transport &transport) {
         });
     });
     unlink(path.c_str());
-    std::printf("%s: %s for a message\n", transport.name, calls.per(kClients).c_str());
+    printf("%s: %s for a message\n", transport.name, calls.per(kClients).c_str());
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
-    std::printf("%zu clients; a descriptor object is %zu bytes of the table\n", kClients,
-                sizeof(CL_Object));
+    printf("%zu clients; a descriptor object is %zu bytes of the table\n", kClients,
+           sizeof(CL_Object));
     tell_calls_and_memory(kLibrary);
     tell_calls_and_memory(kBare);
     static const bench::Placement placement = {"two processors", bench::processor(0),

@@ -110,7 +110,7 @@ constexpr Transport kBare = {
 
 void fine(bool result, const char *what, const CL_ErrInfo &err) {
     if (result) return;
-    std::fprintf(stderr, "%s: err %u, module %u\n", what, err.err, err.module);
+    fprintf(stderr, "%s: err %u, module %u\n", what, err.err, err.module);
     _exit(1);
 }
 
@@ -281,17 +281,17 @@ Comparison stream(uint32_t payload, const Placement &placement) {
 }
 
 void tell_allocations(const Placement &placement) {
-    std::printf("allocations of both processes in a round trip of 64 bytes:");
+    printf("allocations of both processes in a round trip of 64 bytes:");
     for (const Transport *transport : kTransports) {
         bench::Link link(*transport, placement);
         constexpr uint64_t kTrips = 1000;
         link.run({Order::ping_pong, 64, kTrips});
         const uint64_t before = link.allocated();
         link.run({Order::ping_pong, 64, kTrips});
-        std::printf("  %s %.2f", transport->name,
-                    static_cast<double>(link.allocated() - before) / kTrips);
+        printf("  %s %.2f", transport->name,
+               static_cast<double>(link.allocated() - before) / kTrips);
     }
-    std::printf("\n");
+    printf("\n");
 }
 
 }  // namespace

@@ -131,7 +131,7 @@ class Link {
   private:
     template <class Work>
     pid_t start(int cpu, Work work) {
-        std::fflush(stdout);
+        fflush(stdout);
         const pid_t process = fork();
         check(process >= 0, "fork");
         if (process != 0) return process;

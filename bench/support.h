@@ -32,8 +32,8 @@ inline double since(Clock::time_point start) {
 }
 
 [[noreturn]] inline void give_up(const std::string &what) {
-    std::perror(what.c_str());
-    std::_Exit(1);
+    perror(what.c_str());
+    _Exit(1);
 }
 
 inline void check(bool fine, const char *what) {
@@ -120,7 +120,7 @@ inline double quantile(Times values, double q) {
 
 inline std::string number(double value) {
     char out[64];
-    std::snprintf(out, sizeof out, "%.2f", value);
+    snprintf(out, sizeof out, "%.2f", value);
     return out;
 }
 
@@ -238,14 +238,14 @@ inline std::string call_name(unsigned long long number) {
 
 // Runs `work` in a forked, traced process and counts what it calls between its first two mark()s.
 inline Calls count_calls(const std::function<void()> &work) {
-    std::fflush(stdout);
+    fflush(stdout);
     const pid_t child = fork();
     check(child >= 0, "fork");
     if (child == 0) {
         ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
         raise(SIGSTOP);
         work();
-        std::fflush(stdout);
+        fflush(stdout);
         _exit(0);
     }
     Calls calls;
@@ -286,15 +286,14 @@ class Reporter : public benchmark::BenchmarkReporter {
     bool ReportContext(const Context & /*context*/) override {
         double load = 0;
         getloadavg(&load, 1);
-        std::printf("load average at the start: %.2f\n", load);
+        printf("load average at the start: %.2f\n", load);
         return true;
     }
     void ReportRuns(const std::vector<Run> &runs) override {
         for (const Run &run : runs) {
-            std::printf("%s\n    %s\n", run.run_name.function_name.c_str(),
-                        run.report_label.c_str());
+            printf("%s\n    %s\n", run.run_name.function_name.c_str(), run.report_label.c_str());
         }
-        std::fflush(stdout);
+        fflush(stdout);
     }
 };
 

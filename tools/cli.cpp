@@ -60,7 +60,7 @@ bool set_handle(Options &options, const char *text) {
 
 bool set_slower(Options &options, const char *text) {
     char *unit = nullptr;
-    const double value = std::strtod(text, &unit);
+    const double value = strtod(text, &unit);
     static constexpr std::pair<std::string_view, double> kUnits[] = {
         {"us", 1}, {"ms", 1e3}, {"s", 1e6}, {"", 1}};
     for (const auto &[name, factor] : kUnits)

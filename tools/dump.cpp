@@ -19,7 +19,7 @@ constexpr uint64_t kLargestRing = 1 << 28;
 
 // Rank of the block whose eye-catcher is at `bytes`, not below `from`; RANKS for none.
 size_t rank_of(const uint8_t *bytes, size_t from) {
-    while (from < kRanks && std::memcmp(bytes, kEyes[from], kEyeSize) != 0)
+    while (from < kRanks && memcmp(bytes, kEyes[from], kEyeSize) != 0)
         ++from;
     return from;
 }

@@ -110,7 +110,7 @@ template <class T>
 T load(Bytes bytes, uint64_t offset) {
     T value{};
     if (offset < bytes.size())
-        std::memcpy(&value, bytes.data() + offset, std::min(sizeof value, bytes.size() - offset));
+        memcpy(&value, bytes.data() + offset, std::min(sizeof value, bytes.size() - offset));
     return value;
 }
 

@@ -9,7 +9,7 @@
 using namespace trace_reader;
 
 int main(int argc, char **argv) {
-    const char *none = std::getenv("NO_COLOR");
+    const char *none = getenv("NO_COLOR");
     Text out(stdout, isatty(STDOUT_FILENO) && !(none && *none));
     Text err(stderr);
     int status = kUsage;

@@ -101,7 +101,7 @@ const uint8_t *RingWalk::entry(uint64_t k) const {
 
 CL_TraceEntry RingWalk::head_of(uint64_t k) const {
     CL_TraceEntry head{};
-    if (const uint8_t *place = entry(k)) std::memcpy(&head, place, sizeof head);
+    if (const uint8_t *place = entry(k)) memcpy(&head, place, sizeof head);
     return head;
 }
 
@@ -126,7 +126,7 @@ void RingWalk::take(uint64_t k, uint64_t count) {
     if (count > 1) {
         auto &whole = joined.emplace_back(std::make_unique_for_overwrite<uint8_t[]>(count * data));
         for (uint64_t i = 0; i < count; ++i)
-            std::memcpy(&whole[i * data], entry(k + i) + sizeof(CL_TraceEntry), data);
+            memcpy(&whole[i * data], entry(k + i) + sizeof(CL_TraceEntry), data);
         record.bytes = {whole.get(), count * data};
     }
     const auto head = load<CL_TrcHead>(record.bytes, 0);
@@ -181,8 +181,8 @@ void RingWalk::run() {
 bool same_call(const Record &entry, const Record &exit) {
     constexpr size_t kPosition = offsetof(CL_TrcHead, file);
     return entry.operation == exit.operation &&
-           std::memcmp(&entry.bytes[kPosition], &exit.bytes[kPosition],
-                       sizeof(CL_TrcHead) - kPosition) == 0;
+           memcmp(&entry.bytes[kPosition], &exit.bytes[kPosition],
+                  sizeof(CL_TrcHead) - kPosition) == 0;
 }
 
 }  // namespace

@@ -99,8 +99,8 @@ void Lines::put(const Record &record) {
 
 std::optional<uint64_t> parse_time(const std::string &text, uint64_t day) {
     for (const char *format : {"%Y-%m-%d %H:%M:%S", "%Y-%m-%d %H:%M", "%H:%M:%S", "%H:%M"}) {
-        std::tm time{};
-        const auto second = static_cast<std::time_t>(day / 1000000);
+        tm time{};
+        const auto second = static_cast<time_t>(day / 1000000);
         localtime_r(&second, &time);
         time.tm_sec = 0;
         const char *rest = strptime(text.c_str(), format, &time);
@@ -111,7 +111,7 @@ std::optional<uint64_t> parse_time(const std::string &text, uint64_t day) {
                 usec += unit * static_cast<uint64_t>(*rest - '0');
         if (*rest) continue;
         time.tm_isdst = -1;
-        return static_cast<uint64_t>(std::mktime(&time)) * 1000000 + usec;
+        return static_cast<uint64_t>(mktime(&time)) * 1000000 + usec;
     }
     return {};
 }

@@ -16,10 +16,10 @@ constexpr size_t kPipeLimit = size_t{1} << 30;
 }
 
 Source::Source(const char *path) {
-    fd = std::strcmp(path, "-") == 0 ? dup(STDIN_FILENO) : open(path, O_RDONLY | O_CLOEXEC);
+    fd = strcmp(path, "-") == 0 ? dup(STDIN_FILENO) : open(path, O_RDONLY | O_CLOEXEC);
     struct stat status;
     if (fd < 0 || fstat(fd, &status) != 0)
-        failure = std::strerror(errno);
+        failure = strerror(errno);
     else if (S_ISREG(status.st_mode))
         total = static_cast<uint64_t>(status.st_size);
     else
@@ -40,7 +40,7 @@ void Source::slurp() {
         }
         held.insert(held.end(), piece, piece + got);
     }
-    if (got < 0) failure = std::strerror(errno);
+    if (got < 0) failure = strerror(errno);
     memory = held;
     total = held.size();
     close(fd);
@@ -51,7 +51,7 @@ uint64_t Source::read(uint64_t offset, void *to, uint64_t length) const {
     if (offset >= total || !length) return 0;
     length = std::min(length, total - offset);
     if (fd < 0) {
-        std::memcpy(to, memory.data() + offset, length);
+        memcpy(to, memory.data() + offset, length);
         return length;
     }
     uint64_t done = 0;

@@ -91,7 +91,7 @@ Text &Text::duration(int64_t usec) {
 bool Text::local(uint64_t usec) {
     const uint64_t second = usec / kSecond;
     if (second == known_second) return true;
-    const auto time = static_cast<std::time_t>(second);
+    const auto time = static_cast<time_t>(second);
     if (!localtime_r(&time, &known) || known.tm_year < -1900) return false;
     known_second = second;
     return true;
@@ -140,9 +140,9 @@ void Text::spill() {
 
 bool Text::flush() {
     if (!stream) return true;
-    failed |= std::fwrite(buffer.data(), 1, buffer.size(), stream) != buffer.size();
+    failed |= fwrite(buffer.data(), 1, buffer.size(), stream) != buffer.size();
     buffer.clear();
-    failed |= std::fflush(stream) != 0;
+    failed |= fflush(stream) != 0;
     return !failed;
 }
 

@@ -29,8 +29,7 @@ enum class Colour { none, dim, red };
 class Text {
   public:
     // Without a stream everything stays in the buffer.
-    explicit Text(std::FILE *sink = nullptr, bool coloured = false)
-        : stream(sink), colours(coloured) {}
+    explicit Text(FILE *sink = nullptr, bool coloured = false) : stream(sink), colours(coloured) {}
 
     Text &operator<<(std::string_view text) {
         buffer.append(text);
@@ -73,12 +72,12 @@ class Text {
     Text &padded(uint64_t value, size_t width);
     bool local(uint64_t usec);
 
-    std::FILE *stream;
+    FILE *stream;
     bool colours;
     bool failed = false;
     std::string buffer;
     uint64_t known_second = UINT64_MAX;  // the one that `known` breaks down
-    std::tm known{};
+    tm known{};
 };
 
 }  // namespace trace_reader
