@@ -115,8 +115,8 @@ void put_help(Text &out) {
         for (const Option &option : kOptions) {
             if (option.command != command.name) continue;
             const size_t begin = out.size();
-            out << "    --" << option.name << (option.value ? "=" : "")
-                << (option.value ? option.value : "");
+            out << "    --" << option.name << (option.value != nullptr ? "=" : "")
+                << (option.value != nullptr ? option.value : "");
             out.column(begin, 26) << option.help << '\n';
         }
     }
@@ -138,7 +138,8 @@ struct Line {
 Status parse(int argc, char **argv, Line &line, Text &err) {
     std::array<option, std::size(kOptions) + 3> longs{};
     for (size_t i = 0; i < std::size(kOptions); ++i)
-        longs[i] = {kOptions[i].name, kOptions[i].value ? 1 : 0, nullptr, static_cast<int>(i)};
+        longs[i] = {kOptions[i].name, kOptions[i].value != nullptr ? 1 : 0, nullptr,
+                    static_cast<int>(i)};
     longs[kHelp] = {"help", 0, nullptr, kHelp};
     longs[kVersion] = {"version", 0, nullptr, kVersion};
     optind = 0;  // starts over
@@ -175,7 +176,7 @@ Status run_command(const Command &command, const Options &options,
     bool fine = command.run(dumps, options, out);
     for (const Dump &dump : dumps) {
         dump.problems.print(err, dump.name);
-        fine = fine && !dump.problems.count();
+        fine = fine && dump.problems.count() == 0;
     }
     return fine ? kFine : kDamaged;
 }

@@ -16,7 +16,7 @@ std::string line_of(const Dump &dump, const Record &record) {
     if (record.is_call()) line << (record.exit ? "<- " : "-> ");
     put_record(line, dump, record, Mask::yes);
     if (record.is_call() && record.exit) put_outcome(line << " = ", dump, record, Mask::yes);
-    if (record.operation) put_position(line << "  ", record);
+    if (record.operation != nullptr) put_position(line << "  ", record);
     return line.str();
 }
 

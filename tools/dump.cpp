@@ -97,8 +97,9 @@ Block &Loader::block(size_t rank) {
 uint64_t Loader::content_size(const Block &block, size_t rank) const {
     if (rank == kMain) return sizeof(CL_MainBlock);
     if (rank == kTable)
-        return dump.main_block.size ? sizeof(CL_TableHeader) + dump.capacity * sizeof(CL_Object)
-                                    : std::max(block.header.size, sizeof(CL_TableHeader));
+        return dump.main_block.size != 0
+                   ? sizeof(CL_TableHeader) + dump.capacity * sizeof(CL_Object)
+                   : std::max(block.header.size, sizeof(CL_TableHeader));
     CL_TraceRing ring{};
     source.read(block.offset, &ring, sizeof ring);
     return sizeof ring + ring.entry_count * (uint64_t{ring.entry_size} + sizeof(CL_TraceEntry));
@@ -143,21 +144,21 @@ void Loader::blocks() {
             rank = found + 1;
             continue;
         }
-        if (dump.main_block.size && !dump.main.descriptor_table) break;
+        if (dump.main_block.size != 0 && dump.main.descriptor_table == nullptr) break;
         const uint64_t next = find(at, rank);
         if (next == dump.size) break;
         dump.problems.add(at, next - at, " bytes that are no block");
         at = next;
     }
     dump.application_offset = at;
-    if (!dump.main_block.size) dump.problems.add(dump.size, "there is no main table");
+    if (dump.main_block.size == 0) dump.problems.add(dump.size, "there is no main table");
 }
 
 void Loader::ring(Ring &ring) {
     const Block &block = ring.block;
     if (block.size < sizeof ring.head) return;
     source.read(block.offset, &ring.head, sizeof ring.head);
-    if (ring.head.entry_size < CL_TRC_MIN_ENTRY || !ring.head.entry_count) {
+    if (ring.head.entry_size < CL_TRC_MIN_ENTRY || ring.head.entry_count == 0) {
         dump.problems.add(block.offset + offsetof(CL_TraceRing, entry_size), "a ring of ",
                           ring.head.entry_count, " entries of ", ring.head.entry_size, " bytes");
         return;
@@ -171,11 +172,11 @@ void Loader::ring(Ring &ring) {
 
 void Loader::table(bool with_objects) {
     dump.table_address =
-        dump.main_block.size ? address(dump.main.descriptor_table) : dump.table.header.address;
+        dump.main_block.size != 0 ? address(dump.main.descriptor_table) : dump.table.header.address;
     const uint64_t data = dump.table.size - std::min(dump.table.size, sizeof(CL_TableHeader));
     const uint64_t slots =
         std::min<uint64_t>(data / sizeof(CL_Object), CL_MAX_OBJECTS + CL_SPARE_OBJECTS);
-    if (!dump.main_block.size) dump.capacity = slots;
+    if (dump.main_block.size == 0) dump.capacity = slots;
     if (!with_objects) return;
     dump.objects.resize(std::min(slots, dump.capacity));
     const uint64_t bytes = dump.objects.size() * sizeof(CL_Object);
@@ -194,12 +195,12 @@ void Loader::compare_addresses() {
         {kLibraryRing, offsetof(CL_MainBlock, library_ring), address(main.library_ring)},
         {kUserRing, offsetof(CL_MainBlock, user_ring), address(main.user_ring)},
         {kTable, offsetof(CL_MainBlock, descriptor_table), address(main.descriptor_table)}};
-    if (!dump.main_block.size) return;
+    if (dump.main_block.size == 0) return;
     for (const auto &[rank, place, there] : expected) {
         const Block &block = this->block(rank);
-        if (!block.size && there)
+        if (block.size == 0 && there != 0)
             dump.problems.add(dump.main_block.offset + place, kEyes[rank], " is missing");
-        else if (block.size && there != block.header.address)
+        else if (block.size != 0 && there != block.header.address)
             dump.problems.add(dump.main_block.offset + place, "another address than that of ",
                               kEyes[rank]);
     }
@@ -227,7 +228,7 @@ void Dump::load(const Source &source, bool with_objects) {
 std::optional<uint64_t> Dump::slot_of(uint64_t address) const {
     const uint64_t distance = address - address_of(0);
     const uint64_t slot = distance / sizeof(CL_Object);
-    if (!table_address || distance % sizeof(CL_Object) || slot >= capacity) return {};
+    if (table_address == 0 || distance % sizeof(CL_Object) != 0 || slot >= capacity) return {};
     return slot;
 }
 
@@ -251,7 +252,7 @@ std::vector<uint64_t> Dump::follow(const QueueView &view) {
                      queue.link_offset, " instead of ", view.link);
     std::vector<uint64_t> found;
     uint64_t previous = 0;
-    for (uint64_t at = address(queue.head); at;) {
+    for (uint64_t at = address(queue.head); at != 0;) {
         const auto slot = slot_of(at);
         if (!slot || *slot >= objects.size() || found.size() == objects.size()) {
             const bool circle = slot && *slot < objects.size();

@@ -33,8 +33,8 @@ uint64_t Exporter::track_of(const Record &record) {
     const uint64_t handle = trace.object_of(record);
     if (const auto slot = dump.slot_of(handle)) return tracks[handle] = *slot + 1;
     // Addresses that are no slot get the numbers behind those of the table.
-    return handle ? tracks.try_emplace(handle, dump.capacity + 1 + tracks.size()).first->second
-                  : tracks[0] = 0;
+    return handle != 0 ? tracks.try_emplace(handle, dump.capacity + 1 + tracks.size()).first->second
+                       : tracks[0] = 0;
 }
 
 void Exporter::put_text(std::string_view key, std::string_view value) {
@@ -51,19 +51,19 @@ void Exporter::put_head(std::string_view phase, uint64_t track) {
 void Exporter::put_arguments(const Record &record, const Record *exit) {
     out << R"(,"args":{)";
     between = "";
-    if (record.operation && !record.is_call()) {
+    if (record.operation != nullptr && !record.is_call()) {
         Text change;
         put_record(change, dump, record);
         put_text("change", change.str());
-    } else if (record.operation) {
+    } else if (record.operation != nullptr) {
         each_argument(dump, trace.fuller(record), Mask::no, [&](std::string_view name, auto write) {
             Text value;
             write(value);
             put_text(name, value.str());
         });
         Text outcome;
-        if (exit) put_outcome(outcome, dump, *exit);
-        put_text("result", exit ? outcome.str() : "not finished");
+        if (exit != nullptr) put_outcome(outcome, dump, *exit);
+        put_text("result", exit != nullptr ? outcome.str() : "not finished");
         Text position;
         put_position(position, record);
         put_text("position", position.str());
@@ -80,7 +80,7 @@ void Exporter::put_event(const Record &record) {
     const bool bad = trace.is_bad(record);
     // A call of which one record is lost reaches to the edge of the trace.
     const uint64_t begin = record.exit ? trace.records.front().time : record.time;
-    const uint64_t end = exit ? exit->time : trace.records.back().time;
+    const uint64_t end = exit != nullptr ? exit->time : trace.records.back().time;
     out << ",\n";
     put_head(record.is_call() ? "X" : "i", track_of(record));
     out << R"(,"ts":)" << begin;
@@ -104,7 +104,7 @@ void Exporter::put_event(const Record &record) {
 void Exporter::put_names() {
     for (const auto &[handle, track] : tracks) {
         Text name;
-        if (handle)
+        if (handle != 0)
             put_object(name, dump, handle);
         else
             name << "process";

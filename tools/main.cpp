@@ -10,7 +10,7 @@ using namespace trace_reader;
 
 int main(int argc, char **argv) {
     const char *none = getenv("NO_COLOR");
-    Text out(stdout, isatty(STDOUT_FILENO) && !(none && *none));
+    Text out(stdout, isatty(STDOUT_FILENO) != 0 && !(none != nullptr && *none != '\0'));
     Text err(stderr);
     int status = kUsage;
     try {

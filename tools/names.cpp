@@ -61,7 +61,7 @@ void put_name(Text &out, std::span<const Name> names, uint64_t value) {
 }
 
 void put_bits(Text &out, std::span<const Name> names, uint64_t bits) {
-    if (!bits) out << '0';
+    if (bits == 0) out << '0';
     std::string_view between;
     for (const Name &bit : names) {
         if ((bits & bit.value) != bit.value) continue;
@@ -69,13 +69,13 @@ void put_bits(Text &out, std::span<const Name> names, uint64_t bits) {
         between = "|";
         bits &= ~bit.value;
     }
-    if (bits) (out << between).hex(bits);
+    if (bits != 0) (out << between).hex(bits);
 }
 
 void put_set(Text &out, std::string_view name, Bytes set) {
     const int last = static_cast<int>(set.size() * 8);
     const auto holds = [&](int fd) {
-        return fd < last && (set[static_cast<size_t>(fd) / 8] >> (fd % 8) & 1);
+        return fd < last && (set[static_cast<size_t>(fd) / 8] >> (fd % 8) & 1) != 0;
     };
     bool first = true;
     for (int fd = 0; fd < last; ++fd) {
@@ -116,7 +116,8 @@ void put_sub_status(Text &out, uint64_t bits) {
 void put_error_code(Text &out, uint64_t code) {
     if (const auto name = find(kErrors, code); !name.empty())
         out << name;
-    else if (const char *word = strerrorname_np(static_cast<int>(code)); word && code)
+    else if (const char *word = strerrorname_np(static_cast<int>(code));
+             word != nullptr && code != 0)
         out << word;
     else
         out << code;
@@ -124,7 +125,7 @@ void put_error_code(Text &out, uint64_t code) {
 
 void put_error(Text &out, const CL_ErrInfo &error) {
     put_error_code(out, error.err);
-    if (!error.err) return;
+    if (error.err == 0) return;
     out << " (";
     put_name(out, kModules, error.module);
     out << ':' << error.line;
@@ -137,7 +138,7 @@ void put_error(Text &out, const CL_ErrInfo &error) {
 
 void put_version(Text &out, uint64_t version) {
     out << (version >> 24) << '.' << (version >> 16 & 255) << '.' << (version >> 8 & 255);
-    if (version & 255) out << '+' << (version & 255);
+    if ((version & 255) != 0) out << '+' << (version & 255);
 }
 
 void put_sets(Text &out, Bytes sets) {
@@ -145,7 +146,8 @@ void put_sets(Text &out, Bytes sets) {
     const size_t each = sizeof(fd_set);
     static constexpr std::string_view kNames[] = {"read ", " write ", " except "};
     for (size_t i = 0; i < 3 && (i + 1) * each <= sets.size(); ++i)
-        put_set(out, kNames[i].substr(i && out.size() == before), sets.subspan(i * each, each));
+        put_set(out, kNames[i].substr(i != 0 && out.size() == before ? 1 : 0),
+                sets.subspan(i * each, each));
     if (out.size() == before) out << "none";
 }
 

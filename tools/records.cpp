@@ -81,14 +81,14 @@ void RingWalk::bounds() {
     const uint64_t count = head.entry_count;
     const uint64_t place = ring.block.offset + offsetof(CL_TraceRing, oldest);
     if (head.oldest >= count || head.next >= count || head.wrapped > 1 ||
-        (!head.wrapped && head.oldest)) {
+        (head.wrapped == 0 && head.oldest != 0)) {
         dump.problems.add(place, "ring indexes oldest ", head.oldest, ", next ", head.next,
                           ", wrapped ", head.wrapped, " for ", count, " entries");
         used = ring.held;
         return;
     }
-    start = head.wrapped ? head.oldest : 0;
-    used = head.next > start || !head.wrapped ? head.next - start : head.next + count - start;
+    start = head.wrapped != 0 ? head.oldest : 0;
+    used = head.next > start || head.wrapped == 0 ? head.next - start : head.next + count - start;
     if (ring.held < count)
         dump.problems.add(ring.offset_of(ring.held), count - ring.held,
                           " entries of a ring are missing");
@@ -108,10 +108,10 @@ CL_TraceEntry RingWalk::head_of(uint64_t k) const {
 // Entries of the record that begins at entry k; 0 when none does.
 uint64_t RingWalk::whole(uint64_t k) const {
     const uint64_t count = head_of(k).remaining;
-    if (!count || k + count > used) return 0;
+    if (count == 0 || k + count > used) return 0;
     for (uint64_t i = 0; i < count; ++i) {
         const CL_TraceEntry head = head_of(k + i);
-        const uint32_t flags = (i ? 0 : CL_ENTRY_FIRST) + (i + 1 < count ? 0 : CL_ENTRY_LAST);
+        const uint32_t flags = (i != 0 ? 0 : CL_ENTRY_FIRST) + (i + 1 < count ? 0 : CL_ENTRY_LAST);
         if (head.flags != flags || head.remaining != count - i) return 0;
     }
     return count;
@@ -142,12 +142,12 @@ void RingWalk::take(uint64_t k, uint64_t count) {
     }
     if (which == CL_RING_LIBRARY && record.bytes.size() < sizeof head)
         dump.problems.add(record.offset, "a record of ", head.length, " bytes has no whole head");
-    else if (which == CL_RING_LIBRARY && !record.operation)
+    else if (which == CL_RING_LIBRARY && record.operation == nullptr)
         dump.problems.add(record.offset, "a record of no known operation, API ", head.api);
-    else if (record.operation && !length_fits(*record.operation, head.length))
+    else if (record.operation != nullptr && !length_fits(*record.operation, head.length))
         dump.problems.add(record.offset, record.operation->name, ": a record of ", head.length,
                           " bytes");
-    else if (record.operation && !head_fits(*record.operation, head))
+    else if (record.operation != nullptr && !head_fits(*record.operation, head))
         dump.problems.add(record.offset, record.operation->name, ": a record of phase ", head.phase,
                           " with marker ", head.marker);
     if (head.microseconds >= 1000000)
@@ -156,24 +156,24 @@ void RingWalk::take(uint64_t k, uint64_t count) {
 }
 
 void RingWalk::run() {
-    if (!ring.held) return;
+    if (ring.held == 0) return;
     bounds();
     out.reserve(std::min(used, ring.held));
     bool lost = false;
     for (uint64_t k = 0; k < ring.head.entry_count;) {
-        if (!entry(k)) {
+        if (entry(k) == nullptr) {
             k += ring.head.entry_count - index(k);
             continue;
         }
         const uint64_t count = k < used ? whole(k) : 0;
-        if (count) {
+        if (count != 0) {
             take(k, count);
         } else if (!lost && k < used) {
             dump.problems.add(ring.offset_of(index(k)), "no record begins in this entry");
-        } else if (!lost && head_of(k).flags & CL_ENTRY_FIRST) {
+        } else if (!lost && (head_of(k).flags & CL_ENTRY_FIRST) != 0) {
             dump.problems.add(ring.offset_of(index(k)), "a record begins in an entry not in use");
         }
-        lost = !count;
+        lost = count == 0;
         k += std::max<uint64_t>(count, 1);
     }
 }
@@ -193,7 +193,7 @@ std::span<const CL_TrcOperation> operations() {
 
 std::span<const CL_TrcField> fields(const CL_TrcOperation &operation) {
     size_t count = 0;
-    while (count < CL_TRC_MAX_FIELDS && operation.fields[count].name)
+    while (count < CL_TRC_MAX_FIELDS && operation.fields[count].name != nullptr)
         ++count;
     return {operation.fields, count};
 }
@@ -248,50 +248,52 @@ void Trace::pair() {
     uint32_t enclosing = 0;
     for (auto record = records.rbegin(); record != records.rend(); ++record) {
         record->depth += enclosing;
-        enclosing += record->is_call() && record->exit && record->partner == kNone &&
-                     record->parent == kNone;
+        const bool entry_is_lost = record->is_call() && record->exit && record->partner == kNone;
+        if (entry_is_lost && record->parent == kNone) ++enclosing;
     }
 }
 
 std::optional<int64_t> Trace::duration(const Record &told) const {
     const Record *other = partner(told);
-    if (!other) return {};
+    if (other == nullptr) return {};
     return static_cast<int64_t>(other->time - told.time);
 }
 
 bool Trace::is_bad(const Record &told) const {
     const Record *other = partner(told);
-    return failed(told) || (other && failed(*other));
+    return failed(told) || (other != nullptr && failed(*other));
 }
 
 uint64_t Trace::object_of(const Record &told) const {
-    if (!told.operation) return 0;
+    if (told.operation == nullptr) return 0;
     if (const CL_TrcField *handle = field_of(*told.operation, CL_TRC_HANDLE))
         return number(told.bytes, *handle);
     const CL_TrcField &result = told.operation->result;  // of what creates objects
-    return result.name && result.type == CL_TRC_HANDLE ? number(fuller(told).bytes, result) : 0;
+    return result.name != nullptr && result.type == CL_TRC_HANDLE
+               ? number(fuller(told).bytes, result)
+               : 0;
 }
 
 CL_ErrInfo error_of(const Record &record) {
     const CL_TrcField *error =
-        record.operation ? field_of(*record.operation, CL_TRC_ERROR) : nullptr;
-    return error ? load<CL_ErrInfo>(record.bytes, error->offset) : CL_ErrInfo{};
+        record.operation != nullptr ? field_of(*record.operation, CL_TRC_ERROR) : nullptr;
+    return error != nullptr ? load<CL_ErrInfo>(record.bytes, error->offset) : CL_ErrInfo{};
 }
 
 bool failed(const Record &record) {
-    if (!record.operation) return false;
+    if (record.operation == nullptr) return false;
     const CL_ErrInfo error = error_of(record);
     switch (record.api()) {
         case CL_API_STATUS: {
             const auto status = load<CL_TrcStatus>(record.bytes, 0);
-            return status.status & ~status.old_status & CL_STATUS_FAILED;
+            return (status.status & ~status.old_status & CL_STATUS_FAILED) != 0;
         }
         case CL_API_CALLBACK:
             return error.err != 0;
         case CL_API_END:  // leaves the caller's error record as it was
-            return record.exit && !number(record.bytes, record.operation->result);
+            return record.exit && number(record.bytes, record.operation->result) == 0;
         default:
-            return record.exit && error.err && error.err != CL_ERR_IN_PROGRESS;
+            return record.exit && error.err != 0 && error.err != CL_ERR_IN_PROGRESS;
     }
 }
 

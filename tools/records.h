@@ -23,8 +23,8 @@ struct Record {
     uint32_t parent = kNone;  // the call that was running
     uint32_t depth = 0;       // calls that were running, those with a lost entry record included
 
-    uint8_t api() const { return operation ? operation->api : 0; }
-    bool is_call() const { return operation && operation->api != CL_API_STATUS; }
+    uint8_t api() const { return operation != nullptr ? operation->api : 0; }
+    bool is_call() const { return operation != nullptr && operation->api != CL_API_STATUS; }
     bool is_callback() const { return api() == CL_API_CALLBACK; }
 };
 
@@ -46,12 +46,12 @@ class Trace {
     }
     // What is told of a call is told where it begins, or where it ends when only that is left. The
     // following are about such a record.
-    bool is_told(const Record &record) const { return !record.exit || !partner(record); }
+    bool is_told(const Record &record) const { return !record.exit || partner(record) == nullptr; }
     const Record *exit_of(const Record &told) const { return told.exit ? &told : partner(told); }
     // An event's data is in the entry record alone, all else is in the exit record too.
     const Record &fuller(const Record &told) const {
         const Record *exit = exit_of(told);
-        return exit && !told.is_callback() ? *exit : told;
+        return exit != nullptr && !told.is_callback() ? *exit : told;
     }
     bool is_bad(const Record &told) const;                      // either record is
     uint64_t object_of(const Record &told) const;               // address, or 0

@@ -12,7 +12,7 @@ constexpr size_t kUserBegin = CL_TRC_MIN_ENTRY, kUserBytes = 48;
 
 // A slot has the same number in every run, an address has not.
 void put_address(Text &out, const Dump &dump, uint64_t address, Mask mask) {
-    if (mask == Mask::no || !address || dump.slot_of(address))
+    if (mask == Mask::no || address == 0 || dump.slot_of(address))
         dump.put_handle(out, address);
     else
         out << '*';
@@ -97,7 +97,7 @@ void put_field(Text &out, const Dump &dump, Bytes bytes, const CL_TrcField &fiel
 }
 
 std::string_view name_of(const Record &record) {
-    return record.operation              ? record.operation->name
+    return record.operation != nullptr   ? record.operation->name
            : record.ring == CL_RING_USER ? "user record"
                                          : "unknown record";
 }
@@ -111,7 +111,7 @@ void put_title(Text &out, const Record &record) {
 void put_object(Text &out, const Dump &dump, uint64_t address) {
     dump.put_handle(out, address);
     const auto slot = dump.slot_of(address);
-    if (slot && *slot < dump.objects.size() && dump.objects[*slot].kind)
+    if (slot && *slot < dump.objects.size() && dump.objects[*slot].kind != 0)
         put_kind(out << ' ', dump.objects[*slot].kind);
 }
 
@@ -141,8 +141,9 @@ Carried carried(const Record &record) {
                 part(record.bytes, sizeof(CL_TrcCallback))};
     }
     for (const auto &[api, name, data, count, skipped] : kData) {
-        if (api != record.api() || (!count.name && (!record.exit || failed(record)))) continue;
-        const CL_TrcField &field = count.name ? count : record.operation->result;
+        if (api != record.api() || (count.name == nullptr && (!record.exit || failed(record))))
+            continue;
+        const CL_TrcField &field = count.name != nullptr ? count : record.operation->result;
         const auto room = part(record.bytes, data.offset, data.size);
         const auto used = static_cast<int64_t>(number(record.bytes, field));
         return {name,
@@ -166,7 +167,7 @@ bool worth_showing(const Record &record, const CL_TrcField &field) {
         case CL_TRC_EVENT:  // part of its title
             return false;
         case CL_TRC_ERROR:  // an event's; that of a call is its outcome
-            return record.is_callback() && error_of(record).err;
+            return record.is_callback() && error_of(record).err != 0;
         case CL_TRC_HANDLE:
         case CL_TRC_TEXT:
         case CL_TRC_SETS:
@@ -180,20 +181,20 @@ bool worth_showing(const Record &record, const CL_TrcField &field) {
 void put_outcome(Text &out, const Dump &dump, const Record &exit, Mask mask) {
     put_field(out, dump, exit.bytes, exit.operation->result, mask);
     const CL_ErrInfo error = error_of(exit);
-    if (!error.err || exit.is_callback() || (exit.api() == CL_API_END && !failed(exit))) return;
+    if (error.err == 0 || exit.is_callback() || (exit.api() == CL_API_END && !failed(exit))) return;
     out << ' ';
     put_error(out, error);
 }
 
 void put_record(Text &out, const Dump &dump, const Record &record, Mask mask) {
-    if (!record.operation) {
+    if (record.operation == nullptr) {
         out << name_of(record) << ' ' << record.length << " bytes";
         if (mask == Mask::no) (out << ": ").dump(part(record.bytes, kUserBegin, kUserBytes));
     } else if (record.api() == CL_API_STATUS) {
         const auto change = load<CL_TrcStatus>(record.bytes, 0);
         put_address(out << "status ", dump, change.handle, mask);
         put_change(out << ": ", change.old_status, change.status, put_status);
-        if (change.old_sub_status | change.sub_status)
+        if ((change.old_sub_status | change.sub_status) != 0)
             put_change(out << ", ", change.old_sub_status, change.sub_status, put_sub_status);
     } else {
         put_title(out, record);

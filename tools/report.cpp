@@ -48,9 +48,10 @@ void put_rows(Text &out, std::string_view title, Rows &rows) {
         out.right((Text() << figures.failures).str(), kNumberWidth);
         const size_t n = figures.durations.size();
         for (const size_t percent : {size_t{50}, size_t{99}, size_t{100}})  // nearest rank
-            out.right(
-                n ? Text().duration(figures.durations[(n * percent + 99) / 100 - 1]).str() : "-",
-                kNumberWidth);
+            out.right(n != 0
+                          ? Text().duration(figures.durations[(n * percent + 99) / 100 - 1]).str()
+                          : "-",
+                      kNumberWidth);
         out << '\n';
     }
 }
@@ -87,17 +88,18 @@ void put_longest_gap(Text &out, const Trace &trace) {
         if (is_loop || (record.is_callback() &&
                         (is_outermost || trace.records[record.parent].api() == CL_API_LOOP))) {
             const bool ends_gap = is_loop == record.exit;
-            const int64_t length = from ? static_cast<int64_t>(record.time - from->time) : -1;
+            const int64_t length =
+                from != nullptr ? static_cast<int64_t>(record.time - from->time) : -1;
             if (ends_gap && length > gap) {
                 gap = length;
                 longest = from;
             }
             from = ends_gap ? nullptr : &record;
-        } else if (is_outermost && !load<uint8_t>(record.bytes, offsetof(CL_TrcHead, caller))) {
+        } else if (is_outermost && load<uint8_t>(record.bytes, offsetof(CL_TrcHead, caller)) == 0) {
             from = nullptr;
         }
     }
-    if (!longest) return;
+    if (longest == nullptr) return;
     out << "longest gap between two iterations that called back: ";
     out.duration(gap) << ", from ";
     out.clock(longest->time) << '\n';
@@ -111,17 +113,17 @@ bool report(Dumps dumps, const Options &, Text &out) {
     uint64_t changes = 0, users = 0;
     Rows by_operation, by_object;
     for (const Record &record : trace.records) {
-        changes += record.api() == CL_API_STATUS;
-        users += record.ring == CL_RING_USER;
+        if (record.api() == CL_API_STATUS) ++changes;
+        if (record.ring == CL_RING_USER) ++users;
         if (!record.is_call() || !trace.is_told(record)) continue;
         const auto add = [&](Row &row) {
             ++row.count;
-            row.failures += trace.is_bad(record);
+            if (trace.is_bad(record)) ++row.failures;
             if (const auto duration = trace.duration(record)) row.durations.push_back(*duration);
         };
         const uint64_t object = trace.object_of(record);
         add(by_operation[text_of([&](Text &t) { put_title(t, record); })]);
-        if (object) add(by_object[text_of([&](Text &t) { put_object(t, dump, object); })]);
+        if (object != 0) add(by_object[text_of([&](Text &t) { put_object(t, dump, object); })]);
     }
     out << trace.records.size() << " records, " << changes << " status changes, " << users
         << " of the application";

@@ -25,7 +25,7 @@ class Filter {
     }
     bool passes(const Record &record) const {
         const bool of_calls = options.apis.any() || handle || options.failures || options.slower;
-        if (record.time < since || record.time > until || (of_calls && !record.operation))
+        if (record.time < since || record.time > until || (of_calls && record.operation == nullptr))
             return false;
         if (options.apis.any() && !options.apis[record.api()]) return false;
         if (handle && trace.object_of(record) != *handle) return false;
@@ -78,14 +78,14 @@ void Lines::put(const Record &record) {
     put_record(out, dump, trace.fuller(record));
     if (record.is_call()) {
         out << " = ";
-        if (exit)
+        if (exit != nullptr)
             put_outcome(out, dump, *exit);
         else
             out << "? (not finished)";
         if (record.exit) out << " (began before the trace)";
     }
     out.colour(Colour::none);
-    if (record.operation) {
+    if (record.operation != nullptr) {
         out.colour(Colour::dim) << "  ";
         put_position(out, record);
         if (load<uint8_t>(record.bytes, offsetof(CL_TrcHead, caller)) == 1) out << " (library)";
@@ -104,12 +104,12 @@ std::optional<uint64_t> parse_time(const std::string &text, uint64_t day) {
         localtime_r(&second, &time);
         time.tm_sec = 0;
         const char *rest = strptime(text.c_str(), format, &time);
-        if (!rest) continue;
+        if (rest == nullptr) continue;
         uint64_t usec = 0;
         if (*rest == '.')
             for (uint64_t unit = 100000; *++rest >= '0' && *rest <= '9'; unit /= 10)
                 usec += unit * static_cast<uint64_t>(*rest - '0');
-        if (*rest) continue;
+        if (*rest != '\0') continue;
         time.tm_isdst = -1;
         return static_cast<uint64_t>(mktime(&time)) * 1000000 + usec;
     }

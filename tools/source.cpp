@@ -48,7 +48,7 @@ void Source::slurp() {
 }
 
 uint64_t Source::read(uint64_t offset, void *to, uint64_t length) const {
-    if (offset >= total || !length) return 0;
+    if (offset >= total || length == 0) return 0;
     length = std::min(length, total - offset);
     if (fd < 0) {
         memcpy(to, memory.data() + offset, length);

@@ -55,7 +55,7 @@ Text &label(Text &out, std::string_view text) {
 }
 
 void put_block(Text &out, const Dump &dump, const Block &block) {
-    if (!block.size) return;
+    if (block.size == 0) return;
     const auto *eye = block.header.eye;
     label(out, {eye, strnlen(eye, sizeof block.header.eye)});
     out << block.size << " bytes at offset " << block.offset << ", address ";
@@ -63,12 +63,12 @@ void put_block(Text &out, const Dump &dump, const Block &block) {
 }
 
 void put_ring(Text &out, const Dump &dump, const Ring &ring) {
-    if (!ring.block.size) return;
+    if (ring.block.size == 0) return;
     put_block(out, dump, ring.block);
     const CL_TraceRing &head = ring.head;
     out << ", " << head.entry_count << " entries of " << head.entry_size << ", oldest "
-        << head.oldest << ", next " << head.next << (head.wrapped ? ", wrapped" : "");
-    if (*head.prefix)
+        << head.oldest << ", next " << head.next << (head.wrapped != 0 ? ", wrapped" : "");
+    if (*head.prefix != '\0')
         (out << ", prefix ").quoted({head.prefix, strnlen(head.prefix, sizeof head.prefix)});
     out << '\n';
 }
@@ -80,7 +80,7 @@ void put_file(Text &out, const Dump &dump) {
     put_ring(out, dump, dump.rings[CL_RING_USER]);
     for (const Block *block : {&dump.main_block, &dump.table}) {
         put_block(out, dump, *block);
-        out << (block->size ? "\n" : "");
+        out << (block->size != 0 ? "\n" : "");
     }
     if (dump.application_offset < dump.size)
         label(out, "application's") << dump.size - dump.application_offset << " bytes at offset "
@@ -104,14 +104,14 @@ void put_main(Text &out, const Dump &dump) {
 void put_chain(Text &out, std::string_view name, const std::vector<uint64_t> &slots, bool brief) {
     label(out, name) << slots.size();
     for (size_t i = 0; i < slots.size() && !brief; ++i) {
-        if (i && i % kSlotsALine == 0) (out << "\n  ").fill(kLabelWidth + 1);
+        if (i != 0 && i % kSlotsALine == 0) (out << "\n  ").fill(kLabelWidth + 1);
         out << " #" << slots[i];
     }
     out << '\n';
 }
 
 void put_time_and_place(Text &out, std::string_view what, const CL_Position &position) {
-    if (!position.seconds) return;
+    if (position.seconds == 0) return;
     const uint64_t time = position.seconds * 1000000 + position.microseconds;
     out << "    " << what << ' ';
     out.day(time) << ' ';
@@ -134,19 +134,19 @@ void put_connection(Text &out, const CL_Object &object) {
     out << "waits for ";
     const size_t begin = out.size();
     const auto next = [&] { return out.size() == begin ? "" : ", "; };
-    if (object.sub_status & CL_SUB_CONNECT_PENDING)
+    if ((object.sub_status & CL_SUB_CONNECT_PENDING) != 0)
         put_text(out << "the connection to ", connection.address.sun_path);
-    if (object.sub_status & CL_SUB_RECV_PENDING)
+    if ((object.sub_status & CL_SUB_RECV_PENDING) != 0)
         out << next() << "a message, " << connection.received_count << " bytes of at most "
             << connection.receive_capacity << " are here";
-    if (object.sub_status & CL_SUB_SEND_PENDING)
+    if ((object.sub_status & CL_SUB_SEND_PENDING) != 0)
         out << next() << "room to send " << connection.send_queue.count << " messages";
     if (out.size() == begin) out << "nothing";
 }
 
 void put_child(Text &out, const CL_Object &object) {
     out << "waits for the end of process " << object.child.pid;
-    if (object.sub_status & CL_SUB_EXEC_AWAITED) out << ", its report that it is up";
+    if ((object.sub_status & CL_SUB_EXEC_AWAITED) != 0) out << ", its report that it is up";
 }
 
 void put_user(Text &out, const CL_Object &object) {
@@ -158,7 +158,7 @@ void put_thread(Text &out, const CL_Object &) {
 }
 
 void put_timer(Text &out, const CL_Object &object) {
-    if (!(object.status & CL_STATUS_RUNNING))
+    if ((object.status & CL_STATUS_RUNNING) == 0)
         out << "does not run";
     else if (object.remaining == CL_TIMER_DUE)
         out << "is due";
@@ -189,14 +189,14 @@ constexpr struct {
 void put_live(Text &out, const CL_Object &object) {
     put_kind(out << ' ', object.kind);
     put_status(out << "  ", object.status);
-    if (object.sub_status) put_sub_status(out << ", ", object.sub_status);
+    if (object.sub_status != 0) put_sub_status(out << ", ", object.sub_status);
     out << "  priority " << object.priority << "  descriptor " << object.descriptor << '\n';
     for (const auto &[kind, put] : kWaits) {
         if (kind != object.kind) continue;
         put(out << "    ", object);
         out << '\n';
     }
-    if (object.error.err) {
+    if (object.error.err != 0) {
         put_error(out << "    error ", object.error);
         out << '\n';
     }
@@ -228,7 +228,7 @@ void put_object(Text &out, const Dump &dump, uint64_t slot, bool all) {
 bool tables(Dumps dumps, const Options &options, Text &out) {
     Dump &dump = dumps.front();
     put_file(out, dump);
-    if (!dump.main_block.size) return true;
+    if (dump.main_block.size == 0) return true;
     put_main(out, dump);
     out << "\nlists and queues\n";
     for (const QueueView &view : kQueues) {

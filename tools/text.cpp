@@ -49,7 +49,7 @@ Text &Text::plain(std::string_view bytes) {
 Text &Text::dump(Bytes bytes) {
     static constexpr char kDigits[] = "0123456789abcdef";
     for (size_t i = 0; i < bytes.size(); ++i) {
-        if (i && i % 4 == 0) buffer.push_back(' ');
+        if (i != 0 && i % 4 == 0) buffer.push_back(' ');
         buffer.push_back(kDigits[bytes[i] >> 4]);
         buffer.push_back(kDigits[bytes[i] & 15]);
     }
@@ -82,7 +82,7 @@ Text &Text::duration(int64_t usec) {
     for (const Unit &unit : kUnits) {
         if (value < unit.from) continue;
         *this << value / unit.size;
-        if (unit.decimals) (*this << '.').padded(value % unit.size / (unit.size / 1000), 3);
+        if (unit.decimals != 0) (*this << '.').padded(value % unit.size / (unit.size / 1000), 3);
         return *this << unit.name;
     }
     return *this;
@@ -92,7 +92,7 @@ bool Text::local(uint64_t usec) {
     const uint64_t second = usec / kSecond;
     if (second == known_second) return true;
     const auto time = static_cast<time_t>(second);
-    if (!localtime_r(&time, &known) || known.tm_year < -1900) return false;
+    if (localtime_r(&time, &known) == nullptr || known.tm_year < -1900) return false;
     known_second = second;
     return true;
 }
@@ -135,11 +135,11 @@ Text &Text::right(std::string_view text, size_t width) {
 }
 
 void Text::spill() {
-    if (stream && buffer.size() >= kPiece) flush();
+    if (stream != nullptr && buffer.size() >= kPiece) flush();
 }
 
 bool Text::flush() {
-    if (!stream) return true;
+    if (stream == nullptr) return true;
     failed |= fwrite(buffer.data(), 1, buffer.size(), stream) != buffer.size();
     buffer.clear();
     failed |= fflush(stream) != 0;
