@@ -42,8 +42,9 @@ bool set_api(Options &options, const char *text) {
         const auto same = [](char a, char b) { return (a | 0x20) == (b | 0x20); };
         if (numeric ? operation.api != number
                     : std::search(name.begin(), name.end(), wanted.begin(), wanted.end(), same) ==
-                          name.end())
+                          name.end()) {
             continue;
+        }
         options.apis.set(operation.api);
         found = true;
     }
@@ -63,11 +64,12 @@ bool set_slower(Options &options, const char *text) {
     const double value = strtod(text, &unit);
     static constexpr std::pair<std::string_view, double> kUnits[] = {
         {"us", 1}, {"ms", 1e3}, {"s", 1e6}, {"", 1}};
-    for (const auto &[name, factor] : kUnits)
+    for (const auto &[name, factor] : kUnits) {
         if (unit != text && name == unit && value >= 0 && value < 1e9) {
             options.slower = static_cast<int64_t>(value * factor);
             return true;
         }
+    }
     return false;
 }
 
@@ -137,24 +139,27 @@ struct Line {
 
 Status parse(int argc, char **argv, Line &line, Text &err) {
     std::array<option, std::size(kOptions) + 3> longs{};
-    for (size_t i = 0; i < std::size(kOptions); ++i)
+    for (size_t i = 0; i < std::size(kOptions); ++i) {
         longs[i] = {kOptions[i].name, kOptions[i].value != nullptr ? 1 : 0, nullptr,
                     static_cast<int>(i)};
+    }
     longs[kHelp] = {"help", 0, nullptr, kHelp};
     longs[kVersion] = {"version", 0, nullptr, kVersion};
     optind = 0;  // starts over
     opterr = 0;
     for (int index = 0; (index = getopt_long(argc, argv, "", longs.data(), nullptr)) != -1;) {
-        if (index == '?')
+        if (index == '?') {
             return usage(err, "unknown option, or a value is missing: ", argv[optind - 1]);
+        }
         if (index >= kHelp) {
             line.other = index;
             return kFine;
         }
         const Option &option = kOptions[index];
-        if (!option.set(line.options, optarg))
+        if (!option.set(line.options, optarg)) {
             return usage(err, (Text() << "--" << option.name << ": not understood: ").str(),
                          optarg);
+        }
         line.used.push_back(&option);
     }
     line.words.assign(argv + optind, argv + argc);
@@ -193,12 +198,15 @@ Status run(int argc, char **argv, Text &out, Text &err) {
     if (line.words.empty()) return usage(err, "no command");
     const auto command = std::ranges::find(kTable, line.words.front(), &Command::name);
     if (command == std::end(kTable)) return usage(err, "no such command: ", line.words.front());
-    for (const Option *option : line.used)
-        if (option->command != command->name)
+    for (const Option *option : line.used) {
+        if (option->command != command->name) {
             return usage(err, "not an option of this command: --", option->name);
+        }
+    }
     const std::span names = std::span(line.words).subspan(1);
-    if (names.size() != command->files)
+    if (names.size() != command->files) {
         return usage(err, command->files > 1 ? "two files are needed" : "one file is needed");
+    }
     std::list<Source> sources;
     std::vector<const Source *> pointers;
     for (const std::string &name : names) {

@@ -55,8 +55,9 @@ uint64_t Loader::find(uint64_t offset, size_t from) const {
     std::vector<uint8_t> piece(65536);
     for (;; offset += piece.size() - (kEyeSize - 1)) {
         const uint64_t got = source.read(offset, piece.data(), piece.size());
-        for (uint64_t i = 0; i + kEyeSize <= got; ++i)
+        for (uint64_t i = 0; i + kEyeSize <= got; ++i) {
             if (piece[i] == kEyes[0][0] && rank_of(&piece[i], from) < kRanks) return offset + i;
+        }
         if (got < piece.size()) return dump.size;
     }
 }
@@ -80,10 +81,11 @@ uint64_t Loader::first_block() {
         return behind;
     }
     const uint64_t first = find(0, 0);
-    if (first == dump.size)
+    if (first == dump.size) {
         dump.problems.add(0, "no block of a dump in this file");
-    else if (first != 0)
+    } else if (first != 0) {
         dump.problems.add(0, first, " bytes that are neither a block nor a header text");
+    }
     return first;
 }
 
@@ -96,10 +98,11 @@ Block &Loader::block(size_t rank) {
 // The size that the contents of a block call for.
 uint64_t Loader::content_size(const Block &block, size_t rank) const {
     if (rank == kMain) return sizeof(CL_MainBlock);
-    if (rank == kTable)
+    if (rank == kTable) {
         return dump.main_block.size != 0
                    ? sizeof(CL_TableHeader) + dump.capacity * sizeof(CL_Object)
                    : std::max(block.header.size, sizeof(CL_TableHeader));
+    }
     CL_TraceRing ring{};
     source.read(block.offset, &ring, sizeof ring);
     return sizeof ring + ring.entry_count * (uint64_t{ring.entry_size} + sizeof(CL_TraceEntry));
@@ -121,9 +124,10 @@ void Loader::take(uint64_t offset, size_t rank) {
     source.read(offset, &block.header, sizeof block.header);
     const uint64_t whole = length(block, rank);
     block.size = std::min(whole, dump.size - offset);
-    if (block.size < whole)
+    if (block.size < whole) {
         dump.problems.add(dump.size, "the file ends ", whole - block.size, " bytes inside ",
                           kEyes[rank]);
+    }
     if (rank != kMain) return;
     source.read(offset, &dump.main, std::min<uint64_t>(block.size, sizeof dump.main));
     dump.capacity = dump.main.capacity;
@@ -198,11 +202,12 @@ void Loader::compare_addresses() {
     if (dump.main_block.size == 0) return;
     for (const auto &[rank, place, there] : expected) {
         const Block &block = this->block(rank);
-        if (block.size == 0 && there != 0)
+        if (block.size == 0 && there != 0) {
             dump.problems.add(dump.main_block.offset + place, kEyes[rank], " is missing");
-        else if (block.size != 0 && there != block.header.address)
+        } else if (block.size != 0 && there != block.header.address) {
             dump.problems.add(dump.main_block.offset + place, "another address than that of ",
                               kEyes[rank]);
+        }
     }
 }
 
@@ -211,8 +216,9 @@ void Loader::compare_addresses() {
 void Problems::print(Text &out, std::string_view file) const {
     for (const std::string &text : list)
         out << "qvcl-trace: " << file << ": " << text << '\n';
-    if (total > list.size())
+    if (total > list.size()) {
         out << "qvcl-trace: " << file << ": and " << total - list.size() << " more\n";
+    }
 }
 
 void Dump::load(const Source &source, bool with_objects) {
@@ -233,10 +239,11 @@ std::optional<uint64_t> Dump::slot_of(uint64_t address) const {
 }
 
 void Dump::put_handle(Text &out, uint64_t address) const {
-    if (const auto slot = slot_of(address))
+    if (const auto slot = slot_of(address)) {
         out << '#' << *slot;
-    else
+    } else {
         out.hex(address);
+    }
 }
 
 bool Dump::is_live(uint64_t slot) const {
@@ -247,9 +254,10 @@ bool Dump::is_live(uint64_t slot) const {
 std::vector<uint64_t> Dump::follow(const QueueView &view) {
     const auto queue = trace_reader::load<CL_Queue>(bytes_of(main), view.place);
     const uint64_t place = main_block.offset + view.place;
-    if (queue.link_offset != view.link)
+    if (queue.link_offset != view.link) {
         problems.add(place + offsetof(CL_Queue, link_offset), view.name, ": links at ",
                      queue.link_offset, " instead of ", view.link);
+    }
     std::vector<uint64_t> found;
     uint64_t previous = 0;
     for (uint64_t at = address(queue.head); at != 0;) {
@@ -262,16 +270,18 @@ std::vector<uint64_t> Dump::follow(const QueueView &view) {
         }
         const auto link = trace_reader::load<CL_QueueLink>(bytes_of(objects[*slot]), view.link);
         if (address(link.previous) != previous ||
-            address(link.owner) != main_block.header.address + view.place)
+            address(link.owner) != main_block.header.address + view.place) {
             problems.add(offset_of(*slot) + view.link, view.name, ": the link of #", *slot,
                          " leads elsewhere");
+        }
         found.push_back(*slot);
         previous = at;
         at = address(link.next);
     }
-    if (address(queue.tail) != previous || queue.count != found.size())
+    if (address(queue.tail) != previous || queue.count != found.size()) {
         problems.add(place, view.name, ": ", queue.count, " elements by its head, ", found.size(),
                      " on the chain, or another tail");
+    }
     return found;
 }
 

@@ -109,8 +109,9 @@ Bytes bytes_of(const T &object) {
 template <class T>
 T load(Bytes bytes, uint64_t offset) {
     T value{};
-    if (offset < bytes.size())
+    if (offset < bytes.size()) {
         memcpy(&value, bytes.data() + offset, std::min(sizeof value, bytes.size() - offset));
+    }
     return value;
 }
 

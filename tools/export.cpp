@@ -84,10 +84,11 @@ void Exporter::put_event(const Record &record) {
     out << ",\n";
     put_head(record.is_call() ? "X" : "i", track_of(record));
     out << R"(,"ts":)" << begin;
-    if (record.is_call())
+    if (record.is_call()) {
         out << R"(,"dur":)" << (end > begin ? end - begin : 0);
-    else
+    } else {
         out << R"(,"s":"t")";
+    }
     Text name;
     put_title(name << (bad ? "! " : ""), record);
     (out << R"(,"name":)").quoted(name.str(), Escape::json);
@@ -104,10 +105,11 @@ void Exporter::put_event(const Record &record) {
 void Exporter::put_names() {
     for (const auto &[handle, track] : tracks) {
         Text name;
-        if (handle != 0)
+        if (handle != 0) {
             put_object(name, dump, handle);
-        else
+        } else {
             name << "process";
+        }
         out << ",\n";
         put_head("M", track);
         (out << R"(,"name":"thread_name","args":{"name":)").quoted(name.str(), Escape::json)
@@ -122,8 +124,9 @@ void Exporter::run() {
     out << R"({"displayTimeUnit":"ms","traceEvents":[)" << '\n';
     put_head("M", 0);
     (out << R"(,"name":"process_name","args":{"name":)").quoted(dump.name, Escape::json) << "}}";
-    for (const Record &record : trace.records)
+    for (const Record &record : trace.records) {
         if (trace.is_told(record)) put_event(record);
+    }
     put_names();
     out << "\n]}\n";
 }

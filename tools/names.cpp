@@ -54,10 +54,11 @@ std::string_view find(std::span<const Name> names, uint64_t value) {
 }
 
 void put_name(Text &out, std::span<const Name> names, uint64_t value) {
-    if (const auto name = find(names, value); !name.empty())
+    if (const auto name = find(names, value); !name.empty()) {
         out << name;
-    else
+    } else {
         out << value;
+    }
 }
 
 void put_bits(Text &out, std::span<const Name> names, uint64_t bits) {
@@ -114,13 +115,14 @@ void put_sub_status(Text &out, uint64_t bits) {
 }
 
 void put_error_code(Text &out, uint64_t code) {
-    if (const auto name = find(kErrors, code); !name.empty())
+    if (const auto name = find(kErrors, code); !name.empty()) {
         out << name;
-    else if (const char *word = strerrorname_np(static_cast<int>(code));
-             word != nullptr && code != 0)
+    } else if (const char *word = strerrorname_np(static_cast<int>(code));
+               word != nullptr && code != 0) {
         out << word;
-    else
+    } else {
         out << code;
+    }
 }
 
 void put_error(Text &out, const CL_ErrInfo &error) {
@@ -145,9 +147,10 @@ void put_sets(Text &out, Bytes sets) {
     const size_t before = out.size();
     const size_t each = sizeof(fd_set);
     static constexpr std::string_view kNames[] = {"read ", " write ", " except "};
-    for (size_t i = 0; i < 3 && (i + 1) * each <= sets.size(); ++i)
+    for (size_t i = 0; i < 3 && (i + 1) * each <= sets.size(); ++i) {
         put_set(out, kNames[i].substr(i != 0 && out.size() == before ? 1 : 0),
                 sets.subspan(i * each, each));
+    }
     if (out.size() == before) out << "none";
 }
 

@@ -22,19 +22,23 @@ const CL_TrcOperation *operation_of(uint8_t api) {
 }
 
 const CL_TrcField *field_of(const CL_TrcOperation &operation, CL_TrcType type) {
-    for (const CL_TrcField &field : fields(operation))
+    for (const CL_TrcField &field : fields(operation)) {
         if (field.type == type) return &field;
+    }
     return nullptr;
 }
 
 // Shortest and longest record of an operation, as far as its layout bounds it.
 bool length_fits(const CL_TrcOperation &operation, uint64_t length) {
-    if (const CL_TrcField *text = field_of(operation, CL_TRC_TEXT))
+    if (const CL_TrcField *text = field_of(operation, CL_TRC_TEXT)) {
         return length >= text->offset + 7u && length <= text->offset + text->size + 8u;
-    if (operation.api == CL_API_SEND_MSGC)
+    }
+    if (operation.api == CL_API_SEND_MSGC) {
         return length >= offsetof(CL_TrcSend, data) && length <= operation.length;
-    if (operation.api == CL_API_CALLBACK)
+    }
+    if (operation.api == CL_API_CALLBACK) {
         return length >= operation.length && length <= operation.length + sizeof(CL_FdSets);
+    }
     return length == operation.length;
 }
 
@@ -89,9 +93,10 @@ void RingWalk::bounds() {
     }
     start = head.wrapped != 0 ? head.oldest : 0;
     used = head.next > start || head.wrapped == 0 ? head.next - start : head.next + count - start;
-    if (ring.held < count)
+    if (ring.held < count) {
         dump.problems.add(ring.offset_of(ring.held), count - ring.held,
                           " entries of a ring are missing");
+    }
 }
 
 // The k-th entry from the oldest on; null when the file does not hold it.
@@ -132,26 +137,29 @@ void RingWalk::take(uint64_t k, uint64_t count) {
     const auto head = load<CL_TrcHead>(record.bytes, 0);
     record.length = head.length;
     record.time = head.seconds * 1000000 + head.microseconds;
-    if ((head.length + data - 1) / data != count)
+    if ((head.length + data - 1) / data != count) {
         dump.problems.add(record.offset, "a record of ", head.length, " bytes in ", count,
                           " entries of ", data);
+    }
     record.bytes = record.bytes.first(std::min<size_t>(record.bytes.size(), head.length));
     if (which == CL_RING_LIBRARY && record.bytes.size() >= sizeof head) {
         record.operation = operation_of(head.api);
         record.exit = head.phase != 0;
     }
-    if (which == CL_RING_LIBRARY && record.bytes.size() < sizeof head)
+    if (which == CL_RING_LIBRARY && record.bytes.size() < sizeof head) {
         dump.problems.add(record.offset, "a record of ", head.length, " bytes has no whole head");
-    else if (which == CL_RING_LIBRARY && record.operation == nullptr)
+    } else if (which == CL_RING_LIBRARY && record.operation == nullptr) {
         dump.problems.add(record.offset, "a record of no known operation, API ", head.api);
-    else if (record.operation != nullptr && !length_fits(*record.operation, head.length))
+    } else if (record.operation != nullptr && !length_fits(*record.operation, head.length)) {
         dump.problems.add(record.offset, record.operation->name, ": a record of ", head.length,
                           " bytes");
-    else if (record.operation != nullptr && !head_fits(*record.operation, head))
+    } else if (record.operation != nullptr && !head_fits(*record.operation, head)) {
         dump.problems.add(record.offset, record.operation->name, ": a record of phase ", head.phase,
                           " with marker ", head.marker);
-    if (head.microseconds >= 1000000)
+    }
+    if (head.microseconds >= 1000000) {
         dump.problems.add(record.offset, "a record of ", head.microseconds, " microseconds");
+    }
     out.push_back(record);
 }
 
@@ -266,8 +274,9 @@ bool Trace::is_bad(const Record &told) const {
 
 uint64_t Trace::object_of(const Record &told) const {
     if (told.operation == nullptr) return 0;
-    if (const CL_TrcField *handle = field_of(*told.operation, CL_TRC_HANDLE))
+    if (const CL_TrcField *handle = field_of(*told.operation, CL_TRC_HANDLE)) {
         return number(told.bytes, *handle);
+    }
     const CL_TrcField &result = told.operation->result;  // of what creates objects
     return result.name != nullptr && result.type == CL_TRC_HANDLE
                ? number(fuller(told).bytes, result)

@@ -12,10 +12,11 @@ constexpr size_t kUserBegin = CL_TRC_MIN_ENTRY, kUserBytes = 48;
 
 // A slot has the same number in every run, an address has not.
 void put_address(Text &out, const Dump &dump, uint64_t address, Mask mask) {
-    if (mask == Mask::no || address == 0 || dump.slot_of(address))
+    if (mask == Mask::no || address == 0 || dump.slot_of(address)) {
         dump.put_handle(out, address);
-    else
+    } else {
         out << '*';
+    }
 }
 
 std::string_view text_at(Bytes bytes, size_t offset, size_t size) {
@@ -79,10 +80,11 @@ void put_field(Text &out, const Dump &dump, Bytes bytes, const CL_TrcField &fiel
             put_sub_status(out, value);
             break;
         case CL_TRC_TEXT:  // a record without a text is one byte shorter than that of an empty one
-            if (bytes.size() < field.offset + 8u)
+            if (bytes.size() < field.offset + 8u) {
                 out << "null";
-            else
+            } else {
                 out.quoted(text_at(bytes, field.offset, field.size));
+            }
             break;
         case CL_TRC_BYTES:
             out.dump(part(bytes, field.offset, field.size));
@@ -104,15 +106,17 @@ std::string_view name_of(const Record &record) {
 
 void put_title(Text &out, const Record &record) {
     out << name_of(record);
-    if (record.is_callback())
+    if (record.is_callback()) {
         put_event(out << ' ', load<uint32_t>(record.bytes, offsetof(CL_TrcCallback, type)));
+    }
 }
 
 void put_object(Text &out, const Dump &dump, uint64_t address) {
     dump.put_handle(out, address);
     const auto slot = dump.slot_of(address);
-    if (slot && *slot < dump.objects.size() && dump.objects[*slot].kind != 0)
+    if (slot && *slot < dump.objects.size() && dump.objects[*slot].kind != 0) {
         put_kind(out << ' ', dump.objects[*slot].kind);
+    }
 }
 
 void put_position(Text &out, const Record &record) {
@@ -141,8 +145,9 @@ Carried carried(const Record &record) {
                 part(record.bytes, sizeof(CL_TrcCallback))};
     }
     for (const auto &[api, name, data, count, skipped] : kData) {
-        if (api != record.api() || (count.name == nullptr && (!record.exit || failed(record))))
+        if (api != record.api() || (count.name == nullptr && (!record.exit || failed(record)))) {
             continue;
+        }
         const CL_TrcField &field = count.name != nullptr ? count : record.operation->result;
         const auto room = part(record.bytes, data.offset, data.size);
         const auto used = static_cast<int64_t>(number(record.bytes, field));
@@ -153,12 +158,13 @@ Carried carried(const Record &record) {
 }
 
 void put_carried(Text &out, const Carried &carried, Mask mask) {
-    if (carried.name == "ready")
+    if (carried.name == "ready") {
         put_sets(out, carried.bytes);
-    else if (carried.name == "message")
+    } else if (carried.name == "message") {
         put_message(out, carried.bytes, mask);
-    else
+    } else {
         out.dump(carried.bytes);
+    }
 }
 
 bool worth_showing(const Record &record, const CL_TrcField &field) {
@@ -194,8 +200,9 @@ void put_record(Text &out, const Dump &dump, const Record &record, Mask mask) {
         const auto change = load<CL_TrcStatus>(record.bytes, 0);
         put_address(out << "status ", dump, change.handle, mask);
         put_change(out << ": ", change.old_status, change.status, put_status);
-        if ((change.old_sub_status | change.sub_status) != 0)
+        if ((change.old_sub_status | change.sub_status) != 0) {
             put_change(out << ", ", change.old_sub_status, change.sub_status, put_sub_status);
+        }
     } else {
         put_title(out, record);
         out << '(';

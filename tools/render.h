@@ -36,11 +36,14 @@ bool worth_showing(const Record &record, const CL_TrcField &field);
 
 template <class Visit>
 void each_argument(const Dump &dump, const Record &record, Mask mask, Visit visit) {
-    for (const CL_TrcField &field : fields(*record.operation))
-        if (worth_showing(record, field))
+    for (const CL_TrcField &field : fields(*record.operation)) {
+        if (worth_showing(record, field)) {
             visit(field.name, [&](Text &out) { put_field(out, dump, record.bytes, field, mask); });
-    if (const Carried data = carried(record); !data.bytes.empty())
+        }
+    }
+    if (const Carried data = carried(record); !data.bytes.empty()) {
         visit(data.name, [&](Text &out) { put_carried(out, data, mask); });
+    }
 }
 
 }  // namespace trace_reader

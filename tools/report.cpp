@@ -47,21 +47,24 @@ void put_rows(Text &out, std::string_view title, Rows &rows) {
         out.right((Text() << figures.count).str(), kNumberWidth);
         out.right((Text() << figures.failures).str(), kNumberWidth);
         const size_t n = figures.durations.size();
-        for (const size_t percent : {size_t{50}, size_t{99}, size_t{100}})  // nearest rank
+        for (const size_t percent : {size_t{50}, size_t{99}, size_t{100}}) {  // nearest rank
             out.right(n != 0
                           ? Text().duration(figures.durations[(n * percent + 99) / 100 - 1]).str()
                           : "-",
                       kNumberWidth);
+        }
         out << '\n';
     }
 }
 
 void put_slowest(Text &out, const Dump &dump, const Trace &trace) {
     std::vector<std::pair<int64_t, const Record *>> slow;
-    for (const Record &record : trace.records)
+    for (const Record &record : trace.records) {
         if (const auto duration = trace.duration(record);
-            record.is_callback() && !record.exit && duration)
+            record.is_callback() && !record.exit && duration) {
             slow.emplace_back(*duration, &record);
+        }
+    }
     const size_t shown = std::min(slow.size(), kSlowest);
     std::ranges::partial_sort(slow, slow.begin() + static_cast<ptrdiff_t>(shown), std::greater(),
                               &std::pair<int64_t, const Record *>::first);

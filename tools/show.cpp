@@ -25,8 +25,10 @@ class Filter {
     }
     bool passes(const Record &record) const {
         const bool of_calls = options.apis.any() || handle || options.failures || options.slower;
-        if (record.time < since || record.time > until || (of_calls && record.operation == nullptr))
+        if (record.time < since || record.time > until ||
+            (of_calls && record.operation == nullptr)) {
             return false;
+        }
         if (options.apis.any() && !options.apis[record.api()]) return false;
         if (handle && trace.object_of(record) != *handle) return false;
         if (options.failures && !trace.is_bad(record)) return false;
@@ -78,10 +80,11 @@ void Lines::put(const Record &record) {
     put_record(out, dump, trace.fuller(record));
     if (record.is_call()) {
         out << " = ";
-        if (exit != nullptr)
+        if (exit != nullptr) {
             put_outcome(out, dump, *exit);
-        else
+        } else {
             out << "? (not finished)";
+        }
         if (record.exit) out << " (began before the trace)";
     }
     out.colour(Colour::none);
@@ -106,9 +109,10 @@ std::optional<uint64_t> parse_time(const std::string &text, uint64_t day) {
         const char *rest = strptime(text.c_str(), format, &time);
         if (rest == nullptr) continue;
         uint64_t usec = 0;
-        if (*rest == '.')
+        if (*rest == '.') {
             for (uint64_t unit = 100000; *++rest >= '0' && *rest <= '9'; unit /= 10)
                 usec += unit * static_cast<uint64_t>(*rest - '0');
+        }
         if (*rest != '\0') continue;
         time.tm_isdst = -1;
         return static_cast<uint64_t>(mktime(&time)) * 1000000 + usec;

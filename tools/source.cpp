@@ -18,12 +18,13 @@ constexpr size_t kPipeLimit = size_t{1} << 30;
 Source::Source(const char *path) {
     fd = strcmp(path, "-") == 0 ? dup(STDIN_FILENO) : open(path, O_RDONLY | O_CLOEXEC);
     struct stat status;
-    if (fd < 0 || fstat(fd, &status) != 0)
+    if (fd < 0 || fstat(fd, &status) != 0) {
         failure = strerror(errno);
-    else if (S_ISREG(status.st_mode))
+    } else if (S_ISREG(status.st_mode)) {
         total = static_cast<uint64_t>(status.st_size);
-    else
+    } else {
         slurp();
+    }
 }
 
 Source::~Source() {

@@ -68,8 +68,9 @@ void put_ring(Text &out, const Dump &dump, const Ring &ring) {
     const CL_TraceRing &head = ring.head;
     out << ", " << head.entry_count << " entries of " << head.entry_size << ", oldest "
         << head.oldest << ", next " << head.next << (head.wrapped != 0 ? ", wrapped" : "");
-    if (*head.prefix != '\0')
+    if (*head.prefix != '\0') {
         (out << ", prefix ").quoted({head.prefix, strnlen(head.prefix, sizeof head.prefix)});
+    }
     out << '\n';
 }
 
@@ -82,9 +83,10 @@ void put_file(Text &out, const Dump &dump) {
         put_block(out, dump, *block);
         out << (block->size != 0 ? "\n" : "");
     }
-    if (dump.application_offset < dump.size)
+    if (dump.application_offset < dump.size) {
         label(out, "application's") << dump.size - dump.application_offset << " bytes at offset "
                                     << dump.application_offset << '\n';
+    }
 }
 
 void put_main(Text &out, const Dump &dump) {
@@ -134,13 +136,16 @@ void put_connection(Text &out, const CL_Object &object) {
     out << "waits for ";
     const size_t begin = out.size();
     const auto next = [&] { return out.size() == begin ? "" : ", "; };
-    if ((object.sub_status & CL_SUB_CONNECT_PENDING) != 0)
+    if ((object.sub_status & CL_SUB_CONNECT_PENDING) != 0) {
         put_text(out << "the connection to ", connection.address.sun_path);
-    if ((object.sub_status & CL_SUB_RECV_PENDING) != 0)
+    }
+    if ((object.sub_status & CL_SUB_RECV_PENDING) != 0) {
         out << next() << "a message, " << connection.received_count << " bytes of at most "
             << connection.receive_capacity << " are here";
-    if ((object.sub_status & CL_SUB_SEND_PENDING) != 0)
+    }
+    if ((object.sub_status & CL_SUB_SEND_PENDING) != 0) {
         out << next() << "room to send " << connection.send_queue.count << " messages";
+    }
     if (out.size() == begin) out << "nothing";
 }
 
@@ -158,13 +163,14 @@ void put_thread(Text &out, const CL_Object &) {
 }
 
 void put_timer(Text &out, const CL_Object &object) {
-    if ((object.status & CL_STATUS_RUNNING) == 0)
+    if ((object.status & CL_STATUS_RUNNING) == 0) {
         out << "does not run";
-    else if (object.remaining == CL_TIMER_DUE)
+    } else if (object.remaining == CL_TIMER_DUE) {
         out << "is due";
-    else
+    } else {
         out << "waits for " << object.remaining << " of " << object.interval
             << " s, started at uptime " << object.start_time;
+    }
 }
 
 void put_memory(Text &out, const CL_Object &object) {
@@ -210,10 +216,11 @@ void put_object(Text &out, const Dump &dump, uint64_t slot, bool all) {
     const bool live = dump.is_live(slot);
     if (!live && !all) return;
     (out << '#' << slot << ' ').hex(dump.address_of(slot));
-    if (live)
+    if (live) {
         put_live(out, object);
-    else
+    } else {
         out << " free\n";
+    }
     put_time_and_place(out, "created", object.created);
     if (all) {
         put_time_and_place(out, "created before", object.created_before);
