@@ -26,7 +26,7 @@ size_t rank_of(const uint8_t *bytes, size_t from) {
 
 class Loader {
   public:
-    Loader(Dump &d, const Source &s) : dump(d), source(s) {}
+    Loader(Dump &dump, const Source &source) : dump_(dump), source_(source) {}
     void blocks();
     void ring(Ring &ring);
     void table(bool with_objects);
@@ -41,24 +41,24 @@ class Loader {
     uint64_t content_size(const Block &block, size_t rank) const;
     uint64_t length(const Block &block, size_t rank);
 
-    Dump &dump;
-    const Source &source;
+    Dump &dump_;
+    const Source &source_;
 };
 
 size_t Loader::rank_at(uint64_t offset, size_t from) const {
     uint8_t bytes[kEyeSize];
-    return source.read(offset, bytes, kEyeSize) == kEyeSize ? rank_of(bytes, from) : kRanks;
+    return source_.read(offset, bytes, kEyeSize) == kEyeSize ? rank_of(bytes, from) : kRanks;
 }
 
 // Offset of the next block of at least that rank, at whatever alignment; the file's size for none.
 uint64_t Loader::find(uint64_t offset, size_t from) const {
     std::vector<uint8_t> piece(65536);
     for (;; offset += piece.size() - (kEyeSize - 1)) {
-        const uint64_t got = source.read(offset, piece.data(), piece.size());
+        const uint64_t got = source_.read(offset, piece.data(), piece.size());
         for (uint64_t i = 0; i + kEyeSize <= got; ++i) {
             if (piece[i] == kEyes[0][0] && rank_of(&piece[i], from) < kRanks) return offset + i;
         }
-        if (got < piece.size()) return dump.size;
+        if (got < piece.size()) return dump_.size;
     }
 }
 
@@ -71,27 +71,28 @@ uint64_t Loader::first_block() {
            text.find('\0') == std::string::npos) {
         const size_t at = text.size();
         text.resize(at + kTextPiece);
-        got = source.read(at, text.data() + at, kTextPiece);
+        got = source_.read(at, text.data() + at, kTextPiece);
         text.resize(at + got);
     }
     const uint64_t end = std::min(text.find('\0'), text.size()) + 1;
     const uint64_t behind = end + kTextAlignment - end % kTextAlignment;
     if (rank_at(behind, 0) < kRanks) {
-        dump.text = text.substr(0, end - 1);
+        dump_.text = text.substr(0, end - 1);
         return behind;
     }
     const uint64_t first = find(0, 0);
-    if (first == dump.size) {
-        dump.problems.add(0, "no block of a dump in this file");
+    if (first == dump_.size) {
+        dump_.problems.add(0, "no block of a dump in this file");
     } else if (first != 0) {
-        dump.problems.add(0, first, " bytes that are neither a block nor a header text");
+        dump_.problems.add(0, first, " bytes that are neither a block nor a header text");
     }
     return first;
 }
 
 Block &Loader::block(size_t rank) {
-    Block *const places[kRanks] = {&dump.rings[CL_RING_LIBRARY].block,
-                                   &dump.rings[CL_RING_USER].block, &dump.main_block, &dump.table};
+    Block *const places[kRanks] = {&dump_.rings[CL_RING_LIBRARY].block,
+                                   &dump_.rings[CL_RING_USER].block, &dump_.main_block,
+                                   &dump_.table};
     return *places[rank];
 }
 
@@ -99,12 +100,12 @@ Block &Loader::block(size_t rank) {
 uint64_t Loader::content_size(const Block &block, size_t rank) const {
     if (rank == kMain) return sizeof(CL_MainBlock);
     if (rank == kTable) {
-        return dump.main_block.size != 0
-                   ? sizeof(CL_TableHeader) + dump.capacity * sizeof(CL_Object)
+        return dump_.main_block.size != 0
+                   ? sizeof(CL_TableHeader) + dump_.capacity * sizeof(CL_Object)
                    : std::max(block.header.size, sizeof(CL_TableHeader));
     }
     CL_TraceRing ring{};
-    source.read(block.offset, &ring, sizeof ring);
+    source_.read(block.offset, &ring, sizeof ring);
     return sizeof ring + ring.entry_count * (uint64_t{ring.entry_size} + sizeof(CL_TraceEntry));
 }
 
@@ -113,84 +114,84 @@ uint64_t Loader::content_size(const Block &block, size_t rank) const {
 uint64_t Loader::length(const Block &block, size_t rank) {
     const uint64_t content = content_size(block, rank);
     if (block.header.size == content) return content;
-    dump.problems.add(block.offset + offsetof(CL_TableHeader, size), kEyes[rank], " of ",
-                      block.header.size, " bytes by its header, ", content, " by its contents");
+    dump_.problems.add(block.offset + offsetof(CL_TableHeader, size), kEyes[rank], " of ",
+                       block.header.size, " bytes by its header, ", content, " by its contents");
     return rank >= kMain ? content : find(block.offset + kEyeSize, rank + 1) - block.offset;
 }
 
 void Loader::take(uint64_t offset, size_t rank) {
     Block &block = this->block(rank);
     block.offset = offset;
-    source.read(offset, &block.header, sizeof block.header);
+    source_.read(offset, &block.header, sizeof block.header);
     const uint64_t whole = length(block, rank);
-    block.size = std::min(whole, dump.size - offset);
+    block.size = std::min(whole, dump_.size - offset);
     if (block.size < whole) {
-        dump.problems.add(dump.size, "the file ends ", whole - block.size, " bytes inside ",
-                          kEyes[rank]);
+        dump_.problems.add(dump_.size, "the file ends ", whole - block.size, " bytes inside ",
+                           kEyes[rank]);
     }
     if (rank != kMain) return;
-    source.read(offset, &dump.main, std::min<uint64_t>(block.size, sizeof dump.main));
-    dump.capacity = dump.main.capacity;
-    if (dump.capacity > CL_MAX_OBJECTS + CL_SPARE_OBJECTS) {
-        dump.problems.add(offset + offsetof(CL_MainBlock, capacity), dump.capacity,
-                          " objects are more than a table can have");
-        dump.capacity = CL_MAX_OBJECTS + CL_SPARE_OBJECTS;
+    source_.read(offset, &dump_.main, std::min<uint64_t>(block.size, sizeof dump_.main));
+    dump_.capacity = dump_.main.capacity;
+    if (dump_.capacity > CL_MAX_OBJECTS + CL_SPARE_OBJECTS) {
+        dump_.problems.add(offset + offsetof(CL_MainBlock, capacity), dump_.capacity,
+                           " objects are more than a table can have");
+        dump_.capacity = CL_MAX_OBJECTS + CL_SPARE_OBJECTS;
     }
 }
 
 void Loader::blocks() {
     uint64_t at = first_block();
     size_t rank = 0;
-    while (rank < kRanks && at < dump.size) {
+    while (rank < kRanks && at < dump_.size) {
         if (const size_t found = rank_at(at, rank); found < kRanks) {
             take(at, found);
             at += block(found).size;
             rank = found + 1;
             continue;
         }
-        if (dump.main_block.size != 0 && dump.main.descriptor_table == nullptr) break;
+        if (dump_.main_block.size != 0 && dump_.main.descriptor_table == nullptr) break;
         const uint64_t next = find(at, rank);
-        if (next == dump.size) break;
-        dump.problems.add(at, next - at, " bytes that are no block");
+        if (next == dump_.size) break;
+        dump_.problems.add(at, next - at, " bytes that are no block");
         at = next;
     }
-    dump.application_offset = at;
-    if (dump.main_block.size == 0) dump.problems.add(dump.size, "there is no main table");
+    dump_.application_offset = at;
+    if (dump_.main_block.size == 0) dump_.problems.add(dump_.size, "there is no main table");
 }
 
 void Loader::ring(Ring &ring) {
     const Block &block = ring.block;
     if (block.size < sizeof ring.head) return;
-    source.read(block.offset, &ring.head, sizeof ring.head);
+    source_.read(block.offset, &ring.head, sizeof ring.head);
     if (ring.head.entry_size < CL_TRC_MIN_ENTRY || ring.head.entry_count == 0) {
-        dump.problems.add(block.offset + offsetof(CL_TraceRing, entry_size), "a ring of ",
-                          ring.head.entry_count, " entries of ", ring.head.entry_size, " bytes");
+        dump_.problems.add(block.offset + offsetof(CL_TraceRing, entry_size), "a ring of ",
+                           ring.head.entry_count, " entries of ", ring.head.entry_size, " bytes");
         return;
     }
     const uint64_t bytes = std::min(block.size - sizeof ring.head, kLargestRing);
     ring.held = std::min<uint64_t>(ring.head.entry_count, bytes / ring.stride());
     ring.entries = std::make_unique_for_overwrite<uint8_t[]>(ring.held * ring.stride());
-    ring.held = source.read(ring.offset_of(0), ring.entries.get(), ring.held * ring.stride()) /
+    ring.held = source_.read(ring.offset_of(0), ring.entries.get(), ring.held * ring.stride()) /
                 ring.stride();
 }
 
 void Loader::table(bool with_objects) {
-    dump.table_address =
-        dump.main_block.size != 0 ? address(dump.main.descriptor_table) : dump.table.header.address;
-    const uint64_t data = dump.table.size - std::min(dump.table.size, sizeof(CL_TableHeader));
+    dump_.table_address = dump_.main_block.size != 0 ? address(dump_.main.descriptor_table)
+                                                     : dump_.table.header.address;
+    const uint64_t data = dump_.table.size - std::min(dump_.table.size, sizeof(CL_TableHeader));
     const uint64_t slots =
         std::min<uint64_t>(data / sizeof(CL_Object), CL_MAX_OBJECTS + CL_SPARE_OBJECTS);
-    if (dump.main_block.size == 0) dump.capacity = slots;
+    if (dump_.main_block.size == 0) dump_.capacity = slots;
     if (!with_objects) return;
-    dump.objects.resize(std::min(slots, dump.capacity));
-    const uint64_t bytes = dump.objects.size() * sizeof(CL_Object);
-    dump.objects.resize(source.read(dump.offset_of(0), dump.objects.data(), bytes) /
-                        sizeof(CL_Object));
+    dump_.objects.resize(std::min(slots, dump_.capacity));
+    const uint64_t bytes = dump_.objects.size() * sizeof(CL_Object);
+    dump_.objects.resize(source_.read(dump_.offset_of(0), dump_.objects.data(), bytes) /
+                         sizeof(CL_Object));
 }
 
 // The main table says where the other blocks were, and so whether they should be here.
 void Loader::compare_addresses() {
-    const CL_MainBlock &main = dump.main;
+    const CL_MainBlock &main = dump_.main;
     const struct {
         size_t rank;
         size_t place;
@@ -199,14 +200,14 @@ void Loader::compare_addresses() {
         {kLibraryRing, offsetof(CL_MainBlock, library_ring), address(main.library_ring)},
         {kUserRing, offsetof(CL_MainBlock, user_ring), address(main.user_ring)},
         {kTable, offsetof(CL_MainBlock, descriptor_table), address(main.descriptor_table)}};
-    if (dump.main_block.size == 0) return;
+    if (dump_.main_block.size == 0) return;
     for (const auto &[rank, place, there] : expected) {
         const Block &block = this->block(rank);
         if (block.size == 0 && there != 0) {
-            dump.problems.add(dump.main_block.offset + place, kEyes[rank], " is missing");
+            dump_.problems.add(dump_.main_block.offset + place, kEyes[rank], " is missing");
         } else if (block.size != 0 && there != block.header.address) {
-            dump.problems.add(dump.main_block.offset + place, "another address than that of ",
-                              kEyes[rank]);
+            dump_.problems.add(dump_.main_block.offset + place, "another address than that of ",
+                               kEyes[rank]);
         }
     }
 }
@@ -214,10 +215,10 @@ void Loader::compare_addresses() {
 }  // namespace
 
 void Problems::print(Text &out, std::string_view file) const {
-    for (const std::string &text : list)
+    for (const std::string &text : list_)
         out << "qvcl-trace: " << file << ": " << text << '\n';
-    if (total > list.size()) {
-        out << "qvcl-trace: " << file << ": and " << total - list.size() << " more\n";
+    if (total_ > list_.size()) {
+        out << "qvcl-trace: " << file << ": and " << total_ - list_.size() << " more\n";
     }
 }
 

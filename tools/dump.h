@@ -23,19 +23,19 @@ class Problems {
   public:
     template <class... Part>
     void add(uint64_t offset, const Part &...parts) {
-        if (++total > kKept) return;
+        if (++total_ > kKept) return;
         Text text;
         text << "offset " << offset << ": ";
         (text << ... << parts);
-        list.push_back(text.str());
+        list_.push_back(text.str());
     }
-    size_t count() const { return total; }
+    size_t count() const { return total_; }
     void print(Text &out, std::string_view file) const;
 
   private:
     static constexpr size_t kKept = 20;
-    size_t total = 0;
-    std::vector<std::string> list;
+    size_t total_ = 0;
+    std::vector<std::string> list_;
 };
 
 // A block of the file; `size` is what of it the file holds, 0 when there is none.

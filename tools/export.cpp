@@ -11,7 +11,8 @@ namespace {
 
 class Exporter {
   public:
-    Exporter(const Dump &d, const Trace &t, Text &o) : dump(d), trace(t), out(o) {}
+    Exporter(const Dump &dump, const Trace &trace, Text &out)
+        : dump_(dump), trace_(trace), out_(out) {}
     void run();
 
   private:
@@ -22,113 +23,115 @@ class Exporter {
     void put_text(std::string_view key, std::string_view value);
     void put_names();
 
-    const Dump &dump;
-    const Trace &trace;
-    Text &out;
-    std::map<uint64_t, uint64_t> tracks;  // by address of the object; 0 is the process
-    std::string_view between;
+    const Dump &dump_;
+    const Trace &trace_;
+    Text &out_;
+    std::map<uint64_t, uint64_t> tracks_;  // by address of the object; 0 is the process
+    std::string_view between_;
 };
 
 uint64_t Exporter::track_of(const Record &record) {
-    const uint64_t handle = trace.object_of(record);
-    if (const auto slot = dump.slot_of(handle)) return tracks[handle] = *slot + 1;
+    const uint64_t handle = trace_.object_of(record);
+    if (const auto slot = dump_.slot_of(handle)) return tracks_[handle] = *slot + 1;
     // Addresses that are no slot get the numbers behind those of the table.
-    return handle != 0 ? tracks.try_emplace(handle, dump.capacity + 1 + tracks.size()).first->second
-                       : tracks[0] = 0;
+    return handle != 0
+               ? tracks_.try_emplace(handle, dump_.capacity + 1 + tracks_.size()).first->second
+               : tracks_[0] = 0;
 }
 
 void Exporter::put_text(std::string_view key, std::string_view value) {
-    out << between;
-    out.quoted(key, Escape::json) << ':';
-    out.quoted(value, Escape::json);
-    between = ",";
+    out_ << between_;
+    out_.quoted(key, Escape::json) << ':';
+    out_.quoted(value, Escape::json);
+    between_ = ",";
 }
 
 void Exporter::put_head(std::string_view phase, uint64_t track) {
-    out << R"({"ph":")" << phase << R"(","pid":)" << dump.main.pid << R"(,"tid":)" << track;
+    out_ << R"({"ph":")" << phase << R"(","pid":)" << dump_.main.pid << R"(,"tid":)" << track;
 }
 
 void Exporter::put_arguments(const Record &record, const Record *exit) {
-    out << R"(,"args":{)";
-    between = "";
+    out_ << R"(,"args":{)";
+    between_ = "";
     if (record.operation != nullptr && !record.is_call()) {
         Text change;
-        put_record(change, dump, record);
+        put_record(change, dump_, record);
         put_text("change", change.str());
     } else if (record.operation != nullptr) {
-        each_argument(dump, trace.fuller(record), Mask::no, [&](std::string_view name, auto write) {
-            Text value;
-            write(value);
-            put_text(name, value.str());
-        });
+        each_argument(dump_, trace_.fuller(record), Mask::no,
+                      [&](std::string_view name, auto write) {
+                          Text value;
+                          write(value);
+                          put_text(name, value.str());
+                      });
         Text outcome;
-        if (exit != nullptr) put_outcome(outcome, dump, *exit);
+        if (exit != nullptr) put_outcome(outcome, dump_, *exit);
         put_text("result", exit != nullptr ? outcome.str() : "not finished");
         Text position;
         put_position(position, record);
         put_text("position", position.str());
     } else {
         Text text;
-        put_record(text, dump, record);
+        put_record(text, dump_, record);
         put_text("data", text.str());
     }
-    out << "}}";
+    out_ << "}}";
 }
 
 void Exporter::put_event(const Record &record) {
-    const Record *exit = trace.exit_of(record);
-    const bool bad = trace.is_bad(record);
+    const Record *exit = trace_.exit_of(record);
+    const bool bad = trace_.is_bad(record);
     // A call of which one record is lost reaches to the edge of the trace.
-    const uint64_t begin = record.exit ? trace.records.front().time : record.time;
-    const uint64_t end = exit != nullptr ? exit->time : trace.records.back().time;
-    out << ",\n";
+    const uint64_t begin = record.exit ? trace_.records.front().time : record.time;
+    const uint64_t end = exit != nullptr ? exit->time : trace_.records.back().time;
+    out_ << ",\n";
     put_head(record.is_call() ? "X" : "i", track_of(record));
-    out << R"(,"ts":)" << begin;
+    out_ << R"(,"ts":)" << begin;
     if (record.is_call()) {
-        out << R"(,"dur":)" << (end > begin ? end - begin : 0);
+        out_ << R"(,"dur":)" << (end > begin ? end - begin : 0);
     } else {
-        out << R"(,"s":"t")";
+        out_ << R"(,"s":"t")";
     }
     Text name;
     put_title(name << (bad ? "! " : ""), record);
-    (out << R"(,"name":)").quoted(name.str(), Escape::json);
-    out << R"(,"cat":")"
-        << (bad                    ? "error"
-            : record.is_callback() ? "callback"
-            : record.is_call()     ? "call"
-                                   : "event")
-        << '"' << (bad ? R"(,"cname":"terrible")" : "");
+    (out_ << R"(,"name":)").quoted(name.str(), Escape::json);
+    out_ << R"(,"cat":")"
+         << (bad                    ? "error"
+             : record.is_callback() ? "callback"
+             : record.is_call()     ? "call"
+                                    : "event")
+         << '"' << (bad ? R"(,"cname":"terrible")" : "");
     put_arguments(record, exit);
-    out.spill();
+    out_.spill();
 }
 
 void Exporter::put_names() {
-    for (const auto &[handle, track] : tracks) {
+    for (const auto &[handle, track] : tracks_) {
         Text name;
         if (handle != 0) {
-            put_object(name, dump, handle);
+            put_object(name, dump_, handle);
         } else {
             name << "process";
         }
-        out << ",\n";
+        out_ << ",\n";
         put_head("M", track);
-        (out << R"(,"name":"thread_name","args":{"name":)").quoted(name.str(), Escape::json)
+        (out_ << R"(,"name":"thread_name","args":{"name":)").quoted(name.str(), Escape::json)
             << "}}";
-        out << ",\n";
+        out_ << ",\n";
         put_head("M", track);
-        out << R"(,"name":"thread_sort_index","args":{"sort_index":)" << track << "}}";
+        out_ << R"(,"name":"thread_sort_index","args":{"sort_index":)" << track << "}}";
     }
 }
 
 void Exporter::run() {
-    out << R"({"displayTimeUnit":"ms","traceEvents":[)" << '\n';
+    out_ << R"({"displayTimeUnit":"ms","traceEvents":[)" << '\n';
     put_head("M", 0);
-    (out << R"(,"name":"process_name","args":{"name":)").quoted(dump.name, Escape::json) << "}}";
-    for (const Record &record : trace.records) {
-        if (trace.is_told(record)) put_event(record);
+    (out_ << R"(,"name":"process_name","args":{"name":)").quoted(dump_.name, Escape::json) << "}}";
+    for (const Record &record : trace_.records) {
+        if (trace_.is_told(record)) put_event(record);
     }
     put_names();
-    out << "\n]}\n";
+    out_ << "\n]}\n";
 }
 
 }  // namespace

@@ -59,49 +59,50 @@ bool head_fits(const CL_TrcOperation &operation, const CL_TrcHead &head) {
 // The records of one ring from the oldest to the newest.
 class RingWalk {
   public:
-    RingWalk(Dump &d, int number, Records &o, Joined &j)
-        : dump(d), ring(d.rings[number]), which(number), out(o), joined(j) {}
+    RingWalk(Dump &dump, int ring, Records &out, Joined &joined)
+        : dump_(dump), ring_(dump.rings[ring]), which_(ring), out_(out), joined_(joined) {}
     void run();
 
   private:
     void bounds();
-    uint64_t index(uint64_t k) const { return (start + k) % ring.head.entry_count; }
+    uint64_t index(uint64_t k) const { return (start_ + k) % ring_.head.entry_count; }
     const uint8_t *entry(uint64_t k) const;
     CL_TraceEntry head_of(uint64_t k) const;
     uint64_t whole(uint64_t k) const;
     void take(uint64_t k, uint64_t count);
 
-    Dump &dump;
-    const Ring &ring;
-    int which;
-    Records &out;
-    Joined &joined;
-    uint64_t start = 0;
-    uint64_t used = 0;
+    Dump &dump_;
+    const Ring &ring_;
+    int which_;
+    Records &out_;
+    Joined &joined_;
+    uint64_t start_ = 0;
+    uint64_t used_ = 0;
 };
 
 void RingWalk::bounds() {
-    const CL_TraceRing &head = ring.head;
+    const CL_TraceRing &head = ring_.head;
     const uint64_t count = head.entry_count;
-    const uint64_t place = ring.block.offset + offsetof(CL_TraceRing, oldest);
+    const uint64_t place = ring_.block.offset + offsetof(CL_TraceRing, oldest);
     if (head.oldest >= count || head.next >= count || head.wrapped > 1 ||
         (head.wrapped == 0 && head.oldest != 0)) {
-        dump.problems.add(place, "ring indexes oldest ", head.oldest, ", next ", head.next,
-                          ", wrapped ", head.wrapped, " for ", count, " entries");
-        used = ring.held;
+        dump_.problems.add(place, "ring indexes oldest ", head.oldest, ", next ", head.next,
+                           ", wrapped ", head.wrapped, " for ", count, " entries");
+        used_ = ring_.held;
         return;
     }
-    start = head.wrapped != 0 ? head.oldest : 0;
-    used = head.next > start || head.wrapped == 0 ? head.next - start : head.next + count - start;
-    if (ring.held < count) {
-        dump.problems.add(ring.offset_of(ring.held), count - ring.held,
-                          " entries of a ring are missing");
+    start_ = head.wrapped != 0 ? head.oldest : 0;
+    used_ =
+        head.next > start_ || head.wrapped == 0 ? head.next - start_ : head.next + count - start_;
+    if (ring_.held < count) {
+        dump_.problems.add(ring_.offset_of(ring_.held), count - ring_.held,
+                           " entries of a ring are missing");
     }
 }
 
 // The k-th entry from the oldest on; null when the file does not hold it.
 const uint8_t *RingWalk::entry(uint64_t k) const {
-    return index(k) < ring.held ? ring.entries.get() + index(k) * ring.stride() : nullptr;
+    return index(k) < ring_.held ? ring_.entries.get() + index(k) * ring_.stride() : nullptr;
 }
 
 CL_TraceEntry RingWalk::head_of(uint64_t k) const {
@@ -113,7 +114,7 @@ CL_TraceEntry RingWalk::head_of(uint64_t k) const {
 // Entries of the record that begins at entry k; 0 when none does.
 uint64_t RingWalk::whole(uint64_t k) const {
     const uint64_t count = head_of(k).remaining;
-    if (count == 0 || k + count > used) return 0;
+    if (count == 0 || k + count > used_) return 0;
     for (uint64_t i = 0; i < count; ++i) {
         const CL_TraceEntry head = head_of(k + i);
         const uint32_t flags = (i != 0 ? 0 : CL_ENTRY_FIRST) + (i + 1 < count ? 0 : CL_ENTRY_LAST);
@@ -123,13 +124,13 @@ uint64_t RingWalk::whole(uint64_t k) const {
 }
 
 void RingWalk::take(uint64_t k, uint64_t count) {
-    const uint64_t data = ring.head.entry_size;
+    const uint64_t data = ring_.head.entry_size;
     Record record;
-    record.ring = which;
-    record.offset = ring.offset_of(index(k));
+    record.ring = which_;
+    record.offset = ring_.offset_of(index(k));
     record.bytes = {entry(k) + sizeof(CL_TraceEntry), data};
     if (count > 1) {
-        auto &whole = joined.emplace_back(std::make_unique_for_overwrite<uint8_t[]>(count * data));
+        auto &whole = joined_.emplace_back(std::make_unique_for_overwrite<uint8_t[]>(count * data));
         for (uint64_t i = 0; i < count; ++i)
             memcpy(&whole[i * data], entry(k + i) + sizeof(CL_TraceEntry), data);
         record.bytes = {whole.get(), count * data};
@@ -138,48 +139,48 @@ void RingWalk::take(uint64_t k, uint64_t count) {
     record.length = head.length;
     record.time = head.seconds * 1000000 + head.microseconds;
     if ((head.length + data - 1) / data != count) {
-        dump.problems.add(record.offset, "a record of ", head.length, " bytes in ", count,
-                          " entries of ", data);
+        dump_.problems.add(record.offset, "a record of ", head.length, " bytes in ", count,
+                           " entries of ", data);
     }
     record.bytes = record.bytes.first(std::min<size_t>(record.bytes.size(), head.length));
-    if (which == CL_RING_LIBRARY && record.bytes.size() >= sizeof head) {
+    if (which_ == CL_RING_LIBRARY && record.bytes.size() >= sizeof head) {
         record.operation = operation_of(head.api);
         record.exit = head.phase != 0;
     }
-    if (which == CL_RING_LIBRARY && record.bytes.size() < sizeof head) {
-        dump.problems.add(record.offset, "a record of ", head.length, " bytes has no whole head");
-    } else if (which == CL_RING_LIBRARY && record.operation == nullptr) {
-        dump.problems.add(record.offset, "a record of no known operation, API ", head.api);
+    if (which_ == CL_RING_LIBRARY && record.bytes.size() < sizeof head) {
+        dump_.problems.add(record.offset, "a record of ", head.length, " bytes has no whole head");
+    } else if (which_ == CL_RING_LIBRARY && record.operation == nullptr) {
+        dump_.problems.add(record.offset, "a record of no known operation, API ", head.api);
     } else if (record.operation != nullptr && !length_fits(*record.operation, head.length)) {
-        dump.problems.add(record.offset, record.operation->name, ": a record of ", head.length,
-                          " bytes");
+        dump_.problems.add(record.offset, record.operation->name, ": a record of ", head.length,
+                           " bytes");
     } else if (record.operation != nullptr && !head_fits(*record.operation, head)) {
-        dump.problems.add(record.offset, record.operation->name, ": a record of phase ", head.phase,
-                          " with marker ", head.marker);
+        dump_.problems.add(record.offset, record.operation->name, ": a record of phase ",
+                           head.phase, " with marker ", head.marker);
     }
     if (head.microseconds >= 1000000) {
-        dump.problems.add(record.offset, "a record of ", head.microseconds, " microseconds");
+        dump_.problems.add(record.offset, "a record of ", head.microseconds, " microseconds");
     }
-    out.push_back(record);
+    out_.push_back(record);
 }
 
 void RingWalk::run() {
-    if (ring.held == 0) return;
+    if (ring_.held == 0) return;
     bounds();
-    out.reserve(std::min(used, ring.held));
+    out_.reserve(std::min(used_, ring_.held));
     bool lost = false;
-    for (uint64_t k = 0; k < ring.head.entry_count;) {
+    for (uint64_t k = 0; k < ring_.head.entry_count;) {
         if (entry(k) == nullptr) {
-            k += ring.head.entry_count - index(k);
+            k += ring_.head.entry_count - index(k);
             continue;
         }
-        const uint64_t count = k < used ? whole(k) : 0;
+        const uint64_t count = k < used_ ? whole(k) : 0;
         if (count != 0) {
             take(k, count);
-        } else if (!lost && k < used) {
-            dump.problems.add(ring.offset_of(index(k)), "no record begins in this entry");
+        } else if (!lost && k < used_) {
+            dump_.problems.add(ring_.offset_of(index(k)), "no record begins in this entry");
         } else if (!lost && (head_of(k).flags & CL_ENTRY_FIRST) != 0) {
-            dump.problems.add(ring.offset_of(index(k)), "a record begins in an entry not in use");
+            dump_.problems.add(ring_.offset_of(index(k)), "a record begins in an entry not in use");
         }
         lost = count == 0;
         k += std::max<uint64_t>(count, 1);
@@ -216,8 +217,8 @@ uint64_t number(Bytes bytes, const CL_TrcField &field) {
 
 Trace::Trace(Dump &dump, int ring) {
     Records user, library;
-    if (ring != CL_RING_LIBRARY) RingWalk(dump, CL_RING_USER, user, joined).run();
-    if (ring != CL_RING_USER) RingWalk(dump, CL_RING_LIBRARY, library, joined).run();
+    if (ring != CL_RING_LIBRARY) RingWalk(dump, CL_RING_USER, user, joined_).run();
+    if (ring != CL_RING_USER) RingWalk(dump, CL_RING_LIBRARY, library, joined_).run();
     if (user.empty()) {
         records = std::move(library);
     } else {

@@ -61,7 +61,7 @@ class Trace {
 
   private:
     void pair();
-    Joined joined;
+    Joined joined_;
 };
 
 CL_ErrInfo error_of(const Record &record);

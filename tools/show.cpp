@@ -16,86 +16,89 @@ constexpr uint64_t kQuarter = 900000000;  // time zones change the date at some 
 
 class Filter {
   public:
-    Filter(const Options &o, const Dump &dump, const Trace &t) : options(o), trace(t) {
-        const uint64_t first = trace.records.empty() ? 0 : trace.records.front().time;
-        since = parse_time(options.since, first).value_or(0);
-        until = parse_time(options.until, first).value_or(UINT64_MAX);
-        if (options.handle) handle = *options.handle;
-        if (options.slot) handle = dump.address_of(*options.slot);
+    Filter(const Options &options, const Dump &dump, const Trace &trace)
+        : options_(options), trace_(trace) {
+        const uint64_t first = trace_.records.empty() ? 0 : trace_.records.front().time;
+        since_ = parse_time(options_.since, first).value_or(0);
+        until_ = parse_time(options_.until, first).value_or(UINT64_MAX);
+        if (options_.handle) handle_ = *options_.handle;
+        if (options_.slot) handle_ = dump.address_of(*options_.slot);
     }
     bool passes(const Record &record) const {
-        const bool of_calls = options.apis.any() || handle || options.failures || options.slower;
-        if (record.time < since || record.time > until ||
+        const bool of_calls =
+            options_.apis.any() || handle_ || options_.failures || options_.slower;
+        if (record.time < since_ || record.time > until_ ||
             (of_calls && record.operation == nullptr)) {
             return false;
         }
-        if (options.apis.any() && !options.apis[record.api()]) return false;
-        if (handle && trace.object_of(record) != *handle) return false;
-        if (options.failures && !trace.is_bad(record)) return false;
-        return !options.slower || trace.duration(record).value_or(INT64_MIN) >= *options.slower;
+        if (options_.apis.any() && !options_.apis[record.api()]) return false;
+        if (handle_ && trace_.object_of(record) != *handle_) return false;
+        if (options_.failures && !trace_.is_bad(record)) return false;
+        return !options_.slower || trace_.duration(record).value_or(INT64_MIN) >= *options_.slower;
     }
 
   private:
-    const Options &options;
-    const Trace &trace;
-    uint64_t since;
-    uint64_t until;
-    std::optional<uint64_t> handle;
+    const Options &options_;
+    const Trace &trace_;
+    uint64_t since_;
+    uint64_t until_;
+    std::optional<uint64_t> handle_;
 };
 
 class Lines {
   public:
-    Lines(const Dump &d, const Trace &t, Text &o) : dump(d), trace(t), out(o) {}
+    Lines(const Dump &dump, const Trace &trace, Text &out)
+        : dump_(dump), trace_(trace), out_(out) {}
     void put(const Record &record);
 
   private:
     void put_day(uint64_t time);
 
-    const Dump &dump;
-    const Trace &trace;
-    Text &out;
-    uint64_t quarter = UINT64_MAX;
-    std::string day;
+    const Dump &dump_;
+    const Trace &trace_;
+    Text &out_;
+    uint64_t quarter_ = UINT64_MAX;
+    std::string day_;
 };
 
 void Lines::put_day(uint64_t time) {
-    if (time / kQuarter == quarter) return;
-    quarter = time / kQuarter;
+    if (time / kQuarter == quarter_) return;
+    quarter_ = time / kQuarter;
     Text text;
-    if (text.day(time).str() == day) return;
-    day = text.str();
-    out << "-- " << day << " --\n";
+    if (text.day(time).str() == day_) return;
+    day_ = text.str();
+    out_ << "-- " << day_ << " --\n";
 }
 
 void Lines::put(const Record &record) {
-    const Record *exit = trace.exit_of(record);
-    const bool bad = trace.is_bad(record);
+    const Record *exit = trace_.exit_of(record);
+    const bool bad = trace_.is_bad(record);
     put_day(record.time);
-    out.colour(Colour::dim).clock(record.time).colour(Colour::none);
-    const auto duration = trace.duration(record);
-    out << ' ';
-    out.right(duration ? Text().duration(*duration).str() : "", kDurationWidth);
-    out.colour(bad ? Colour::red : Colour::none) << (bad ? " ! " : "   ");
-    out.fill(std::min(size_t{2} * record.depth, kDeepest));
-    put_record(out, dump, trace.fuller(record));
+    out_.colour(Colour::dim).clock(record.time).colour(Colour::none);
+    const auto duration = trace_.duration(record);
+    out_ << ' ';
+    out_.right(duration ? Text().duration(*duration).str() : "", kDurationWidth);
+    out_.colour(bad ? Colour::red : Colour::none) << (bad ? " ! " : "   ");
+    out_.fill(std::min(size_t{2} * record.depth, kDeepest));
+    put_record(out_, dump_, trace_.fuller(record));
     if (record.is_call()) {
-        out << " = ";
+        out_ << " = ";
         if (exit != nullptr) {
-            put_outcome(out, dump, *exit);
+            put_outcome(out_, dump_, *exit);
         } else {
-            out << "? (not finished)";
+            out_ << "? (not finished)";
         }
-        if (record.exit) out << " (began before the trace)";
+        if (record.exit) out_ << " (began before the trace)";
     }
-    out.colour(Colour::none);
+    out_.colour(Colour::none);
     if (record.operation != nullptr) {
-        out.colour(Colour::dim) << "  ";
-        put_position(out, record);
-        if (load<uint8_t>(record.bytes, offsetof(CL_TrcHead, caller)) == 1) out << " (library)";
-        out.colour(Colour::none);
+        out_.colour(Colour::dim) << "  ";
+        put_position(out_, record);
+        if (load<uint8_t>(record.bytes, offsetof(CL_TrcHead, caller)) == 1) out_ << " (library)";
+        out_.colour(Colour::none);
     }
-    out << '\n';
-    out.spill();
+    out_ << '\n';
+    out_.spill();
 }
 
 }  // namespace

@@ -10,25 +10,25 @@ namespace trace_reader {
 
 class Source {
   public:
-    explicit Source(Bytes bytes) : memory(bytes), total(bytes.size()) {}
+    explicit Source(Bytes bytes) : memory_(bytes), total_(bytes.size()) {}
     explicit Source(const char *path);  // "-": standard input
     Source(const Source &) = delete;
     Source &operator=(const Source &) = delete;
     ~Source();
 
-    const std::string &error() const { return failure; }  // why it could not be opened, or empty
-    uint64_t size() const { return total; }
+    const std::string &error() const { return failure_; }  // why it could not be opened, or empty
+    uint64_t size() const { return total_; }
     // The number of bytes that there were. A file that shrinks meanwhile gives fewer.
     uint64_t read(uint64_t offset, void *to, uint64_t length) const;
 
   private:
     void slurp();
 
-    int fd = -1;
-    std::vector<uint8_t> held;  // what came through a pipe
-    Bytes memory;
-    uint64_t total = 0;
-    std::string failure;
+    int fd_ = -1;
+    std::vector<uint8_t> held_;  // what came through a pipe
+    Bytes memory_;
+    uint64_t total_ = 0;
+    std::string failure_;
 };
 
 }  // namespace trace_reader

@@ -24,39 +24,39 @@ Text &Text::octal(uint64_t value) {
 
 Text &Text::quoted(std::string_view bytes, Escape escape) {
     static constexpr char kDigits[] = "0123456789abcdef";
-    buffer.push_back('"');
+    buffer_.push_back('"');
     for (const char c : bytes) {
         const auto byte = static_cast<uint8_t>(c);
         if (printable(byte)) {
-            if (c == '"' || c == '\\') buffer.push_back('\\');
-            buffer.push_back(c);
+            if (c == '"' || c == '\\') buffer_.push_back('\\');
+            buffer_.push_back(c);
         } else {
-            buffer.append(escape == Escape::c ? "\\x" : "\\u00");
-            buffer.push_back(kDigits[byte >> 4]);
-            buffer.push_back(kDigits[byte & 15]);
+            buffer_.append(escape == Escape::c ? "\\x" : "\\u00");
+            buffer_.push_back(kDigits[byte >> 4]);
+            buffer_.push_back(kDigits[byte & 15]);
         }
     }
-    buffer.push_back('"');
+    buffer_.push_back('"');
     return *this;
 }
 
 Text &Text::plain(std::string_view bytes) {
     for (const char c : bytes)
-        buffer.push_back(printable(static_cast<uint8_t>(c)) ? c : '?');
+        buffer_.push_back(printable(static_cast<uint8_t>(c)) ? c : '?');
     return *this;
 }
 
 Text &Text::dump(Bytes bytes) {
     static constexpr char kDigits[] = "0123456789abcdef";
     for (size_t i = 0; i < bytes.size(); ++i) {
-        if (i != 0 && i % 4 == 0) buffer.push_back(' ');
-        buffer.push_back(kDigits[bytes[i] >> 4]);
-        buffer.push_back(kDigits[bytes[i] & 15]);
+        if (i != 0 && i % 4 == 0) buffer_.push_back(' ');
+        buffer_.push_back(kDigits[bytes[i] >> 4]);
+        buffer_.push_back(kDigits[bytes[i] & 15]);
     }
-    buffer.append(" |");
+    buffer_.append(" |");
     for (const uint8_t byte : bytes)
-        buffer.push_back(printable(byte) ? static_cast<char>(byte) : '.');
-    buffer.push_back('|');
+        buffer_.push_back(printable(byte) ? static_cast<char>(byte) : '.');
+    buffer_.push_back('|');
     return *this;
 }
 
@@ -64,8 +64,8 @@ Text &Text::padded(uint64_t value, size_t width) {
     char digits[24];
     const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
     const auto length = static_cast<size_t>(end - digits);
-    if (length < width) buffer.append(width - length, '0');
-    buffer.append(digits, end);
+    if (length < width) buffer_.append(width - length, '0');
+    buffer_.append(digits, end);
     return *this;
 }
 
@@ -77,7 +77,7 @@ Text &Text::duration(int64_t usec) {
     };
     static constexpr std::array<Unit, 3> kUnits{
         {{kSecond, kSecond, 3, "s"}, {1000, 1000, 3, "ms"}, {0, 1, 0, "us"}}};
-    if (usec < 0) buffer.push_back('-');  // the clock was set back
+    if (usec < 0) buffer_.push_back('-');  // the clock was set back
     const uint64_t value = usec < 0 ? 0 - static_cast<uint64_t>(usec) : static_cast<uint64_t>(usec);
     for (const Unit &unit : kUnits) {
         if (value < unit.from) continue;
@@ -90,43 +90,43 @@ Text &Text::duration(int64_t usec) {
 
 bool Text::local(uint64_t usec) {
     const uint64_t second = usec / kSecond;
-    if (second == known_second) return true;
+    if (second == known_second_) return true;
     const auto time = static_cast<time_t>(second);
-    if (localtime_r(&time, &known) == nullptr || known.tm_year < -1900) return false;
-    known_second = second;
+    if (localtime_r(&time, &known_) == nullptr || known_.tm_year < -1900) return false;
+    known_second_ = second;
     return true;
 }
 
 Text &Text::day(uint64_t usec) {
     if (!local(usec)) return *this << "second " << usec / kSecond;
-    padded(static_cast<uint64_t>(known.tm_year) + 1900, 4) << '-';
-    padded(static_cast<uint64_t>(known.tm_mon) + 1, 2) << '-';
-    return padded(static_cast<uint64_t>(known.tm_mday), 2);
+    padded(static_cast<uint64_t>(known_.tm_year) + 1900, 4) << '-';
+    padded(static_cast<uint64_t>(known_.tm_mon) + 1, 2) << '-';
+    return padded(static_cast<uint64_t>(known_.tm_mday), 2);
 }
 
 Text &Text::clock(uint64_t usec) {
     if (!local(usec)) {
         *this << '@' << usec / kSecond;
     } else {
-        padded(static_cast<uint64_t>(known.tm_hour), 2) << ':';
-        padded(static_cast<uint64_t>(known.tm_min), 2) << ':';
-        padded(static_cast<uint64_t>(known.tm_sec), 2);
+        padded(static_cast<uint64_t>(known_.tm_hour), 2) << ':';
+        padded(static_cast<uint64_t>(known_.tm_min), 2) << ':';
+        padded(static_cast<uint64_t>(known_.tm_sec), 2);
     }
     return (*this << '.').padded(usec % kSecond, 6);
 }
 
 Text &Text::colour(Colour colour) {
     static constexpr std::string_view kCodes[] = {"\33[0m", "\33[2m", "\33[31m"};
-    return colours ? *this << kCodes[static_cast<size_t>(colour)] : *this;
+    return colours_ ? *this << kCodes[static_cast<size_t>(colour)] : *this;
 }
 
 Text &Text::fill(size_t count, char c) {
-    buffer.append(count, c);
+    buffer_.append(count, c);
     return *this;
 }
 
 Text &Text::column(size_t start, size_t width) {
-    const size_t used = buffer.size() - start;
+    const size_t used = buffer_.size() - start;
     return fill(used < width ? width - used : 1);
 }
 
@@ -135,15 +135,15 @@ Text &Text::right(std::string_view text, size_t width) {
 }
 
 void Text::spill() {
-    if (stream != nullptr && buffer.size() >= kPiece) flush();
+    if (stream_ != nullptr && buffer_.size() >= kPiece) flush();
 }
 
 bool Text::flush() {
-    if (stream == nullptr) return true;
-    failed |= fwrite(buffer.data(), 1, buffer.size(), stream) != buffer.size();
-    buffer.clear();
-    failed |= fflush(stream) != 0;
-    return !failed;
+    if (stream_ == nullptr) return true;
+    failed_ |= fwrite(buffer_.data(), 1, buffer_.size(), stream_) != buffer_.size();
+    buffer_.clear();
+    failed_ |= fflush(stream_) != 0;
+    return !failed_;
 }
 
 }  // namespace trace_reader

@@ -29,14 +29,15 @@ enum class Colour { none, dim, red };
 class Text {
   public:
     // Without a stream everything stays in the buffer.
-    explicit Text(FILE *sink = nullptr, bool coloured = false) : stream(sink), colours(coloured) {}
+    explicit Text(FILE *stream = nullptr, bool coloured = false)
+        : stream_(stream), colours_(coloured) {}
 
     Text &operator<<(std::string_view text) {
-        buffer.append(text);
+        buffer_.append(text);
         return *this;
     }
     Text &operator<<(char c) {
-        buffer.push_back(c);
+        buffer_.push_back(c);
         return *this;
     }
     template <std::integral T>
@@ -56,8 +57,8 @@ class Text {
     Text &column(size_t start, size_t width);  // pads what was appended since `start`
     Text &right(std::string_view text, size_t width);
 
-    size_t size() const { return buffer.size(); }
-    const std::string &str() const { return buffer; }
+    size_t size() const { return buffer_.size(); }
+    const std::string &str() const { return buffer_; }
     void spill();  // to the stream, when there is enough of it
     bool flush();  // false when something could not be written
 
@@ -66,18 +67,18 @@ class Text {
     Text &number(T value, int base) {
         char digits[24];
         auto end = std::to_chars(digits, digits + sizeof digits, value, base).ptr;
-        buffer.append(digits, end);
+        buffer_.append(digits, end);
         return *this;
     }
     Text &padded(uint64_t value, size_t width);
     bool local(uint64_t usec);
 
-    FILE *stream;
-    bool colours;
-    bool failed = false;
-    std::string buffer;
-    uint64_t known_second = UINT64_MAX;  // the one that `known` breaks down
-    tm known{};
+    FILE *stream_;
+    bool colours_;
+    bool failed_ = false;
+    std::string buffer_;
+    uint64_t known_second_ = UINT64_MAX;  // the one that `known` breaks down
+    tm known_{};
 };
 
 }  // namespace trace_reader
