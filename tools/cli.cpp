@@ -1,4 +1,9 @@
-// One table of commands, one of options; an option is refused by a command that has no use for it.
+// The command line: one table of commands, one of options.
+//
+// run() parses the words, finds the command and opens its files; run_command() loads them and runs
+// it. An option belongs to one command and is refused with any other, so that none is ignored
+// silently. Only run() knows of arguments and files, which is why tests and fuzz targets can give
+// run_command() bytes in memory.
 #include "tools/cli.h"
 
 #include <getopt.h>
@@ -81,8 +86,8 @@ bool set_ring(Options &options, const char *text) {
 
 struct Option {
     const char *name;
-    const char *value;         // null: takes none
-    std::string_view command;  // that it belongs to
+    const char *value;         // what the help calls its value; null when it takes none
+    std::string_view command;  // the only one that takes it
     bool (*set)(Options &options, const char *value);
     std::string_view help;
 };
@@ -133,8 +138,8 @@ Status usage(Text &err, std::string_view problem, std::string_view what = {}) {
 struct Line {
     Options options;
     std::vector<const Option *> used;
-    std::vector<std::string> words;  // command and files
-    int other = -1;                  // kHelp, kVersion
+    std::vector<std::string> words;  // the command and its files
+    int other = -1;                  // kHelp or kVersion when one was given
 };
 
 Status parse(int argc, char **argv, Line &line, Text &err) {
@@ -145,7 +150,7 @@ Status parse(int argc, char **argv, Line &line, Text &err) {
     }
     longs[kHelp] = {"help", 0, nullptr, kHelp};
     longs[kVersion] = {"version", 0, nullptr, kVersion};
-    optind = 0;  // starts over
+    optind = 0;  // a test calls this more than once in a process
     opterr = 0;
     for (int index = 0; (index = getopt_long(argc, argv, "", longs.data(), nullptr)) != -1;) {
         if (index == '?') {

@@ -7,7 +7,9 @@
 
 namespace trace_reader {
 
-enum Status { kFine = 0, kDamaged = 1, kUsage = 2 };  // kDamaged: or it differs
+// Exit status: kDamaged also when diff finds a difference, kUsage also when a file cannot be
+// opened.
+enum Status { kFine = 0, kDamaged = 1, kUsage = 2 };
 
 struct Command {
     std::string_view name;
@@ -18,11 +20,14 @@ struct Command {
 };
 extern const std::span<const Command> kCommands;
 
-// What is wrong with the files goes to `err` at the end.
+// Loads the dumps and runs the command over them. The command's output goes to `out`, what is wrong
+// with the files to `err` when the command is done. Each of `names` stands for the source of the
+// same index.
 Status run_command(const Command &command, const Options &options,
                    std::span<const std::string> names, std::span<const Source *const> sources,
                    Text &out, Text &err);
 
+// The whole program: parses the arguments, opens the files, runs the command.
 Status run(int argc, char **argv, Text &out, Text &err);
 
 }  // namespace trace_reader

@@ -9,20 +9,21 @@
 namespace trace_reader {
 
 struct Options {
-    std::bitset<256> apis;  // none: all
+    std::bitset<256> apis;  // operations to show; all when no bit is set
     std::optional<uint64_t> slot;
     std::optional<uint64_t> handle;
-    std::string since;  // texts that parse_time takes, or empty
+    std::string since;  // a text that parse_time takes, or empty, like `until`
     std::string until;
-    std::optional<int64_t> slower;  // microseconds
+    std::optional<int64_t> slower;  // least duration in microseconds
     bool failures = false;
-    int ring = -1;
+    int ring = -1;  // negative: both
     uint64_t last = UINT64_MAX;
     bool all = false;
 };
 
-// "[YYYY-MM-DD ]HH:MM[:SS[.FRACTION]]", local, as microseconds since the epoch; on the day that
-// `day` is of when it names none.
+// Reads "[YYYY-MM-DD ]HH:MM[:SS[.FRACTION]]" as local time. Returns microseconds since the epoch,
+// or nothing for any other text. A text without a date means the day on which the time `day`
+// (microseconds since the epoch) falls.
 std::optional<uint64_t> parse_time(const std::string &text, uint64_t day);
 
 using Dumps = std::span<Dump>;

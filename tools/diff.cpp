@@ -20,7 +20,8 @@ std::string line_of(const Dump &dump, const Record &record) {
     return line.str();
 }
 
-// False at the first difference, which is shown with what preceded it.
+// Whether both traces have the same records in that ring. The first difference is shown with the
+// records before it.
 bool same_ring(Dumps dumps, int ring, std::string_view name, Text &out) {
     const Trace a(dumps[0], ring), b(dumps[1], ring);
     const size_t common = std::min(a.records.size(), b.records.size());

@@ -1,4 +1,11 @@
-// Finding and bounding the blocks of a file, and following its queues.
+// Finding the blocks of a file, and following the queues in them.
+//
+// A dump is an optional header text, then the library ring, the user ring, the main table and the
+// descriptor table, then whatever the application appended. Each block begins with an eye-catcher
+// that says which it is: its rank in that order. The loader reads from the front; where no block of
+// a higher rank begins it reports what lies there and searches for the next eye-catcher, so damage
+// to one block does not hide those behind it. Sizes are those that a block's contents call for, cut
+// at the end of the file; a header that says otherwise is a problem.
 #include "tools/dump.h"
 
 #include <algorithm>
@@ -8,7 +15,7 @@ namespace trace_reader {
 
 namespace {
 
-// In the order of the file. All but the main table may be absent.
+// The blocks in the order of the file. All but the main table may be absent.
 enum Rank : size_t { kLibraryRing, kUserRing, kMain, kTable, kRanks };
 constexpr size_t kEyeSize = sizeof CL_TableHeader::eye;
 constexpr char kEyes[kRanks][kEyeSize] = {CL_EYE_LIBTRC, CL_EYE_USRTRC, CL_EYE_MAIN, CL_EYE_FDTBL};
@@ -17,7 +24,7 @@ constexpr uint64_t kLongestText = 1 << 20;
 constexpr uint64_t kTextPiece = 1024;
 constexpr uint64_t kLargestRing = 1 << 28;
 
-// Rank of the block whose eye-catcher is at `bytes`, not below `from`; RANKS for none.
+// Rank of the block whose eye-catcher is at `bytes`, if that is at least `from`; kRanks otherwise.
 size_t rank_of(const uint8_t *bytes, size_t from) {
     while (from < kRanks && memcmp(bytes, kEyes[from], kEyeSize) != 0)
         ++from;
@@ -50,7 +57,8 @@ size_t Loader::rank_at(uint64_t offset, size_t from) const {
     return source_.read(offset, bytes, kEyeSize) == kEyeSize ? rank_of(bytes, from) : kRanks;
 }
 
-// Offset of the next block of at least that rank, at whatever alignment; the file's size for none.
+// Offset of the first block of at least that rank from `offset` on; the file's size when there is
+// none. Every byte is looked at: in a damaged file a block may be at any alignment.
 uint64_t Loader::find(uint64_t offset, size_t from) const {
     std::vector<uint8_t> piece(65536);
     for (;; offset += piece.size() - (kEyeSize - 1)) {
@@ -62,8 +70,9 @@ uint64_t Loader::find(uint64_t offset, size_t from) const {
     }
 }
 
-// Passes the header text: NUL-terminated, then zeros up to the next multiple, at least one. The
-// text may itself look like the beginning of a block, so what has a block behind it is a text.
+// Offset of the first block, behind the header text. The text ends with a NUL and at least one zero
+// more, up to a multiple of the alignment. It may itself begin like a block; what decides is
+// whether a block follows at the place where the text would end.
 uint64_t Loader::first_block() {
     std::string text;
     uint64_t got = kTextPiece;
@@ -109,8 +118,8 @@ uint64_t Loader::content_size(const Block &block, size_t rank) const {
     return sizeof ring + ring.entry_count * (uint64_t{ring.entry_size} + sizeof(CL_TraceEntry));
 }
 
-// Bytes from the block's offset to its end. Two fields of a ring say it; when they differ, it ends
-// where the next block begins.
+// Bytes from the block's offset to its end. The header and the contents should agree; when those of
+// a ring do not, either may be damaged, and the ring is taken to end where the next block begins.
 uint64_t Loader::length(const Block &block, size_t rank) {
     const uint64_t content = content_size(block, rank);
     if (block.header.size == content) return content;
@@ -189,7 +198,8 @@ void Loader::table(bool with_objects) {
                          sizeof(CL_Object));
 }
 
-// The main table says where the other blocks were, and so whether they should be here.
+// The main table holds the addresses of the other blocks: one that has an address must be in the
+// file, with the same address in its header.
 void Loader::compare_addresses() {
     const CL_MainBlock &main = dump_.main;
     const struct {

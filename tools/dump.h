@@ -18,7 +18,8 @@
 
 namespace trace_reader {
 
-// What is wrong with a file; of a long list the beginning is kept.
+// What is wrong with a file, each with its offset. All problems are counted, the first kKept are
+// printed.
 class Problems {
   public:
     template <class... Part>
@@ -38,17 +39,17 @@ class Problems {
     std::vector<std::string> list_;
 };
 
-// A block of the file; `size` is what of it the file holds, 0 when there is none.
+// A block of the file.
 struct Block {
     uint64_t offset = 0;
-    uint64_t size = 0;
+    uint64_t size = 0;  // bytes of it in the file; 0 when the block is absent
     CL_TableHeader header{};
 };
 
 struct Ring {
     Block block;
     CL_TraceRing head{};
-    uint64_t held = 0;  // entries that the file holds
+    uint64_t held = 0;  // entries that are in the file
     std::unique_ptr<uint8_t[]> entries;
 
     uint64_t stride() const { return uint64_t{head.entry_size} + sizeof(CL_TraceEntry); }
@@ -60,27 +61,27 @@ struct Ring {
 // A queue of descriptor objects in the main table.
 struct QueueView {
     std::string_view name;
-    size_t place;       // in the main table
-    size_t link;        // in each object
-    uint32_t kind = 0;  // of all its objects
+    size_t place;       // offset of the queue in the main table
+    size_t link;        // offset of its link in an object
+    uint32_t kind = 0;  // the only kind of object on it; 0: any
 };
 extern const std::span<const QueueView> kQueues;
 
 struct Dump {
     std::string name;
     uint64_t size = 0;
-    std::string text;  // in front of the blocks
-    Ring rings[2];     // CL_RING_USER, CL_RING_LIBRARY
+    std::string text;  // header text, in front of the blocks
+    Ring rings[2];     // by CL_RING_USER and CL_RING_LIBRARY
     Block main_block;
     CL_MainBlock main{};
     Block table;
     uint64_t table_address = 0;
-    uint64_t capacity = 0;            // objects that the table has
-    std::vector<CL_Object> objects;   // those in the file, when they were asked for
-    uint64_t application_offset = 0;  // what the application appended, up to the end
+    uint64_t capacity = 0;            // objects in the table of the dumped process
+    std::vector<CL_Object> objects;   // those that the file holds; empty unless load() read them
+    uint64_t application_offset = 0;  // where what the application appended begins
     Problems problems;
 
-    // with_objects: also reads the descriptor table, by far the largest block.
+    // Reads the dump; the descriptor table, by far the largest block, only `with_objects`.
     void load(const Source &source, bool with_objects);
 
     std::optional<uint64_t> slot_of(uint64_t address) const;
@@ -90,10 +91,11 @@ struct Dump {
     uint64_t offset_of(uint64_t slot) const {
         return table.offset + sizeof(CL_TableHeader) + slot * sizeof(CL_Object);
     }
-    bool is_live(uint64_t slot) const;  // on the used queue, by its own link
-    // The slots on a queue from its head on; whatever is wrong with it is noted.
+    bool is_live(uint64_t slot) const;  // its own link says that it is on the used queue
+    // The slots on a queue, from its head to its tail or to the first link that cannot be followed.
+    // What is wrong with the queue becomes a problem.
     std::vector<uint64_t> follow(const QueueView &view);
-    void put_handle(Text &out, uint64_t address) const;  // #4, or the address
+    void put_handle(Text &out, uint64_t address) const;  // #4; the address when it is no object's
 };
 
 inline uint64_t address(const volatile void *pointer) {
@@ -105,7 +107,7 @@ Bytes bytes_of(const T &object) {
     return {reinterpret_cast<const uint8_t *>(&object), sizeof object};
 }
 
-// A value out of bytes that may end before it does; zero where they do.
+// The value at that offset. Bytes of it that lie behind the end are zero.
 template <class T>
 T load(Bytes bytes, uint64_t offset) {
     T value{};

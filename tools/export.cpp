@@ -26,14 +26,14 @@ class Exporter {
     const Dump &dump_;
     const Trace &trace_;
     Text &out_;
-    std::map<uint64_t, uint64_t> tracks_;  // by address of the object; 0 is the process
-    std::string_view between_;
+    std::map<uint64_t, uint64_t> tracks_;  // by the object's address; track 0 is the process
+    std::string_view between_;             // what precedes the next member of a JSON object
 };
 
 uint64_t Exporter::track_of(const Record &record) {
     const uint64_t handle = trace_.object_of(record);
     if (const auto slot = dump_.slot_of(handle)) return tracks_[handle] = *slot + 1;
-    // Addresses that are no slot get the numbers behind those of the table.
+    // Addresses that are in no slot get track numbers behind those of the slots.
     return handle != 0
                ? tracks_.try_emplace(handle, dump_.capacity + 1 + tracks_.size()).first->second
                : tracks_[0] = 0;
@@ -81,7 +81,8 @@ void Exporter::put_arguments(const Record &record, const Record *exit) {
 void Exporter::put_event(const Record &record) {
     const Record *exit = trace_.exit_of(record);
     const bool bad = trace_.is_bad(record);
-    // A call of which one record is lost reaches to the edge of the trace.
+    // A call whose entry record is overwritten begins with the trace, one that has no exit record
+    // ends with it.
     const uint64_t begin = record.exit ? trace_.records.front().time : record.time;
     const uint64_t end = exit != nullptr ? exit->time : trace_.records.back().time;
     out_ << ",\n";

@@ -1,4 +1,5 @@
-// qvcl-trace: reads the trace files of libqvcl.
+// qvcl-trace: reads the trace files of libqvcl. Here is what belongs to the process: its streams,
+// whether they take colours, and its exit status.
 #include <unistd.h>
 
 #include <cstdlib>
@@ -15,7 +16,7 @@ int main(int argc, char **argv) {
     int status = kUsage;
     try {
         status = run(argc, argv, out, err);
-    } catch (const std::exception &e) {  // out of memory
+    } catch (const std::exception &e) {  // no memory left for a large file
         err << "qvcl-trace: " << e.what() << '\n';
     }
     if (!out.flush()) {

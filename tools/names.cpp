@@ -1,4 +1,5 @@
-// The names are those of the enumerators, made of them, so that they cannot differ.
+// The tables of names. A macro makes each name out of its enumerator, so that the two cannot
+// differ.
 #include "tools/names.h"
 
 #include <qvcl/main.h>

@@ -1,5 +1,5 @@
-// Words for the numbers in a dump: kinds, events, modules, errors, status bits. A number without a
-// word is shown as a number, so that nothing in a damaged dump goes unsaid.
+// Words for the numbers in a dump: kinds, events, modules, errors, status bits. A number that has
+// no word is written as a number, so that a damaged dump is shown as it is.
 #pragma once
 
 #include <qvcl/base.h>
@@ -8,7 +8,7 @@
 
 namespace trace_reader {
 
-std::string_view kind_name(uint64_t kind);  // empty: no such kind
+std::string_view kind_name(uint64_t kind);  // empty when there is no such kind
 void put_kind(Text &out, uint64_t kind);
 void put_event(Text &out, uint64_t type);
 void put_mode(Text &out, uint64_t mode);

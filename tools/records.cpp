@@ -1,4 +1,10 @@
-// Walking rings whose indexes, counts and flags may all be wrong, in time linear in the file.
+// Reading the rings, and joining the records in pairs.
+//
+// A ring's indexes, counts and flags may all be wrong, and a trace may be made to be slow to read.
+// So a ring is walked entry by entry, once; what does not make a whole record is reported and
+// skipped. Calls are paired with a stack: an exit record is matched with the innermost open call
+// from the same place. Calls above the match never returned (their thread ended, or they were left
+// by a jump) and are taken off the stack with it.
 #include "tools/records.h"
 
 #include <algorithm>
@@ -8,7 +14,8 @@ namespace trace_reader {
 
 namespace {
 
-// A call is looked for among so many that are open, so that a hostile trace stays linear.
+// An exit record is compared with this many open calls at most, so that pairing takes linear time
+// whatever the trace holds.
 constexpr size_t kSearched = 64;
 
 const CL_TrcOperation *operation_of(uint8_t api) {
@@ -28,7 +35,7 @@ const CL_TrcField *field_of(const CL_TrcOperation &operation, CL_TrcType type) {
     return nullptr;
 }
 
-// Shortest and longest record of an operation, as far as its layout bounds it.
+// Whether a record of the operation can have that length.
 bool length_fits(const CL_TrcOperation &operation, uint64_t length) {
     if (const CL_TrcField *text = field_of(operation, CL_TRC_TEXT)) {
         return length >= text->offset + 7u && length <= text->offset + text->size + 8u;
@@ -42,7 +49,7 @@ bool length_fits(const CL_TrcOperation &operation, uint64_t length) {
     return length == operation.length;
 }
 
-// Whether the head's phase and marker are those of such a record.
+// Whether the head's phase and marker are among those that the operation's records have.
 bool head_fits(const CL_TrcOperation &operation, const CL_TrcHead &head) {
     switch (operation.api) {
         case CL_API_STATUS:
@@ -100,7 +107,7 @@ void RingWalk::bounds() {
     }
 }
 
-// The k-th entry from the oldest on; null when the file does not hold it.
+// The k-th entry, counted from the oldest; null when it is not in the file.
 const uint8_t *RingWalk::entry(uint64_t k) const {
     return index(k) < ring_.held ? ring_.entries.get() + index(k) * ring_.stride() : nullptr;
 }
@@ -111,7 +118,7 @@ CL_TraceEntry RingWalk::head_of(uint64_t k) const {
     return head;
 }
 
-// Entries of the record that begins at entry k; 0 when none does.
+// How many entries the record that begins at entry k takes; 0 when no whole record begins there.
 uint64_t RingWalk::whole(uint64_t k) const {
     const uint64_t count = head_of(k).remaining;
     if (count == 0 || k + count > used_) return 0;
@@ -253,7 +260,8 @@ void Trace::pair() {
         record.depth = static_cast<uint32_t>(open.size());
         if (record.is_call() && !record.exit) open.push_back(i);
     }
-    // A call whose entry record is overwritten encloses everything before its exit record.
+    // A call whose entry record is overwritten was running from the beginning of the trace: all
+    // that precedes its exit record happened inside it.
     uint32_t enclosing = 0;
     for (auto record = records.rbegin(); record != records.rend(); ++record) {
         record->depth += enclosing;
@@ -278,7 +286,7 @@ uint64_t Trace::object_of(const Record &told) const {
     if (const CL_TrcField *handle = field_of(*told.operation, CL_TRC_HANDLE)) {
         return number(told.bytes, *handle);
     }
-    const CL_TrcField &result = told.operation->result;  // of what creates objects
+    const CL_TrcField &result = told.operation->result;  // a handle if the call creates an object
     return result.name != nullptr && result.type == CL_TRC_HANDLE
                ? number(fuller(told).bytes, result)
                : 0;
@@ -300,7 +308,7 @@ bool failed(const Record &record) {
         }
         case CL_API_CALLBACK:
             return error.err != 0;
-        case CL_API_END:  // leaves the caller's error record as it was
+        case CL_API_END:  // its error record is what the caller had in it before
             return record.exit && number(record.bytes, record.operation->result) == 0;
         default:
             return record.exit && error.err != 0 && error.err != CL_ERR_IN_PROGRESS;

@@ -1,6 +1,9 @@
-// The records of a dump in order of age: walked out of the rings, merged by time, and joined in
-// pairs. The entry and the exit record of a call are partners; what lies between them happened
-// inside that call.
+// The records of a dump, oldest first: read from both rings, merged by time, and joined in pairs.
+//
+// A call has an entry and an exit record, which are partners; what lies between them happened
+// inside the call. Either may be missing: the entry record when the ring has overwritten it, the
+// exit record when the call had not returned. A call is shown once, at its entry record, or at its
+// exit record when the entry record is missing; that one is called the told record below.
 #pragma once
 
 #include <qvcl/trace_table.h>
@@ -9,19 +12,19 @@
 
 namespace trace_reader {
 
-constexpr uint32_t kNone = UINT32_MAX;  // no such record
+constexpr uint32_t kNone = UINT32_MAX;  // instead of the index of a record
 
 struct Record {
     Bytes bytes;
     uint64_t offset = 0;  // in the file
     uint64_t time = 0;    // microseconds since the epoch
-    uint32_t length = 0;  // as it says itself
+    uint32_t length = 0;  // by its head; `bytes` may be fewer
     int ring = CL_RING_LIBRARY;
-    const CL_TrcOperation *operation = nullptr;  // null: the application's record, or unknown
+    const CL_TrcOperation *operation = nullptr;  // null when it is none of the library's
     bool exit = false;
     uint32_t partner = kNone;
-    uint32_t parent = kNone;  // the call that was running
-    uint32_t depth = 0;       // calls that were running, those with a lost entry record included
+    uint32_t parent = kNone;  // entry record of the innermost call around it
+    uint32_t depth = 0;       // number of calls around it, those without an entry record included
 
     uint8_t api() const { return operation != nullptr ? operation->api : 0; }
     bool is_call() const { return operation != nullptr && operation->api != CL_API_STATUS; }
@@ -29,33 +32,36 @@ struct Record {
 };
 
 using Records = std::vector<Record>;
-using Joined = std::vector<std::unique_ptr<uint8_t[]>>;  // records that span entries
+// The bytes of records that take more than one entry, without the entries' headers between them.
+using Joined = std::vector<std::unique_ptr<uint8_t[]>>;
 
 std::span<const CL_TrcOperation> operations();
 std::span<const CL_TrcField> fields(const CL_TrcOperation &operation);
-uint64_t number(Bytes bytes, const CL_TrcField &field);  // sign-extended for CL_TRC_SIGNED
+// The value of a field that is a number; one of type CL_TRC_SIGNED is sign-extended.
+uint64_t number(Bytes bytes, const CL_TrcField &field);
 
 class Trace {
   public:
-    // ring: CL_RING_USER, CL_RING_LIBRARY, or negative for both. What is wrong goes to the dump,
-    // which must outlive the trace.
+    // ring: CL_RING_USER, CL_RING_LIBRARY, or negative for both. What is wrong with the records
+    // becomes problems of the dump, which must outlive the trace.
     explicit Trace(Dump &dump, int ring = -1);
 
     const Record *partner(const Record &record) const {
         return record.partner == kNone ? nullptr : &records[record.partner];
     }
-    // What is told of a call is told where it begins, or where it ends when only that is left. The
-    // following are about such a record.
+    // Whether this is a call's told record. Records that are no calls are told themselves.
     bool is_told(const Record &record) const { return !record.exit || partner(record) == nullptr; }
+    // The following take a told record.
     const Record *exit_of(const Record &told) const { return told.exit ? &told : partner(told); }
-    // An event's data is in the entry record alone, all else is in the exit record too.
+    // The one of both records that holds more: the exit record repeats the entry record and adds
+    // results, but for a callback, whose event is in the entry record only.
     const Record &fuller(const Record &told) const {
         const Record *exit = exit_of(told);
         return exit != nullptr && !told.is_callback() ? *exit : told;
     }
-    bool is_bad(const Record &told) const;                      // either record is
-    uint64_t object_of(const Record &told) const;               // address, or 0
-    std::optional<int64_t> duration(const Record &told) const;  // microseconds, of a whole call
+    bool is_bad(const Record &told) const;                      // failed() of either record
+    uint64_t object_of(const Record &told) const;               // the object's address, or 0
+    std::optional<int64_t> duration(const Record &told) const;  // microseconds, with both records
 
     Records records;
 
@@ -65,7 +71,8 @@ class Trace {
 };
 
 CL_ErrInfo error_of(const Record &record);
-// A call that failed, an event that reports an error, a change to failed.
+// Whether the record says so: a call that failed, an event with an error, a change of status to
+// failed. Being in progress is no failure.
 bool failed(const Record &record);
 
 }  // namespace trace_reader

@@ -1,4 +1,4 @@
-// How each type of field reads, and which fields are worth reading.
+// How each type of field is written, and which fields are shown at all.
 #include "tools/render.h"
 
 #include <qvcl/message.h>
@@ -7,10 +7,10 @@ namespace trace_reader {
 
 namespace {
 
-// What is shown of a record of the application's: what follows the bytes that all records share.
+// The part of an application's record that is shown: what follows the head that all records have.
 constexpr size_t kUserBegin = CL_TRC_MIN_ENTRY, kUserBytes = 48;
 
-// A slot has the same number in every run, an address has not.
+// Masked, only the address of an object is shown, as its slot: that is the same in every run.
 void put_address(Text &out, const Dump &dump, uint64_t address, Mask mask) {
     if (mask == Mask::no || address == 0 || dump.slot_of(address)) {
         dump.put_handle(out, address);
@@ -25,7 +25,7 @@ std::string_view text_at(Bytes bytes, size_t offset, size_t size) {
     return {text, strnlen(text, place.size())};
 }
 
-// The message whose beginning is at `bytes`, when it is one.
+// Header and data of the message that begins at `bytes`; plain bytes when no message does.
 void put_message(Text &out, Bytes bytes, Mask mask) {
     const auto header = load<CL_MsgHeader>(bytes, 0);
     if (bytes.size() < sizeof header || header.version != CL_MSG_VERSION) {
@@ -54,7 +54,7 @@ void put_field(Text &out, const Dump &dump, Bytes bytes, const CL_TrcField &fiel
         case CL_TRC_SIGNED:
             out << static_cast<int64_t>(value);
             break;
-        case CL_TRC_HEX:  // arguments of a callback may be addresses
+        case CL_TRC_HEX:  // the arguments of a callback; one that exceeds 32 bits may be an address
             put_address(out, dump, value, value > UINT32_MAX ? mask : Mask::no);
             break;
         case CL_TRC_OCTAL:
@@ -79,7 +79,7 @@ void put_field(Text &out, const Dump &dump, Bytes bytes, const CL_TrcField &fiel
         case CL_TRC_SUB_STATUS:
             put_sub_status(out, value);
             break;
-        case CL_TRC_TEXT:  // a record without a text is one byte shorter than that of an empty one
+        case CL_TRC_TEXT:  // with an empty text a record is one byte longer than with none
             if (bytes.size() < field.offset + 8u) {
                 out << "null";
             } else {
@@ -130,8 +130,8 @@ Carried carried(const Record &record) {
         uint8_t api;
         std::string_view name;
         CL_TrcField data;
-        CL_TrcField count;  // bytes of it that mean something; without a name: the result
-        size_t skipped;
+        CL_TrcField count;  // how many bytes of data there are; without a name the result says it
+        size_t skipped;     // bytes of data that are not shown
     } kData[] = {
         {CL_API_RECV_MSGC, "message", CL_TRC_FIELD(CL_TrcReceive, data, CL_TRC_BYTES), {}, 0},
         {CL_API_SEND_MSGC, "message", CL_TRC_FIELD(CL_TrcSend, data, CL_TRC_BYTES),
@@ -169,16 +169,16 @@ void put_carried(Text &out, const Carried &carried, Mask mask) {
 
 bool worth_showing(const Record &record, const CL_TrcField &field) {
     switch (field.type) {
-        case CL_TRC_BYTES:  // part of what the record carries
-        case CL_TRC_EVENT:  // part of its title
+        case CL_TRC_BYTES:  // put_carried shows them
+        case CL_TRC_EVENT:  // put_title shows it
             return false;
-        case CL_TRC_ERROR:  // an event's; that of a call is its outcome
+        case CL_TRC_ERROR:  // of a callback the event's; that of a call is shown by put_outcome
             return record.is_callback() && error_of(record).err != 0;
         case CL_TRC_HANDLE:
         case CL_TRC_TEXT:
         case CL_TRC_SETS:
             return true;
-        default:  // events fill only what belongs to their type
+        default:  // in a callback's record a field that its event does not fill is zero
             return record.is_callback() ? number(record.bytes, field) != 0
                                         : std::string_view(field.name) != "err_address";
     }

@@ -1,4 +1,5 @@
-// Records as text. Masked, what differs from run to run is left out: times, addresses, process ids.
+// Records as text. With Mask::yes what differs from run to run is left out: times, addresses,
+// process ids.
 #pragma once
 
 #include "tools/names.h"
@@ -13,15 +14,16 @@ void put_field(Text &out, const Dump &dump, Bytes bytes, const CL_TrcField &fiel
                Mask mask = Mask::no);
 
 std::string_view name_of(const Record &record);
-void put_title(Text &out, const Record &record);                 // with a callback's event
+void put_title(Text &out, const Record &record);  // the name, and of a callback the event
 void put_object(Text &out, const Dump &dump, uint64_t address);  // #4 TIMER
 void put_position(Text &out, const Record &record);              // server.c:42
-// CL_Name_M(argument=value, ...), a change of status, or the beginning of an application's record.
+// CL_Name_M(argument=value, ...), a change of status, or the beginning of a record that is not the
+// library's.
 void put_record(Text &out, const Dump &dump, const Record &record, Mask mask = Mask::no);
-// The result of a call, and the error record in words.
+// What a call returned, and its error record in words.
 void put_outcome(Text &out, const Dump &dump, const Record &exit, Mask mask = Mask::no);
 
-// Calls visit(name, write) for each argument that says something, write(text) to append its value.
+// Calls visit(name, write) for each argument that is worth showing; write(text) appends its value.
 template <class Visit>
 void each_argument(const Dump &dump, const Record &record, Mask mask, Visit visit);
 

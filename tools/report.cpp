@@ -47,7 +47,8 @@ void put_rows(Text &out, std::string_view title, Rows &rows) {
         out.right((Text() << figures.count).str(), kNumberWidth);
         out.right((Text() << figures.failures).str(), kNumberWidth);
         const size_t n = figures.durations.size();
-        for (const size_t percent : {size_t{50}, size_t{99}, size_t{100}}) {  // nearest rank
+        // Percentiles by nearest rank: the smallest value with that share of all at or below it.
+        for (const size_t percent : {size_t{50}, size_t{99}, size_t{100}}) {
             out.right(n != 0
                           ? Text().duration(figures.durations[(n * percent + 99) / 100 - 1]).str()
                           : "-",
@@ -78,9 +79,10 @@ void put_slowest(Text &out, const Dump &dump, const Trace &trace) {
     }
 }
 
-// A loop calls back, waits, calls back. The gap is from the end of one callback, or the loop's
-// beginning, to the next callback, or the loop's end. Where the loop is older than the trace,
-// callbacks outside of any call are its, until the application calls something there.
+// A gap begins with the end of a callback or the beginning of a loop, and ends with the beginning
+// of the next callback or the end of the loop. When the loop's entry record is overwritten its
+// callbacks have no call around them; a call of the application's that has none around it either
+// shows that no loop is running, and the time from the last callback to there is no gap.
 void put_longest_gap(Text &out, const Trace &trace) {
     const Record *from = nullptr, *longest = nullptr;
     int64_t gap = -1;

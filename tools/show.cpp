@@ -1,5 +1,5 @@
-// show: one line a call, where its entry record stands: when, how long, what, with which result;
-// what happened inside it follows, indented.
+// show: one line for each call, in the place of its entry record: when it began, how long it took,
+// what was called, what it returned. What happened inside the call follows, indented.
 #include <algorithm>
 #include <ctime>
 
@@ -11,8 +11,9 @@ namespace trace_reader {
 namespace {
 
 constexpr size_t kDurationWidth = 8;
-constexpr size_t kDeepest = 48;           // columns of indentation
-constexpr uint64_t kQuarter = 900000000;  // time zones change the date at some quarter of an hour
+constexpr size_t kDeepest = 48;  // columns of indentation at most
+// Microseconds. Dates change at a quarter of an hour in every time zone.
+constexpr uint64_t kQuarter = 900000000;
 
 class Filter {
   public:

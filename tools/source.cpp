@@ -1,4 +1,6 @@
-// A file that another process writes may shrink at any time, so it is read, not mapped.
+// A file is read, not mapped: while another process writes it, it may shrink at any time, and
+// access to a mapping behind its end would kill the tool. What cannot be read at an offset (a pipe)
+// is read whole at the start.
 #include "tools/source.h"
 
 #include <fcntl.h>

@@ -18,15 +18,16 @@ class Source {
 
     const std::string &error() const { return failure_; }  // why it could not be opened, or empty
     uint64_t size() const { return total_; }
-    // The number of bytes that there were. A file that shrinks meanwhile gives fewer.
+    // Reads at most `length` bytes at `offset` and returns how many there were: fewer at the end,
+    // or when the file has shrunk meanwhile.
     uint64_t read(uint64_t offset, void *to, uint64_t length) const;
 
   private:
     void slurp();
 
     int fd_ = -1;
-    std::vector<uint8_t> held_;  // what came through a pipe
-    Bytes memory_;
+    std::vector<uint8_t> held_;  // all that came through a pipe
+    Bytes memory_;               // the dump when there is no file to read from
     uint64_t total_ = 0;
     std::string failure_;
 };

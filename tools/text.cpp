@@ -1,4 +1,5 @@
-// Numbers and times are written digit by digit: a dump has many, and a stream would be slow.
+// Numbers and times are written digit by digit: a dump has many, and a stream would be slow. For
+// the same reason each second is broken down into local time only once.
 #include "tools/text.h"
 
 #include <array>

@@ -17,7 +17,7 @@ namespace trace_reader {
 
 using Bytes = std::span<const uint8_t>;
 
-// A part of the bytes, or as much of it as there is.
+// `count` bytes from `begin` on, or as many of them as there are.
 inline Bytes part(Bytes bytes, size_t begin, size_t count = SIZE_MAX) {
     begin = std::min(begin, bytes.size());
     return bytes.subspan(begin, std::min(count, bytes.size() - begin));
@@ -28,7 +28,7 @@ enum class Colour { none, dim, red };
 
 class Text {
   public:
-    // Without a stream everything stays in the buffer.
+    // Without a stream all text stays in the buffer, for str().
     explicit Text(FILE *stream = nullptr, bool coloured = false)
         : stream_(stream), colours_(coloured) {}
 
@@ -47,7 +47,7 @@ class Text {
     Text &hex(uint64_t value);
     Text &octal(uint64_t value);
     Text &quoted(std::string_view bytes, Escape escape = Escape::c);
-    Text &plain(std::string_view bytes);  // unquoted, what does not print as '?'
+    Text &plain(std::string_view bytes);  // unquoted, with '?' for what cannot be printed
     Text &dump(Bytes bytes);              // hexadecimal in groups of four, then as characters
     Text &duration(int64_t usec);         // 3us, 1.204ms, 2.500s
     Text &day(uint64_t usec);             // local date
@@ -59,8 +59,8 @@ class Text {
 
     size_t size() const { return buffer_.size(); }
     const std::string &str() const { return buffer_; }
-    void spill();  // to the stream, when there is enough of it
-    bool flush();  // false when something could not be written
+    void spill();  // writes the buffer to the stream once it has filled a piece
+    bool flush();  // writes all of it; false when any of it could not be written
 
   private:
     template <std::integral T>
@@ -77,8 +77,8 @@ class Text {
     bool colours_;
     bool failed_ = false;
     std::string buffer_;
-    uint64_t known_second_ = UINT64_MAX;  // the one that `known` breaks down
-    tm known_{};
+    uint64_t known_second_ = UINT64_MAX;  // since the epoch
+    tm known_{};                          // the same second in local time
 };
 
 }  // namespace trace_reader
