@@ -122,9 +122,9 @@ void put_time_and_place(Text &out, std::string_view what, const CL_Position &pos
     out << ':' << position.line << '\n';
 }
 
-template <size_t Size>
-void put_text(Text &out, const char (&text)[Size]) {
-    out.quoted({text, strnlen(text, Size)});
+template <size_t kSize>
+void put_text(Text &out, const char (&text)[kSize]) {
+    out.quoted({text, strnlen(text, kSize)});
 }
 
 void put_server(Text &out, const CL_Object &object) {
