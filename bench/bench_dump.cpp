@@ -140,7 +140,7 @@ size_t records_in(const std::string &path) {
             check(fread(&entry, sizeof entry, 1, file) == 1 &&
                       fseek(file, long{ring.entry_size}, SEEK_CUR) == 0,
                   "an entry");
-            records += (entry.flags & CL_ENTRY_FIRST) != 0;
+            if ((entry.flags & CL_ENTRY_FIRST) != 0) ++records;
         }
         fseek(file, start + static_cast<long>(ring.header.size), SEEK_SET);
     }

@@ -52,7 +52,7 @@ using Shared = std::shared_ptr<const Descriptors>;
 // arg1: where the iterations that are left are counted; 0 for all but one object.
 uint32_t on_ready(CL_Object * /*object*/, CL_Event * /*event*/, uint64_t arg1, uint64_t /*arg2*/) {
     if (arg1 == 0) return 0;
-    return --*reinterpret_cast<size_t *>(arg1) == 0;
+    return --*reinterpret_cast<size_t *>(arg1) == 0 ? 1 : 0;
 }
 
 struct Listed {
@@ -342,8 +342,8 @@ void count_calls(size_t n, size_t k) {
         listed.iterate(kIterations);
         bench::mark();
     });
-    std::printf("n = %zu, k = %zu: %s in an iteration\n", n, k,
-                calls.per(static_cast<double>(kIterations)).c_str());
+    printf("n = %zu, k = %zu: %s in an iteration\n", n, k,
+           calls.per(static_cast<double>(kIterations)).c_str());
 }
 
 }  // namespace

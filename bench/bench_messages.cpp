@@ -23,8 +23,8 @@ using bench::Transport;
 
 extern "C" {
 void *__libc_malloc(size_t size);
-void *__libc_calloc(size_t count, size_t size);
-void *__libc_realloc(void *old, size_t size);
+void *__libc_calloc(size_t nmemb, size_t size);
+void *__libc_realloc(void *ptr, size_t size);
 
 static void count_allocation() {
     if (bench::allocations != nullptr) bench::allocations->fetch_add(1, std::memory_order_relaxed);
@@ -33,13 +33,13 @@ void *malloc(size_t size) {
     count_allocation();
     return __libc_malloc(size);
 }
-void *calloc(size_t count, size_t size) {
+void *calloc(size_t nmemb, size_t size) {
     count_allocation();
-    return __libc_calloc(count, size);
+    return __libc_calloc(nmemb, size);
 }
-void *realloc(void *old, size_t size) {
+void *realloc(void *ptr, size_t size) {
     count_allocation();
-    return __libc_realloc(old, size);
+    return __libc_realloc(ptr, size);
 }
 }
 
@@ -47,9 +47,9 @@ namespace {
 
 // ---------------------------------------------------------------- the floor
 
-// `tries_first`: reads before it waits, which saves the wait in a stream and costs a read in a
+// `kTriesFirst`: reads before it waits, which saves the wait in a stream and costs a read in a
 // round trip.
-template <bool tries_first>
+template <bool kTriesFirst>
 struct BarePort {
     int fd;
     alignas(CL_MsgHeader) char buffer[bench::kLargest] = {};
@@ -78,7 +78,7 @@ struct BarePort {
         }
     }
     void receive() {
-        bool wait_first = !tries_first;
+        bool wait_first = !kTriesFirst;
         size_t wanted = sizeof(CL_MsgHeader);
         for (size_t got = 0; got < wanted;) {
             if (wait_first) wait(false);
@@ -92,17 +92,17 @@ struct BarePort {
     }
 };
 
-template <bool tries_first>
+template <bool kTriesFirst>
 constexpr Transport kBare = {
-    tries_first ? "pselect, read first" : "pselect",
+    kTriesFirst ? "pselect, read first" : "pselect",
     [](const std::string &path, const std::function<void()> &ready) {
         const int listening = bench::listen_at(path);
         ready();
-        static BarePort<tries_first> port(accept(listening, nullptr, nullptr));
+        static BarePort<kTriesFirst> port(accept(listening, nullptr, nullptr));
         bench::serve_port(port);
     },
     [](const std::string &path) -> std::function<void(const Order &)> {
-        static BarePort<tries_first> port(bench::connect_to(path));
+        static BarePort<kTriesFirst> port(bench::connect_to(path));
         return [](const Order &order) { bench::run_order(port, order); };
     }};
 

@@ -82,7 +82,8 @@ Comparison record() {
 }
 
 // What the public call adds to its worker, in records of the call's own length.
-Comparison call(std::function<void()> traced, std::function<void()> worker, bench::Side record) {
+Comparison call(const std::function<void()> &traced, const std::function<void()> &worker,
+                bench::Side record) {
     const auto repeated = [](const std::function<void()> &once) {
         return [once](size_t n) {
             while (n-- != 0)

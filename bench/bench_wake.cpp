@@ -85,7 +85,7 @@ std::function<void()> kill_me(int signal) {
 
 void library(Sleeper &sleeper) {
     const auto on_wake = [](CL_Object *, CL_Event *, uint64_t arg1, uint64_t) {
-        return uint32_t{reinterpret_cast<Sleeper *>(arg1)->woken()};
+        return reinterpret_cast<Sleeper *>(arg1)->woken() ? 1u : 0u;
     };
     CL_ErrInfo err;
     CL_Object *object =
@@ -125,8 +125,9 @@ void libuv(Sleeper &sleeper) {
     uv_loop_init(&loop);
     async.data = &sleeper;
     const auto on_wake = [](uv_async_t *self) {
-        if (static_cast<Sleeper *>(self->data)->woken())
+        if (static_cast<Sleeper *>(self->data)->woken()) {
             uv_close(reinterpret_cast<uv_handle_t *>(self), nullptr);
+        }
     };
     uv_async_init(&loop, &async, on_wake);
     sleeper.ready([&async] { uv_async_send(&async); });

@@ -14,6 +14,7 @@
 #include <unistd.h>
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -115,7 +116,7 @@ struct Comparison {
 
 inline double quantile(Times values, double q) {
     std::sort(values.begin(), values.end());
-    return values[static_cast<size_t>(q * static_cast<double>(values.size() - 1) + 0.5)];
+    return values[static_cast<size_t>(lround(q * static_cast<double>(values.size() - 1)))];
 }
 
 inline std::string number(double value) {
@@ -174,7 +175,8 @@ inline void tell(benchmark::State &state, const Comparison &comparison,
 }
 
 // Adds a comparison. `make` sets it up just before it is run; what it needs lives in its sides.
-inline void compare(const std::string &name, std::function<Comparison()> make, int rounds = 101) {
+inline void compare(const std::string &name, const std::function<Comparison()> &make,
+                    int rounds = 101) {
     benchmark::RegisterBenchmark(
         name.c_str(),
         [make](benchmark::State &state) {
@@ -217,9 +219,10 @@ struct Calls {
 
     std::string per(double operations) const {
         std::string out = number(total / operations) + " system calls";
-        for (const auto &[name, count] : by_name)
+        for (const auto &[name, count] : by_name) {
             out += (name == by_name.begin()->first ? ": " : ", ") + name + " " +
                    number(count / operations);
+        }
         return out;
     }
 };
