@@ -59,7 +59,7 @@ __attribute__((constructor)) void construct() {
     main.pid = CL_GetPid();
     main.trace_fd = -1;
     init_queues(main);
-    main.memory_check = switched_on("CL_MEM_CHECK");
+    main.memory_check = switched_on("CL_MEM_CHECK") ? 1 : 0;
     main.memory_limit = CL_MEM_DEFAULT_LIMIT;
     main.state = CL_STATE_CONSTRUCTED;
     CL_INTRC_Init();

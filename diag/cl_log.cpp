@@ -45,23 +45,23 @@ struct Arguments {
 // Takes the next argument of `type` and makes its text; false for a character that is no type.
 bool take_argument(Arguments &arguments, char type, va_list *list) {
     char *made = arguments.made[arguments.count];
-    constexpr size_t size = sizeof arguments.made[0];
+    constexpr size_t kSize = sizeof arguments.made[0];
     const char *text = made;
     switch (type) {
         case 'd':
-            snprintf(made, size, "%d", va_arg(*list, int));
+            snprintf(made, kSize, "%d", va_arg(*list, int));
             break;
         case 'D':
-            snprintf(made, size, "%lld", va_arg(*list, long long));
+            snprintf(made, kSize, "%lld", va_arg(*list, long long));
             break;
         case 'x':
-            snprintf(made, size, "0x%08x", va_arg(*list, unsigned));
+            snprintf(made, kSize, "0x%08x", va_arg(*list, unsigned));
             break;
         case 'X':
-            snprintf(made, size, "0x%016llx", va_arg(*list, unsigned long long));
+            snprintf(made, kSize, "0x%016llx", va_arg(*list, unsigned long long));
             break;
         case 'p':
-            snprintf(made, size, "%p", va_arg(*list, void *));
+            snprintf(made, kSize, "%p", va_arg(*list, void *));
             break;
         case 's':
             text = va_arg(*list, const char *);
@@ -221,7 +221,7 @@ uint32_t cl_GetLogString(uint32_t messageId, char *out) {
         out[length] = '\0';
     }
     cl_u_catclose(catalogue);
-    return length != 0;
+    return length != 0 ? 1 : 0;
 }
 
 uint32_t CL_LOG_Out(uint32_t destinations, uint16_t severity, uint64_t /*reserved*/,

@@ -181,7 +181,8 @@ uint32_t qvcl::write_record(CL_TrcHead *head, uint32_t head_length, const void *
     const uint32_t size = block->entry_size;
     const uint32_t length = head->length;
     // Most records fit one entry: that needs no division.
-    const uint32_t entries = length <= size ? length != 0 : (length - 1) / size + 1;
+    const uint32_t entries =
+        length <= size ? static_cast<uint32_t>(length != 0) : (length - 1) / size + 1;
     if (entries > block->entry_count) return E2BIG;
     head->seconds = CL_GetTime_M(&head->microseconds);
 

@@ -46,7 +46,7 @@ bool write_header_text(int fd, const char *text) {
     return write_all(fd, text, length) && write_all(fd, kZero, kAlignment - length % kAlignment);
 }
 
-uint32_t add_block(const CL_TableHeader *header) {
+bool add_block(const CL_TableHeader *header) {
     return header == nullptr || CL_TRC_AddTbl(header, header->size) != 0;
 }
 
@@ -99,7 +99,7 @@ void CL_TRC_Out(const char *path, const char *headerText) {
 
 uint32_t CL_TRC_AddTbl(const void *block, uint64_t length) {
     const int fd = CL_MainTable->trace_fd;
-    return fd != kNone && write_all(fd, block, length);
+    return fd != kNone && write_all(fd, block, length) ? 1 : 0;
 }
 
 int32_t cl_open_trc(const char *path, const char *headerText) {

@@ -133,7 +133,7 @@ uint32_t CL_FlushFile_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag, 
 
 uint32_t cl_flushfile(CL_Object *object, CL_ErrInfo *err) {
     if (!is_open(object, err)) return 0;
-    return ended(cl_u_fdatasync(object->descriptor), err) == 0;
+    return ended(cl_u_fdatasync(object->descriptor), err) == 0 ? 1 : 0;
 }
 
 int32_t CL_SeekFile_M(CL_Object *object, int32_t offset, uint32_t whence, CL_ErrInfo *err,

@@ -12,9 +12,7 @@ namespace qvcl {
 
 namespace {
 
-constexpr auto anyone = Access::anyone;
-constexpr auto library = Access::library;
-constexpr auto nobody = Access::nobody;
+using enum Access;
 
 uint32_t check_server(CL_Object *object, CL_ErrInfo *) {
     return cl_CheckMSGS_M(object);

@@ -98,7 +98,8 @@ struct Loop {
         CL_MainBlock &main = *CL_MainTable;
         const uint64_t ticks = take(main.timer_signals);
         // Without a timer there is no uptime to read.
-        if (main.timer_list.head != nullptr && cl_TimerCheck(static_cast<uint32_t>(ticks), err)) {
+        if (main.timer_list.head != nullptr &&
+            cl_TimerCheck(static_cast<uint32_t>(ticks), err) != 0) {
             if (const int32_t result = cl_TimerCall(err)) return static_cast<uint32_t>(result);
         }
         main.loop_cursor = nullptr;

@@ -30,7 +30,7 @@ inline void watch_descriptor(CL_Object *object, bool reading, bool writing) {
 // Whether a descriptor of the object may be ready: no is exact. Descriptors in several words always
 // may.
 inline bool may_be_ready(const CL_Watch &watch, const CL_FdSets &ready) {
-    uint64_t any = watch.end_word > watch.first_word + 1;
+    uint64_t any = watch.end_word > watch.first_word + 1 ? 1 : 0;
     for (uint32_t s = 0; s < 3; ++s)
         any |= words(ready.*kSets[s])[watch.first_word] & watch.bits[s];
     return any != 0;

@@ -180,7 +180,7 @@ void *CL_QUE_GetData(CL_Queue *queue, void *element) {
 }
 
 uint32_t CL_QUE_Isinque(const CL_Queue *queue, const void *element) {
-    return queue->count != 0 && holds(queue, element);
+    return queue->count != 0 && holds(queue, element) ? 1 : 0;
 }
 
 void *CL_QUE_Enum(const CL_Queue *queue, const void *element, uint32_t direction,

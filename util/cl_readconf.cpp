@@ -372,7 +372,7 @@ char *cl_delst(char *text) {
 }
 
 uint32_t cl_issection(const char *text) {
-    return text[0] == '[';
+    return text[0] == '[' ? 1 : 0;
 }
 
 uint32_t cl_getsection(CL_Queue *conf, char *text, uint32_t line, CL_ConfSection **section) {
