@@ -173,12 +173,12 @@ bool await_end_request(CL_Object *end, CL_ErrInfo *err, const char *file, uint32
            CL_AddEventList_M(end, CL_PRIORITY_REPORT, err, 1, file, line);
 }
 
-// The block is on the stack: it is off the send queue when this returns, or the caller deletes the
-// object, which takes it off. The record tells success, since an end watch gives any result.
-bool send_report(CL_Object *end, CL_ErrInfo *err, const char *file, uint32_t line) {
-    CL_MsgBlock report = {};
-    report.header.type = CL_MSG_EXEC_COMPLETE;
-    CL_SendMSGC_M(end, &report, sizeof report, CL_MODE_SYNC, 0, err, 1, file, line);
+// A send that fails leaves the block on the send queue, until the caller deletes the object: the
+// block is the caller's. The record tells success, since an end watch gives any result.
+bool send_report(CL_Object *end, CL_MsgBlock *report, CL_ErrInfo *err, const char *file,
+                 uint32_t line) {
+    report->header.type = CL_MSG_EXEC_COMPLETE;
+    CL_SendMSGC_M(end, report, sizeof *report, CL_MODE_SYNC, 0, err, 1, file, line);
     return err->err == 0;
 }
 
@@ -236,8 +236,9 @@ extern "C" CL_Object *CL_StartupComplete_M(CL_Callback endCallback, uint64_t arg
     if (!end) return nullptr;
 
     end->connection.end_callback = endCallback;
+    CL_MsgBlock report = {};
     if (connect_to_starter(end, path, err, file, line) && await_end_request(end, err, file, line) &&
-        send_report(end, err, file, line)) {
+        send_report(end, &report, err, file, line)) {
         if (watch_sync) CL_MainTable->sync_flag = 1;
         return end;
     }

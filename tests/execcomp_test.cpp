@@ -385,6 +385,14 @@ TEST_F(Started, ASynchronousTransferIsInterruptedByTheEndOnlyWhenAsked) {
     }
     EXPECT_EQ(ends.size(), 5u);
 
+    /* The second report of a program is such a transfer, too. */
+    EXPECT_EQ(CL_DeleteFD_M(end, &err, 1, "test", 1), 1u) << err;
+    connection = report(1);
+    connection.say(message(16, CL_MSG_END_REQUEST));
+    EXPECT_EQ(CL_StartupComplete(test::call_action, 0, 0, 0, &err), nullptr);
+    EXPECT_EQ(err.err, 4u);
+    EXPECT_EQ(ends.size(), 6u);
+
     /* While the end callback runs there is nothing more to be told. */
     EXPECT_EQ(CL_DeleteFD_M(end, &err, 1, "test", 1), 1u) << err;
     connection = report(1);
@@ -394,7 +402,7 @@ TEST_F(Started, ASynchronousTransferIsInterruptedByTheEndOnlyWhenAsked) {
         EXPECT_EQ(receive(), 16);
     };
     EXPECT_EQ(rounds(), 99u);
-    EXPECT_EQ(ends.size(), 6u);
+    EXPECT_EQ(ends.size(), 7u);
     EXPECT_EQ(CL_DeleteFD(client, &err), 1u) << err;
 }
 
@@ -412,17 +420,23 @@ TEST_F(Started, EveryStepOfReportingMayFailAndLeavesNothing) {
         const char *what;
         Fault fault;
         uint32_t error, module;
+        Fault also = {.call = "nanosleep", .times = 10000, .swallow = true};
     } cases[] = {
         {"connect", {.call = "connect", .error = ECONNREFUSED}, ECONNREFUSED, CL_MODULE_MSGC},
         {"full", {.call = "connect", .error = EAGAIN, .times = 10000}, EAGAIN, CL_MODULE_MSGC},
         {"send", {.call = "send", .error = EPIPE}, EPIPE, CL_MODULE_MSGC},
+        {"wait",
+         {.call = "send", .error = EAGAIN},
+         EBADF,
+         CL_MODULE_MSGC,
+         {.call = "pselect", .error = EBADF}},
     };
     const auto attempt = [this] {
         return CL_StartupComplete(test::call_action, test::address(&on_end), 0, 1, &err);
     };
     for (const auto &test : cases) {
         SCOPED_TRACE(test.what);
-        const Plan plan({test.fault, {.call = "nanosleep", .times = 10000, .swallow = true}});
+        const Plan plan({test.fault, test.also});
         EXPECT_EQ(attempt(), nullptr);
         EXPECT_EQ(err.err, test.error);
         EXPECT_EQ(err.module, test.module);
