@@ -3,12 +3,13 @@
  *
  * It needs no loop: connect, send and receive in mode 1 wait for their end. When the server goes
  * away in the middle, the client connects again as soon as there is one, and repeats the request
- * that got no reply.
+ * that got no reply. While the server is not there, is full or drops the connection, the client
+ * tries again after pauses that double, until its patience is at an end.
  *
  *   echo_client [-n COUNT] [-s SIZE] [-w SECONDS] [-d] SOCKET
  *     -n COUNT    requests (default 1000)
  *     -s SIZE     bytes of payload, at most 4096 (default 64)
- *     -w SECONDS  how long to try to connect (default 5)
+ *     -w SECONDS  how long to go without the server (default 5)
  *     -d          in the end ask the server for its trace file
  */
 #define _GNU_SOURCE
@@ -18,11 +19,16 @@
 #include <time.h>
 #include <unistd.h>
 
-enum { PAUSE = 50 }; /* milliseconds between two attempts to connect */
+enum { FIRST_PAUSE = 20, LONGEST_PAUSE = 1000 }; /* milliseconds between two attempts */
 
 static const char *socket_path;
 static uint32_t patience = 5;
 static uint64_t connections;
+
+/* From the first attempt to connect, or a loss, up to the next reply: */
+static int trying;
+static double give_up;      /* when patience is at an end */
+static uint32_t pause_time; /* before the next attempt */
 
 static struct {
     CL_MsgBlock block;
@@ -40,15 +46,34 @@ static double now(void) {
     return (double)time.tv_sec + (double)time.tv_nsec / 1e9;
 }
 
+static void begin_trying(void) {
+    trying = 1;
+    give_up = now() + patience;
+    pause_time = FIRST_PAUSE;
+}
+
+/* Waits before another attempt, unless there have been attempts for long enough. */
+static void try_again_later(const char *what, const CL_ErrInfo *err) {
+    if (now() >= give_up) example_fail(what, err);
+    CL_Sleep(pause_time);
+    pause_time = pause_time * 2 < LONGEST_PAUSE ? pause_time * 2 : LONGEST_PAUSE;
+}
+
+/* Whoever has connected may still wait in vain, because the server is full. Once it has replied,
+ * it is waited for without limit (0), which costs no timer. */
+static uint32_t reply_limit(void) {
+    const double left = trying ? give_up - now() : -1;
+    return left < 0 ? (uint32_t)trying : (uint32_t)left + 1;
+}
+
 /* Connects, and tries again while the server is not there (no socket file, or a stale one that
  * refuses) or has no place left. */
 static void connect_to_server(CL_Object *connection) {
     CL_ErrInfo err;
-    const double end = now() + patience;
     while (!CL_CnctMSGC(connection, socket_path, CL_MODE_SYNC, &err)) {
         const int later = err.err == ENOENT || err.err == ECONNREFUSED || err.err == EAGAIN;
-        if (!later || now() >= end) example_fail("CL_CnctMSGC", &err);
-        CL_Sleep(PAUSE);
+        if (!later) example_fail("CL_CnctMSGC", &err);
+        try_again_later("CL_CnctMSGC", &err);
     }
     ++connections;
     printf("connected\n");
@@ -56,21 +81,23 @@ static void connect_to_server(CL_Object *connection) {
 
 /* One request and its reply, whose length is the result; -1 when the connection is lost. The block
  * and the buffer are lent to the library only during the calls. */
-static int32_t exchange_once(CL_Object *connection, int32_t size) {
-    CL_ErrInfo err;
+static int32_t exchange_once(CL_Object *connection, int32_t size, CL_ErrInfo *err) {
     const int32_t block = (int32_t)sizeof request.block + size;
-    if (CL_SendMSGC(connection, &request, block, CL_MODE_SYNC, 0, &err) < 0) return -1;
-    return CL_RecvMSGC(connection, &reply, sizeof reply, CL_MODE_SYNC, 0, &err);
+    if (CL_SendMSGC(connection, &request, block, CL_MODE_SYNC, 0, err) < 0) return -1;
+    return CL_RecvMSGC(connection, &reply, sizeof reply, CL_MODE_SYNC, reply_limit(), err);
 }
 
 static void exchange(CL_Object *connection, uint32_t type, uint32_t expected, int32_t size) {
-    CL_ErrInfo err;
+    CL_ErrInfo err, scratch;
     int32_t length;
     request.block.header.type = type;
-    while ((length = exchange_once(connection, size)) < 0) {
-        if (!CL_DiscMSGC(connection, NULL, NULL, &err)) example_fail("CL_DiscMSGC", &err);
+    while ((length = exchange_once(connection, size, &err)) < 0) {
+        if (!trying) begin_trying();
+        if (!CL_DiscMSGC(connection, NULL, NULL, &scratch)) example_fail("CL_DiscMSGC", &scratch);
+        try_again_later("no reply", &err);
         connect_to_server(connection);
     }
+    trying = 0;
     const int32_t payload = length - CL_MSG_HEADER_SIZE;
     if (reply.header.type != expected || payload != size ||
         memcmp(reply.payload, request.payload, (size_t)size) != 0) {
@@ -118,6 +145,7 @@ int main(int argc, char **argv) {
     example_begin("echo_client", 1, NULL);
     CL_Object *connection = CL_CreateFD(CL_KIND_MSGC, NULL, 0, 0, &err);
     if (!connection) example_fail("CL_CreateFD", &err);
+    begin_trying();
     connect_to_server(connection);
 
     const double begin = now();

@@ -6,8 +6,9 @@
  * that sends without reading its replies therefore stops itself, and nobody else.
  *
  * Replies are deferred (mode 3): the loop finishes them and hands each block back with
- * CL_EVENT_SENT. SIGTERM ends the server cleanly. After a kill, the next start removes the socket
- * file that was left.
+ * CL_EVENT_SENT. When objects, descriptors or memory are used up, the server leaves whoever comes
+ * waiting at the socket until there is room again. SIGTERM ends it cleanly. After a kill, the next
+ * start removes the socket file that was left.
  *
  *   echo_server [-r SECONDS] [-d DUMP] SOCKET
  *     -r SECONDS  report clients, messages and bytes every so many seconds (default 5)
@@ -43,6 +44,9 @@ typedef struct Client {
 static const char *dump_path;
 static CL_Queue clients;
 static uint64_t messages, bytes, reported_messages;
+static CL_Object *server;
+static int accepting; /* the server object is listed */
+static int told_full;
 
 /* Sets up the next receive if a reply is free for it. 0 for a failed connection. */
 static int receive_next(Client *client) {
@@ -54,13 +58,33 @@ static int receive_next(Client *client) {
     return client->receiving;
 }
 
+static void accept_clients(void) {
+    CL_ErrInfo err;
+    if (accepting) return;
+    if (!CL_AddEventList(server, 60, &err)) example_fail("CL_AddEventList", &err);
+    accepting = 1;
+}
+
+/* The event of somebody who waits comes again and again, and each accept would fail like the last
+ * one. Off the list, the server object is not asked. */
+static void leave_them_waiting(uint32_t why) {
+    CL_ErrInfo err;
+    if (!told_full)
+        fprintf(stderr, "echo_server: full with %u clients (%s), the others wait\n",
+                CL_QUE_GetNum(&clients), strerror((int)why));
+    told_full = 1;
+    if (!CL_DelEventList(server, &err)) example_fail("CL_DelEventList", &err);
+    accepting = 0;
+}
+
 /* Deleting the connection closes it and takes unsent replies off its send queue; then the memory
- * they are in may go. */
+ * they are in may go. That makes room for another client. */
 static void drop(Client *client) {
     CL_ErrInfo err;
     if (!CL_DeleteFD(client->connection, &err)) example_fail("CL_DeleteFD", &err);
     CL_QUE_GetData(&clients, client);
     CL_free(client);
+    accept_clients();
 }
 
 static void dump(void) {
@@ -108,15 +132,14 @@ static uint32_t on_client(CL_Object *connection, CL_Event *event, uint64_t arg1,
 
 /* Somebody waits at the socket. The event comes again until nobody does, so one accept is enough.
  */
-static uint32_t on_connection(CL_Object *server, CL_Event *event, uint64_t arg1, uint64_t arg2) {
-    CL_ErrInfo err;
+static uint32_t on_connection(CL_Object *object, CL_Event *event, uint64_t arg1, uint64_t arg2) {
+    CL_ErrInfo err = {.err = ENOMEM};
     (void)event, (void)arg1, (void)arg2;
     Client *client = CL_malloc(sizeof *client);
-    if (!client) return 0;
-    client->connection = CL_AcceptMSGS(server, on_client, (uint64_t)client, 0, &err);
-    if (!client->connection) {
+    if (client) client->connection = CL_AcceptMSGS(object, on_client, (uint64_t)client, 0, &err);
+    if (!client || !client->connection) {
         CL_free(client);
-        if (err.err != EAGAIN) fprintf(stderr, "accept: %s\n", strerror((int)err.err));
+        if (err.err != EAGAIN) leave_them_waiting(err.err); /* EAGAIN: gone again */
         return 0;
     }
     CL_QUE_InitQT(&client->free_replies, offsetof(CL_MsgBlock, link));
@@ -127,12 +150,20 @@ static uint32_t on_connection(CL_Object *server, CL_Event *event, uint64_t arg1,
     return 0;
 }
 
-static uint32_t on_report(CL_Object *timer, CL_Event *event, uint64_t arg1, uint64_t arg2) {
-    (void)timer, (void)event, (void)arg1, (void)arg2;
+static void report(void) {
     printf("%u clients, %lu messages (%lu new), %lu bytes\n", CL_QUE_GetNum(&clients),
            (unsigned long)messages, (unsigned long)(messages - reported_messages),
            (unsigned long)bytes);
     reported_messages = messages;
+}
+
+/* Others may have given up what was missing (descriptors of the system, memory), so now and then
+ * accepting is tried again. That there is no room is told at most once between two reports. */
+static uint32_t on_timer(CL_Object *timer, CL_Event *event, uint64_t arg1, uint64_t arg2) {
+    (void)timer, (void)event, (void)arg1, (void)arg2;
+    report();
+    told_full = !accepting;
+    accept_clients();
     return 0;
 }
 
@@ -187,17 +218,17 @@ int main(int argc, char **argv) {
     example_begin("echo_server", MAX_CLIENTS + 3, NULL);
     CL_QUE_InitQT(&clients, offsetof(Client, link));
     CL_Object *termination = watch_termination(&signals);
-    CL_Object *server = create(CL_KIND_MSGS, on_connection, 0);
-    CL_Object *timer = create(CL_KIND_TIMER, on_report, 0);
+    CL_Object *timer = create(CL_KIND_TIMER, on_timer, 0);
+    server = create(CL_KIND_MSGS, on_connection, 0);
     if (!CL_OpenMSGS(server, argv[optind], 128, &err)) example_fail("CL_OpenMSGS", &err);
-    if (!CL_AddEventList(server, 60, &err)) example_fail("CL_AddEventList", &err);
+    accept_clients();
     if (!CL_StartTIMER(timer, seconds, CL_TIMER_PERIODIC, &err))
         example_fail("CL_StartTIMER", &err);
     printf("listening\n");
 
     if (CL_EventLoop(&err) == CL_LOOP_ERROR) example_fail("CL_EventLoop", &err);
 
-    on_report(timer, NULL, 0, 0);
+    report();
     while (CL_QUE_GetNum(&clients) > 0)
         drop(clients.head);
     /* Deleting closes: the socket file goes with the server, the interval timer with the timer. */

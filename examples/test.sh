@@ -6,12 +6,14 @@ name=$1 bin=$2
 work=$(mktemp -d)
 cd "$work"
 
-# Whatever happens, no process of ours and no file stays.
+# Whatever happens, no process of ours, nor one that it started, and no file stays.
 finish() {
-    local status=$?
-    local -a left
-    mapfile -t left < <(jobs -p)
-    ((${#left[@]} == 0)) || kill -KILL "${left[@]}" 2>/dev/null || true
+    local status=$? pid
+    local -a started
+    for pid in $(jobs -p); do
+        { read -rd '' -a started <"/proc/$pid/task/$pid/children"; } 2>/dev/null || true
+        kill -KILL "$pid" "${started[@]}" 2>/dev/null || true
+    done
     ((status == 0)) || tail -n +1 -- *.out *.log 2>/dev/null || true
     rm -rf "$work"
 }
@@ -43,6 +45,8 @@ wait_for() {
     done
     complain "waited in vain for '$2' in $1"
 }
+# ticks PID: the processor time that it has used, in hundredths of a second.
+ticks() { awk '{ print $14 + $15 }' "/proc/$1/stat"; }
 # ends_with STATUS PID: within twenty seconds.
 ends_with() {
     local status=0
@@ -111,6 +115,43 @@ test_echo() {
     ends_with 0 $server
     expect again.out 'leak report clean'
     [[ ! -e socket ]] || complain 'the socket file is left'
+
+    # With more clients than it has descriptors for, the server says so and rests; whoever waits is
+    # served when the others are gone.
+    (ulimit -n 12; exec "$bin/echo_server" -r 1 socket) >full.out 2>full.log &
+    server=$!
+    wait_for full.out listening
+    clients=()
+    for i in {1..8}; do
+        "$bin/echo_client" -n 1000000000 -w 60 socket >held"$i".out 2>&1 &
+        clients+=($!)
+    done
+    wait_for full.log '^echo_server: full with [1-8] clients \(Too many open files\)'
+    "$bin/echo_client" -n 10 -w 60 socket >late.out 2>&1 &
+    client=$!
+    wait_for late.out '^connected'
+    kill -STOP "${clients[@]}"
+    wait_for full.out '^[1-8] clients, .* \(0 new\)'
+    local before
+    before=$(ticks $server)
+    sleep 1
+    (($(ticks $server) - before < 50)) || complain 'the full server does not rest'
+    disown "${clients[@]}"
+    kill -KILL "${clients[@]}"
+    ends_with 0 $client
+    kill -TERM $server
+    ends_with 0 $server
+    (($(grep -c full full.log) <= 3)) || complain 'the full server repeats itself'
+
+    # One that drops every connection is tried again with pauses, and not for ever.
+    perl -MIO::Socket::UNIX -e 'my $server = IO::Socket::UNIX->new(Local => "drops", Listen => 9);
+        while (1) { close $server->accept }' &
+    server=$!
+    ! timeout 20 "$bin/echo_client" -w 1 drops >dropped.out 2>&1 || complain 'served by nobody'
+    expect dropped.out '^echo_client: no reply: '
+    (($(grep -c connected dropped.out) < 15)) || complain 'connects again without a pause'
+    disown $server
+    kill -KILL $server
 }
 
 test_supervisor() {
@@ -124,11 +165,21 @@ command = $bin/worker -q
 patience = 1
 [4-missing]
 command = $work/missing
+[5-deaf]
+command = $work/deaf
+patience = 1
+[6-stopped]
+command = $work/stopped
+patience = 1
 END
+    printf '#!/bin/sh\ntrap "" TERM ABRT\nexec sleep 60\n' >deaf
+    printf '#!/bin/sh\nkill -STOP $$\n' >stopped
+    chmod +x deaf stopped
     "$bin/supervisor" socket programs.conf >conf.out 2>conf.log &
     local supervisor=$!
     wait_for conf.out '2-crashes: up' 2
     wait_for conf.out '4-missing: starting again in 2 s'
+    wait_for conf.out 'all started'
     kill -TERM $supervisor
     ends_with 0 $supervisor
     in_order conf.out '1-steady: up' '2-crashes: started' '2-crashes: up' '3-silent: started' \
@@ -138,6 +189,9 @@ END
         '2-crashes: up' 'asking' '2-crashes: exited with 0'
     in_order conf.out 'asking' '1-steady: exited with 0'
     in_order conf.out 'asking' '3-silent: killed by signal 15'
+    for stubborn in 5-deaf 6-stopped; do
+        in_order conf.out 'asking' "$stubborn: did not end in 5 s" "$stubborn: killed by signal 9"
+    done
     expect conf.out 'asked to end after'
 
     # From the command line; the programs notice when the supervisor is gone.
