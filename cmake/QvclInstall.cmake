@@ -1,5 +1,6 @@
 # What is installed, in two components: runtime (what a program needs to run) and development (what
-# it takes to build one). qvcl-trace and the man pages are installed where they are made.
+# it takes to build one). qvcl-trace and the man pages are installed where they are made. The target
+# `uninstall` takes it all away again.
 include(CMakePackageConfigHelpers)
 
 set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/qvcl")
@@ -29,4 +30,10 @@ endfunction()
 install_pkgconfig(qvcl "${PROJECT_DESCRIPTION}" "")
 if(TARGET qvcl-starter)
     install_pkgconfig(qvcl-starter "Starts programs and tells when they are up, on top of qvcl" qvcl)
+endif()
+
+if(PROJECT_IS_TOP_LEVEL)
+    add_custom_target(uninstall
+        COMMAND "${CMAKE_COMMAND}" -P "${CMAKE_CURRENT_SOURCE_DIR}/cmake/uninstall.cmake"
+        COMMENT "Removing what was installed" VERBATIM)
 endif()
