@@ -385,14 +385,6 @@ TEST_F(Started, ASynchronousTransferIsInterruptedByTheEndOnlyWhenAsked) {
     }
     EXPECT_EQ(ends.size(), 5u);
 
-    /* The second report of a program is such a transfer, too. */
-    EXPECT_EQ(CL_DeleteFD_M(end, &err, 1, "test", 1), 1u) << err;
-    connection = report(1);
-    connection.say(message(16, CL_MSG_END_REQUEST));
-    EXPECT_EQ(CL_StartupComplete(test::call_action, 0, 0, 0, &err), nullptr);
-    EXPECT_EQ(err.err, 4u);
-    EXPECT_EQ(ends.size(), 6u);
-
     /* While the end callback runs there is nothing more to be told. */
     EXPECT_EQ(CL_DeleteFD_M(end, &err, 1, "test", 1), 1u) << err;
     connection = report(1);
@@ -402,6 +394,14 @@ TEST_F(Started, ASynchronousTransferIsInterruptedByTheEndOnlyWhenAsked) {
         EXPECT_EQ(receive(), 16);
     };
     EXPECT_EQ(rounds(), 99u);
+    EXPECT_EQ(ends.size(), 6u);
+    deed = nullptr;
+
+    /* The second report of a program is such a transfer, too. */
+    connection = report(1);
+    connection.say(message(16, CL_MSG_END_REQUEST));
+    EXPECT_EQ(CL_StartupComplete(test::call_action, 0, 0, 0, &err), nullptr);
+    EXPECT_EQ(err.err, 4u);
     EXPECT_EQ(ends.size(), 7u);
     EXPECT_EQ(CL_DeleteFD(client, &err), 1u) << err;
 }
