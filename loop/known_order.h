@@ -61,17 +61,18 @@ class KnownOrder {
     void begin() {
         forget_order();
         places_ = CL_MainTable->scratch;
+        size_ = places_ != nullptr ? CL_MainTable->capacity : 0;
         count_ = 0;
     }
     void add(CL_Object *object) {
-        ++count_;
-        if (fits()) places_[count_] = object;
+        if (++count_ < size_) places_[count_] = object;
     }
     void conclude() {
         sets_ = CL_MainTable->sets;
         for (uint32_t s = 0; s < 3; ++s)
             watched_[s] = any_in(sets_.*kSets[s]);
-        if (fits()) places_[0] = mark();
+        // An order as long as the array leaves no place for the mark: it is asked anew each time.
+        if (count_ < size_) places_[0] = mark();
     }
 
     // Makes the sets again that the objects made when they were asked.
@@ -88,8 +89,6 @@ class KnownOrder {
     CL_Object *mark() const {
         return reinterpret_cast<CL_Object *>(const_cast<KnownOrder *>(this));
     }
-    // An order as long as the array has no place for the mark: it is asked anew each time.
-    bool fits() const { return places_ != nullptr && count_ < CL_MainTable->capacity; }
     static bool any_in(const fd_set &set) {
         uint64_t any = 0;
         for (uint32_t w = 0; w < kSetWords; ++w)
@@ -97,7 +96,8 @@ class KnownOrder {
         return any != 0;
     }
 
-    CL_Object **places_ = nullptr;
+    CL_Object **places_ = nullptr;  // the array, of size_ places
+    uint32_t size_ = 0;
     uint32_t count_ = 0;
     bool watched_[3] = {};
     CL_FdSets sets_ = {};
