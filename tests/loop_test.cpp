@@ -324,6 +324,7 @@ TEST_F(Loop, FindsNothingReadyThatCameLater) {
         {"segment",
          [&] { return cl_openshm(segment.c_str(), O_RDONLY, 1, &err, "test", 1)->descriptor; },
          true},
+        {"socket", [&] { return watch_only(later, cl_u_socket(AF_UNIX, SOCK_STREAM, 0)); }, true},
         {"pipe",
          [&] {
              int ends[2];
