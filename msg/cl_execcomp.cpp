@@ -57,21 +57,13 @@ bool await_report(CL_Object *object) {
            error.err == CL_ERR_IN_PROGRESS;
 }
 
-// Whether the object is still there after its end callback. One that the callback deleted may have
-// given its slot to a new object, which nobody has told anything yet.
-bool left_by_callback(CL_Object *end) {
-    CL_ErrInfo scratch;
-    return cl_CheckFD_sub(end, &scratch) != 0 && end->kind == CL_KIND_END &&
-           end->connection.told != 0;
-}
-
 // Calls the end callback, then deletes the object unless the callback did so itself. 1, or 0 with
 // err filled.
 uint32_t tell_end(CL_Object *end, const CL_ErrInfo &why, uint64_t arg1, uint64_t arg2,
                   uint32_t *result, CL_ErrInfo *err) {
-    end->connection.told = 1;
-    *result = qvcl::call_end_callback(end, why, arg1, arg2, kFile);
-    return left_by_callback(end) ? CL_DeleteFD_M(end, err, 1, kFile, __LINE__) : 1;
+    const qvcl::Told told = qvcl::call_end_callback(end, why, arg1, arg2, kFile);
+    *result = told.result;
+    return told.left ? CL_DeleteFD_M(end, err, 1, kFile, __LINE__) : 1;
 }
 
 uint32_t end_requested(CL_Object *end, uint64_t arg1, uint64_t arg2) {

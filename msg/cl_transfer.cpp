@@ -275,10 +275,10 @@ class SyncWait {
         }
         if (end_ != nullptr && qvcl::ready_in(end_->descriptor, sets.read) &&
             cl_recv_end(end_, err_) != 0) {
-            const uint32_t result =
+            const qvcl::Told told =
                 qvcl::call_end_callback(end_, {}, end_->arg1, end_->arg2, kFile);
             fail(err_, EINTR);
-            result_ = static_cast<int32_t>(result);
+            result_ = static_cast<int32_t>(told.result);
             return true;
         }
         if (qvcl::ready_in(connection_->descriptor, sets.*direction_.ready)) {

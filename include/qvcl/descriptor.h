@@ -75,7 +75,7 @@ typedef struct CL_Connection {
     CL_Callback end_callback; /* END(ExecComp): the application's */
     uint8_t report[20];       /* END(ExecComp), EXECC: receive buffer of the object's own */
     uint32_t pace;            /* synchronous receives since one looked before it waited */
-    uint32_t told;            /* END(ExecComp): 1 since the loop called the end callback */
+    uint32_t telling;         /* END(ExecComp): 1 while its end callback runs */
 } CL_Connection;
 
 /* Message server (MSGS, EXECS). The path is kept so that close can remove the socket file. */

@@ -50,8 +50,8 @@ typedef struct CL_MainBlock {
     CL_Queue free_queue;                 /* link */
     CL_Queue used_queue;                 /* link */
     CL_Queue kind_queues[CL_KIND_COUNT]; /* kind_link */
-    uint32_t sync_flag;     /* not 0: synchronous transfers watch the first END(ExecComp) object */
-    uint32_t end_callbacks; /* that are running: meanwhile there is no such watch */
+    uint32_t sync_flag; /* not 0: synchronous transfers watch the first END(ExecComp) object */
+    uint32_t reserved3;
     CL_Queue timer_list;    /* timer_link */
     CL_Queue child_list;    /* child_link */
     CL_Queue priority_list; /* event_link */
@@ -114,7 +114,6 @@ CL_LAYOUT_AT(CL_MainBlock, free_queue, 104);
 CL_LAYOUT_AT(CL_MainBlock, used_queue, 128);
 CL_LAYOUT_AT(CL_MainBlock, kind_queues, 152);
 CL_LAYOUT_AT(CL_MainBlock, sync_flag, 416);
-CL_LAYOUT_AT(CL_MainBlock, end_callbacks, 420);
 CL_LAYOUT_AT(CL_MainBlock, timer_list, 424);
 CL_LAYOUT_AT(CL_MainBlock, child_list, 448);
 CL_LAYOUT_AT(CL_MainBlock, priority_list, 472);
