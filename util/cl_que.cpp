@@ -104,31 +104,30 @@ uint32_t fill(void **array, const CL_Queue *queue) {
 
 constexpr uint32_t kNowhere = UINT32_MAX;
 
-// The place in the array of the element that the mode asks for.
+// The place in the array of the element that the mode asks for. With several equal elements it is
+// the one that this sequence of midpoints meets first.
 uint32_t binary_search(void **array, uint32_t count, const void *key, int32_t mode,
                        CL_Comparator compare) {
+    // Elements before `low` are lower than the key, those from `end` on higher.
     uint32_t low = 0;
-    uint32_t high = count - 1;
-    for (;;) {
-        const uint32_t mid = low + (high - low) / 2;
+    uint32_t end = count;
+    while (low < end) {
+        const uint32_t mid = low + (end - 1 - low) / 2;
         const int order = compare(&key, &array[mid]);
         if (order == 0) return mid;
         if (order < 0) {
-            if (low < mid) {
-                high = mid - 1;
-                continue;
-            }
-            // Everything from mid on is higher, everything before it lower.
-            if (mode == CL_QUE_EQUAL_OR_HIGHER) return mid;
-            return mode == CL_QUE_EQUAL_OR_LOWER && mid != 0 ? mid - 1 : kNowhere;
-        }
-        if (high > mid) {
+            end = mid;
+        } else {
             low = mid + 1;
-            continue;
         }
-        // Everything up to mid is lower, everything behind it higher.
-        if (mode == CL_QUE_EQUAL_OR_LOWER) return mid;
-        return mode == CL_QUE_EQUAL_OR_HIGHER && mid != count - 1 ? mid + 1 : kNowhere;
+    }
+    switch (mode) {
+        case CL_QUE_EQUAL_OR_LOWER:
+            return low != 0 ? low - 1 : kNowhere;
+        case CL_QUE_EQUAL_OR_HIGHER:
+            return low != count ? low : kNowhere;
+        default:
+            return kNowhere;
     }
 }
 
@@ -136,9 +135,7 @@ uint32_t binary_search(void **array, uint32_t count, const void *key, int32_t mo
 // element would have in there.
 uint32_t insert_sorted(CL_Queue *queue, void *element, uint32_t flags, void **array, uint32_t count,
                        CL_Comparator compare, uint32_t *place) {
-    const uint32_t lower =
-        count != 0 ? binary_search(array, count, element, CL_QUE_EQUAL_OR_LOWER, compare)
-                   : kNowhere;
+    const uint32_t lower = binary_search(array, count, element, CL_QUE_EQUAL_OR_LOWER, compare);
     if (lower == kNowhere) {
         link_between(queue, element, nullptr, queue->head);
         *place = 0;
