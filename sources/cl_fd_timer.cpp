@@ -35,8 +35,9 @@ bool uptime(int64_t *seconds, CL_ErrInfo *err) {
     return true;
 }
 
-// What a timer counts down from. The largest number of seconds is the mark of a timer that is due,
-// so one is taken off it.
+// A timer on the list is due when its `remaining` is CL_TIMER_DUE. Until then `remaining` counts
+// down to 0 for whoever reads a dump; what decides is the uptime (cl_TimerCheck). An interval as
+// large as the mark counts from one less.
 uint32_t countdown(uint32_t seconds) {
     return seconds == CL_TIMER_DUE ? CL_TIMER_DUE - 1 : seconds;
 }
@@ -50,30 +51,42 @@ bool take_off(CL_Object *object) {
     return true;
 }
 
-// Dispatches one due timer; the callback's result, or -1 with err filled.
+// Which expiry of a timer is due. Re-arming moves the start on by an interval; stopping leaves no
+// interval, and starting anew has another start.
+struct Expiry {
+    uint64_t start_time;
+    uint32_t interval;
+
+    explicit Expiry(const CL_Object *timer)
+        : start_time(timer->start_time), interval(timer->interval) {}
+    bool operator==(const Expiry &) const = default;
+};
+
+bool end_one_shot(CL_Object *timer, CL_ErrInfo *err) {
+    if (!take_off(timer)) return fail(err, CL_ERR_QUEUE);
+    cl_StatusChange_M(timer, timer->status & ~uint32_t{CL_STATUS_RUNNING}, timer->sub_status, kFile,
+                      __LINE__);
+    return true;
+}
+
+void rearm(CL_Object *timer) {
+    timer->remaining = countdown(timer->interval);
+    timer->start_time += timer->interval;
+}
+
+// Dispatches one due timer; the callback's result, or -1 with err filled. One-shot timers are
+// stopped before their callback, which may thus start them again; periodic ones are re-armed behind
+// it, unless the callback has stopped or restarted them, or entered a loop that re-armed them.
 int32_t expire(CL_Object *timer, CL_ErrInfo *err) {
-    const uint64_t start_time = timer->start_time;
-    const uint32_t interval = timer->interval;
     const bool periodic = (timer->sub_status & CL_SUB_PERIODIC) != 0;
-    if (!periodic) {
-        if (!take_off(timer)) {
-            fail(err, CL_ERR_QUEUE);
-            return -1;
-        }
-        cl_StatusChange_M(timer, timer->status & ~uint32_t{CL_STATUS_RUNNING}, timer->sub_status,
-                          kFile, __LINE__);
-    }
+    const Expiry told(timer);
+    if (!periodic && !end_one_shot(timer, err)) return -1;
     CL_Event event = {};
     event.type = CL_EVENT_TIMER;
     const uint32_t result =
         cl_Callback_M(timer->callback, timer, &event, timer->arg1, timer->arg2, 0, kFile, __LINE__);
     if (result != 0) return static_cast<int32_t>(result);
-    // Unless the callback stopped it (no interval), started it anew (a later start) or had it
-    // re-armed already by entering a loop (the next start), this is still the expiry just told.
-    if (periodic && timer->interval == interval && timer->start_time == start_time) {
-        timer->remaining = countdown(interval);
-        timer->start_time += interval;
-    }
+    if (periodic && told == Expiry(timer)) rearm(timer);
     return 0;
 }
 
