@@ -35,6 +35,14 @@ struct Loop {
     static constexpr Failure fail{Policy::module, 1};
 
     // Reads and resets the signal fields.
+    //
+    // Timers and descriptors take turns: timers called in front of a wait have used theirs, and
+    // timer_dispatched says so until the wait. A tick that comes in between marks timers as due but
+    // does not call them, and gives the turn back; so the loop goes on to the wait, however long
+    // the timers' callbacks take. timer_dispatched is 1 exactly while
+    //
+    //     timers have been called since the last wait, by the look in front of the next one,
+    //     some timer is still on the list, and no tick has been looked at since.
     static uint32_t look(CL_ErrInfo *err) {
         CL_MainBlock &main = *CL_MainTable;
         uint32_t bits = take(main.child_signal) != 0 ? CL_LOOK_CHILD : 0;

@@ -27,8 +27,8 @@ inline void watch_descriptor(CL_Object *object, bool reading, bool writing) {
     }
 }
 
-// Whether a descriptor of the object may be ready: no is exact. Descriptors in several words always
-// may.
+// Whether a descriptor of the object may be ready. False: none is. True: its check finds out; for
+// an object with descriptors in several words that is always the answer.
 inline bool may_be_ready(const CL_Watch &watch, const CL_FdSets &ready) {
     uint64_t any = watch.end_word > watch.first_word + 1 ? 1 : 0;
     for (uint32_t s = 0; s < 3; ++s)
