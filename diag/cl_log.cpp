@@ -300,7 +300,7 @@ int32_t cl_log_lotate() {
     for (int32_t k = generations - 1; k >= 1; --k) {
         snprintf(from, sizeof from, "%s.%d", table.log_path, k);
         snprintf(to, sizeof to, "%s.%d", table.log_path, k + 1);
-        rename(from, to);  // a missing generation is none of our business
+        rename(from, to);  // a generation that is missing leaves a gap
     }
     snprintf(to, sizeof to, "%s.1", table.log_path);
     return rename(table.log_path, to);

@@ -1,4 +1,34 @@
-// The exec-completion channel: the library's own callbacks on both of its ends.
+// The exec-completion channel: the library's own callbacks on both of its ends. The channel itself
+// is in several files, because its steps belong to several kinds of object. This is its sequence,
+// with the file of each step:
+//
+//     starter                                          started program
+//
+//     CL_Init_M opens the EXECS server and
+//     lists it (core/cl_main)
+//     fork, exec; a CHILD object on the wait list,
+//     the path in the environment (starter/)
+//                                                      an END object connects, sends
+//                                                      EXEC_COMPLETE, awaits a message,
+//                                                      is listed (starter/)
+//     the server is ready: its connection becomes an
+//     EXECC object and awaits the report (here)
+//     the report is there: the CHILD with the sender's
+//     process id takes the descriptor over, the EXECC
+//     object goes (sources/cl_fd_child), the CHILD's
+//     callback is told (here)
+//     ...                                              ...
+//     a message END_REQUEST on that descriptor, or
+//     its close (starter/)
+//                                                      the end callback is told, then the
+//                                                      END object goes (here); a synchronous
+//                                                      transfer that watches tells it first
+//                                                      (msg/cl_transfer)
+//     SIGCHLD: the CHILD closes the descriptor and is
+//     told of the end (sources/cl_fd_child)
+//
+// A stranger may connect as well. Nobody awaits him: his connection is closed when it says anything
+// but a report of an awaited child, and with the last child that is awaited.
 //
 // They have no caller whose error record they could fill: what makes them fail goes into the main
 // table, and the loop, which their result ends, hands it to its caller.

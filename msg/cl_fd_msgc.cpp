@@ -37,7 +37,8 @@ void clear_pending(CL_Object *object, uint32_t bits, uint32_t line = __builtin_L
     change(object, object->status, object->sub_status & ~bits, line);
 }
 
-// The bit of CL_SUB_SEND_PENDING that says so; the other goes with it, for the eye.
+// The bit of CL_SUB_SEND_PENDING that is tested. The other one is set and cleared with it, so that
+// dumps show both.
 constexpr uint32_t kSending = 0x04;
 static_assert((CL_SUB_SEND_PENDING & kSending) != 0);
 

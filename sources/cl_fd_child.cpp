@@ -54,7 +54,8 @@ CL_Event end_event(int status) {
     return event;
 }
 
-// Ends the dispatch: nobody's turn any more, and without a waiting child no report connections.
+// Ends the dispatch: the next one begins with the first child. When no child waits to report any
+// more, connections that have not reported are closed.
 uint32_t end_dispatch(uint32_t result, CL_ErrInfo *err) {
     CL_MainTable->child_cursor = nullptr;
     return cl_clear_execc(err) != 0 ? result : CL_LOOP_ERROR;

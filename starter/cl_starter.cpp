@@ -35,7 +35,7 @@ void discard(CL_Object *object, const char *file, uint32_t line) {
 // --- The started program's first steps, between fork and exec ---
 
 // Handlers end at exec, but "ignored" is inherited: what the library ignores must not stay ignored
-// in a program that knows nothing of it. Everything else that is ignored is somebody's will.
+// in a program that knows nothing of it. What else is ignored was so before, on purpose.
 bool ignored_by_library(int signal) {
     switch (signal) {
         case SIGHUP:
