@@ -22,8 +22,8 @@ using qvcl::switched_on;
 
 namespace {
 
-constexpr qvcl::Failure fail{CL_MODULE_MAIN};
-constexpr char kFile[] = "cl_main";
+constexpr qvcl::Failure fail{qvcl::place(__FILE__)};
+constexpr qvcl::SourceName kFile = qvcl::source_name(__FILE__);
 
 void init_queues(CL_MainBlock &main) {
     constexpr struct {

@@ -1,31 +1,65 @@
 // Filling the error record, in one place.
 //
-// Each source file has one Failure bound to its module; where one module number spans several
-// files, each file has a range of location numbers of its own, so that a number names one site.
-// The number itself is the line of the failing call and is never typed.
+// Each source file says how a call ended with what it declares of these three, bound to its row of
+// the table of places:
+//
+//     constexpr qvcl::Failure fail{qvcl::place(__FILE__)};     it failed
+//     constexpr qvcl::Pending pending{qvcl::place(__FILE__)};  it goes on in the loop
+//     constexpr qvcl::Success done{qvcl::place(__FILE__)};     it succeeded, and says where it
+//     ended
+//
+// The location number is the line of the call in that file's range and is never typed.
 #pragma once
 
 #include <cerrno>
 
+#include <qvcl/loop.h>
 #include <qvcl/main.h>
+
+#include "core/places.h"
 
 namespace qvcl {
 
-// What a failing operation returns: 0 or null.
+// The result of an operation that has not succeeded, by its type: 0, null, false, or -1 where a
+// success is a count.
 struct Failed {
     operator uint32_t() const { return 0; }
+    operator int32_t() const { return -1; }
+    operator int64_t() const { return -1; }
+    operator bool() const { return false; }
     template <class T>
     operator T *() const {
         return nullptr;
     }
+
+    // The same where 0 means that the loop goes on.
+    uint32_t ends_loop() const { return CL_LOOP_ERROR; }
 };
+
+// What all location numbers of a file have in common.
+struct Site {
+    uint32_t module;
+    uint32_t base;
+
+    constexpr Site(const Place &place, uint32_t in_module)
+        : module(in_module), base(place.range * kLinesOfFile) {}
+
+    void fill(CL_ErrInfo *err, uint32_t code, uint32_t detail, uint32_t line) const {
+        *err = {code, detail, module, base + line, CL_MainTable->version};
+    }
+};
+
+// Why a check refuses, where one that reports the caller's line has several reasons.
+enum class Reason : uint32_t { wrong_kind, not_live, not_open };
 
 class Failure {
   public:
-    explicit constexpr Failure(uint32_t module, uint32_t range = 0)
-        : module_(module), base_(range * 10000) {}
+    explicit constexpr Failure(const Place &place) : Failure(place, place.module) {}
 
-    // A failure that the library detected itself. With code 0: a success that says where it ended.
+    // Of a shared header, as the module that it works for.
+    constexpr Failure(const Place &place, uint32_t module) : site_(place, module) {}
+
+    // A failure that the library detected itself.
     Failed operator()(CL_ErrInfo *err, uint32_t code, uint32_t line = __builtin_LINE()) const {
         return both(err, code, code, line);
     }
@@ -33,23 +67,54 @@ class Failure {
     // The same with a detail of its own.
     Failed both(CL_ErrInfo *err, uint32_t code, uint32_t detail,
                 uint32_t line = __builtin_LINE()) const {
-        *err = {code, detail, module_, base_ + line, CL_MainTable->version};
+        site_.fill(err, code, detail, line);
         return {};
     }
 
     // A system call that has just failed; errno says why.
     Failed sys(CL_ErrInfo *err, uint32_t line = __builtin_LINE()) const {
-        both(err, 0, static_cast<uint32_t>(errno), line);
+        site_.fill(err, 0, static_cast<uint32_t>(errno), line);
         CL_SetIndependErr(err);
         return {};
     }
 
-    // The same module's, with the numbers of a file that several modules share.
-    constexpr Failure in(uint32_t range) const { return Failure(module_, range); }
+    // The same module's, at another place.
+    constexpr Failure at(const Place &place) const { return Failure(place, site_.module); }
+
+    // The same file's, for a check that gives its caller's line.
+    constexpr Failure because(Reason reason) const {
+        Failure failure = *this;
+        failure.site_.base += static_cast<uint32_t>(reason) * kReasonStep;
+        return failure;
+    }
 
   private:
-    uint32_t module_;
-    uint32_t base_;
+    Site site_;
+};
+
+class Pending {
+  public:
+    explicit constexpr Pending(const Place &place) : site_(place, place.module) {}
+
+    Failed operator()(CL_ErrInfo *err, uint32_t line = __builtin_LINE()) const {
+        site_.fill(err, CL_ERR_IN_PROGRESS, CL_ERR_IN_PROGRESS, line);
+        return {};
+    }
+
+  private:
+    Site site_;
+};
+
+class Success {
+  public:
+    explicit constexpr Success(const Place &place) : site_(place, place.module) {}
+
+    void operator()(CL_ErrInfo *err, uint32_t line = __builtin_LINE()) const {
+        site_.fill(err, 0, 0, line);
+    }
+
+  private:
+    Site site_;
 };
 
 }  // namespace qvcl

@@ -1,8 +1,9 @@
-// Bounded texts, and settings in the environment.
+// Bounded texts, names of source files, and settings in the environment.
 #pragma once
 
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include <qvcl/system.h>
 
@@ -20,11 +21,26 @@ inline size_t copy_text(char *to, size_t bound, const char *from) {
 // The same for the file name of a position, which every record and every block has: in a name of a
 // few characters a loop is done before a call into the C library has begun.
 inline void copy_file_name(char (&to)[16], const char *from) {
-    size_t i = 0;
-    for (; from != nullptr && i < sizeof to && from[i] != '\0'; ++i)
+    memset(to, 0, sizeof to);
+    if (from == nullptr) return;
+    for (size_t i = 0; i < sizeof to && from[i] != '\0'; ++i)
         to[i] = from[i];
-    for (; i < sizeof to; ++i)
-        to[i] = '\0';
+}
+
+// A source file's name as positions show it, without folders and ending: what a file passes on as
+// its own when it calls a public operation.
+struct SourceName {
+    char text[17];
+    constexpr operator const char *() const { return text; }
+};
+
+consteval SourceName source_name(std::string_view path) {
+    const size_t slash = path.rfind('/');
+    std::string_view stem = slash == path.npos ? path : path.substr(slash + 1);
+    stem = stem.substr(0, stem.find('.'));
+    SourceName name = {};
+    stem.copy(name.text, sizeof name.text - 1);
+    return name;
 }
 
 // What the environment says of a setting of the library's own, or null. A program with more rights

@@ -17,7 +17,7 @@ using qvcl::copy_text;
 
 namespace {
 
-constexpr qvcl::Failure fail{CL_MODULE_LOG};
+constexpr qvcl::Failure fail{qvcl::place(__FILE__)};
 
 constexpr size_t kNameMax = 31;
 constexpr size_t kCatalogueMax = 255;

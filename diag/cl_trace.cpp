@@ -20,7 +20,7 @@
 
 namespace {
 
-constexpr char kFile[] = "cl_trace";
+constexpr qvcl::SourceName kFile = qvcl::source_name(__FILE__);
 
 CL_TraceRing *&ring_field(int ring) {
     return ring != CL_RING_USER ? CL_MainTable->library_ring : CL_MainTable->user_ring;

@@ -22,8 +22,8 @@ using qvcl::words;
 
 namespace {
 
-constexpr qvcl::Failure fail{CL_MODULE_USERFD};
-constexpr char kFile[] = "cl_fd_fd";
+constexpr qvcl::Failure fail{qvcl::place(__FILE__)};
+constexpr qvcl::SourceName kFile = qvcl::source_name(__FILE__);
 
 // Bits of a word that lie below `count` descriptors.
 uint64_t below(uint32_t word, uint32_t count) {

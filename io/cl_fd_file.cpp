@@ -14,8 +14,9 @@ using qvcl::address_of;
 
 namespace {
 
-constexpr qvcl::Failure fail{CL_MODULE_FILE};
-constexpr char kFile[] = "cl_fd_file";
+constexpr qvcl::Failure fail{qvcl::place(__FILE__)};
+constexpr qvcl::Success done{qvcl::place(__FILE__)};
+constexpr qvcl::SourceName kFile = qvcl::source_name(__FILE__);
 constexpr uint32_t kAccess = 3;
 constexpr uint32_t kFlags = kAccess | O_CREAT | O_EXCL | O_TRUNC | O_APPEND;
 
@@ -27,11 +28,8 @@ bool is_open(CL_Object *object, CL_ErrInfo *err, uint32_t line = __builtin_LINE(
 // The end of an operation that is one call on the descriptor: its result, and a record that names
 // the place after a success too.
 int64_t ended(int64_t result, CL_ErrInfo *err, uint32_t line = __builtin_LINE()) {
-    if (result == -1) {
-        fail.sys(err, line);
-    } else {
-        fail(err, 0, line);
-    }
+    if (result == -1) return fail.sys(err, line);
+    done(err, line);
     return result;
 }
 
@@ -72,7 +70,7 @@ CL_Object *cl_openfile(const char *path, uint32_t flags, uint32_t mode, CL_ErrIn
     if (path == nullptr) return fail(err, EFAULT);
     CL_Object *object = qvcl::open_object(
         fail, CL_KIND_FILE, [=] { return cl_u_open(path, static_cast<int>(flags & kFlags), mode); },
-        err, file, line, kFile);
+        err, file, line);
     if (object == nullptr) return nullptr;
     qvcl::copy_text(object->file.path, sizeof object->file.path, path);
     cl_StatusChange_M(object, CL_STATUS_READY, 0, kFile, __LINE__);
@@ -152,19 +150,15 @@ int32_t CL_SeekFile_M(CL_Object *object, int32_t offset, uint32_t whence, CL_Err
 }
 
 int32_t cl_seekfile(CL_Object *object, int32_t offset, uint32_t whence, CL_ErrInfo *err) {
-    const auto refused = [err](uint32_t code, uint32_t line = __builtin_LINE()) {
-        fail(err, code, line);
-        return -1;
-    };
     if (!qvcl::live_object(fail, object, CL_KIND_FILE, err, 0)) return -1;
-    if (whence > SEEK_END) return refused(EINVAL);
+    if (whence > SEEK_END) return fail(err, EINVAL);
     if (!is_open(object, err)) return -1;
     const int fd = object->descriptor;
     const off_t before = whence == SEEK_SET ? 0 : lseek(fd, 0, SEEK_CUR);
     const off_t result = before == -1 ? -1 : lseek(fd, offset, static_cast<int>(whence));
     if (result > INT32_MAX) {
         lseek(fd, before, SEEK_SET);
-        return refused(EOVERFLOW);
+        return fail(err, EOVERFLOW);
     }
     return static_cast<int32_t>(ended(result, err));
 }

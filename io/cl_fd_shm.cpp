@@ -12,8 +12,8 @@
 
 namespace {
 
-constexpr qvcl::Failure fail{CL_MODULE_SHM};
-constexpr char kFile[] = "cl_fd_shm";
+constexpr qvcl::Failure fail{qvcl::place(__FILE__)};
+constexpr qvcl::SourceName kFile = qvcl::source_name(__FILE__);
 constexpr int32_t kAccess = 3;
 constexpr mode_t kMode = 0660;
 
@@ -34,8 +34,7 @@ CL_Object *cl_openshm(const char *name, int32_t flags, uint64_t size, CL_ErrInfo
     if (name == nullptr) return fail(err, EFAULT);
     if (size == 0) return fail(err, EINVAL);
     CL_Object *object = qvcl::open_object(
-        fail, CL_KIND_SHM, [=] { return cl_u_shm_open(name, access, kMode); }, err, file, line,
-        kFile);
+        fail, CL_KIND_SHM, [=] { return cl_u_shm_open(name, access, kMode); }, err, file, line);
     if (object == nullptr) return nullptr;
     CL_SharedMemory &memory = object->memory;
     qvcl::copy_text(memory.name, sizeof memory.name, name);

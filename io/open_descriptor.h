@@ -7,18 +7,17 @@
 #include <qvcl/system.h>
 
 #include "core/error.h"
+#include "core/text.h"
 #include "loop/live_object.h"
 
 namespace qvcl {
 
-inline constexpr uint32_t kOpenRange = 1;  // of location numbers, in whatever module
-
 // An object of `kind` whose descriptor `open` opens, close-on-exec: what a program that is started
-// later must not inherit. Null with err filled, and nothing left open. `own`: the caller's source.
+// later must not inherit. Null with err filled, and nothing left open.
 template <class Open>
 CL_Object *open_object(const Failure &fail, uint32_t kind, Open open, CL_ErrInfo *err,
-                       const char *file, uint32_t line, const char *own) {
-    const Failure here = fail.in(kOpenRange);
+                       const char *file, uint32_t line) {
+    const Failure here = fail.at(place(__FILE__));
     CL_Object *object = CL_CreateFD_M(kind, nullptr, 0, 0, err, 1, file, line);
     if (object == nullptr) return nullptr;
     object->descriptor = open();
@@ -31,7 +30,7 @@ CL_Object *open_object(const Failure &fail, uint32_t kind, Open open, CL_ErrInfo
         return object;
     }
     CL_ErrInfo scratch;
-    CL_DeleteFD_M(object, &scratch, 1, own, __LINE__);
+    CL_DeleteFD_M(object, &scratch, 1, source_name(__FILE__), __LINE__);
     return nullptr;
 }
 
@@ -40,8 +39,7 @@ inline bool is_open(const Failure &fail, CL_Object *object, uint32_t kind, CL_Er
                     uint32_t line = __builtin_LINE()) {
     if (!live_object(fail, object, kind, err, 0, line)) return false;
     if ((object->status & CL_STATUS_READY) != 0) return true;
-    fail.in(kOpenRange)(err, EBADF, line);
-    return false;
+    return fail.because(Reason::not_open)(err, EBADF, line);
 }
 
 }  // namespace qvcl

@@ -16,8 +16,8 @@ using qvcl::Kind;
 
 namespace {
 
-constexpr qvcl::Failure fail{CL_MODULE_FD, 1};
-constexpr char kFile[] = "cl_fd";
+constexpr qvcl::Failure fail{qvcl::place(__FILE__)};
+constexpr qvcl::SourceName kFile = qvcl::source_name(__FILE__);
 
 // The kind of a valid object that this caller may list; null with err filled.
 const Kind *listable(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag) {
@@ -101,8 +101,7 @@ uint32_t cl_move_eventlist(CL_ErrInfo *err) {
     }
     qvcl::forget_order();
     if (result == CL_QUE_INSERTED) return 0;
-    fail.both(err, CL_ERR_QUEUE, result);
-    return 0xffffffff;
+    return fail.both(err, CL_ERR_QUEUE, result).ends_loop();
 }
 
 int pri_compar(const void *a, const void *b) {

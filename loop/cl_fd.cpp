@@ -19,8 +19,8 @@ using qvcl::Kind;
 
 namespace {
 
-constexpr qvcl::Failure fail{CL_MODULE_FD};
-constexpr char kFile[] = "cl_fd";
+constexpr qvcl::Failure fail{qvcl::place(__FILE__)};
+constexpr qvcl::SourceName kFile = qvcl::source_name(__FILE__);
 
 uint64_t first_object(const CL_TableHeader *table) {
     return address_of(table + 1);

@@ -8,8 +8,8 @@
 
 namespace {
 
-constexpr qvcl::Failure fail{CL_MODULE_LOOP};
-constexpr char kFile[] = "cl_loop";
+constexpr qvcl::Failure fail{qvcl::place(__FILE__)};
+constexpr qvcl::SourceName kFile = qvcl::source_name(__FILE__);
 
 struct Plain {
     static constexpr uint32_t module = CL_MODULE_LOOP;
@@ -32,8 +32,7 @@ uint32_t report_failed(CL_Object *object, CL_ErrInfo *err) {
         *err = CL_MainTable->exec_error;
     }
     if (result != 0) return result;
-    fail(err, EBADF);
-    return CL_LOOP_ERROR;
+    return fail(err, EBADF).ends_loop();
 }
 
 }  // namespace
@@ -83,16 +82,12 @@ uint32_t qvcl::make_sets(KnownOrder *order, CL_ErrInfo *err) {
     while (next()) {
         const Kind *kind = kind_of(object->kind);
         if (kind == nullptr || kind->add == nullptr) {
-            fail.both(err, CL_ERR_QUEUE, object->kind);
-            return CL_LOOP_ERROR;
+            return fail.both(err, CL_ERR_QUEUE, object->kind).ends_loop();
         }
         if (kind->add(object) != 0) return report_failed(object, err);
         if (order != nullptr) order->add(object);
     }
-    if (status != CL_QUE_WALKING) {
-        fail.both(err, CL_ERR_QUEUE, status);
-        return CL_LOOP_ERROR;
-    }
+    if (status != CL_QUE_WALKING) return fail.both(err, CL_ERR_QUEUE, status).ends_loop();
     if (order != nullptr) order->conclude();
     return 0;
 }

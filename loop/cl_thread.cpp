@@ -9,8 +9,8 @@ using qvcl::address_of;
 
 namespace {
 
-constexpr qvcl::Failure fail{CL_MODULE_THREAD};
-constexpr char kFile[] = "cl_thread";
+constexpr qvcl::Failure fail{qvcl::place(__FILE__)};
+constexpr qvcl::SourceName kFile = qvcl::source_name(__FILE__);
 
 struct Threaded {
     static constexpr uint32_t module = CL_MODULE_THREAD;
@@ -107,10 +107,7 @@ uint32_t cl_ThreadCallBack(CL_ErrInfo *err) {
         uint32_t status;
         object = static_cast<CL_Object *>(
             CL_QUE_Enum(&main.thread_list, object, CL_QUE_FORWARD, &status));
-        if (status != CL_QUE_WALKING) {
-            fail.both(err, CL_ERR_QUEUE, status);
-            return CL_LOOP_ERROR;
-        }
+        if (status != CL_QUE_WALKING) return fail.both(err, CL_ERR_QUEUE, status).ends_loop();
         if (object == nullptr) return 0;
         if (object->wake.called != 0) continue;
         object->wake.called = 1;

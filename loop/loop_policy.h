@@ -32,7 +32,7 @@ namespace qvcl {
 
 template <class Policy>
 struct Loop {
-    static constexpr Failure fail{Policy::module, 1};
+    static constexpr Failure fail{place(__FILE__), Policy::module};
 
     // Reads and resets the signal fields.
     //
@@ -88,15 +88,13 @@ struct Loop {
     static uint32_t sigcheck(uint32_t always_unblock, const sigset_t *set, sigset_t *saved,
                              CL_ErrInfo *err) {
         if (const int code = Policy::mask(SIG_BLOCK, set, saved)) {
-            fail(err, static_cast<uint32_t>(code));
-            return CL_LOOP_ERROR;
+            return fail(err, static_cast<uint32_t>(code)).ends_loop();
         }
         const uint32_t bits = look(err);
         if (bits == 0 && always_unblock == 0) return bits;
         if (const int code = Policy::mask(SIG_UNBLOCK, set, nullptr)) {
             put_back(bits);
-            fail(err, static_cast<uint32_t>(code));
-            return CL_LOOP_ERROR;
+            return fail(err, static_cast<uint32_t>(code)).ends_loop();
         }
         return bits;
     }
@@ -118,7 +116,7 @@ struct Loop {
             uint32_t status;
             auto *object = static_cast<CL_Object *>(
                 CL_QUE_Enum(&main.priority_list, main.loop_cursor, CL_QUE_FORWARD, &status));
-            if (status != CL_QUE_WALKING) return end(err, CL_ERR_QUEUE);
+            if (status != CL_QUE_WALKING) return fail(err, CL_ERR_QUEUE).ends_loop();
             main.loop_cursor = object;
             if (object == nullptr) return 0;
             if (const uint32_t result = check_object(object, err)) return result;
@@ -141,15 +139,10 @@ struct Loop {
     }
 
   private:
-    static uint32_t end(CL_ErrInfo *err, uint32_t code, uint32_t line = __builtin_LINE()) {
-        fail(err, code, line);
-        return CL_LOOP_ERROR;
-    }
-
     // One object's check, and the look before the next one.
     static uint32_t check_object(CL_Object *object, CL_ErrInfo *err) {
         const Kind *kind = kind_of(object->kind);
-        if (kind == nullptr || kind->check == nullptr) return end(err, CL_ERR_QUEUE);
+        if (kind == nullptr || kind->check == nullptr) return fail(err, CL_ERR_QUEUE).ends_loop();
         if (const uint32_t result = kind->check(object, err)) {
             const CL_ErrInfo &stored = CL_MainTable->exec_error;
             if (stored.err != 0) *err = stored;
@@ -216,7 +209,7 @@ struct Loop {
         main.timer_dispatched = 0;
         Policy::mask(SIG_UNBLOCK, set, nullptr);
         if (ready >= 0) return fdcheck(order, err);
-        if (code != EINTR) return end(err, static_cast<uint32_t>(code));
+        if (code != EINTR) return fail(err, static_cast<uint32_t>(code)).ends_loop();
         return dispatch(look(err), err);
     }
 };

@@ -41,17 +41,17 @@
 #include <qvcl/server.h>
 
 #include "core/error.h"
+#include "core/text.h"
 #include "msg/end_callback.h"
 
 namespace {
 
-constexpr qvcl::Failure fail{CL_MODULE_MAIN, 1};
-constexpr char kFile[] = "cl_main";
+constexpr qvcl::Failure fail{qvcl::place(__FILE__)};
+constexpr qvcl::SourceName kFile = qvcl::source_name(__FILE__);
 
 // Fails a callback for a reason of its own.
-uint32_t store(uint32_t code = CL_ERR_QUEUE, uint32_t line = __builtin_LINE()) {
-    fail(&CL_MainTable->exec_error, code, line);
-    return CL_LOOP_ERROR;
+uint32_t store(uint32_t line = __builtin_LINE()) {
+    return fail(&CL_MainTable->exec_error, CL_ERR_QUEUE, line).ends_loop();
 }
 
 // Fails a callback with another operation's error.

@@ -21,8 +21,9 @@ using qvcl::ready_in;
 
 namespace {
 
-constexpr qvcl::Failure fail{CL_MODULE_MSGC, 1};
-constexpr char kFile[] = "cl_fd_msgc";
+constexpr qvcl::Failure fail{qvcl::place(__FILE__)};
+constexpr qvcl::Pending pending{qvcl::place(__FILE__)};
+constexpr qvcl::SourceName kFile = qvcl::source_name(__FILE__);
 
 void change(CL_Object *object, uint32_t status, uint32_t sub_status,
             uint32_t line = __builtin_LINE()) {
@@ -42,7 +43,7 @@ void clear_pending(CL_Object *object, uint32_t bits, uint32_t line = __builtin_L
 constexpr uint32_t kSending = 0x04;
 static_assert((CL_SUB_SEND_PENDING & kSending) != 0);
 
-bool pending(const CL_Object *object, uint32_t bits) {
+bool awaits(const CL_Object *object, uint32_t bits) {
     return (object->sub_status & bits) != 0;
 }
 
@@ -56,19 +57,8 @@ bool connected(CL_Object *client, CL_ErrInfo *err, uint8_t callerFlag) {
     if (!qvcl::live_object(fail, client, CL_KIND_MSGC, err, callerFlag)) return false;
     if ((client->status & CL_STATUS_FAILED) != 0) return fail(err, EBADF);
     if ((client->status & CL_STATUS_READY) == 0) return fail(err, EBADF);
-    if (pending(client, CL_SUB_CONNECT_PENDING)) return fail(err, EBADF);
+    if (awaits(client, CL_SUB_CONNECT_PENDING)) return fail(err, EBADF);
     return true;
-}
-
-// Not a failure: an event will report the end.
-int32_t goes_on(CL_ErrInfo *err, uint32_t line = __builtin_LINE()) {
-    fail(err, CL_ERR_IN_PROGRESS, line);
-    return -1;
-}
-
-int32_t refused(CL_ErrInfo *err, uint32_t code, uint32_t line = __builtin_LINE()) {
-    fail(err, code, line);
-    return -1;
 }
 
 uint32_t call(CL_Object *object, CL_Event *event, uint32_t line = __builtin_LINE()) {
@@ -126,7 +116,7 @@ uint32_t cl_cnctmsgc(CL_Object *client, const char *path, uint32_t mode, CL_ErrI
         return 1;
     }
     change(client, status, CL_SUB_CONNECT_PENDING);
-    return fail(err, CL_ERR_IN_PROGRESS);
+    return pending(err);
 }
 
 int32_t CL_RecvMSGC_M(CL_Object *client, void *buffer, int32_t capacity, uint32_t mode,
@@ -157,17 +147,17 @@ int32_t cl_recvmsgc(CL_Object *client, void *buffer, int32_t capacity, uint32_t 
                     uint32_t timeout, CL_ErrInfo *err, uint8_t callerFlag, const char * /*file*/,
                     uint32_t /*line*/) {
     if (!connected(client, err, callerFlag)) return -1;
-    if (pending(client, CL_SUB_RECV_PENDING)) return refused(err, EINPROGRESS);
-    if (!is_mode(mode)) return refused(err, EINVAL);
-    if (capacity < CL_MSG_HEADER_SIZE) return refused(err, EINVAL);
-    if (buffer == nullptr) return refused(err, EFAULT);
+    if (awaits(client, CL_SUB_RECV_PENDING)) return fail(err, EINPROGRESS);
+    if (!is_mode(mode)) return fail(err, EINVAL);
+    if (capacity < CL_MSG_HEADER_SIZE) return fail(err, EINVAL);
+    if (buffer == nullptr) return fail(err, EFAULT);
     CL_Connection &connection = client->connection;
     connection.receive_buffer = buffer;
     connection.receive_capacity = capacity;
     connection.received_count = 0;
     if (mode == CL_MODE_SYNC) return cl_recv_sync(client, timeout, err);
     set_pending(client, CL_SUB_RECV_PENDING);
-    return goes_on(err);
+    return pending(err);
 }
 
 int32_t CL_SendMSGC_M(CL_Object *client, void *block, int32_t blockSize, uint32_t mode,
@@ -216,10 +206,10 @@ int32_t send_now(CL_Object *client, CL_MsgBlock *block, uint32_t mode, CL_ErrInf
     }
     if (result > 0 && mode == CL_MODE_IMMEDIATE) return result;
     if (result > 0 && CL_QUE_PutTail(&client->connection.send_queue, block) == 0) {
-        return refused(err, CL_ERR_QUEUE);
+        return fail(err, CL_ERR_QUEUE);
     }
     set_pending(client, CL_SUB_SEND_PENDING);
-    return goes_on(err);
+    return pending(err);
 }
 
 }  // namespace
@@ -228,19 +218,19 @@ int32_t cl_sendmsgc(CL_Object *client, void *block, int32_t blockSize, uint32_t 
                     uint32_t timeout, CL_ErrInfo *err, uint8_t callerFlag, const char * /*file*/,
                     uint32_t /*line*/) {
     if (!connected(client, err, callerFlag)) return -1;
-    if (!is_mode(mode)) return refused(err, EINVAL);
+    if (!is_mode(mode)) return fail(err, EINVAL);
     CL_Queue *queue = &client->connection.send_queue;
-    if (mode == CL_MODE_SYNC && queue->count != 0) return refused(err, EINPROGRESS);
-    if (blockSize < static_cast<int32_t>(sizeof(CL_MsgBlock))) return refused(err, EINVAL);
-    if (block == nullptr) return refused(err, EFAULT);
+    if (mode == CL_MODE_SYNC && queue->count != 0) return fail(err, EINPROGRESS);
+    if (blockSize < static_cast<int32_t>(sizeof(CL_MsgBlock))) return fail(err, EINVAL);
+    if (block == nullptr) return fail(err, EFAULT);
     auto *message = static_cast<CL_MsgBlock *>(block);
-    if (message->link.owner != nullptr) return refused(err, EINVAL);
+    if (message->link.owner != nullptr) return fail(err, EINVAL);
     message->sent = 0;
     message->header.length = static_cast<uint32_t>(blockSize - CL_MSG_PREFIX_SIZE);
     message->header.version = CL_MSG_VERSION;
     message->header.sender = CL_GetPid();
     CL_QUE_PutTail(queue, message);
-    if (queue->count > 1) return goes_on(err);
+    if (queue->count > 1) return pending(err);
     if (mode == CL_MODE_SYNC) return cl_send_sync(client, timeout, err);
     return send_now(client, message, mode, err);
 }
@@ -318,8 +308,8 @@ uint32_t cl_MakeListMSGC_M(CL_Object *client) {
         fail(&client->error, EMFILE);
         return EBADF;
     }
-    qvcl::watch_descriptor(client, pending(client, CL_SUB_RECV_PENDING),
-                           pending(client, CL_SUB_CONNECT_PENDING | kSending));
+    qvcl::watch_descriptor(client, awaits(client, CL_SUB_RECV_PENDING),
+                           awaits(client, CL_SUB_CONNECT_PENDING | kSending));
     return 0;
 }
 
@@ -328,14 +318,13 @@ namespace {
 // The write side of a check. `ended`: the connection has nothing more to check in this iteration.
 uint32_t check_write(CL_Object *client, CL_ErrInfo *err, bool *ended) {
     CL_Event event = {};
-    if (pending(client, CL_SUB_CONNECT_PENDING)) {
+    if (awaits(client, CL_SUB_CONNECT_PENDING)) {
         clear_pending(client, CL_SUB_CONNECT_PENDING);
         event.type = CL_EVENT_CONNECTED;
         return call(client, &event);
     }
-    if (!pending(client, kSending)) {
-        fail(err, CL_ERR_QUEUE);
-        return CL_LOOP_ERROR;
+    if (!awaits(client, kSending)) {
+        return fail(err, CL_ERR_QUEUE).ends_loop();
     }
     CL_ErrInfo scratch = {};
     const int32_t sent = cl_send(client, &event, &scratch);
@@ -347,9 +336,8 @@ uint32_t check_write(CL_Object *client, CL_ErrInfo *err, bool *ended) {
 }
 
 uint32_t check_read(CL_Object *client, CL_ErrInfo *err) {
-    if (!pending(client, CL_SUB_RECV_PENDING)) {
-        fail(err, CL_ERR_QUEUE);
-        return CL_LOOP_ERROR;
+    if (!awaits(client, CL_SUB_RECV_PENDING)) {
+        return fail(err, CL_ERR_QUEUE).ends_loop();
     }
     CL_Event event;
     CL_ErrInfo scratch = {};

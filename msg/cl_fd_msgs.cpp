@@ -14,8 +14,8 @@ using qvcl::address_of;
 
 namespace {
 
-constexpr qvcl::Failure fail{CL_MODULE_MSGS};
-constexpr char kFile[] = "cl_fd_msgs";
+constexpr qvcl::Failure fail{qvcl::place(__FILE__)};
+constexpr qvcl::SourceName kFile = qvcl::source_name(__FILE__);
 constexpr mode_t kSocketMode = 0660;  // owner and group may connect
 
 bool listening(const CL_Object *server) {

@@ -14,14 +14,17 @@
 
 #include "core/error.h"
 #include "core/signal_field.h"
+#include "core/text.h"
 #include "msg/end_callback.h"
 #include "msg/socket.h"
 #include "sources/timer_look.h"
 
 namespace {
 
-constexpr qvcl::Failure fail{CL_MODULE_MSGC};
-constexpr char kFile[] = "cl_fd_msgc";
+constexpr qvcl::Failure fail{qvcl::place(__FILE__)};
+constexpr qvcl::Pending pending{qvcl::place(__FILE__)};
+constexpr qvcl::Success done{qvcl::place(__FILE__)};
+constexpr qvcl::SourceName kFile = qvcl::source_name(__FILE__);
 
 void mark_failed(CL_Object *connection) {
     cl_StatusChange_M(connection, connection->status | CL_STATUS_FAILED, connection->sub_status,
@@ -96,7 +99,7 @@ uint32_t cl_recv(CL_Object *object, CL_Event *event, CL_ErrInfo *err) {
                 return 1;
         }
     }
-    fail(err, 0);
+    done(err);
     *event = {};
     event->type = CL_EVENT_MESSAGE;
     event->data = connection.receive_buffer;
@@ -119,10 +122,7 @@ void cl_setdiscivent(CL_Event *event, CL_Object *object, const CL_ErrInfo *err) 
 int32_t cl_send(CL_Object *object, CL_Event *event, CL_ErrInfo *err) {
     CL_Connection &connection = object->connection;
     auto *block = static_cast<CL_MsgBlock *>(connection.send_queue.head);
-    if (block == nullptr) {
-        fail(err, CL_ERR_QUEUE);
-        return -1;
-    }
+    if (block == nullptr) return fail(err, CL_ERR_QUEUE);
     const uint32_t length = block->header.length;
     while (block->sent < length) {
         const char *rest = reinterpret_cast<const char *>(&block->header) + block->sent;
@@ -131,7 +131,7 @@ int32_t cl_send(CL_Object *object, CL_Event *event, CL_ErrInfo *err) {
         if (written >= 0) {
             block->sent += static_cast<uint32_t>(written);
         } else if (errno == EAGAIN) {
-            fail(err, CL_ERR_IN_PROGRESS);
+            pending(err);
             return 0;
         } else {
             fail.sys(err);
@@ -140,7 +140,7 @@ int32_t cl_send(CL_Object *object, CL_Event *event, CL_ErrInfo *err) {
             return -1;
         }
     }
-    fail(err, 0);
+    done(err);
     cl_setsendcmp(event, object);
     return static_cast<int32_t>(block->sent);
 }
@@ -231,10 +231,7 @@ class SyncWait {
 
     // False with err filled: there is no transfer, and no timer of ours.
     bool begin() {
-        if (!qvcl::fits_sets(connection_->descriptor)) {
-            fail(err_, EMFILE);
-            return false;
-        }
+        if (!qvcl::fits_sets(connection_->descriptor)) return fail(err_, EMFILE);
         const bool taken = (connection_->status & CL_STATUS_RUNNING) != 0;
         if (timeout_ == 0 || CL_StartTIMER_M(connection_, timeout_, CL_TIMER_ONESHOT, err_, 1,
                                              kFile, __LINE__) != 0) {
@@ -347,18 +344,12 @@ int32_t cl_send_sync(CL_Object *connection, uint32_t timeout, CL_ErrInfo *err) {
 int32_t cl_msgc_sigcheck(CL_Object *connection, uint32_t timeout, const sigset_t *alarm,
                          sigset_t *saved, CL_ErrInfo *err) {
     constexpr int32_t kTimedOut = 2;
-    if (cl_u_sigprocmask(SIG_BLOCK, alarm, saved) != 0) {
-        fail.sys(err);
-        return -1;
-    }
+    if (cl_u_sigprocmask(SIG_BLOCK, alarm, saved) != 0) return fail.sys(err);
     const uint64_t ticks = qvcl::take(CL_MainTable->timer_signals);
     if (ticks == 0) return 0;
     cl_TimerCheck(static_cast<uint32_t>(ticks), err);
     if (timeout == 0 || connection->remaining != CL_TIMER_DUE) return 0;
-    if (cl_u_sigprocmask(SIG_UNBLOCK, alarm, nullptr) != 0) {
-        fail.sys(err);
-        return -1;
-    }
+    if (cl_u_sigprocmask(SIG_UNBLOCK, alarm, nullptr) != 0) return fail.sys(err);
     fail(err, ETIMEDOUT);
     return kTimedOut;
 }

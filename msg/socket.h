@@ -13,8 +13,6 @@
 
 namespace qvcl {
 
-inline constexpr uint32_t kSocketRange = 2;  // of location numbers, in whatever module
-
 // Whether the loop's sets can hold the descriptor.
 inline bool fits_sets(int32_t descriptor) {
     return descriptor >= 0 && descriptor < FD_SETSIZE;
@@ -55,7 +53,7 @@ inline uint32_t abandon_socket(CL_Object *object) {
 // Makes a new socket fit for the loop: non-blocking, close-on-exec. A number that the sets cannot
 // hold counts as the process limit reached (EMFILE). False with err filled and the socket closed.
 inline bool prepare_socket(const Failure &fail, CL_Object *object, CL_ErrInfo *err) {
-    const Failure here = fail.in(kSocketRange);
+    const Failure here = fail.at(place(__FILE__));
     const int32_t descriptor = object->descriptor;
     const auto undo = [object] {
         abandon_socket(object);
@@ -80,8 +78,7 @@ inline bool prepare_socket(const Failure &fail, CL_Object *object, CL_ErrInfo *e
 inline bool make_socket(const Failure &fail, CL_Object *object, CL_ErrInfo *err) {
     object->descriptor = cl_u_socket(AF_UNIX, SOCK_STREAM, 0);
     if (object->descriptor != -1) return prepare_socket(fail, object, err);
-    fail.in(kSocketRange).sys(err);
-    return false;
+    return fail.at(place(__FILE__)).sys(err);
 }
 
 }  // namespace qvcl

@@ -14,12 +14,13 @@
 
 #include "core/error.h"
 #include "core/signal_field.h"
+#include "core/text.h"
 #include "loop/kinds.h"
 
 namespace {
 
-constexpr qvcl::Failure fail{CL_MODULE_CHILD};
-constexpr char kFile[] = "cl_fd_child";
+constexpr qvcl::Failure fail{qvcl::place(__FILE__)};
+constexpr qvcl::SourceName kFile = qvcl::source_name(__FILE__);
 
 pid_t pid_of(const CL_Object *child) {
     return static_cast<pid_t>(child->child.pid);
@@ -88,8 +89,7 @@ int32_t cl_envchange(const CL_EnvChange *changes, CL_ErrInfo *err) {
         if (changes->value == nullptr) {
             cl_u_unsetenv(changes->name);
         } else if (cl_u_setenv(changes->name, changes->value, 1) != 0) {
-            fail(err, ENOMEM);
-            return -1;
+            return fail(err, ENOMEM);
         }
     }
     return 0;
@@ -101,20 +101,14 @@ uint32_t cl_ChildCall(CL_ErrInfo *err) {
         uint32_t walk;
         auto *child = static_cast<CL_Object *>(
             CL_QUE_Enum(&main.child_list, main.child_cursor, CL_QUE_FORWARD, &walk));
-        if (walk != CL_QUE_WALKING) {
-            fail.both(err, CL_ERR_QUEUE, walk);
-            return CL_LOOP_ERROR;
-        }
+        if (walk != CL_QUE_WALKING) return fail.both(err, CL_ERR_QUEUE, walk).ends_loop();
         if (child == nullptr) return end_dispatch(0, err);
         main.child_cursor = child;
 
         int status = 0;
         const pid_t ended = cl_u_waitpid(pid_of(child), &status, WNOHANG);
         if (ended == 0) continue;
-        if (ended == -1) {
-            fail.sys(err);
-            return CL_LOOP_ERROR;
-        }
+        if (ended == -1) return fail.sys(err).ends_loop();
         CL_Event event = end_event(status);
         close_connection(child);
         if (!stop_waiting(child)) return fail(err, CL_ERR_QUEUE);
@@ -128,11 +122,12 @@ uint32_t cl_ChildCall(CL_ErrInfo *err) {
 
 uint32_t cl_DeleteCHILD_M(CL_Object *child, CL_ErrInfo *err) {
     if ((child->status & CL_STATUS_READY) == 0) return 1;
-    const auto failed = [err](uint32_t line = __builtin_LINE()) {
-        return fail.both(err, CL_ERR_QUEUE, static_cast<uint32_t>(errno), line);
-    };
-    if (cl_u_kill(pid_of(child), SIGABRT) != 0 && errno != ESRCH) return failed();
-    if (cl_u_waitpid(pid_of(child), nullptr, 0) == -1) return failed();
+    if (cl_u_kill(pid_of(child), SIGABRT) != 0 && errno != ESRCH) {
+        return fail.both(err, CL_ERR_QUEUE, static_cast<uint32_t>(errno));
+    }
+    if (cl_u_waitpid(pid_of(child), nullptr, 0) == -1) {
+        return fail.both(err, CL_ERR_QUEUE, static_cast<uint32_t>(errno));
+    }
     close_connection(child);
     if (!unlist(child)) return fail(err, CL_ERR_QUEUE);
     cl_StatusChange_M(child, child->status & ~uint32_t{CL_STATUS_LISTED}, child->sub_status, kFile,
@@ -145,24 +140,22 @@ uint32_t cl_DeleteCHILD_M(CL_Object *child, CL_ErrInfo *err) {
 int32_t cl_ExecCompRecv(CL_Object *connection, CL_Event *event, CL_Object **childOut,
                         CL_ErrInfo *err) {
     CL_Queue *waiting = &CL_MainTable->exec_wait_list;
-    const auto failed = [err](uint32_t line = __builtin_LINE()) {
-        fail(err, CL_ERR_QUEUE, line);
-        return -1;
-    };
     const auto *message = static_cast<const CL_MsgHeader *>(event->data);
     if (message->type != CL_MSG_EXEC_COMPLETE) return 1;
     const uint32_t pid = message->sender;
     auto *child = static_cast<CL_Object *>(
         CL_QUE_Search(waiting, nullptr, &pid, sizeof pid, offsetof(CL_Object, child.pid)));
     *childOut = nullptr;
-    if (child == CL_QUE_ERROR) return failed();
+    if (child == CL_QUE_ERROR) return fail(err, CL_ERR_QUEUE);
     *childOut = child;
     if (child == nullptr || (child->sub_status & CL_SUB_EXEC_AWAITED) == 0) return 1;
-    if (CL_QUE_GetData(waiting, child) == nullptr) return failed();
+    if (CL_QUE_GetData(waiting, child) == nullptr) return fail(err, CL_ERR_QUEUE);
     if (child->descriptor == -1) {
         child->descriptor = connection->descriptor;
         connection->descriptor = -1;
-        if (CL_DeleteFD_M(connection, err, 1, kFile, __LINE__) == 0) return failed();
+        if (CL_DeleteFD_M(connection, err, 1, kFile, __LINE__) == 0) {
+            return fail(err, CL_ERR_QUEUE);
+        }
         cl_StatusChange_M(
             child, child->status,
             (child->sub_status & ~uint32_t{CL_SUB_EXEC_AWAITED}) | CL_SUB_EXEC_COMPLETE, kFile,

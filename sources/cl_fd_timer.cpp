@@ -21,16 +21,13 @@ using qvcl::address_of;
 
 namespace {
 
-constexpr qvcl::Failure fail{CL_MODULE_TIMER};
-constexpr char kFile[] = "cl_fd_timer";
+constexpr qvcl::Failure fail{qvcl::place(__FILE__)};
+constexpr qvcl::SourceName kFile = qvcl::source_name(__FILE__);
 
 // Uptime in whole seconds; false with err filled.
 bool uptime(int64_t *seconds, CL_ErrInfo *err) {
     struct sysinfo info;
-    if (cl_u_sysinfo(&info) != 0) {
-        fail.sys(err);
-        return false;
-    }
+    if (cl_u_sysinfo(&info) != 0) return fail.sys(err);
     *seconds = info.uptime;
     return true;
 }
@@ -97,10 +94,7 @@ int32_t dispatch_pass(CL_ErrInfo *err) {
         uint32_t status;
         auto *timer = static_cast<CL_Object *>(
             CL_QUE_Enum(&main.timer_list, main.timer_cursor, CL_QUE_FORWARD, &status));
-        if (status != CL_QUE_WALKING) {
-            fail.both(err, CL_ERR_QUEUE, status);
-            return -1;
-        }
+        if (status != CL_QUE_WALKING) return fail.both(err, CL_ERR_QUEUE, status);
         if (timer == nullptr) return 0;
         main.timer_cursor = timer;
         if (timer->remaining != CL_TIMER_DUE) continue;

@@ -24,7 +24,7 @@ namespace {
 constexpr uint32_t kConnectPause = 20;      // milliseconds
 constexpr uint32_t kConnectAttempts = 500;  // ten seconds
 
-constexpr qvcl::Failure fail{CL_MODULE_STARTER};
+constexpr qvcl::Failure fail{qvcl::place(__FILE__)};
 
 // Undoing must not hide why it is done: it reports into a record of its own.
 void discard(CL_Object *object, const char *file, uint32_t line) {
@@ -114,10 +114,7 @@ pid_t fork_into(const CL_Program *program, int report, CL_ErrInfo *err) {
 // a word, however soon the program ends); -1 when it has not, and no process is left.
 pid_t spawn(const CL_Program *program, CL_ErrInfo *err) {
     int pipe[2];
-    if (pipe2(pipe, O_CLOEXEC) != 0) {
-        fail.sys(err);
-        return -1;
-    }
+    if (pipe2(pipe, O_CLOEXEC) != 0) return fail.sys(err);
     pid_t pid = fork_into(program, pipe[1], err);
     cl_u_close(pipe[1]);
     int error;

@@ -18,7 +18,7 @@ using qvcl::SortedRun;
 
 namespace {
 
-constexpr char kFile[] = "cl_readconf";
+constexpr qvcl::SourceName kFile = qvcl::source_name(__FILE__);
 constexpr uint64_t kNameOffset = offsetof(CL_ConfSection, name);
 static_assert(kNameOffset == offsetof(CL_ConfMember, key), "both are searched at one offset");
 constexpr int64_t kGuessUnit = alignof(CL_QueueLink);
