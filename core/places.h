@@ -45,6 +45,7 @@ inline constexpr Place kSources[] = {
     {CL_MODULE_THREAD, 0, "loop/cl_thread.cpp"},
     {CL_MODULE_STARTER, 0, "starter/cl_starter.cpp"},
     {kShared, 10, "loop/loop_policy.h"},
+    {kShared, 11, "core/signal_handler.h"},
     {kShared, 12, "msg/socket.h"},
     {kShared, 13, "io/open_descriptor.h"},
 };

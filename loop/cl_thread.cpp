@@ -2,6 +2,7 @@
 // loop_policy.h.
 #include <qvcl/thread.h>
 
+#include "core/signal_handler.h"
 #include "diag/traced.h"
 #include "loop/loop_policy.h"
 
@@ -33,13 +34,8 @@ uint32_t clSIGUSR1Initialize(CL_ErrInfo *err) {
     *err = {};
     CL_MainBlock &main = *CL_MainTable;
     __atomic_store_n(&main.wake_signal, 0u, __ATOMIC_RELEASE);
-    struct sigaction action = {};
     struct sigaction found = {};
-    action.sa_handler = clSIGUSR1Action;
-    action.sa_flags = SA_RESTART | SA_SIGINFO;
-    if (cl_u_sigemptyset(&action.sa_mask) != 0) return fail.sys(err);
-    if (cl_u_sigaddset(&action.sa_mask, SIGUSR1) != 0) return fail.sys(err);
-    if (cl_u_sigaction(SIGUSR1, &action, &found) != 0) return fail.sys(err);
+    if (!qvcl::install_handler(fail, SIGUSR1, clSIGUSR1Action, 0, &found, err)) return 0;
     // A second call must not take our own handler for the application's.
     if (found.sa_handler != clSIGUSR1Action) memcpy(main.saved_sigusr1, &found, sizeof found);
     return 1;

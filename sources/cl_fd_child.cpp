@@ -14,6 +14,7 @@
 
 #include "core/error.h"
 #include "core/signal_field.h"
+#include "core/signal_handler.h"
 #include "core/text.h"
 #include "loop/kinds.h"
 
@@ -70,13 +71,7 @@ void cl_sigchld(int /*signal*/) {
 
 uint32_t cl_sigchld_init(CL_ErrInfo *err) {
     __atomic_store_n(&CL_MainTable->child_signal, 0u, __ATOMIC_RELEASE);
-    struct sigaction action = {};
-    action.sa_handler = cl_sigchld;
-    action.sa_flags = SA_RESTART | SA_SIGINFO | SA_NOCLDSTOP;
-    if (cl_u_sigemptyset(&action.sa_mask) != 0) return fail.sys(err);
-    if (cl_u_sigaddset(&action.sa_mask, SIGCHLD) != 0) return fail.sys(err);
-    if (cl_u_sigaction(SIGCHLD, &action, nullptr) != 0) return fail.sys(err);
-    return 1;
+    return qvcl::install_handler(fail, SIGCHLD, cl_sigchld, SA_NOCLDSTOP, nullptr, err) ? 1 : 0;
 }
 
 uint32_t cl_SIGCHLD_end() {

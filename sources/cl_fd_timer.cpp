@@ -12,6 +12,7 @@
 
 #include "core/error.h"
 #include "core/signal_field.h"
+#include "core/signal_handler.h"
 #include "diag/traced.h"
 #include "loop/kinds.h"
 #include "loop/live_object.h"
@@ -207,12 +208,7 @@ int32_t cl_TimerCall(CL_ErrInfo *err) {
 
 uint32_t cl_timer_init(CL_ErrInfo *err) {
     __atomic_store_n(&CL_MainTable->timer_signals, uint64_t{0}, __ATOMIC_RELEASE);
-    struct sigaction action = {};
-    action.sa_handler = cl_sigalm;
-    action.sa_flags = SA_RESTART | SA_SIGINFO;
-    if (cl_u_sigemptyset(&action.sa_mask) != 0) return fail.sys(err);
-    if (cl_u_sigaddset(&action.sa_mask, SIGALRM) != 0) return fail.sys(err);
-    if (cl_u_sigaction(SIGALRM, &action, nullptr) != 0) return fail.sys(err);
+    if (!qvcl::install_handler(fail, SIGALRM, cl_sigalm, 0, nullptr, err)) return 0;
     const struct itimerval every_second = {{1, 0}, {1, 0}};
     if (cl_u_setitimer(ITIMER_REAL, &every_second, nullptr) != 0) return fail.sys(err);
     return 1;
