@@ -167,7 +167,7 @@ class Dump {
     template <typename T>
     void leave(T r, uint8_t api, uint64_t result, uint32_t err = 0, uint32_t size = sizeof(T)) {
         std::memcpy(&r.result, &result, sizeof r.result);
-        if (err) r.error = {err, err, CL_MODULE_MSGC, 31, main.version};
+        if (err) r.error = {err, err, CL_MODULE_MSGC, 1120031, main.version};
         record(r, api, 1, CL_MARK_EXIT, size);
     }
     template <typename T>
@@ -285,7 +285,7 @@ struct Story : Dump {
         record(message, CL_API_CALLBACK, 1, CL_MARK_CALLBACK_EXIT);
         auto lost = on<CL_TrcCallback>(1);
         lost.type = CL_EVENT_DISCONNECT;
-        lost.error = {EPIPE, EPIPE, CL_MODULE_MSGC, 8, CL_VERSION};
+        lost.error = {EPIPE, EPIPE, CL_MODULE_MSGC, 8, CL_VERSION + 1};
         record(lost, CL_API_CALLBACK, 0, CL_MARK_CALLBACK_ENTRY);
     }
     Ring records;

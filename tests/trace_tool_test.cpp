@@ -118,7 +118,7 @@ TEST(Show, NestsWhatHappenedInsideACall) {
         "data_length=24, message={length=24, sender=77, type=9, 68656c6c 6f000000 |hello...|})"
         " = 0  server.c:7\n"
         "14:13:20.000040     20us !     CL_StartTIMER_M(handle=#2, seconds=0, mode=ONESHOT) = 0 "
-        "EBADF (MSGC:31)  server.c:7\n"
+        "EBADF (msg/socket.h:31)  server.c:7\n"
         "14:13:20.000050                  status #2: 0 -> RUNNING  server.c:7\n"
         "14:13:20.000060                user record 72 bytes: 00000000 00000000 00000000 "
         "00000000 00000000 00000000 6d696e65 00000000 00000000 00000000 "
@@ -482,9 +482,10 @@ TEST(Library, WritesDumpsThatAreWhole) {
     EXPECT_EQ(check.status, kFine) << check.err;
     EXPECT_THAT(check.out, HasSubstr("3 live objects, whole and consistent\n"));
     const Result show = tool({"show", path});
-    EXPECT_THAT(show.out, AllOf(HasSubstr("CL_EventLoop_M() = ? (not finished)"),
-                                HasSubstr("   callback TIMER(handle=#1, "),
-                                HasSubstr("!     CL_StopTIMER_M(handle=0x0) = 0 EBADF (FD:")));
+    EXPECT_THAT(show.out,
+                AllOf(HasSubstr("CL_EventLoop_M() = ? (not finished)"),
+                      HasSubstr("   callback TIMER(handle=#1, "),
+                      HasSubstr("!     CL_StopTIMER_M(handle=0x0) = 0 EBADF (loop/cl_fd.cpp:")));
     EXPECT_THAT(tool({"tables", path}).out,
                 AllOf(HasSubstr("header text         \"from the library\""), HasSubstr("#0 "),
                       HasSubstr("waits for connections at \"" + path)));

@@ -10,6 +10,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "core/places.h"
+
 namespace trace_reader {
 
 namespace {
@@ -91,6 +93,18 @@ void put_set(Text &out, std::string_view name, Bytes set) {
     }
 }
 
+// The source line that noticed a failure. Of another version only its numbers are known.
+void put_place(Text &out, const CL_ErrInfo &error) {
+    const qvcl::Place *place =
+        error.version == CL_VERSION ? qvcl::place_at(error.module, error.line) : nullptr;
+    if (place != nullptr) {
+        out << place->file << ':' << qvcl::line_at(error.line);
+    } else {
+        put_name(out, kModules, error.module);
+        out << ':' << error.line;
+    }
+}
+
 }  // namespace
 
 std::string_view kind_name(uint64_t kind) {
@@ -129,9 +143,7 @@ void put_error_code(Text &out, uint64_t code) {
 void put_error(Text &out, const CL_ErrInfo &error) {
     put_error_code(out, error.err);
     if (error.err == 0) return;
-    out << " (";
-    put_name(out, kModules, error.module);
-    out << ':' << error.line;
+    put_place(out << " (", error);
     if (error.detail != error.err) {
         out << ", detail ";
         put_error_code(out, error.detail);

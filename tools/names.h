@@ -16,7 +16,7 @@ void put_state(Text &out, uint64_t state);
 void put_status(Text &out, uint64_t bits);
 void put_sub_status(Text &out, uint64_t bits);
 void put_error_code(Text &out, uint64_t code);       // EBADF
-void put_error(Text &out, const CL_ErrInfo &error);  // EBADF (FD:31)
+void put_error(Text &out, const CL_ErrInfo &error);  // EBADF (loop/cl_fd.cpp:31)
 void put_version(Text &out, uint64_t version);       // 1.1.0
 void put_sets(Text &out, Bytes sets);                // read 3,5-7 write 3
 
