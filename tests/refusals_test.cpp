@@ -143,10 +143,9 @@ TEST_F(Refusals, ObjectsAreChecked) {
             err = {};
             EXPECT_EQ(row.call(other, nullptr, 0), 0) << row.name;
             row.call(other, &err, 1);
-            const bool by_library =
-                row.kind <= CL_KIND_FD || row.kind == CL_KIND_THREAD || row.kind == CL_KIND_TIMER;
-            const bool same_place = err.line == as_application.line;
-            EXPECT_EQ(same_place, !by_library || row.kind == CL_KIND_CHILD) << row.name;
+            const bool whoever_calls =
+                row.kind == CL_KIND_CHILD || row.kind == CL_KIND_SHM || row.kind == CL_KIND_FILE;
+            EXPECT_EQ(err.line == as_application.line, whoever_calls) << row.name;
             remove(other);
         }
         CL_Object *fresh = create(std::max<uint32_t>(row.kind, CL_KIND_MSGS));
@@ -222,11 +221,9 @@ TEST_F(Refusals, ArgumentsAreChecked) {
     const CL_Program awaited = {"/bin/true", kNoArguments, nullptr, 1};
     const CL_Callback told = test::call_action;
     test::set_env("NOTIFY_SOCKET", "/none/x");
-#define ROW(code, module, ...)                                                        \
-    {                                                                                 \
-#__VA_ARGS__, code, CL_MODULE_##module, [&] { return (__VA_ARGS__) ? 1 : 0; } \
-    }
     // clang-format off
+#define ROW(code, module, ...) \
+    {#__VA_ARGS__, code, CL_MODULE_##module, [&] { return (__VA_ARGS__) ? 1 : 0; }}
     const struct {
         const char *name;
         int code, module;

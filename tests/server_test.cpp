@@ -23,18 +23,7 @@ class Server : public test::Messaging {
         server = make(CL_KIND_MSGS);
     }
     uint32_t open(const char *at) { return CL_OpenMSGS(server, at, 8, &err); }
-    void open_listed(uint32_t priority = 30) {
-        ASSERT_EQ(open(address.c_str()), 1u) << err;
-        list(server, priority);
-    }
     CL_Object *accept() { return CL_AcceptMSGS(server, test::call_action, server->arg1, 0, &err); }
-    // The object and the process are as before the open that failed.
-    void expect_closed(const Balance &expected) {
-        EXPECT_EQ(server->status, 0u);
-        EXPECT_EQ(server->sub_status, 0u);
-        EXPECT_EQ(server->descriptor, -1);
-        EXPECT_EQ(Balance::now(), expected);
-    }
     static mode_t mode_of(const std::string &at) {
         struct stat info = {};
         return lstat(at.c_str(), &info) == 0 ? info.st_mode : 0;
@@ -46,52 +35,44 @@ class Server : public test::Messaging {
 
 TEST_F(Server, OpensWhereItCan) {
     const std::string longest = folder.path(std::string(107 - folder.path("").size(), 'p'));
-    const std::string target = folder.path("target");
+    const std::string target = folder.put("target", "content");
     umask(0777);  // the socket file's mode does not follow it
     const struct {
         const char *what;
         std::string at;
         std::function<void()> prepare;
-        int code;
+        uint32_t code;
     } places[] = {
-        {"nothing there", address, nullptr, 0},
         {"107 characters", longest, nullptr, 0},
         {"108 characters", longest + "p", nullptr, ENAMETOOLONG},
         {"a file", address, [&] { folder.put("server", "content"); }, 0},
         {"a socket nobody listens on", address, [&] { Socket::listening(address); }, 0},
-        {"a link", address,
-         [&] {
-             folder.put("target", "content");
-             std::filesystem::create_symlink(target, address);
-         },
-         0},
+        {"a link", address, [&] { std::filesystem::create_symlink(target, address); }, 0},
         {"a directory", address, [&] { std::filesystem::create_directory(address); }, EISDIR},
         {"in no directory", folder.path("none/x"), nullptr, ENOENT},
-        {"no name", "", nullptr, ENOENT},
     };
     const Balance none = Balance::now();
     for (const auto &place : places) {
         SCOPED_TRACE(place.what);
         if (place.prepare) place.prepare();
         EXPECT_EQ(open(place.at.c_str()), place.code == 0 ? 1u : 0u) << err;
-        if (place.code != 0) {
-            EXPECT_THAT(err, FailsWith(place.code, CL_MODULE_MSGS));
-            expect_closed(none);
-            std::filesystem::remove(address);
-            continue;
+        EXPECT_EQ(err.err, place.code);
+        if (place.code == 0) {
+            EXPECT_EQ(server->status, uint32_t{CL_STATUS_READY});
+            EXPECT_EQ(mode_of(place.at), mode_t{S_IFSOCK | 0660});
+            EXPECT_EQ(fcntl(server->descriptor, F_GETFL) & O_NONBLOCK, O_NONBLOCK);
+            EXPECT_EQ(fcntl(server->descriptor, F_GETFD), FD_CLOEXEC);
+            EXPECT_EQ(open(path.c_str()), 0u);
+            EXPECT_THAT(err, FailsWith(EALREADY, CL_MODULE_MSGS));
+            EXPECT_FALSE(Socket::connected(place.at).ended());
+            EXPECT_EQ(CL_CloseMSGS(server, &err), 1u);
+            EXPECT_EQ(mode_of(place.at), 0u) << "the socket file is removed";
         }
-        EXPECT_THAT(err, test::IsClear());
-        EXPECT_EQ(server->status, uint32_t{CL_STATUS_READY});
-        EXPECT_EQ(mode_of(place.at), mode_t{S_IFSOCK | 0660});
-        EXPECT_EQ(fcntl(server->descriptor, F_GETFL) & O_NONBLOCK, O_NONBLOCK);
-        EXPECT_EQ(fcntl(server->descriptor, F_GETFD), FD_CLOEXEC);
-        EXPECT_EQ(open(path.c_str()), 0u);
-        EXPECT_THAT(err, FailsWith(EALREADY, CL_MODULE_MSGS));
-        EXPECT_FALSE(Socket::connected(place.at).ended());
-        EXPECT_EQ(CL_CloseMSGS(server, &err), 1u);
-        EXPECT_THAT(err, test::IsClear());
-        EXPECT_EQ(mode_of(place.at), 0u) << "the socket file is removed";
-        expect_closed(none);
+        // As before, whether it never opened or was closed.
+        EXPECT_EQ(server->status | server->sub_status, 0u);
+        EXPECT_EQ(server->descriptor, -1);
+        EXPECT_EQ(Balance::now(), none);
+        std::filesystem::remove(address);
     }
     EXPECT_TRUE(std::filesystem::exists(target)) << "what a link pointed to is not touched";
 }
@@ -151,21 +132,6 @@ class Stale : public Server {
     }
 };
 
-TEST_F(Stale, ReopenedServer) {
-    open_listed();
-    const Socket raw = Socket::connected(address);
-    first_of_all([&] {
-        const int number = server->descriptor;
-        EXPECT_EQ(CL_CloseMSGS(server, &err), 1u);
-        EXPECT_EQ(open(folder.path("elsewhere").c_str()), 1u) << err;
-        EXPECT_EQ(server->descriptor, number) << "this test needs the number again";
-    });
-    EXPECT_TRUE(heard.empty()) << "nobody connected to the new socket";
-    const Socket late = Socket::connected(folder.path("elsewhere"));
-    EXPECT_EQ(iterate(), 0u);
-    EXPECT_THAT(heard, ElementsAre(IsEvent(CL_EVENT_CONNECTION)));
-}
-
 TEST_F(Stale, ReconnectedClient) {
     CL_Object *client = connect();
     list(client);
@@ -203,7 +169,8 @@ TEST_F(Stale, ReconnectedClient) {
 // The connection that gets the number is new and takes part from the next iteration on; that its
 // server is told of somebody who is not waiting any more does no harm.
 TEST_F(Stale, AcceptedConnection) {
-    open_listed();
+    ASSERT_EQ(open(address.c_str()), 1u) << err;
+    list(server, 30);
     CL_Object *client = connect();
     list(client, 20);
     await(client);
@@ -214,8 +181,7 @@ TEST_F(Stale, AcceptedConnection) {
         const int number = client->descriptor;
         EXPECT_EQ(CL_DeleteFD(client, &err), 1u);
         client = accept();
-        ASSERT_NE(client, nullptr) << err;
-        EXPECT_EQ(client->descriptor, number) << "this test needs the number again";
+        ASSERT_EQ(client->descriptor, number) << "this test needs the number again";
         list(client, 20);
         await(client);
     });
