@@ -40,7 +40,7 @@ const CL_Program kTrue = {"/bin/true", kNoArguments, nullptr, 0};
      []([[maybe_unused]] CL_Object *o, CL_ErrInfo *err, [[maybe_unused]] uint8_t f)  \
          -> int64_t { return (__VA_ARGS__) != 0 ? 1 : 0; }}
 #define HERE err, f, "test", 1
-// The first two go on when the library has ended.
+// Whose failure is -1 has 1 added. The first two go on when the library has ended.
 const Operation kOperations[] = {
     ON(0, FD, true, cl_CheckFD_sub(o, err)),
     ON(0, FD, true, CL_DeleteFD_M(o, HERE)),

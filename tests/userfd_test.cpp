@@ -75,8 +75,9 @@ TEST_F(UserFd, MergesAndMatches) {
 
 // A loop that has settled takes up new sets of an object in its next iteration.
 TEST_F(UserFd, NewSetsReachTheLoop) {
-    const test::Pipe empty, full;
+    const test::Pipe empty, full, always;
     full.fill();
+    always.fill();
     int turns = 0;
     test::Action ready = [](CL_Object *, CL_Event *) { return 7u; };
     CL_Object *object = watch(empty.out(), &ready, 30);
@@ -86,7 +87,7 @@ TEST_F(UserFd, NewSetsReachTheLoop) {
         if (++turns == 3) CL_SetFD(object, 1024, &set, nullptr, nullptr, &err);
         return turns < 9 ? 0u : 99u;
     };
-    watch(full.out(), &change, 40);
+    watch(always.out(), &change, 40);
     EXPECT_EQ(CL_EventLoop(&err), 7u) << err;
     EXPECT_EQ(turns, 3);
 }
