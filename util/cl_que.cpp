@@ -144,7 +144,7 @@ uint32_t insert_sorted(CL_Queue *queue, void *element, uint32_t flags, void **ar
     const bool equal = compare(&element, &array[lower]) == 0;
     if (equal && flags == CL_QUE_SORTED_UNIQUE) return CL_QUE_DUPLICATE;
     const bool after = !equal || flags == CL_QUE_SORTED_AFTER;
-    *place = lower + after;
+    *place = after ? lower + 1 : lower;
     return insert_relative(queue, element, array[lower], after);
 }
 

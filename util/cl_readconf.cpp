@@ -61,7 +61,7 @@ class Lines {
             const size_t left = end_ - at_;
             const auto *end = static_cast<const char *>(memchr(start, '\n', left));
             const size_t text = end != nullptr ? static_cast<size_t>(end - start) : left;
-            const size_t length = text + (end != nullptr);
+            const size_t length = text + (end != nullptr ? 1 : 0);
             if (length > CL_CONF_LINE_MAX) return Line::too_long;
             if (end != nullptr || ended_) {
                 at_ += length;

@@ -70,8 +70,8 @@ QVCL_API int32_t cl_sendmsgc(CL_Object *client, void *block, int32_t blockSize, 
 
 /* Ends the connection. receiveBufferOut: receives the address of the receive buffer last set up.
  * unsentOut: made a queue that receives the unsent blocks; without it they are only unlinked.
- * Either may be null. The object stays listed. 1 on success; 0 on failure, after a failed close with
- * everything handed back and nothing pending, but still connected.
+ * Either may be null. The object stays listed. 1 on success; 0 on failure: after a failed close
+ * everything is handed back and nothing is pending, but it is still connected.
  * Errors: CL_ERR_STATE, EBADF (invalid handle, not MSGC, not connected), CL_ERR_QUEUE, errno
  * (close). */
 QVCL_API uint32_t CL_DiscMSGC_M(CL_Object *client, uint64_t *receiveBufferOut, CL_Queue *unsentOut,
