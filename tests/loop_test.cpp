@@ -1,11 +1,12 @@
-/* The event loop: callbacks that change the lists under it, signals at every point, and what an
- * iteration costs. */
+// The event loop: callbacks that change the lists under it, signals at every point, and what an
+// iteration costs.
 #include <fcntl.h>
+#include <qvcl/child.h>
 #include <qvcl/loop.h>
 #include <qvcl/thread.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 
 #include <csignal>
 #include <deque>
@@ -16,24 +17,19 @@
 namespace {
 
 using test::Action;
+using test::only;
 using test::Plan;
-using testing::ElementsAre;
+using testing::Pair;
 
 CL_MainBlock &table() {
     return *CL_MainTable;
 }
 
-fd_set only(int fd) {
-    fd_set set;
-    FD_ZERO(&set);
-    FD_SET(fd, &set);
-    return set;
-}
-
 uint64_t blocked() {
     return test::Balance::now().blocked_signals;
 }
-constexpr uint64_t OURS = 1ULL << (SIGALRM - 1) | 1ULL << (SIGCHLD - 1);
+constexpr uint64_t kOurs = 1ULL << (SIGALRM - 1) | 1ULL << (SIGCHLD - 1);
+constexpr uint64_t kOther = 1ULL << (SIGWINCH - 1);
 
 class Loop : public test::Library {
   protected:
@@ -42,11 +38,11 @@ class Loop : public test::Library {
         pipe.fill();
         test::set_uptime(uptime);
     }
-    uint32_t run() {
+    uint32_t run(bool threaded = false) {
         err = test::UNTOUCHED;
-        return CL_EventLoop(&err);
+        return threaded ? CL_EventLoopThread(&err) : CL_EventLoop(&err);
     }
-    /* An action that leaves its name in the trail and goes on with `more`. */
+    // An action that leaves its name in the trail and goes on with `more`.
     Action *note(
         char name, std::function<uint32_t()> more = [] { return 0u; }) {
         return &actions.emplace_back([this, name, more](CL_Object *, CL_Event *) {
@@ -54,104 +50,138 @@ class Loop : public test::Library {
             return more();
         });
     }
-    /* The first time `first`, from then on `later`. */
-    static std::function<uint32_t()> once(std::function<void()> first, uint32_t later) {
-        return [first, later, done = std::make_shared<bool>(false)] {
-            if (*done) {
-                return later;
-            }
-            *done = true;
-            first();
-            return 0u;
-        };
+    CL_Object *make(uint32_t kind, Action *action) {
+        return create(kind, test::call_action, test::address(action));
     }
     CL_Object *timer(Action *action, uint32_t mode = CL_TIMER_ONESHOT, uint32_t seconds = 1) {
-        CL_Object *object = create(CL_KIND_TIMER, test::call_action, test::address(action));
+        CL_Object *object = make(CL_KIND_TIMER, action);
         EXPECT_EQ(CL_StartTIMER(object, seconds, mode, &err), 1u) << err;
         return object;
     }
-    /* A second goes by. */
+    // A second goes by.
     void tick() {
         test::set_uptime(++uptime);
         raise(SIGALRM);
     }
-    /* A CHILD object whose process has ended; its signal is taken away. */
-    CL_Object *ended_child(Action *action) {
-        CL_Object *object = create(CL_KIND_CHILD, test::call_action, test::address(action));
-        const pid_t pid = fork();
-        if (pid == 0) {
-            _exit(3);
-        }
-        siginfo_t info;
-        EXPECT_EQ(waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
-        object->child.pid = static_cast<uint32_t>(pid);
-        cl_StatusChange_M(object, CL_STATUS_READY, 0, "test", 1);
-        EXPECT_EQ(CL_AddEventList_M(object, 20, &err, 1, "test", 1), 1u);
-        table().child_signal = 0;
-        return object;
-    }
 
     long uptime = 1000;
-    test::Pipe pipe; /* always readable */
+    test::Pipe pipe;  // always readable
     std::deque<Action> actions;
     std::string trail;
 };
 
-/* Follows the loop's walk while callbacks change the lists and the sets: tells which object is
- * called next. The objects watch copies of `fd`, which is always readable, in every word of the
- * sets but the first. */
-class Walk {
-  public:
-    Walk(CL_ErrInfo *err, int fd) : err_(err) {
-        for (int word = 1; word < FD_SETSIZE / 64; ++word) {
-            fds_.push_back(fcntl(fd, F_DUPFD, 64 * word + 63 * (word % 2)));
+// ---- Lists that are changed while they are walked
+
+enum List { kTimers, kChildren, kThreads, kReaders };
+constexpr uint32_t kKinds[] = {CL_KIND_TIMER, CL_KIND_CHILD, CL_KIND_THREAD, CL_KIND_FD};
+
+// Four lists, and callbacks that change any of them. A walk goes on behind whom it has called,
+// passes nobody over who stays, and calls nobody who has left. The readers watch copies of a
+// descriptor that is always readable, in every word of the sets but the first.
+class Walks : public Loop {
+  protected:
+    struct State {
+        List list;
+        enum { kOff, kOn, kSlippedIn } place = kOff;
+        std::set<int> watched = {};  // readers
+        int64_t start = 0, interval = 0;
+        bool periodic = false;
+        bool turn = false;      // due, ended, or not yet called by this walk
+        bool may_wait = false;  // has the place of the one whose callback made it
+    };
+    struct Walked {
+        std::vector<CL_Object *> objects;
+        std::ptrdiff_t cursor = -1;
+
+        void insert(std::size_t place, CL_Object *object) {
+            objects.insert(objects.begin() + static_cast<std::ptrdiff_t>(place), object);
+            if (static_cast<std::ptrdiff_t>(place) <= cursor) ++cursor;
         }
+        void erase(CL_Object *object) {
+            const auto at = std::find(objects.begin(), objects.end(), object);
+            if (at != objects.end() && objects.erase(at) - objects.begin() <= cursor) --cursor;
+        }
+    };
+
+    void SetUp() override {
+        Loop::SetUp();
+        signal(SIGCHLD, SIG_DFL);  // the test says when a child has ended
+        const rlimit no_core = {0, 0};
+        setrlimit(RLIMIT_CORE, &no_core);
+        for (int word = 1; word < FD_SETSIZE / 64; ++word)
+            fds.push_back(fcntl(pipe.out(), F_DUPFD, 64 * word + 63 * (word % 2)));
     }
-    CL_Object *make(Action *action, uint32_t descriptors) {
-        CL_Object *object =
-            CL_CreateFD(CL_KIND_FD, test::call_action, test::address(action), 0, err_);
-        if (object != nullptr) {
-            set(object, descriptors);
-        }
+
+    uint32_t below(uint32_t bound) { return random.below(bound); }
+    CL_Object *any() {
+        return std::next(states.begin(), below(static_cast<uint32_t>(states.size())))->first;
+    }
+
+    CL_Object *add(List list) {
+        CL_Object *object = make(kKinds[list], &action);
+        if (object == nullptr) return object;
+        states[object] = {.list = list, .turn = list == kThreads};
+        if (list == kReaders) set(object, 1 + below(2));
+        EXPECT_TRUE(list != kThreads || CL_SetThreadFd(object, &err) == 1);
         return object;
     }
     void set(CL_Object *object, uint32_t descriptors) {
-        std::set<int> &watched = objects_[object].watched;
+        std::set<int> &watched = states.at(object).watched;
         watched.clear();
-        fd_set read;
-        FD_ZERO(&read);
-        for (; descriptors > 0; descriptors--) {
-            const int fd = fds_[random_.below(static_cast<uint32_t>(fds_.size()))];
+        fd_set read = {};
+        for (; descriptors > 0; --descriptors) {
+            const int fd = fds[below(static_cast<uint32_t>(fds.size()))];
             watched.insert(fd);
             FD_SET(fd, &read);
         }
         const int count = watched.empty() ? 0 : *watched.rbegin() + 1;
-        EXPECT_EQ(CL_SetFD(object, static_cast<uint32_t>(count), &read, nullptr, nullptr, err_),
+        EXPECT_EQ(CL_SetFD(object, static_cast<uint32_t>(count), &read, nullptr, nullptr, &err),
                   1u);
     }
-    void list(CL_Object *object, uint32_t priority) {
-        EXPECT_EQ(CL_AddEventList(object, priority, err_), 1u);
-        objects_[object].place = LISTED;
-        pending_.push_back(object);
+    void enter(CL_Object *object) {
+        State &state = states.at(object);
+        state.place = State::kOn;
+        const uint32_t priority = 12 + below(12);
+        switch (state.list) {
+            case kTimers:
+                state.start = uptime;
+                state.interval = below(6);
+                state.periodic = below(2) == 0;
+                state.turn = false;
+                EXPECT_EQ(CL_StopTIMER(object, &err), 0u) << "it does not run";
+                EXPECT_EQ(
+                    CL_StartTIMER(object, static_cast<uint32_t>(state.interval),
+                                  state.periodic ? CL_TIMER_PERIODIC : CL_TIMER_ONESHOT, &err),
+                    1u);
+                EXPECT_EQ(CL_StartTIMER(object, 1, CL_TIMER_PERIODIC, &err), 0u) << "it runs";
+                break;
+            case kChildren:
+                state.turn = below(4) != 0;
+                adopt(object, state.turn ? test::ended_process() : test::child_process());
+                break;
+            default:
+                EXPECT_EQ(CL_AddEventList(object, priority, &err), 1u);
+        }
+        (state.list == kReaders ? pending : lists[state.list].objects).push_back(object);
     }
-    void unlist(CL_Object *object) {
-        EXPECT_EQ(CL_DelEventList(object, err_), 1u);
+    void leave(CL_Object *object) {
+        const List list = states.at(object).list;
+        if (list == kChildren) return;  // only its end takes it off
+        EXPECT_EQ(list == kTimers ? CL_StopTIMER(object, &err) : CL_DelEventList(object, &err), 1u);
         forget(object);
     }
-    /* Onto a list and off it behind the library's back, as an element like any other. */
+    // Onto a list and off it behind the library's back, as an element like any other.
     void slip_in(CL_Object *object) {
-        const uint32_t where = random_.below(3);
-        objects_[object].place = SLIPPED_IN;
+        states.at(object).place = State::kSlippedIn;
+        Walked &readers = lists[kReaders];
+        const uint32_t where = below(3);
         if (where == 0) {
-            CL_QUE_Insert(&table().priority_list, object, CL_QUE_BEFORE_ELEMENT, list_.front(),
-                          nullptr, nullptr);
-            insert(0, object);
-        } else if (where == 1) {
-            CL_QUE_PutTail(&table().priority_list, object);
-            insert(list_.size(), object);
+            CL_QUE_Insert(&table().priority_list, object, CL_QUE_BEFORE_ELEMENT,
+                          readers.objects.front(), nullptr, nullptr);
+            readers.insert(0, object);
         } else {
-            CL_QUE_PutTail(&table().pending_list, object);
-            pending_.push_back(object);
+            CL_QUE_PutTail(where == 1 ? &table().priority_list : &table().pending_list, object);
+            (where == 1 ? readers.objects : pending).push_back(object);
         }
     }
     void slip_out(CL_Object *object) {
@@ -159,146 +189,177 @@ class Walk {
         forget(object);
     }
     void destroy(CL_Object *object) {
-        if (slipped_in(object)) {
-            slip_out(object);
-        }
-        EXPECT_EQ(CL_DeleteFD(object, err_), 1u);
+        if (states.at(object).place == State::kSlippedIn) slip_out(object);
+        EXPECT_EQ(CL_DeleteFD(object, &err), 1u) << err;
         forget(object);
-        objects_.erase(object);
-    }
-    /* The loop's own steps, from a callback: the rest of the iteration goes by these sets. */
-    void clear_sets() {
-        cl_clearlist();
-        sets_.clear();
-    }
-    void make_sets() {
-        EXPECT_EQ(cl_fdmake(err_), 0u);
-        join();
-    }
-    bool listed(CL_Object *object) const { return objects_.at(object).place == LISTED; }
-    bool slipped_in(CL_Object *object) const { return objects_.at(object).place == SLIPPED_IN; }
-    CL_Object *any() {
-        return std::next(objects_.begin(), random_.below(static_cast<uint32_t>(objects_.size())))
-            ->first;
-    }
-    std::size_t size() const { return objects_.size(); }
-    uint32_t below(uint32_t bound) { return random_.below(bound); }
-
-    /* The object that the loop must call now; some object must be listed and watching. */
-    CL_Object *next() {
-        for (;;) {
-            if (++cursor_ == std::ssize(list_)) {
-                cursor_ = -1;
-                join();
-                iterations++;
-                continue;
-            }
-            CL_Object *object = list_[static_cast<std::size_t>(cursor_)];
-            for (const int fd : objects_.at(object).watched) {
-                if (sets_.contains(fd)) {
-                    return object;
-                }
-            }
-        }
-    }
-    int iterations = 0;
-
-  private:
-    enum Place { NOWHERE, LISTED, SLIPPED_IN };
-    struct State {
-        Place place = NOWHERE;
-        std::set<int> watched;
-    };
-    void insert(std::size_t place, CL_Object *object) {
-        list_.insert(list_.begin() + static_cast<std::ptrdiff_t>(place), object);
-        if (static_cast<std::ptrdiff_t>(place) <= cursor_) {
-            cursor_++;
-        }
+        states.erase(object);
     }
     void forget(CL_Object *object) {
-        objects_[object].place = NOWHERE;
-        std::erase(pending_, object);
-        const auto at = std::find(list_.begin(), list_.end(), object);
-        if (at != list_.end() && list_.erase(at) - list_.begin() <= cursor_) {
-            cursor_--;
-        }
+        State &state = states.at(object);
+        state.place = State::kOff;
+        std::erase(pending, object);
+        lists[state.list].erase(object);
     }
+    // What is pending joins the readers, and the sets are made.
     void join() {
-        for (CL_Object *object : std::exchange(pending_, {})) {
+        Walked &readers = lists[kReaders];
+        for (CL_Object *object : std::exchange(pending, {})) {
             std::vector<int64_t> keys;
-            for (const CL_Object *other : list_) {
+            for (const CL_Object *other : readers.objects)
                 keys.push_back(other->priority);
-            }
-            insert(test::sorted_place(keys, object->priority), object);
+            readers.insert(test::sorted_place(keys, object->priority), object);
         }
-        sets_.clear();
-        for (CL_Object *object : list_) {
-            const std::set<int> &watched = objects_.at(object).watched;
-            sets_.insert(watched.begin(), watched.end());
+        sets.clear();
+        for (CL_Object *object : readers.objects)
+            sets.insert(states.at(object).watched.begin(), states.at(object).watched.end());
+    }
+
+    // Whom the walk has to call next, after `called` was; null: nobody.
+    CL_Object *next(List list, const CL_Object *called = nullptr) {
+        auto &[objects, cursor] = lists[list];
+        while (++cursor < std::ssize(objects)) {
+            CL_Object *object = objects[static_cast<std::size_t>(cursor)];
+            const State &state = states.at(object);
+            const bool ready = std::any_of(state.watched.begin(), state.watched.end(),
+                                           [this](int fd) { return sets.contains(fd); });
+            if ((ready || state.turn) && (object == called || !state.may_wait)) return object;
+        }
+        return nullptr;
+    }
+    void begin(List list) {
+        if (list == kChildren || list == kThreads) lists[list].cursor = -1;
+        for (auto &[object, state] : states) {
+            if (list == kThreads && state.list == list) state.turn = true, state.may_wait = false;
         }
     }
-    CL_ErrInfo *err_;
-    test::Random random_;
-    std::vector<int> fds_;
-    std::map<CL_Object *, State> objects_;
-    std::vector<CL_Object *> list_, pending_;
-    std::set<int> sets_;
-    std::ptrdiff_t cursor_ = -1;
-};
-
-/* Callbacks at random, on themselves and on others. */
-TEST_F(Loop, FollowsItsModel) {
-    Walk walk(&err, pipe.out());
-    CL_Object *last = nullptr;
-    int calls = 0;
-    Action action = [&](CL_Object *object, CL_Event *) -> uint32_t {
-        calls++;
-        EXPECT_EQ(object, walk.next()) << "call " << calls;
-        /* Most do nothing, so that the loop comes to know its objects. */
-        for (uint32_t i = walk.below(16) == 0 ? walk.below(6) : 0; i > 0; i--) {
-            CL_Object *target = walk.below(4) == 0 ? object : walk.any();
-            const uint32_t deed = walk.below(32);
-            if (deed == 0) {
-                walk.clear_sets();
+    void conclude() {
+        EXPECT_EQ(next(walks.front()), nullptr) << "nobody is forgotten, list " << walks.front();
+        walks.pop_front();
+        if (!walks.empty()) begin(walks.front());
+    }
+    // Just before the wait of an iteration: everybody has been asked, and time goes by.
+    void wait() {
+        ++iterations;
+        while (!walks.empty())
+            conclude();
+        join();
+        test::set_uptime(uptime += below(3));
+        for (CL_Object *object : lists[kTimers].objects) {
+            State &state = states.at(object);
+            state.turn = state.turn || uptime - state.start >= state.interval;
+            EXPECT_EQ(object->start_time, static_cast<uint64_t>(state.start));
+            EXPECT_EQ(object->interval, state.interval);
+        }
+        EXPECT_EQ(table().timer_list.count, lists[kTimers].objects.size());
+        EXPECT_EQ(table().child_list.count, lists[kChildren].objects.size());
+        EXPECT_TRUE(table().timer_cursor == nullptr && table().child_cursor == nullptr);
+        lists[kTimers].cursor = lists[kReaders].cursor = -1;
+        walks = {kTimers, kReaders};
+    }
+    uint32_t called(CL_Object *object) {
+        ++calls;
+        const List list = states.at(object).list;
+        while (!walks.empty() && walks.front() != list)
+            conclude();
+        EXPECT_FALSE(walks.empty()) << "list " << list << " is not to be walked";
+        EXPECT_EQ(object, next(list, object)) << "call " << calls;
+        if (HasFailure()) return value = 1;
+        const bool periodic = states.at(object).periodic;
+        if (list == kThreads) states.at(object).turn = false;
+        if (list == kChildren || (list == kTimers && !periodic)) forget(object);
+        change(object);
+        // A walk that ends the loop calls the others later; whose turn it is then, is not for us.
+        const bool may_end = list != kReaders && (walks.size() == 1 || walks[1] == kReaders);
+        value = may_end && below(10) == 0 ? 1 + below(100) : 0;
+        const auto &[objects, cursor] = lists[list];
+        if (list == kTimers && periodic && value == 0 && cursor >= 0 &&
+            objects[static_cast<std::size_t>(cursor)] == object) {
+            // Not stopped, whatever was done then: it begins anew.
+            State &state = states.at(object);
+            state.turn = false;
+            state.start += state.interval;
+        }
+        if (list != kReaders) return value;
+        if (below(32) == 0) {
+            walks.push_front(kThreads);
+            table().wake_signal = 1;
+        }
+        if (below(32) == 0) {
+            walks.push_front(kChildren);
+            table().child_signal = 1;
+        }
+        begin(walks.front());
+        return value = calls > 30000 ? 1 : 0;
+    }
+    // Most callbacks do nothing, so that the loop comes to know its objects.
+    void change(CL_Object *self) {
+        for (uint32_t i = below(16) == 0 ? below(6) : 0; i > 0; --i) {
+            CL_Object *target = below(4) == 0 ? self : any();
+            const auto found = states.find(target);
+            if (found == states.end()) continue;
+            const State state = found->second;
+            const bool reader = state.list == kReaders, slipped = state.place == State::kSlippedIn;
+            const uint32_t deed = below(32);
+            if (deed == 0) {  // the loop's own steps: the rest of the iteration goes by these sets
+                cl_clearlist();
+                sets.clear();
             } else if (deed == 1) {
-                walk.make_sets();
-            } else if (deed < 7 && walk.size() < OBJECTS) {
-                walk.make(&action, walk.below(3));
-            } else if (target == last ||
-                       (walk.slipped_in(target) && target == table().loop_cursor)) {
+                EXPECT_EQ(cl_fdmake(&err), 0u);
+                join();
+            } else if (deed < 7) {
+                add(static_cast<List>(std::min(below(8), uint32_t{kReaders})));
+            } else if (target == last || (slipped && target == table().loop_cursor)) {
                 continue;
             } else if (deed < 12) {
-                walk.destroy(target);
-                if (target == object) {
-                    break;
-                }
-            } else if (deed < 17) {
-                walk.set(target, walk.below(3));
-            } else if (walk.listed(target)) {
-                if (deed < 22) {
-                    walk.unlist(target);
-                }
-            } else if (walk.slipped_in(target)) {
-                walk.slip_out(target);
-                CL_Object *other = walk.any();
-                if (!walk.listed(other) && !walk.slipped_in(other)) {
-                    walk.slip_in(other);
-                }
-            } else if (deed < 19) {
-                walk.slip_in(target);
+                destroy(target);
+                if (target != self) continue;
+                CL_Object *other = add(state.list);
+                enter(other);
+                states.at(other).may_wait = state.list == kThreads;
+                return;
+            } else if (reader && deed < 17) {
+                set(target, below(3));
+            } else if (slipped) {
+                slip_out(target);
+            } else if (state.place == State::kOn) {
+                if (deed < 22) leave(target);
+            } else if (reader && deed < 19) {
+                slip_in(target);
             } else {
-                walk.list(target, 12 + walk.below(12));
+                enter(target);
             }
         }
-        return HasFailure() || calls > 40000 ? 1 : 0;
-    };
-    last = walk.make(&action, 1);
-    walk.list(last, 20); /* in the middle: it keeps the loop from starving */
-    EXPECT_EQ(run(), 1u) << err;
-    EXPECT_GT(walk.iterations, 100);
+    }
+
+    test::Random random;
+    std::vector<int> fds;
+    std::map<CL_Object *, State> states;
+    Walked lists[4];
+    std::vector<CL_Object *> pending;
+    std::set<int> sets;
+    std::deque<List> walks;  // that must be done, one after the other, before the next wait
+    CL_Object *last = nullptr;
+    int calls = 0, iterations = 0;
+    uint32_t value = 0;
+    Action action = [this](CL_Object *object, CL_Event *) { return called(object); };
+};
+
+TEST_F(Walks, FollowTheirModel) {
+    // Ticks are the test's, too.
+    const Plan plan{{.call = "setitimer", .times = test::FOREVER, .swallow = true},
+                    {.call = "pselect", .times = test::FOREVER, .before = [this] { wait(); }}};
+    last = add(kReaders);
+    enter(last);  // it keeps the loop from starving
+    while (calls <= 30000 && !HasFailure()) {
+        EXPECT_EQ(run(true), value) << err;
+        walks.clear();
+    }
+    EXPECT_GT(iterations, 100);
+    while (!states.empty())
+        destroy(states.begin()->first);
 }
 
-/* What a callback gets in the place of what it gave up, number and slot, is not ready. */
+// What a callback gets in the place of what it gave up, number and slot, is not ready.
 TEST_F(Loop, FindsNothingReadyThatCameLater) {
     const std::string segment = "/qvcl-loop-test-" + std::to_string(getpid());
     close(shm_open(segment.c_str(), O_CREAT | O_RDWR, 0600));
@@ -317,7 +378,7 @@ TEST_F(Loop, FindsNothingReadyThatCameLater) {
     const struct {
         const char *name;
         std::function<int()> get;
-        bool by_close; /* the number was the application's, and it is the application that closes */
+        bool by_close;  // the number was the application's, and it is the application that closes
     } rows[] = {
         {"file", file, false},
         {"file", file, true},
@@ -341,7 +402,7 @@ TEST_F(Loop, FindsNothingReadyThatCameLater) {
         int ends[2];
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
         ASSERT_EQ(write(ends[1], "x", 1), 1);
-        /* In the one place of the table that is free. */
+        // In the one place of the table that is free.
         CL_DeleteFD_M(client, &err, 1, "test", 1);
         client = create(CL_KIND_MSGC, test::call_action, test::address(note('c', [&] {
                             if (row.by_close) {
@@ -362,7 +423,7 @@ TEST_F(Loop, FindsNothingReadyThatCameLater) {
     shm_unlink(segment.c_str());
 }
 
-/* Whoever cannot take part hears why, and the loop ends whatever it answers. */
+// Whoever cannot take part hears why, and the loop ends whatever it answers.
 TEST_F(Loop, EndsWithAnObjectThatCannotTakePart) {
     uint32_t answer = 0;
     Action action = [&](CL_Object *, CL_Event *event) {
@@ -389,54 +450,105 @@ TEST_F(Loop, EndsWithAnObjectThatCannotTakePart) {
     EXPECT_EQ(trail, std::string(12, 'A' + CL_EVENT_FAILED));
 }
 
-/* ---- Signals */
+// ---- Signals
 
-/* The look before the wait found nothing; the signal comes before the wait begins. */
-TEST_F(Loop, SignalsBetweenLookAndWaitEndTheWait) {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGALRM);
-    sigaddset(&set, SIGWINCH);
-    sigprocmask(SIG_BLOCK, &set, nullptr);
-    timer(note('T'));
-    ended_child(note('C', [] { return 9u; }));
-    Plan plan{{.call = "pselect", .before = [this] {
-                   EXPECT_EQ(blocked() & OURS, OURS);
-                   raise(SIGCHLD);
-                   tick();
-                   raise(SIGWINCH);
-               }}};
+// All that may be pending together, at each point where the loop finds it, and each of it ending
+// the loop: what was pending behind it waits for the next look, and nothing is lost.
+TEST_F(Loop, PendingTogetherIsDispatchedInOrder) {
+    enum Point { kBefore, kInTheWait, kWhenReady, kBetween };
+    const struct {
+        Point point;
+        std::string trail;  // of the wake-up, W, only where threads wake the loop
+    } rows[] = {
+        {kBefore, "TCWab"}, {kInTheWait, "TCWab"}, {kWhenReady, "TaCWb"}, {kBetween, "aTCWb"}};
+    sigset_t held;
+    sigemptyset(&held);
+    for (const int number : {SIGALRM, SIGCHLD, SIGUSR1, SIGWINCH})
+        sigaddset(&held, number);
+    ASSERT_EQ(clSIGUSR1Initialize(&err), 1u);
+    for (const auto &row : rows) {
+        for (int number = 0; number < 2 * 4; ++number) {
+            const bool threaded = number % 2 != 0;
+            const char ends = "TCW-"[number / 2];
+            if (!threaded && ends == 'W') continue;
+            SCOPED_TRACE(testing::Message()
+                         << "point " << row.point << (threaded ? " threaded" : "") << " ended by "
+                         << ends);
+            const auto noted = [&](char name) {
+                return note(name, [=] { return name == ends ? 40u : 0u; });
+            };
+            const test::Pipe ready;
+            if (row.point != kInTheWait) ready.fill();
+            CL_Object *child = adopt(make(CL_KIND_CHILD, noted('C')), test::ended_process());
+            CL_Object *woken = make(CL_KIND_THREAD, noted('W')), *due = timer(noted('T'));
+            CL_SetThreadFd(woken, &err);
+            CL_AddEventList(woken, 20, &err);
+            table().child_signal = 0;  // the signal that really came is not what counts
+            const auto all_at_once = [&] {
+                raise(SIGUSR1);
+                raise(SIGCHLD);
+                tick();
+                raise(SIGWINCH);
+            };
+            bool at_first = row.point == kBetween;
+            CL_Object *first = watch(ready.out(),
+                                     note('a',
+                                          [&] {
+                                              EXPECT_EQ(blocked() & kOurs, 0u)
+                                                  << "callbacks run open";
+                                              if (std::exchange(at_first, false)) all_at_once();
+                                              return 0u;
+                                          }),
+                                     20);
+            CL_Object *second = watch(ready.out(), note('b', [] { return 9u; }), 30);
+            if (row.point == kBefore) all_at_once();
+            // Blocked by the application, but for the loop's waits and callbacks.
+            sigprocmask(SIG_BLOCK, &held, nullptr);
+            const Plan plan{{.call = "pselect",
+                             .before =
+                                 [&] {
+                                     EXPECT_EQ(blocked() & kOurs, kOurs)
+                                         << "from the look to the wait";
+                                     if (row.point == kInTheWait || row.point == kWhenReady)
+                                         all_at_once();
+                                 }},
+                            {.call = "pselect", .nth = 2, .before = [&] { ready.fill(); }}};
+            std::string expected = row.trail;
+            if (!threaded) std::erase(expected, 'W');
+            trail.clear();
+            if (ends != '-') {
+                EXPECT_EQ(run(threaded), 40u);
+                EXPECT_EQ(trail, expected.substr(0, expected.find(ends) + 1));
+                expected = "TCWab";
+                if (!threaded) std::erase(expected, 'W');
+                expected.erase(0, expected.find(ends) + 1);
+                trail.clear();
+                ready.fill();
+            }
+            EXPECT_EQ(run(threaded), 9u);
+            EXPECT_EQ(trail, expected);
+            EXPECT_EQ(blocked() & kOther, kOther) << "as it was";
+            sigprocmask(SIG_UNBLOCK, &held, nullptr);
+            EXPECT_EQ(table().wake_signal, threaded ? 0u : 1u);
+            table().wake_signal = 0;
+            for (CL_Object *object : {child, woken, due, first, second})
+                EXPECT_EQ(CL_DeleteFD(object, &err), 1u) << err;
+        }
+    }
+    EXPECT_EQ(clSIGUSR1End(), 1u);
+}
+
+// A tick that comes while the loop waits counts, whatever was dispatched before the wait.
+TEST_F(Loop, EveryTickIsDispatched) {
+    int left = 2;
+    timer(note('T', [&] { return --left > 0 ? 0u : 9u; }), CL_TIMER_PERIODIC);
+    tick();
+    const Plan plan{{.call = "pselect", .before = [this] { tick(); }}};
     EXPECT_EQ(run(), 9u);
     EXPECT_EQ(plan.count("pselect"), 1);
-    EXPECT_EQ(trail, "TC");
-    EXPECT_EQ(blocked() & (1ULL << (SIGWINCH - 1)), 1ULL << (SIGWINCH - 1)) << "as it was";
 }
 
-TEST_F(Loop, SignalsDuringCallbacksAreDispatchedBetweenObjects) {
-    timer(note('T'), CL_TIMER_PERIODIC);
-    ended_child(note('C'));
-    watch(pipe.out(),
-          note('a',
-               [this] {
-                   EXPECT_EQ(blocked() & OURS, 0u) << "callbacks run open";
-                   raise(SIGCHLD);
-                   tick();
-                   return 0u;
-               }),
-          20);
-    watch(pipe.out(),
-          note('b',
-               [this] {
-                   tick();
-                   return 0u;
-               }),
-          30);
-    watch(pipe.out(), note('c', [] { return 1u; }), 40);
-    EXPECT_EQ(run(), 1u);
-    EXPECT_EQ(trail, "aTCbTc");
-}
-
-/* There is a look behind an object that has nothing to say, too. */
+// There is a look behind an object that has nothing to say, too.
 TEST_F(Loop, LooksBehindEveryObject) {
     const test::Pipe silent;
     Action *again = note('T', [this] {
@@ -453,23 +565,7 @@ TEST_F(Loop, LooksBehindEveryObject) {
     EXPECT_EQ(trail, "TaTTTTz");
 }
 
-/* After the wait timers come first, children only behind the first object. */
-TEST_F(Loop, SignalsDuringTheWait) {
-    timer(note('T'), CL_TIMER_PERIODIC);
-    ended_child(note('C'));
-    watch(pipe.out(), note('a'), 20);
-    watch(pipe.out(), note('b', [] { return 1u; }), 30);
-    /* As if the handlers had run while descriptors were ready. */
-    Plan plan{{.call = "pselect", .before = [&] {
-                   test::set_uptime(++uptime);
-                   table().timer_signals = 1;
-                   table().child_signal = 1;
-               }}};
-    EXPECT_EQ(run(), 1u);
-    EXPECT_EQ(trail, "TaCb");
-}
-
-/* A timer that is due at every look takes turns with the descriptors. */
+// A timer that is due at every look takes turns with the descriptors.
 TEST_F(Loop, DueTimersDoNotStarveDescriptors) {
     timer(note('T',
                [this] {
@@ -485,49 +581,39 @@ TEST_F(Loop, DueTimersDoNotStarveDescriptors) {
     EXPECT_LE(trail.size(), 15u) << trail;
 }
 
-/* Loops do not nest; a periodic timer that a nested one leaves due is re-armed all the same. */
+// Loops do not nest; a periodic timer that a nested one leaves due is re-armed all the same.
 TEST_F(Loop, ANestedLoopLeavesNoTimerDue) {
-    uint32_t depth = 0;
+    uint32_t depth = 0, turns = 0;
     Action *nesting = note('T', [&] {
-        if (++depth > 1) {
-            return 5u;
-        }
+        if (++depth > 1) return 5u;
         CL_ErrInfo inner;
         EXPECT_EQ(CL_EventLoop(&inner), 5u);
         return 0u;
     });
     timer(nesting, CL_TIMER_PERIODIC, 3);
-    watch(pipe.out(), note('z', once([] {}, 1)), 20);
+    watch(pipe.out(), note('z', [&] { return turns++ == 0 ? 0u : 1u; }), 20);
     test::set_uptime(uptime += 3);
     EXPECT_EQ(run(), 1u);
     EXPECT_EQ(trail, "TTzz");
 }
 
 TEST_F(Loop, MakesThreeSystemCallsAnIteration) {
-    for (const uint32_t objects : {1u, 10u, 50u}) {
-        for (const bool all_ready : {false, true}) {
-            test::Pipe silent;
-            std::vector<CL_Object *> made;
-            int left = 20;
-            for (uint32_t i = 0; i + 1 < objects; i++) {
-                made.push_back(watch(all_ready ? pipe.out() : silent.out(), note('a'), 20 + i));
-            }
-            made.push_back(watch(pipe.out(), note('z', [&] { return --left > 0 ? 0u : 1u; }), 111));
-            Plan plan;
-            EXPECT_EQ(run(), 1u);
-            std::map<std::string_view, int> counts;
-            for (const std::string_view call : plan.calls()) {
-                counts[call]++;
-            }
-            for (const char *no_call : {"gettimeofday", "sigaddset", "sigemptyset"}) {
-                counts.erase(no_call);
-            }
-            EXPECT_THAT(counts, ElementsAre(testing::Pair("pselect", 20),
-                                            testing::Pair("sigprocmask", 40)));
-            for (CL_Object *object : made) {
-                CL_DeleteFD(object, &err);
-            }
-        }
+    for (const bool all_ready : {false, true}) {
+        test::Pipe silent;
+        int left = 20;
+        for (uint32_t i = 0; i < 20; ++i)
+            watch(all_ready ? pipe.out() : silent.out(), note('a'), 20 + i);
+        CL_Object *counts_down =
+            watch(pipe.out(), note('z', [&] { return --left > 0 ? 0u : 1u; }), 111);
+        Plan plan;
+        EXPECT_EQ(run(), 1u);
+        std::map<std::string_view, int> counts;
+        for (const std::string_view call : plan.calls())
+            ++counts[call];
+        for (const char *no_call : {"gettimeofday", "sigaddset", "sigemptyset"})
+            counts.erase(no_call);
+        EXPECT_THAT(counts, testing::ElementsAre(Pair("pselect", 20), Pair("sigprocmask", 40)));
+        EXPECT_EQ(CL_DeleteFD(counts_down, &err), 1u);
     }
 }
 

@@ -8,6 +8,7 @@
 #include <link.h>
 #include <nl_types.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/sysinfo.h>
 #include <sys/time.h>
@@ -548,6 +549,29 @@ CL_Object *Library::watch(int fd, Action *action, uint32_t priority, uint64_t ar
     EXPECT_EQ(CL_SetFD(object, count, &set, nullptr, nullptr, &err), 1u) << err;
     EXPECT_EQ(priority == 0 ? 1u : CL_AddEventList(object, priority, &err), 1u) << err;
     return object;
+}
+
+CL_Object *Library::adopt(CL_Object *child, pid_t pid) {
+    child->child.pid = static_cast<uint32_t>(pid);
+    cl_StatusChange_M(child, CL_STATUS_READY, 0, "test", 1);
+    EXPECT_EQ(CL_AddEventList_M(child, 20, &err, 1, "test", 1), 1u) << err;
+    return child;
+}
+
+pid_t child_process(const std::function<int()> &life) {
+    const pid_t pid = fork();
+    if (pid != 0) return pid;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (life) _exit(life());
+    for (;;)
+        pause();
+}
+
+pid_t ended_process(int status) {
+    const pid_t pid = child_process([=] { return status; });
+    siginfo_t info;
+    EXPECT_EQ(waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
+    return pid;
 }
 
 std::size_t sorted_place(const std::vector<int64_t> &keys, int64_t key) {

@@ -194,7 +194,7 @@ class Library : public testing::Test {
     static constexpr uint32_t OBJECTS = 50;
 
   protected:
-    void SetUp() override { ASSERT_EQ(CL_Init(OBJECTS, nullptr, &err), 1u) << err; }
+    void SetUp() override { ASSERT_EQ(CL_Init(OBJECTS, exec_path, &err), 1u) << err; }
 
     CL_Object *create(uint32_t kind, CL_Callback callback = nullptr, uint64_t arg1 = 0,
                       uint64_t arg2 = 0) {
@@ -204,7 +204,11 @@ class Library : public testing::Test {
     /* An FD object that watches `fd` for reading; not listed when the priority is 0. */
     CL_Object *watch(int fd, Action *action, uint32_t priority = 0, uint64_t arg2 = 0);
 
+    /* Makes a CHILD object that of a process, and lists it, as a starter does. */
+    CL_Object *adopt(CL_Object *child, pid_t pid);
+
     CL_ErrInfo err = UNTOUCHED;
+    const char *exec_path = nullptr; /* of the server for reports */
 };
 
 /* A pipe whose ends are closed at the end. */
@@ -221,6 +225,18 @@ class Pipe {
   private:
     int ends_[2];
 };
+
+inline fd_set only(int fd) {
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(fd, &set);
+    return set;
+}
+
+/* A process that runs `life` and exits with its result; without one it lives until killed. */
+pid_t child_process(const std::function<int()> &life = nullptr);
+/* One that has ended and is not yet reaped. */
+pid_t ended_process(int status = 0);
 
 /* Sets an environment variable (null value: removes it) before a new process is made. */
 void set_env(const char *name, const char *value);
