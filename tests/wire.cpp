@@ -66,11 +66,11 @@ Socket make_socket(const std::string &path, Setup setup) {
 
 }  // namespace
 
-std::string wire_header(uint32_t length, uint32_t version, uint32_t type) {
+std::string wire_header(uint32_t length, uint32_t version, uint32_t type, uint32_t sender) {
     std::string bytes;
     put(bytes, length);
     put(bytes, version);
-    put(bytes, 4711);
+    put(bytes, sender);
     put(bytes, type);
     return bytes;
 }
@@ -204,7 +204,8 @@ bool Messaging::guard_intact() const {
     return std::all_of(buffer.begin() + CAPACITY, buffer.end(), [](char c) { return c == '#'; });
 }
 
-uint32_t Messaging::iterate() {
+uint32_t Messaging::iterate(int turns) {
+    turns_ = turns;
     const uint32_t result = CL_EventLoop(&err);
     return result == 99 ? 0 : result;
 }

@@ -30,7 +30,8 @@ class CrowdedTable {
 /* `size` bytes that differ from those of another seed. */
 std::string pattern(std::size_t size, uint32_t seed = 1);
 
-std::string wire_header(uint32_t length, uint32_t version = 0x00010001, uint32_t type = 7);
+std::string wire_header(uint32_t length, uint32_t version = 0x00010001, uint32_t type = 7,
+                        uint32_t sender = 4711);
 std::string wire_message(std::string_view payload, uint32_t type = 7);
 
 /* One end of a local stream socket without the library; sends wait, receives do not. */
@@ -90,7 +91,9 @@ class Messaging : public Library {
     void TearDown() override;
 
     /* An object whose events are kept in `heard`; its callback returns what `reply` says. */
-    CL_Object *make(uint32_t kind) { return create(kind, call_action, address(&keep_)); }
+    CL_Object *make(uint32_t kind) { return create(kind, call_action, keeper()); }
+    /* The argument with which call_action keeps an event. */
+    uint64_t keeper() const { return address(&keep_); }
     /* A client connected to `peer`. */
     CL_Object *connect();
     /* Gives the client a new connection. */
@@ -100,8 +103,8 @@ class Messaging : public Library {
     void await(CL_Object *object, int32_t capacity = CAPACITY);
     std::string received() const { return {buffer.data(), static_cast<std::size_t>(CAPACITY)}; }
     bool guard_intact() const;
-    /* One iteration of the loop; what it returned when it is not the one that was asked for. */
-    uint32_t iterate();
+    /* Iterations of the loop; what it returned when it is not the one that was asked for. */
+    uint32_t iterate(int turns = 1);
     uint32_t disconnect(CL_Object *object) { return CL_DiscMSGC(object, nullptr, nullptr, &err); }
     /* A block that is larger than the socket's room, sent in mode 2 and still queued. */
     std::unique_ptr<Block> stuff(CL_Object *object);
@@ -119,7 +122,8 @@ class Messaging : public Library {
   private:
     Pipe always_;
     CL_Object *stopper_ = nullptr;
-    Action stop_ = [](CL_Object *, CL_Event *) { return 99u; };
+    int turns_ = 0;
+    Action stop_ = [this](CL_Object *, CL_Event *) { return --turns_ > 0 ? 0u : 99u; };
     Action keep_ = [this](CL_Object *object, CL_Event *event) {
         heard.push_back({object, *event});
         return reply ? reply(object, event) : 0u;
