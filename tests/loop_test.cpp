@@ -117,11 +117,12 @@ class Walks : public Loop {
         return std::next(states.begin(), below(static_cast<uint32_t>(states.size())))->first;
     }
 
+    List any_list() { return static_cast<List>(std::min(below(8), uint32_t{kReaders})); }
+
     CL_Object *add(List list) {
         CL_Object *object = make(kKinds[list], &action);
-        if (object == nullptr) return object;
         states[object] = {.list = list, .turn = list == kThreads};
-        if (list == kReaders) set(object, 1 + below(2));
+        if (list == kReaders) set(object, below(3));
         EXPECT_TRUE(list != kThreads || CL_SetThreadFd(object, &err) == 1);
         return object;
     }
@@ -222,7 +223,8 @@ class Walks : public Loop {
             const State &state = states.at(object);
             const bool ready = std::any_of(state.watched.begin(), state.watched.end(),
                                            [this](int fd) { return sets.contains(fd); });
-            if ((ready || state.turn) && (object == called || !state.may_wait)) return object;
+            if ((ready || state.turn) && (object == called || list != kThreads || !state.may_wait))
+                return object;
         }
         return nullptr;
     }
@@ -262,7 +264,7 @@ class Walks : public Loop {
         while (!walks.empty() && walks.front() != list)
             conclude();
         EXPECT_FALSE(walks.empty()) << "list " << list << " is not to be walked";
-        EXPECT_EQ(object, next(list, object)) << "call " << calls;
+        EXPECT_EQ(object, next(list, object)) << "call " << calls << " of list " << list;
         if (HasFailure()) return value = 1;
         const bool periodic = states.at(object).periodic;
         if (list == kThreads) states.at(object).turn = false;
@@ -295,9 +297,7 @@ class Walks : public Loop {
     void change(CL_Object *self) {
         for (uint32_t i = below(16) == 0 ? below(6) : 0; i > 0; --i) {
             CL_Object *target = below(4) == 0 ? self : any();
-            const auto found = states.find(target);
-            if (found == states.end()) continue;
-            const State state = found->second;
+            const State state = states.at(target);
             const bool reader = state.list == kReaders, slipped = state.place == State::kSlippedIn;
             const uint32_t deed = below(32);
             if (deed == 0) {  // the loop's own steps: the rest of the iteration goes by these sets
@@ -306,16 +306,19 @@ class Walks : public Loop {
             } else if (deed == 1) {
                 EXPECT_EQ(cl_fdmake(&err), 0u);
                 join();
-            } else if (deed < 7) {
-                add(static_cast<List>(std::min(below(8), uint32_t{kReaders})));
             } else if (target == last || (slipped && target == table().loop_cursor)) {
                 continue;
-            } else if (deed < 12) {
+            } else if (deed < 10) {
                 destroy(target);
+                CL_Object *other = add(any_list());  // has the place of the other in the table
+                const bool is_reader = states.at(other).list == kReaders;
+                if (is_reader && below(2) == 0) {
+                    slip_in(other);
+                } else if (below(2) == 0) {
+                    enter(other);
+                }
                 if (target != self) continue;
-                CL_Object *other = add(state.list);
-                enter(other);
-                states.at(other).may_wait = state.list == kThreads;
+                states.at(other).may_wait = true;
                 return;
             } else if (reader && deed < 17) {
                 set(target, below(3));
@@ -349,7 +352,10 @@ TEST_F(Walks, FollowTheirModel) {
     const Plan plan{{.call = "setitimer", .times = test::FOREVER, .swallow = true},
                     {.call = "pselect", .times = test::FOREVER, .before = [this] { wait(); }}};
     last = add(kReaders);
+    set(last, 1);
     enter(last);  // it keeps the loop from starving
+    while (states.size() < OBJECTS)
+        add(any_list());
     while (calls <= 30000 && !HasFailure()) {
         EXPECT_EQ(run(true), value) << err;
         walks.clear();
