@@ -1,6 +1,6 @@
-/* Two processes exchange random messages through the library: random sizes and modes, little room
- * in the sockets, readers that take their time, and connections given up half-way. Contents and
- * order are checked, and that each block comes back exactly once. */
+// Two processes exchange random messages through the library: random sizes and modes, little room
+// in the sockets, and connections given up half-way. Contents and
+// order are checked, and that each block comes back exactly once.
 #include <fcntl.h>
 #include <qvcl/client.h>
 #include <qvcl/loop.h>
@@ -20,36 +20,34 @@ using test::Block;
 
 namespace {
 
-constexpr uint32_t MESSAGES = 800; /* each way on each connection */
-constexpr uint32_t CLIENTS = 2, CONNECTIONS = 2;
-constexpr uint32_t LONGEST = 60000;
-constexpr uint32_t HELLO = 0xffff0000; /* type of the first message: which connection this is */
+constexpr uint32_t kMessages = 800;  // each way on each connection
+constexpr uint32_t kClients = 2, kConnections = 2;
+constexpr uint32_t kLongest = 60000;
+constexpr uint32_t kHello = 0xffff0000;  // type of the first message: which connection this is
 
-/* What message `number` of a stream holds. */
+// What message `number` of a stream holds.
 struct Content {
     Content(uint32_t stream, uint32_t number) : type(number) {
         std::mt19937 engine(stream * 100003 + number);
         const auto chance = engine() % 10;
-        size = static_cast<uint32_t>(engine() % (chance < 6 ? 60 : chance < 9 ? 3000 : LONGEST));
+        size = static_cast<uint32_t>(engine() % (chance < 6 ? 60 : chance < 9 ? 3000 : kLongest));
         seed = static_cast<uint32_t>(engine());
     }
     uint32_t type;
     uint32_t size, seed;
 };
 
-/* One end of a connection. */
+// One end of a connection.
 class End {
   public:
-    /* One process: its ends, and the readers that are having a rest. */
+    // One process and its ends.
     struct Process {
         test::Random &random;
-        bool waits; /* may use synchronous transfers: only one side, or both could wait */
+        bool waits;  // may use synchronous transfers: only one side, or both could wait
         uint32_t open = 0;
-        std::vector<End *> resting = {};
-        CL_Object *clock = nullptr;
     };
 
-    explicit End(Process &owner) : process(owner), buffer(LONGEST + 16) { process.open++; }
+    explicit End(Process &owner) : process(owner), buffer(kLongest + 16) { process.open++; }
 
     void connect(const std::string &path, uint32_t id) {
         stream_out = 2 * id;
@@ -73,10 +71,9 @@ class End {
         ASSERT_EQ(CL_AddEventList(object, 20, &err), 1u) << err;
         receive();
     }
-    /* Takes up reading again. */
     void receive() {
         while (object != nullptr) {
-            const bool wait = process.waits && received < MESSAGES && process.random.below(4) == 0;
+            const bool wait = process.waits && received < kMessages && process.random.below(4) == 0;
             const int32_t result = CL_RecvMSGC(
                 object, buffer.data(), static_cast<int32_t>(buffer.size()),
                 wait ? uint32_t{CL_MODE_SYNC} : CL_MODE_IMMEDIATE + process.random.below(2), 0,
@@ -93,21 +90,21 @@ class End {
             check(result);
         }
     }
-    uint32_t give_up_at = UINT32_MAX; /* after so many messages received */
+    uint32_t give_up_at = UINT32_MAX;  // after so many messages received
 
   private:
     void start(uint32_t id) {
-        Block hello(4, HELLO);
+        Block hello(4, kHello);
         memcpy(hello.get() + 1, &id, 4);
         ASSERT_EQ(CL_SendMSGC(object, hello.get(), hello.size(), CL_MODE_SYNC, 0, &err), 20);
         receive();
         if (object != nullptr) pump();
     }
 
-    /* Keeps some messages on their way. */
+    // Keeps some messages on their way.
     void pump() {
         const uint32_t many = 1 + process.random.below(12);
-        while (sent < MESSAGES && lent.size() < many) {
+        while (sent < kMessages && lent.size() < many) {
             const Content content(stream_out, sent++);
             auto block = std::make_unique<Block>(content.size, content.type, content.seed);
             uint32_t mode = CL_MODE_IMMEDIATE + process.random.below(2);
@@ -137,7 +134,7 @@ class End {
     void check(int32_t length) {
         const auto *header = reinterpret_cast<const CL_MsgHeader *>(buffer.data());
         ASSERT_EQ(header->length, static_cast<uint32_t>(length));
-        if (header->type == HELLO) {
+        if (header->type == kHello) {
             uint32_t id;
             memcpy(&id, header + 1, 4);
             stream_out = 2 * id + 1;
@@ -150,11 +147,12 @@ class End {
         ASSERT_EQ(header->length, content.size + 16);
         ASSERT_EQ(std::string(buffer.data() + 16, content.size),
                   test::pattern(content.size, content.seed));
-        if (received >= give_up_at || (process.waits && received == MESSAGES && finished())) over();
+        if (received >= give_up_at || (process.waits && received == kMessages && finished()))
+            over();
     }
-    bool finished() const { return sent == MESSAGES && lent.empty(); }
+    bool finished() const { return sent == kMessages && lent.empty(); }
 
-    /* Gives the connection up; every block that is out comes back now. */
+    // Gives the connection up; every block that is out comes back now.
     void over() {
         if (object == nullptr) return;
         CL_Queue unsent;
@@ -177,24 +175,18 @@ class End {
             case CL_EVENT_MESSAGE:
                 EXPECT_EQ(event->data, buffer.data());
                 check(event->length);
-                if (object == nullptr) break;
-                if (process.random.below(4) == 0) {
-                    process.resting.push_back(this);
-                    if (process.resting.size() == 1) CL_AddEventList(process.clock, 100, &err);
-                } else {
-                    receive();
-                }
+                receive();
                 break;
             case CL_EVENT_SENT:
                 give_back(static_cast<CL_MsgBlock *>(event->data));
                 pump();
-                if (process.waits && received == MESSAGES && finished()) over();
+                if (process.waits && received == kMessages && finished()) over();
                 break;
             case CL_EVENT_DISCONNECT: {
                 EXPECT_TRUE(event->error.err == EPIPE || event->error.err == ECONNRESET);
                 while (auto *block = static_cast<CL_MsgBlock *>(CL_QUE_GetTop(&event->queue)))
                     give_back(block);
-                complete = received == MESSAGES && finished();
+                complete = received == kMessages && finished();
                 over();
                 break;
             }
@@ -214,41 +206,16 @@ class End {
     Action on_event = [this](CL_Object *, CL_Event *event) { return handle(event); };
 
   public:
-    bool complete = false; /* all was sent and received when the other side left */
+    bool complete = false;  // all was sent and received when the other side left
 };
 
-/* Runs the loop; resting readers are woken by a pipe that is always ready. */
-void run(End::Process &process, const std::function<void()> &begin) {
+// Runs the loop until the last end is over.
+void run(const End::Process &process, const std::function<void()> &begin) {
     CL_ErrInfo err;
     ASSERT_EQ(CL_Init(20, nullptr, &err), 1u) << err;
     const Balance before = Balance::now();
-    {
-        const test::Pipe always;
-        always.fill();
-        Action wake = [&process](CL_Object *, CL_Event *) {
-            CL_ErrInfo ignored;
-            std::vector<End *> still;
-            for (End *end : std::exchange(process.resting, {})) {
-                if (process.random.below(3) == 0) {
-                    end->receive();
-                } else {
-                    still.push_back(end);
-                }
-            }
-            process.resting.insert(process.resting.end(), still.begin(), still.end());
-            if (process.resting.empty()) CL_DelEventList(process.clock, &ignored);
-            return process.open == 0 || testing::Test::HasFailure() ? 1u : 0u;
-        };
-        process.clock = CL_CreateFD(CL_KIND_FD, test::call_action, test::address(&wake), 0, &err);
-        fd_set set;
-        FD_ZERO(&set);
-        FD_SET(always.out(), &set);
-        const auto count = static_cast<uint32_t>(always.out()) + 1;
-        EXPECT_EQ(CL_SetFD(process.clock, count, &set, nullptr, nullptr, &err), 1u);
-        begin();
-        EXPECT_EQ(process.open == 0 ? 1u : CL_EventLoop(&err), 1u) << err;
-        EXPECT_EQ(CL_DeleteFD(process.clock, &err), 1u);
-    }
+    begin();
+    EXPECT_EQ(process.open == 0 ? 1u : CL_EventLoop(&err), 1u) << err;
     EXPECT_EQ(Balance::now(), before);
     EXPECT_EQ(CL_End(&err), 1u);
 }
@@ -258,10 +225,10 @@ int client(test::Random &random, const std::string &path, uint32_t number) {
     End::Process process{.random = random, .waits = true};
     std::vector<std::unique_ptr<End>> ends;
     run(process, [&] {
-        for (uint32_t i = 0; i < CONNECTIONS; i++) {
+        for (uint32_t i = 0; i < kConnections; ++i) {
             ends.push_back(std::make_unique<End>(process));
-            if (i == 1) ends[i]->give_up_at = random.below(MESSAGES);
-            ends[i]->connect(path, number * CONNECTIONS + i);
+            if (i == 1) ends[i]->give_up_at = random.below(kMessages);
+            ends[i]->connect(path, number * kConnections + i);
         }
     });
     return testing::Test::HasFailure() ? 1 : 0;
@@ -272,7 +239,7 @@ TEST(Exchange, TwoProcessesAgree) {
     const test::Folder folder;
     const std::string path = folder.path("exchange");
     std::vector<pid_t> children;
-    for (uint32_t number = 0; number < CLIENTS; number++) {
+    for (uint32_t number = 0; number < kClients; ++number) {
         const uint32_t seed = random.below(UINT32_MAX);
         const pid_t pid = fork();
         if (pid == 0) {
@@ -296,7 +263,7 @@ TEST(Exchange, TwoProcessesAgree) {
         return 0u;
     };
     run(process, [&] {
-        for (uint32_t i = 0; i < CLIENTS * CONNECTIONS; i++)
+        for (uint32_t i = 0; i < kClients * kConnections; ++i)
             ends.push_back(std::make_unique<End>(process));
         server =
             CL_CreateFD(CL_KIND_MSGS, test::call_action, test::address(&on_connection), 0, &err);
@@ -306,7 +273,7 @@ TEST(Exchange, TwoProcessesAgree) {
     uint32_t complete = 0;
     for (const auto &end : ends)
         complete += end->complete ? 1 : 0;
-    EXPECT_GE(complete, CLIENTS) << "connections that were not given up carry everything";
+    EXPECT_GE(complete, kClients) << "connections that were not given up carry everything";
     for (const pid_t pid : children) {
         int status = -1;
         EXPECT_EQ(waitpid(pid, &status, 0), pid);

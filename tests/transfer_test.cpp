@@ -20,7 +20,7 @@ using testing::ElementsAre;
 
 namespace {
 
-constexpr long UPTIME = 1000;
+constexpr long kUptime = 1000;
 
 class Transfer : public test::Messaging {
   protected:
@@ -59,13 +59,13 @@ class Transfer : public test::Messaging {
     CL_Event event;
 };
 
-const std::vector<std::string> MESSAGES = {wire_message("", 1), wire_message("x", 0),
-                                           wire_message(test::pattern(5), 0xffffffff),
-                                           wire_message(test::pattern(48), 4), wire_message("", 5)};
+const std::vector<std::string> kMessages = {
+    wire_message("", 1), wire_message("x", 0), wire_message(test::pattern(5), 0xffffffff),
+    wire_message(test::pattern(48), 4), wire_message("", 5)};
 
 TEST_F(Transfer, StreamMayBeCutAnywhere) {
     std::string stream;
-    for (const std::string &message : MESSAGES)
+    for (const std::string &message : kMessages)
         stream += message;
     for (std::size_t first = 0; first <= stream.size(); ++first) {
         for (std::size_t second = first; second <= stream.size(); second += 3) {
@@ -76,7 +76,7 @@ TEST_F(Transfer, StreamMayBeCutAnywhere) {
                 peer.send(stream.substr(cuts[piece], cuts[piece + 1] - cuts[piece]));
                 take_messages(got);
             }
-            ASSERT_EQ(got, MESSAGES) << "cut at " << first << " and " << second;
+            ASSERT_EQ(got, kMessages) << "cut at " << first << " and " << second;
         }
     }
     EXPECT_TRUE(guard_intact());
@@ -182,7 +182,7 @@ class Sync : public Transfer {
   protected:
     void SetUp() override {
         Transfer::SetUp();
-        test::set_uptime(UPTIME);
+        test::set_uptime(kUptime);
     }
     void TearDown() override {
         CL_MainTable->sync_flag = 0;
@@ -266,7 +266,8 @@ TEST_F(Sync, LooksFirstOnlyWhenThatPays) {
 TEST_F(Sync, TimesOut) {
     peer.send(wire_message("half").substr(0, 18));
     {
-        const Plan plan{at_wait(1, [] { tick(UPTIME + 2); }), at_wait(2, [] { tick(UPTIME + 3); })};
+        const Plan plan{at_wait(1, [] { tick(kUptime + 2); }),
+                        at_wait(2, [] { tick(kUptime + 3); })};
         EXPECT_EQ(receive(3), -1);
         EXPECT_EQ(plan.count("pselect"), 2);
     }
@@ -292,7 +293,7 @@ TEST_F(Sync, TimedOutBlockStaysQueued) {
     const auto big = std::make_unique<Block>(std::size_t{1} << 20);
     Block more;
     {
-        const Plan plan{at_wait(1, [] { tick(UPTIME + 1); })};
+        const Plan plan{at_wait(1, [] { tick(kUptime + 1); })};
         EXPECT_EQ(send(*big, CL_MODE_SYNC, 1), -1);
     }
     EXPECT_THAT(err, test::FailsWith(ETIMEDOUT, CL_MODULE_MSGC));
@@ -324,11 +325,11 @@ TEST_F(Sync, AppliesTicksToAllTimers) {
     ASSERT_EQ(CL_StartTIMER(timer, 3, CL_TIMER_ONESHOT, &err), 1u);
     ASSERT_EQ(CL_StartTIMER(longer, 100, CL_TIMER_ONESHOT, &err), 1u);
     {
-        const Plan plan{at_wait(2, [] { tick(UPTIME + 1); }),
+        const Plan plan{at_wait(2, [] { tick(kUptime + 1); }),
                         at_wait(3,
                                 [&] {
                                     EXPECT_EQ(timer->remaining, 2u);
-                                    tick(UPTIME + 3);
+                                    tick(kUptime + 3);
                                 }),
                         {.call = "pselect",
                          .error = EINTR,
@@ -353,7 +354,7 @@ TEST_F(Sync, OpensTheWaitToBlockedTicks) {
     sigemptyset(&alarm);
     sigaddset(&alarm, SIGALRM);
     sigprocmask(SIG_BLOCK, &alarm, nullptr);
-    const Plan plan{at_wait(1, [] { tick(UPTIME + 1); })};
+    const Plan plan{at_wait(1, [] { tick(kUptime + 1); })};
     EXPECT_EQ(receive(1), -1);
     EXPECT_EQ(err.err, uint32_t{ETIMEDOUT});
     sigprocmask(SIG_UNBLOCK, &alarm, nullptr);
