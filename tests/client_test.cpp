@@ -195,6 +195,23 @@ TEST_F(Client, ReadyForWhatNobodyWaitsFor) {
     EXPECT_THAT(err, FailsWith(CL_ERR_QUEUE, CL_MODULE_MSGC));
 }
 
+// The loop has gone round without it; what it begins to wait for is in the next wait.
+TEST_F(Client, BeginsToReceiveWhileTheLoopRuns) {
+    CL_Object *client = connect();
+    list(client);
+    peer.send(wire_message("there"));
+    int left = 3;
+    test::Action begin = [&](CL_Object *, CL_Event *) {
+        if (--left == 0) await(client);
+        return 0u;
+    };
+    const test::Pipe always;
+    always.fill();
+    watch(always.out(), &begin, 50);
+    EXPECT_EQ(iterate(5), 0u);
+    EXPECT_EQ(types(client), std::vector<uint32_t>{CL_EVENT_MESSAGE});
+}
+
 TEST_F(Client, DisconnectHandsEverythingBack) {
     CL_Object *client = connect();
     for (int number = 0; number < 2 * 2 * 2 * 2; ++number) {

@@ -325,20 +325,17 @@ TEST_F(Sync, AppliesTicksToAllTimers) {
     ASSERT_EQ(CL_StartTIMER(timer, 3, CL_TIMER_ONESHOT, &err), 1u);
     ASSERT_EQ(CL_StartTIMER(longer, 100, CL_TIMER_ONESHOT, &err), 1u);
     {
+        const auto second = [&] {
+            EXPECT_EQ(timer->remaining, 2u);
+            tick(kUptime + 3);
+        };
+        const auto child = [&] {
+            EXPECT_EQ(timer->remaining, uint32_t{CL_TIMER_DUE});
+            raise(SIGCHLD);
+        };
         const Plan plan{at_wait(2, [] { tick(kUptime + 1); }),
-                        at_wait(3,
-                                [&] {
-                                    EXPECT_EQ(timer->remaining, 2u);
-                                    tick(kUptime + 3);
-                                }),
-                        {.call = "pselect",
-                         .error = EINTR,
-                         .nth = 4,
-                         .before =
-                             [&] {
-                                 EXPECT_EQ(timer->remaining, uint32_t{CL_TIMER_DUE});
-                                 raise(SIGCHLD);
-                             }},
+                        at_wait(3, second),
+                        {.call = "pselect", .error = EINTR, .nth = 4, .before = child},
                         at_wait(5, [&] { peer.send(wire_message("end")); })};
         EXPECT_EQ(iterate(), 0u);
     }
