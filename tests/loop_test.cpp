@@ -436,19 +436,22 @@ TEST_F(Loop, EndsWithAnObjectThatCannotTakePart) {
         CL_Object *object = create(kind, test::call_action, test::address(&action));
         cl_StatusChange_M(object, CL_STATUS_READY, 0, "test", 1);
         ASSERT_EQ(CL_AddEventList(object, 20, &err), 1u);
+        answer = 0;
+        cl_StatusChange_M(object, CL_STATUS_LISTED, 0, "test", 1);
+        EXPECT_EQ(cl_fdmake(&err), CL_LOOP_ERROR);
+        EXPECT_EQ(err.err, uint32_t{EBADF});
         for (const uint32_t value : {0u, 5u}) {
             for (const bool threaded : {false, true}) {
                 answer = value;
                 cl_StatusChange_M(object, CL_STATUS_LISTED, 0, "test", 1);
-                EXPECT_EQ(threaded ? CL_EventLoopThread(&err) : CL_EventLoop(&err),
-                          value == 0 ? CL_LOOP_ERROR : value);
+                EXPECT_EQ(run(threaded), value == 0 ? CL_LOOP_ERROR : value);
                 EXPECT_EQ(err.err, value == 0 ? uint32_t{EBADF} : 0u) << err;
                 EXPECT_EQ(object->status, uint32_t{CL_STATUS_LISTED | CL_STATUS_FAILED});
             }
         }
         EXPECT_EQ(CL_DeleteFD(object, &err), 1u) << err;
     }
-    EXPECT_EQ(trail, std::string(12, 'A' + CL_EVENT_FAILED));
+    EXPECT_EQ(trail, std::string(15, 'A' + CL_EVENT_FAILED));
 }
 
 // ---- Signals
