@@ -8,9 +8,9 @@
 
 #include <qvcl/child.h>
 #include <qvcl/eventlist.h>
-#include <qvcl/execcomp.h>
 #include <qvcl/memory.h>
 #include <qvcl/server.h>
+#include <qvcl/steps.h>
 #include <qvcl/system.h>
 
 #include "core/error.h"

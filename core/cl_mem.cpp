@@ -12,6 +12,7 @@
 
 #include <qvcl/main.h>
 #include <qvcl/memory.h>
+#include <qvcl/steps.h>
 
 #include "core/text.h"
 

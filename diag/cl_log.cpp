@@ -9,6 +9,7 @@
 #include <ctime>
 
 #include <qvcl/log.h>
+#include <qvcl/steps.h>
 
 #include "core/error.h"
 #include "core/text.h"

@@ -11,6 +11,7 @@
 
 #include <qvcl/main.h>
 #include <qvcl/memory.h>
+#include <qvcl/steps.h>
 #include <qvcl/system.h>
 #include <qvcl/trace.h>
 

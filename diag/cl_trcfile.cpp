@@ -12,6 +12,7 @@
 #include <qvcl/conf.h>
 #include <qvcl/log.h>
 #include <qvcl/main.h>
+#include <qvcl/steps.h>
 #include <qvcl/system.h>
 #include <qvcl/trace.h>
 

@@ -1,8 +1,8 @@
 #!/usr/bin/env perl
 # What the public headers say, for readers other than the compiler.
 #
-#   headers.pl man DIR OVERVIEW HEADER...   DIR/qvcl_NAME.3 for every header that declares functions;
-#                                           the date is that of the page OVERVIEW
+#   headers.pl man DIR OVERVIEW HEADER...   DIR/qvcl_NAME.3 for every header whose page the page
+#                                           OVERVIEW lists, with the date of that one
 #   headers.pl errors HEADER...             "FUNCTION CODE" for every documented error
 #   headers.pl calls HEADER...              CALL(RESULT, FUNCTION, (PARAMETERS), (ARGUMENTS), CODE,
 #                                           ERRORS) for every function with documented errors: CODE
@@ -10,7 +10,7 @@
 #
 # A header opens with a comment about the whole. Then come blocks, separated by blank lines: a
 # comment and what it is about. A comment further down in a block is about the next declaration
-# alone. In a comment, lines indented by more than one space are shown as they stand, and a line
+# alone; one that stands alone begins a section, with its first sentence as the title. In a comment, lines indented by more than one space are shown as they stand, and a line
 # that begins with "Errors:" lists CODE or CODE (when), separated by commas, up to the end.
 use strict;
 use warnings;
@@ -127,14 +127,6 @@ sub take_declaration {
     }
 }
 
-# The worker behind an operation reports nothing of its own.
-sub is_worker {
-    my ($function, $item) = @_;
-    return 0 if $function->{name} =~ /_M$/;
-    my $of = lc "$function->{name}_M";
-    return grep { lc $_->{name} eq $of } @{ $item->{functions} };
-}
-
 # The comment without its errors, and the errors as [code, when].
 sub split_errors {
     my ($item, $where) = @_;
@@ -160,7 +152,7 @@ sub print_errors {
     for my $header (map { read_header($_) } @_) {
         for my $item (grep { $_->{functions} } @{ $header->{items} }) {
             my ($text, $errors) = split_errors($item, $header->{name});
-            for my $function (grep { !is_worker($_, $item) } @{ $item->{functions} }) {
+            for my $function (@{ $item->{functions} }) {
                 print "$function->{name} $_->[0]\n" for @$errors;
                 # Who fills an error record says with what, or what else it is for.
                 next if @$errors || grep { /\berr: / } @$text;
@@ -177,7 +169,7 @@ sub print_calls {
             my ($text, $errors) = split_errors($item, $header->{name});
             my $list = join ' ', map { "ERROR(\"$_\", " . ($_ eq 'errno' ? 0 : $_) . ')' }
                 map { $_->[0] } @$errors;
-            for my $function (grep { @$errors && !is_worker($_, $item) } @{ $item->{functions} }) {
+            for my $function (grep { @$errors } @{ $item->{functions} }) {
                 my @parameters = grep { $_ ne 'void' } @{ $function->{arguments} };
                 my @names = map { /\(\*(\w+)\)/ || /(\w+)$/ ? $1 : die "$_: no name\n" } @parameters;
                 printf "CALL(%s, %s, (%s), (%s), %s, %s)\n", $function->{type}, $function->{name},
@@ -247,23 +239,28 @@ sub tag {
 
 sub descriptions {
     my ($header, $errors) = @_;
-    my ($types, $functions) = ('', '');
+    my $types = '';
+    my @sections = ({ title => 'Functions', intro => '', functions => '' });
     for my $item (@{ $header->{items} }) {
         my ($text, $list) = split_errors($item, $header->{name});
         if ($item->{functions} || $item->{variables}) {
             die "$header->{name}: nothing is said about\n$item->{code}" unless @$text;
-            $functions .= tag($item) . prose(@$text);
-            for my $function (grep { @$list && !is_worker($_, $item) } @{ $item->{functions} }) {
-                push @$errors, [ $function->{name}, $list ];
-            }
+            $sections[-1]{functions} .= tag($item) . prose(@$text);
+            push @$errors, map { [ $_->{name}, $list ] } grep { @$list } @{ $item->{functions} };
         } elsif ($item->{code} ne '') {
             $types .= ".Pp\n" if $types ne '' && @$text;
             $types .= prose(@$text) . ".Bd -literal\n" . escaped($item->{code}) . ".Ed\n";
+        } else {
+            my ($title, @intro) = @$text;
+            push @sections, { title => $title =~ s/\.$//r, intro => prose(@intro), functions => '' };
         }
     }
     my $out = prose(@{ $header->{about} });
     $out .= ".Ss Types and constants\n$types" if $types ne '';
-    return $out . ".Ss Functions\n.Bl -tag -width Ds\n$functions.El\n";
+    for my $section (grep { $_->{functions} ne '' } @sections) {
+        $out .= ".Ss $section->{title}\n$section->{intro}.Bl -tag -width Ds\n$section->{functions}.El\n";
+    }
+    return $out;
 }
 
 sub error_section {
@@ -306,10 +303,12 @@ sub page {
 
 sub write_pages {
     my ($directory, $overview, @headers) = @_;
-    open my $dated, '<', $overview or die "$overview: $!\n";
-    my ($date) = map { /^\.Dd (.*)/ } <$dated> or die "$overview: no date\n";
-    for my $header (map { read_header($_) } @headers) {
-        next unless grep { $_->{functions} } @{ $header->{items} };
+    open my $file, '<', $overview or die "$overview: $!\n";
+    my @lines = <$file>;
+    close $file;
+    my ($date) = map { /^\.Dd (.*)/ } @lines or die "$overview: no date\n";
+    my %listed = map { $_ => 1 } map { /^\.It Xr qvcl_(\w+) 3/ } @lines;
+    for my $header (grep { $listed{ $_->{name} } } map { read_header($_) } @headers) {
         my $path = "$directory/qvcl_$header->{name}.3";
         open my $page, '>', $path or die "$path: $!\n";
         print $page page($header, $date);

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include <qvcl/main.h>
+#include <qvcl/steps.h>
 #include <qvcl/userfd.h>
 
 #include "core/error.h"

@@ -4,6 +4,7 @@
 
 #include <qvcl/file.h>
 #include <qvcl/main.h>
+#include <qvcl/steps.h>
 
 #include "core/error.h"
 #include "diag/traced.h"

@@ -4,6 +4,7 @@
 
 #include <qvcl/main.h>
 #include <qvcl/shm.h>
+#include <qvcl/steps.h>
 
 #include "core/error.h"
 #include "diag/traced.h"

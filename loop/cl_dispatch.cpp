@@ -4,6 +4,7 @@
 
 #include <qvcl/descriptor.h>
 #include <qvcl/message.h>
+#include <qvcl/steps.h>
 
 #include "diag/traced.h"
 #include "loop/known_order.h"

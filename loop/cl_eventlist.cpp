@@ -4,6 +4,7 @@
 // that leaves moves the loop's cursor back first; so the walk goes on correctly whatever a callback
 // lists, unlists or deletes.
 #include <qvcl/eventlist.h>
+#include <qvcl/steps.h>
 
 #include "core/error.h"
 #include "diag/traced.h"

@@ -3,8 +3,8 @@
 
 #include <qvcl/child.h>
 #include <qvcl/client.h>
-#include <qvcl/execcomp.h>
 #include <qvcl/server.h>
+#include <qvcl/steps.h>
 #include <qvcl/timer.h>
 #include <qvcl/userfd.h>
 

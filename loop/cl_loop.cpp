@@ -1,6 +1,7 @@
 // The plain event loop, and the building of the descriptor sets that both loops share. The loop
 // itself is in loop_policy.h.
 #include <qvcl/loop.h>
+#include <qvcl/steps.h>
 
 #include "diag/traced.h"
 #include "loop/known_order.h"

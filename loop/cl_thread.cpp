@@ -1,5 +1,6 @@
 // The loop that other threads can wake: SIGUSR1 and the THREAD objects. The loop itself is in
 // loop_policy.h.
+#include <qvcl/steps.h>
 #include <qvcl/thread.h>
 
 #include "core/signal_handler.h"

@@ -1,6 +1,8 @@
 // The first step of every operation on an object.
 #pragma once
 
+#include <qvcl/steps.h>
+
 #include "core/error.h"
 
 namespace qvcl {

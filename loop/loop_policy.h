@@ -19,6 +19,7 @@
 #include <csignal>
 
 #include <qvcl/child.h>
+#include <qvcl/steps.h>
 #include <qvcl/thread.h>
 #include <qvcl/timer.h>
 

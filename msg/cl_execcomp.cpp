@@ -36,9 +36,9 @@
 
 #include <qvcl/child.h>
 #include <qvcl/client.h>
-#include <qvcl/execcomp.h>
 #include <qvcl/loop.h>
 #include <qvcl/server.h>
+#include <qvcl/steps.h>
 
 #include "core/error.h"
 #include "core/text.h"

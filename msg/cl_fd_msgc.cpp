@@ -7,6 +7,7 @@
 #include <qvcl/loop.h>
 #include <qvcl/main.h>
 #include <qvcl/memory.h>
+#include <qvcl/steps.h>
 #include <qvcl/timer.h>
 
 #include "core/error.h"

@@ -3,6 +3,7 @@
 
 #include <qvcl/main.h>
 #include <qvcl/server.h>
+#include <qvcl/steps.h>
 
 #include "core/error.h"
 #include "diag/traced.h"

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <qvcl/main.h>
+#include <qvcl/steps.h>
 
 namespace qvcl {
 

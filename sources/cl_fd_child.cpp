@@ -10,6 +10,7 @@
 #include <qvcl/loop.h>
 #include <qvcl/main.h>
 #include <qvcl/message.h>
+#include <qvcl/steps.h>
 #include <qvcl/system.h>
 
 #include "core/error.h"

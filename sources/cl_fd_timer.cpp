@@ -8,6 +8,7 @@
 #include <csignal>
 
 #include <qvcl/main.h>
+#include <qvcl/steps.h>
 #include <qvcl/timer.h>
 
 #include "core/error.h"

@@ -8,6 +8,7 @@
 
 #include <qvcl/conf.h>
 #include <qvcl/memory.h>
+#include <qvcl/steps.h>
 #include <qvcl/system.h>
 
 #include "core/text.h"

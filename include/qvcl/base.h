@@ -62,8 +62,8 @@ QVCL_BEGIN
 
 /* Error record. `err` is 0 after a success, and it is the only field to test: some successful
  * operations fill `module`, `line` and `version`. Test the result alone where a success leaves the
- * record as the caller passed it in (CL_SetThreadFd_M, CL_End_M, CL_LOG_Init_M, and the steps that
- * are exported for tests), and look at the record of a loop after CL_LOOP_ERROR only. */
+ * record as the caller passed it in (CL_SetThreadFd_M, CL_End_M, CL_LOG_Init_M, and what steps.h
+ * declares), and look at the record of a loop after CL_LOOP_ERROR only. */
 typedef struct CL_ErrInfo {
     uint32_t err;     /* errno value or one of the library codes below */
     uint32_t detail;  /* the same code, or the errno of the failed system call */
@@ -100,8 +100,9 @@ enum {
  * err: the record to complete, not null. */
 QVCL_API void CL_SetIndependErr(CL_ErrInfo *err);
 
-/* Header of the library's large blocks. The eye-catcher is NUL-padded; it begins with "!" while
- * the header is being written and with "*" afterwards. */
+/* Header of the library's large blocks (layouts.h), and of those that an application adds to a dump
+ * (CL_TRC_AddTbl). The eye-catcher is NUL-padded; it begins with "!" while the header is being
+ * written and with "*" afterwards. */
 typedef struct CL_TableHeader {
     char eye[16];
     uint64_t size;    /* total bytes of the block, this header included */

@@ -22,13 +22,6 @@ typedef struct CL_EnvChange {
     const char *value; /* null removes the variable */
 } CL_EnvChange;
 
-/* The SIGCHLD handler: sets the child signal flag. */
-QVCL_API void cl_sigchld(int signal);
-
-/* Installs the handler (CL_Init_M does). 1 on success, 0 on failure.
- * Errors: errno (sigaction). */
-QVCL_API uint32_t cl_sigchld_init(CL_ErrInfo *err);
-
 /* Sets SIGCHLD to be ignored: the system reaps children itself and no child-end events arise.
  * Always 1. */
 QVCL_API uint32_t cl_SIGCHLD_end(void);
@@ -37,24 +30,6 @@ QVCL_API uint32_t cl_SIGCHLD_end(void);
  * success; -1 on failure: the rest of the list is not applied.
  * Errors: ENOMEM (a variable could not be set). */
 QVCL_API int32_t cl_envchange(const CL_EnvChange *changes, CL_ErrInfo *err);
-
-/* Reaps ended children and calls their callbacks. 0, or the value that ends the loop.
- * Errors: CL_ERR_QUEUE, errno (waitpid). */
-QVCL_API uint32_t cl_ChildCall(CL_ErrInfo *err);
-
-/* Release of a CHILD object: kills and reaps a running child. 1 on success, 0 on failure.
- * Errors: CL_ERR_QUEUE (with the errno of kill or waitpid as detail when one of them failed). */
-QVCL_API uint32_t cl_DeleteCHILD_M(CL_Object *child, CL_ErrInfo *err);
-
-/* Matches the message event of a report connection with a waiting child, which takes over the
- * connection. 0 with *childOut set; 1 when it is no report or nobody waits for it; -1 on failure.
- * Errors: CL_ERR_QUEUE. */
-QVCL_API int32_t cl_ExecCompRecv(CL_Object *connection, CL_Event *event, CL_Object **childOut,
-                                 CL_ErrInfo *err);
-
-/* Deletes all report connections once no child waits for a report. 1 on success, 0 on failure.
- * Errors: CL_ERR_QUEUE (one could not be deleted). */
-QVCL_API uint32_t cl_clear_execc(CL_ErrInfo *err);
 
 QVCL_END
 

@@ -26,8 +26,6 @@ QVCL_API uint32_t CL_CnctMSGC_M(CL_Object *client, const char *path, uint32_t mo
                                 const char *file, uint32_t line);
 #define CL_CnctMSGC(client, path, mode, err) \
     CL_CnctMSGC_M((client), (path), (mode), 0, (err), CL_HERE)
-QVCL_API uint32_t cl_cnctmsgc(CL_Object *client, const char *path, uint32_t mode, CL_ErrInfo *err,
-                              uint8_t callerFlag);
 
 /* Receives one message, header included, into `buffer` of `capacity` bytes (at least 16; the
  * largest message accepted). CL_MODE_SYNC: waits at most `timeout` seconds (0: no limit) and
@@ -45,9 +43,6 @@ QVCL_API int32_t CL_RecvMSGC_M(CL_Object *client, void *buffer, int32_t capacity
                                const char *file, uint32_t line);
 #define CL_RecvMSGC(client, buffer, capacity, mode, timeout, err) \
     CL_RecvMSGC_M((client), (buffer), (capacity), (mode), (timeout), (err), CL_HERE)
-QVCL_API int32_t cl_recvmsgc(CL_Object *client, void *buffer, int32_t capacity, uint32_t mode,
-                             uint32_t timeout, CL_ErrInfo *err, uint8_t callerFlag,
-                             const char *file, uint32_t line);
 
 /* Sends a message block (CL_MsgBlock and its payload) of `blockSize` bytes, at least 56; fills
  * length, version and sender of its header. The message length when it went out within the call
@@ -64,9 +59,6 @@ QVCL_API int32_t CL_SendMSGC_M(CL_Object *client, void *block, int32_t blockSize
                                const char *file, uint32_t line);
 #define CL_SendMSGC(client, block, blockSize, mode, timeout, err) \
     CL_SendMSGC_M((client), (block), (blockSize), (mode), (timeout), (err), CL_HERE)
-QVCL_API int32_t cl_sendmsgc(CL_Object *client, void *block, int32_t blockSize, uint32_t mode,
-                             uint32_t timeout, CL_ErrInfo *err, uint8_t callerFlag,
-                             const char *file, uint32_t line);
 
 /* Ends the connection. receiveBufferOut: receives the address of the receive buffer last set up.
  * unsentOut: made a queue that receives the unsent blocks; without it they are only unlinked.
@@ -79,21 +71,6 @@ QVCL_API uint32_t CL_DiscMSGC_M(CL_Object *client, uint64_t *receiveBufferOut, C
                                 uint32_t line);
 #define CL_DiscMSGC(client, receiveBufferOut, unsentOut, err) \
     CL_DiscMSGC_M((client), (receiveBufferOut), (unsentOut), (err), CL_HERE)
-QVCL_API uint32_t cl_discmsgc(CL_Object *client, uint64_t *receiveBufferOut, CL_Queue *unsentOut,
-                              CL_ErrInfo *err, uint8_t callerFlag, const char *file, uint32_t line);
-
-/* The loop's step before the wait: adds to the sets. 0, or EBADF when the object cannot take part;
- * its error record says why: EBADF not connected or failed, EMFILE descriptor beyond the sets.
- * Errors: EBADF (cannot take part). */
-QVCL_API uint32_t cl_MakeListMSGC_M(CL_Object *client);
-/* The loop's step after the wait. 0, or the value that ends the loop.
- * Errors: CL_ERR_QUEUE (ready for what nobody waits for). */
-QVCL_API uint32_t cl_CheckMSGC_M(CL_Object *client, CL_ErrInfo *err);
-
-/* Release of MSGC, END(ExecComp) and EXECC objects: disconnects when connected. 1 on success, 0 on
- * failure.
- * Errors: CL_ERR_STATE, errno (close). */
-QVCL_API uint32_t cl_DeleteMSGC_M(CL_Object *client, CL_ErrInfo *err);
 
 QVCL_END
 

@@ -98,18 +98,6 @@ QVCL_API uint32_t CL_GetMember(CL_Queue *conf, const char *section, const char *
 /* Number of members of a section. */
 QVCL_API uint32_t CL_GetMemberNum(const CL_ConfSection *section);
 
-/* The reader's steps. cl_delst trims `text` in place and returns its first kept character;
- * cl_issection tells whether a trimmed line is a header; cl_getsection and cl_getmember parse one
- * trimmed line (changing it) and insert the element. line: from 1. Comparators over pointers to
- * element pointers. */
-QVCL_API char *cl_delst(char *text);
-QVCL_API uint32_t cl_issection(const char *text);
-QVCL_API uint32_t cl_getsection(CL_Queue *conf, char *text, uint32_t line,
-                                CL_ConfSection **section);
-QVCL_API uint32_t cl_getmember(CL_ConfSection *section, char *text, uint32_t line);
-QVCL_API int sec_compar(const void *a, const void *b);
-QVCL_API int mbr_compar(const void *a, const void *b);
-
 QVCL_END
 
 #endif

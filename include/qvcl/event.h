@@ -70,17 +70,6 @@ CL_LAYOUT_SIZE(CL_Event, 464);
 /* Function that an object calls. */
 typedef uint32_t (*CL_Callback)(CL_Object *object, CL_Event *event, uint64_t arg1, uint64_t arg2);
 
-/* Calls a callback with a trace record before and after; returns its result. The library calls
- * every application callback this way. callerFlag: 0; file, line: the caller's position. */
-QVCL_API uint32_t cl_Callback_M(CL_Callback callback, CL_Object *object, CL_Event *event,
-                                uint64_t arg1, uint64_t arg2, uint8_t callerFlag, const char *file,
-                                uint32_t line);
-
-/* Changes status and sub-status of a live object, with one trace record. Every change goes this
- * way. Nothing is validated. Result: that of CL_TRC_Write_M. */
-QVCL_API uint32_t cl_StatusChange_M(CL_Object *object, uint32_t status, uint32_t sub_status,
-                                    const char *file, uint32_t line);
-
 QVCL_END
 
 #endif

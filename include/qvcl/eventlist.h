@@ -29,8 +29,6 @@ QVCL_API uint32_t CL_AddEventList_M(CL_Object *object, uint32_t priority, CL_Err
                                     uint8_t callerFlag, const char *file, uint32_t line);
 #define CL_AddEventList(object, priority, err) \
     CL_AddEventList_M((object), (priority), (err), CL_HERE)
-QVCL_API uint32_t cl_addeventlist(CL_Object *object, uint32_t priority, CL_ErrInfo *err,
-                                  uint8_t callerFlag);
 
 /* Unlists an object; open to callbacks, for any object. 1 on success, 0 on failure.
  * Errors: CL_ERR_STATE, EBADF (invalid handle, kind not listable by this caller, not listed),
@@ -38,15 +36,6 @@ QVCL_API uint32_t cl_addeventlist(CL_Object *object, uint32_t priority, CL_ErrIn
 QVCL_API uint32_t CL_DelEventList_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag,
                                     const char *file, uint32_t line);
 #define CL_DelEventList(object, err) CL_DelEventList_M((object), (err), CL_HERE)
-QVCL_API uint32_t cl_deleventlist(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag);
-
-/* Moves the pending list into the priority list. 0 on success; CL_LOOP_ERROR on failure, with the
- * queue's result as detail. The loop's step; allocates nothing.
- * Errors: CL_ERR_QUEUE. */
-QVCL_API uint32_t cl_move_eventlist(CL_ErrInfo *err);
-
-/* Order of the priority list: a and b point to object pointers. */
-QVCL_API int pri_compar(const void *a, const void *b);
 
 QVCL_END
 

@@ -19,8 +19,6 @@ QVCL_BEGIN
 QVCL_API CL_Object *CL_OpenFile_M(const char *path, uint32_t flags, uint32_t mode, CL_ErrInfo *err,
                                   uint8_t callerFlag, const char *file, uint32_t line);
 #define CL_OpenFile(path, flags, mode, err) CL_OpenFile_M((path), (flags), (mode), (err), CL_HERE)
-QVCL_API CL_Object *cl_openfile(const char *path, uint32_t flags, uint32_t mode, CL_ErrInfo *err,
-                                const char *file, uint32_t line);
 
 /* Closes the file and deletes the object. 1 on success, 0 on failure: the object stays and may be
  * closed again.
@@ -28,7 +26,6 @@ QVCL_API CL_Object *cl_openfile(const char *path, uint32_t flags, uint32_t mode,
 QVCL_API uint32_t CL_CloseFile_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag,
                                  const char *file, uint32_t line);
 #define CL_CloseFile(object, err) CL_CloseFile_M((object), (err), CL_HERE)
-QVCL_API uint32_t cl_closefile(CL_Object *object, CL_ErrInfo *err, const char *file, uint32_t line);
 
 /* One write of `length` bytes at the current offset. Bytes written (may be fewer), or -1 on
  * failure.
@@ -38,8 +35,6 @@ QVCL_API int64_t CL_WriteFile_M(CL_Object *object, const void *buffer, uint64_t 
                                 uint32_t line);
 #define CL_WriteFile(object, buffer, length, err) \
     CL_WriteFile_M((object), (buffer), (length), (err), CL_HERE)
-QVCL_API int64_t cl_writefile(CL_Object *object, const void *buffer, uint64_t length,
-                              CL_ErrInfo *err);
 
 /* One read of at most `length` bytes. Bytes read, 0 at end of file, or -1 on failure.
  * Errors: CL_ERR_STATE, EBADF (invalid handle, not an open file), errno (read). */
@@ -47,14 +42,12 @@ QVCL_API int64_t CL_ReadFile_M(CL_Object *object, void *buffer, uint64_t length,
                                uint8_t callerFlag, const char *file, uint32_t line);
 #define CL_ReadFile(object, buffer, length, err) \
     CL_ReadFile_M((object), (buffer), (length), (err), CL_HERE)
-QVCL_API int64_t cl_readfile(CL_Object *object, void *buffer, uint64_t length, CL_ErrInfo *err);
 
 /* Forces written data to the device (fdatasync). 1 on success, 0 on failure.
  * Errors: CL_ERR_STATE, EBADF (invalid handle, not an open file), errno (fdatasync). */
 QVCL_API uint32_t CL_FlushFile_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag,
                                  const char *file, uint32_t line);
 #define CL_FlushFile(object, err) CL_FlushFile_M((object), (err), CL_HERE)
-QVCL_API uint32_t cl_flushfile(CL_Object *object, CL_ErrInfo *err);
 
 /* Moves the offset. whence: SEEK_SET, SEEK_CUR or SEEK_END. The new offset, or -1 on failure; when
  * the new offset does not fit 32 signed bits the offset is as before.
@@ -64,7 +57,6 @@ QVCL_API int32_t CL_SeekFile_M(CL_Object *object, int32_t offset, uint32_t whenc
                                uint8_t callerFlag, const char *file, uint32_t line);
 #define CL_SeekFile(object, offset, whence, err) \
     CL_SeekFile_M((object), (offset), (whence), (err), CL_HERE)
-QVCL_API int32_t cl_seekfile(CL_Object *object, int32_t offset, uint32_t whence, CL_ErrInfo *err);
 
 /* Removes a file by name; needs neither an object nor an initialised library. 1 on success, 0 on
  * failure.
@@ -72,7 +64,6 @@ QVCL_API int32_t cl_seekfile(CL_Object *object, int32_t offset, uint32_t whence,
 QVCL_API uint32_t CL_DeleteFile_M(const char *path, CL_ErrInfo *err, uint8_t callerFlag,
                                   const char *file, uint32_t line);
 #define CL_DeleteFile(path, err) CL_DeleteFile_M((path), (err), CL_HERE)
-QVCL_API uint32_t cl_deletefile(const char *path, CL_ErrInfo *err);
 
 QVCL_END
 

@@ -33,8 +33,6 @@ typedef int (*CL_LogCallback)(int kind, const char *line);
  * Errors: EINVAL (name, both catalogues or logPath null), ENAMETOOLONG (one of them too long). */
 QVCL_API uint32_t CL_LOG_Init_M(const char *name, const char *catalogue, const char *altCatalogue,
                                 const char *logPath, CL_ErrInfo *err);
-QVCL_API uint32_t cl_log_init(const char *name, const char *catalogue, const char *altCatalogue,
-                              const char *logPath, CL_ErrInfo *err);
 
 /* Writes message `messageId` (its low 16 bits) of set 1 of the catalogue. types: one character per
  * argument that follows:

@@ -16,8 +16,7 @@
  * Loops do not nest: a callback must not enter one. It may use synchronous transfers.
  *
  * The loop's signals are open from its first wait on, even when the application had blocked them
- * before; the masks of other signals are left alone. The steps below CL_EventLoop_M are the loop's
- * own, exported for tests. */
+ * before; the masks of other signals are left alone. */
 #ifndef QVCL_LOOP_H
 #define QVCL_LOOP_H
 
@@ -27,9 +26,6 @@ QVCL_BEGIN
 
 #define CL_LOOP_ERROR 0xffffffffu
 
-/* Bits that a look at the signals returns. */
-enum { CL_LOOK_CHILD = 1, CL_LOOK_TIMER = 2, CL_LOOK_WAKE = 4 };
-
 /* Runs the loop. The value of the callback that ended it, or CL_LOOP_ERROR; never 0. A failed
  * exec-completion callback leaves the error of its own step.
  * Errors: EBADF (an object could not take part, and its callback returned 0), CL_ERR_QUEUE, errno
@@ -37,26 +33,6 @@ enum { CL_LOOK_CHILD = 1, CL_LOOK_TIMER = 2, CL_LOOK_WAKE = 4 };
 QVCL_API uint32_t CL_EventLoop_M(CL_ErrInfo *err, uint8_t callerFlag, const char *file,
                                  uint32_t line);
 #define CL_EventLoop(err) CL_EventLoop_M((err), CL_HERE)
-QVCL_API uint32_t cl_eventloop(CL_ErrInfo *err);
-
-/* Builds the descriptor sets from the listed objects. 0, or the value that ends the loop.
- * Errors: EBADF (an object could not take part, and its callback returned 0), CL_ERR_QUEUE. */
-QVCL_API uint32_t cl_fdmake(CL_ErrInfo *err);
-
-/* Empties the three sets. */
-QVCL_API void cl_clearlist(void);
-
-/* Blocks `set` (keeping the previous mask in `saved`), reads and resets the signal fields, and
- * unblocks it again when something is pending or `always_unblock` is not 0. CL_LOOK_ bits, or
- * CL_LOOP_ERROR.
- * Errors: errno (sigprocmask). */
-QVCL_API uint32_t cl_sigcheck(uint32_t always_unblock, const sigset_t *set, sigset_t *saved,
-                              CL_ErrInfo *err);
-
-/* Dispatches due timers, then lets every listed object check the sets. 0, or the value that ends
- * the loop. The masks are not needed: what the signal handlers write is read atomically.
- * Errors: CL_ERR_QUEUE. */
-QVCL_API uint32_t cl_fdcheck(const sigset_t *set, sigset_t *saved, CL_ErrInfo *err);
 
 QVCL_END
 

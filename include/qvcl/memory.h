@@ -10,23 +10,9 @@
 #ifndef QVCL_MEMORY_H
 #define QVCL_MEMORY_H
 
-#include <qvcl/queue.h>
+#include <qvcl/layouts.h>
 
 QVCL_BEGIN
-
-/* Header directly in front of the caller's data. */
-typedef struct CL_BlockHeader {
-    CL_QueueLink link; /* in the library's or the application's allocation queue */
-    CL_Position allocated;
-    CL_Position released;
-    uint64_t size; /* bytes that the caller asked for */
-} CL_BlockHeader;
-CL_LAYOUT_AT(CL_BlockHeader, allocated, 24);
-CL_LAYOUT_AT(CL_BlockHeader, released, 64);
-CL_LAYOUT_AT(CL_BlockHeader, size, 104);
-CL_LAYOUT_SIZE(CL_BlockHeader, 112);
-
-#define CL_MEM_GUARD "****************" /* the 16 guard bytes behind the data */
 
 /* Bytes the application may hold at a time unless CL_memlimit says otherwise. */
 #define CL_MEM_DEFAULT_LIMIT 104857600u
@@ -61,9 +47,6 @@ QVCL_API void mem_disp(void);
 /* Prints one line to standard output for every block whose guard was overwritten; does nothing
  * without CL_MEM_CHECK. Frees nothing. */
 QVCL_API void mem_check(void);
-
-/* EFAULT when length is not 0 and address is null, else 0. */
-QVCL_API uint32_t cl_addrchk(const void *address, int32_t length);
 
 QVCL_END
 

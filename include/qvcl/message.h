@@ -1,4 +1,4 @@
-/* Framed messages over local stream sockets: wire format, message block, transfer steps.
+/* Framed messages over local stream sockets: wire format, message block, transfer modes.
  *
  * A message is a 16-byte header and an opaque payload, in host byte order, one after another on the
  * stream. The application sends from and receives into buffers of its own; nothing is copied and
@@ -21,8 +21,7 @@
  *
  * A block is on the send queue exactly as long as the connection holds it (block->link.owner).
  *
- * The functions below are the steps of client.h, exported for tests; CL_MODULE_MSGC, no trace
- * records. */
+ * Receive and send are in client.h. */
 #ifndef QVCL_MESSAGE_H
 #define QVCL_MESSAGE_H
 
@@ -73,52 +72,6 @@ enum {
 
 /* Message types of the exec-completion channel. */
 enum { CL_MSG_EXEC_COMPLETE = 1, CL_MSG_END_REQUEST = 2 };
-
-/* Receive step: reads on. 1 when `event` holds CL_EVENT_MESSAGE or CL_EVENT_DISCONNECT, 0 when the
- * socket has no more bytes for now. Each of the errors ends the connection.
- * Errors: EPIPE (peer closed), EMSGSIZE (length above the capacity), EPROTO (another version, or a
- * length below 16), errno (recv). */
-QVCL_API uint32_t cl_recv(CL_Object *connection, CL_Event *event, CL_ErrInfo *err);
-
-/* Send step: writes the head of the send queue. Its length when it is out (CL_EVENT_SENT in
- * `event`, block off the queue); 0 when the socket is full; -1 with CL_EVENT_DISCONNECT, or, when
- * nothing is queued, without an event.
- * Errors: CL_ERR_IN_PROGRESS (socket full), CL_ERR_QUEUE (nothing queued), errno (send). */
-QVCL_API int32_t cl_send(CL_Object *connection, CL_Event *event, CL_ErrInfo *err);
-
-/* Fills a disconnect event, moving the send queue into it. */
-QVCL_API void cl_setdiscivent(CL_Event *event, CL_Object *connection, const CL_ErrInfo *err);
-
-/* Takes the head block off the send queue and fills a send-complete event with it. */
-QVCL_API void cl_setsendcmp(CL_Event *event, CL_Object *connection);
-
-/* Synchronous transfer of one message; timeout in seconds, 0 for none. The message length, -1 on
- * failure, or the end callback's result when the end watch fires.
- * Errors: EMFILE (descriptor beyond the wait's sets), ETIMEDOUT, EINTR (end watch), EPIPE (peer
- * closed), EMSGSIZE (length above the capacity), EPROTO (not a message), errno (recv, pselect,
- * sigprocmask, and the calls of timers). */
-QVCL_API int32_t cl_recv_sync(CL_Object *connection, uint32_t timeout, CL_ErrInfo *err);
-/* The same for sending.
- * Errors: EMFILE (descriptor beyond the wait's sets), ETIMEDOUT, EINTR (end watch), errno (send,
- * pselect, sigprocmask, and the calls of timers). */
-QVCL_API int32_t cl_send_sync(CL_Object *connection, uint32_t timeout, CL_ErrInfo *err);
-
-/* Blocks SIGALRM (previous mask in `saved`) and applies timer ticks. 0 with the signal blocked; 2
- * timed out; -1 on failure.
- * Errors: ETIMEDOUT, errno (sigprocmask). */
-QVCL_API int32_t cl_msgc_sigcheck(CL_Object *connection, uint32_t timeout, const sigset_t *alarm,
-                                  sigset_t *saved, CL_ErrInfo *err);
-
-/* Add the connection (and the end object, unless null) to the sets of a synchronous wait. */
-QVCL_API void cl_make_recv_fd(const CL_Object *connection, const CL_Object *end, fd_set *read,
-                              int32_t *count);
-QVCL_API void cl_make_send_fd(const CL_Object *connection, const CL_Object *end, fd_set *read,
-                              fd_set *write, int32_t *count);
-
-/* 1 when the end object's connection delivered an end request or has ended, else 0.
- * Errors: EPIPE (peer closed), EMSGSIZE (message above 20 bytes), EPROTO (not a message), errno
- * (recv). */
-QVCL_API uint32_t cl_recv_end(CL_Object *end, CL_ErrInfo *err);
 
 QVCL_END
 

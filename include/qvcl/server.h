@@ -21,8 +21,6 @@ QVCL_API uint32_t CL_OpenMSGS_M(CL_Object *server, const char *path, uint32_t ba
                                 uint32_t line);
 #define CL_OpenMSGS(server, path, backlog, err) \
     CL_OpenMSGS_M((server), (path), (backlog), (err), CL_HERE)
-QVCL_API uint32_t cl_openmsgs(CL_Object *server, const char *path, uint32_t backlog,
-                              CL_ErrInfo *err, uint8_t callerFlag);
 
 /* Accepts a waiting connection as a new MSGC object with the given callback and arguments; ready,
  * not listed, no receive set up. Null on failure.
@@ -34,9 +32,6 @@ QVCL_API CL_Object *CL_AcceptMSGS_M(CL_Object *server, CL_Callback callback, uin
                                     const char *file, uint32_t line);
 #define CL_AcceptMSGS(server, callback, arg1, arg2, err) \
     CL_AcceptMSGS_M((server), (callback), (arg1), (arg2), (err), CL_HERE)
-QVCL_API CL_Object *cl_acceptmsgs(CL_Object *server, CL_Callback callback, uint64_t arg1,
-                                  uint64_t arg2, CL_ErrInfo *err, uint8_t callerFlag,
-                                  const char *file, uint32_t line);
 
 /* Closes the socket and removes its file; the object stays listed and may be opened again. 1 on
  * success, 0 on failure.
@@ -44,18 +39,6 @@ QVCL_API CL_Object *cl_acceptmsgs(CL_Object *server, CL_Callback callback, uint6
 QVCL_API uint32_t CL_CloseMSGS_M(CL_Object *server, CL_ErrInfo *err, uint8_t callerFlag,
                                  const char *file, uint32_t line);
 #define CL_CloseMSGS(server, err) CL_CloseMSGS_M((server), (err), CL_HERE)
-QVCL_API uint32_t cl_closemsgs(CL_Object *server, CL_ErrInfo *err, uint8_t callerFlag);
-
-/* The loop's step before the wait: adds to the sets. 0, or EBADF when the object cannot take part;
- * its error record says why: EBADF not open, EMFILE descriptor beyond the sets.
- * Errors: EBADF (cannot take part). */
-QVCL_API uint32_t cl_MakeListMSGS_M(CL_Object *server);
-/* The loop's step after the wait. 0, or the callback's result. */
-QVCL_API uint32_t cl_CheckMSGS_M(CL_Object *server);
-
-/* Release of an MSGS object: closes it when it is open. 1 on success, 0 on failure.
- * Errors: CL_ERR_STATE, errno (close). */
-QVCL_API uint32_t cl_DeleteMSGS_M(CL_Object *server, CL_ErrInfo *err);
 
 QVCL_END
 

@@ -27,7 +27,6 @@ QVCL_API CL_Object *cl_openshm(const char *name, int32_t flags, uint64_t size, C
 QVCL_API void *CL_MapSHM_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag, const char *file,
                            uint32_t line);
 #define CL_MapSHM(object, err) CL_MapSHM_M((object), (err), CL_HERE)
-QVCL_API void *cl_mapshm(CL_Object *object, CL_ErrInfo *err);
 
 /* Unmaps. 1 on success, 0 on failure.
  * Errors: CL_ERR_STATE, EBADF (invalid handle, not an open segment), ENOENT (not mapped), errno
@@ -35,7 +34,6 @@ QVCL_API void *cl_mapshm(CL_Object *object, CL_ErrInfo *err);
 QVCL_API uint32_t CL_UnmapSHM_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag,
                                 const char *file, uint32_t line);
 #define CL_UnmapSHM(object, err) CL_UnmapSHM_M((object), (err), CL_HERE)
-QVCL_API uint32_t cl_unmapshm(CL_Object *object, CL_ErrInfo *err);
 
 /* Closes and deletes the object. 1 on success, 0 on failure: the object stays. When the object's
  * memory.unlink_on_close is not 0 (the application may set it), the name is removed first.
@@ -45,7 +43,6 @@ QVCL_API uint32_t cl_unmapshm(CL_Object *object, CL_ErrInfo *err);
 QVCL_API uint32_t CL_CloseSHM_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag,
                                 const char *file, uint32_t line);
 #define CL_CloseSHM(object, err) CL_CloseSHM_M((object), (err), CL_HERE)
-QVCL_API uint32_t cl_closeshm(CL_Object *object, CL_ErrInfo *err, const char *file, uint32_t line);
 
 QVCL_END
 

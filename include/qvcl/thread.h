@@ -23,16 +23,11 @@ QVCL_API uint32_t clSIGUSR1Initialize(CL_ErrInfo *err);
 /* Sets SIGUSR1 to be ignored. Always 1. */
 QVCL_API uint32_t clSIGUSR1End(void);
 
-/* The handler: sets the wake-up flag. */
-QVCL_API void clSIGUSR1Action(int signal);
-
 /* Makes a THREAD object ready. 1 on success, with err as the caller passed it in; 0 on failure.
  * Errors: CL_ERR_STATE, EBADF (invalid handle, or not a THREAD object and callerFlag 0). */
 QVCL_API uint32_t CL_SetThreadFd_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag,
                                    const char *file, uint32_t line);
 #define CL_SetThreadFd(object, err) CL_SetThreadFd_M((object), (err), CL_HERE)
-QVCL_API uint32_t cl_setThreadFd(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag,
-                                 const char *file, uint32_t line);
 
 /* As CL_EventLoop_M.
  * Errors: EBADF (an object could not take part, and its callback returned 0), CL_ERR_QUEUE, errno
@@ -40,19 +35,6 @@ QVCL_API uint32_t cl_setThreadFd(CL_Object *object, CL_ErrInfo *err, uint8_t cal
 QVCL_API uint32_t CL_EventLoopThread_M(CL_ErrInfo *err, uint8_t callerFlag, const char *file,
                                        uint32_t line);
 #define CL_EventLoopThread(err) CL_EventLoopThread_M((err), CL_HERE)
-QVCL_API uint32_t cl_eventloopThread(CL_ErrInfo *err);
-
-/* As cl_sigcheck, with the wake-up.
- * Errors: errno (pthread_sigmask). */
-QVCL_API uint32_t cl_sigcheckThread(uint32_t always_unblock, const sigset_t *set, sigset_t *saved,
-                                    CL_ErrInfo *err);
-/* As cl_fdcheck, with the wake-up.
- * Errors: CL_ERR_QUEUE. */
-QVCL_API uint32_t cl_fdcheckThread(const sigset_t *set, sigset_t *saved, CL_ErrInfo *err);
-
-/* Calls every listed THREAD object. 0, the first non-zero value of a callback, or CL_LOOP_ERROR.
- * Errors: CL_ERR_QUEUE. */
-QVCL_API uint32_t cl_ThreadCallBack(CL_ErrInfo *err);
 
 QVCL_END
 

@@ -35,8 +35,6 @@ QVCL_API uint32_t CL_StartTIMER_M(CL_Object *object, uint32_t seconds, uint32_t 
                                   uint32_t line);
 #define CL_StartTIMER(object, seconds, mode, err) \
     CL_StartTIMER_M((object), (seconds), (mode), (err), CL_HERE)
-QVCL_API uint32_t cl_starttimer(CL_Object *object, uint32_t seconds, uint32_t mode, CL_ErrInfo *err,
-                                uint8_t callerFlag);
 
 /* Stops a running or due timer. 1 on success, 0 on failure.
  * Errors: CL_ERR_STATE, EBADF (invalid handle, not a timer, not running), CL_ERR_QUEUE, errno
@@ -44,32 +42,9 @@ QVCL_API uint32_t cl_starttimer(CL_Object *object, uint32_t seconds, uint32_t mo
 QVCL_API uint32_t CL_StopTIMER_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag,
                                  const char *file, uint32_t line);
 #define CL_StopTIMER(object, err) CL_StopTIMER_M((object), (err), CL_HERE)
-QVCL_API uint32_t cl_stoptimer(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag);
 
 /* Brings remaining seconds and due marks up to date; calls no callback. */
 QVCL_API void CL_CommitTIMER(void);
-
-/* Release of a TIMER object: stops it when it runs. 1 on success, 0 on failure.
- * Errors: CL_ERR_STATE, CL_ERR_QUEUE, errno (setitimer). */
-QVCL_API uint32_t cl_DeleteTIMER_M(CL_Object *object, CL_ErrInfo *err);
-
-/* Counts `ticks` seconds and marks due timers. 1 when a timer is due; 0 also on failure.
- * Errors: CL_ERR_QUEUE, errno (sysinfo). */
-QVCL_API uint32_t cl_TimerCheck(uint32_t ticks, CL_ErrInfo *err);
-
-/* Calls the due timers. 0, a callback's non-zero result, or -1 on failure.
- * Errors: CL_ERR_QUEUE, errno (setitimer). */
-QVCL_API int32_t cl_TimerCall(CL_ErrInfo *err);
-
-/* Installs handler and interval timer. 1 on success, 0 on failure.
- * Errors: errno (sigaction, setitimer). */
-QVCL_API uint32_t cl_timer_init(CL_ErrInfo *err);
-/* Removes both: SIGALRM is ignored. 1 on success, 0 on failure.
- * Errors: CL_ERR_QUEUE (signal failed), errno (setitimer). */
-QVCL_API uint32_t cl_timer_end(CL_ErrInfo *err);
-
-/* The SIGALRM handler: counts. */
-QVCL_API void cl_sigalm(int signal);
 
 QVCL_END
 

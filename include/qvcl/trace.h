@@ -5,9 +5,9 @@
  * goes to disk until CL_TRC_Out dumps both rings, the main table and the descriptor table byte for
  * byte; qvcl-trace reads that file. What the library's records look like: trace_records.h.
  *
- * A ring has entries of one size; a record takes as many in a row as it needs, and overwrites the
- * oldest records. Two threads must not write to the same ring at once. None of these functions
- * fills an error record or writes a trace record.
+ * A ring (layouts.h) has entries of one size; a record takes as many in a row as it needs, and
+ * overwrites the oldest records. Two threads must not write to the same ring at once. None of these
+ * functions fills an error record or writes a trace record.
  *
  * Environment: CL_TRC_NUM (entries of the library ring, default 1000, at least 100), CL_TRC_GEN
  * (generations of trace files, default 5). A library ring that memory does not hold, such as one of
@@ -19,7 +19,7 @@
 #ifndef QVCL_TRACE_H
 #define QVCL_TRACE_H
 
-#include <qvcl/base.h>
+#include <qvcl/layouts.h>
 
 QVCL_BEGIN
 
@@ -34,51 +34,6 @@ enum {
     CL_TRC_LIB_MIN_COUNT = 100,
     CL_TRC_GENERATIONS = 5
 };
-
-/* Ring block; the entries follow. At any moment, also while a record is being written, and also for
- * a reader in another process:
- *
- *     header.size == sizeof(CL_TraceRing) + entry_count * (entry_size + sizeof(CL_TraceEntry))
- *     oldest < entry_count    next < entry_count    wrapped is 0 or 1    oldest == 0 unless wrapped
- *     held are the entries from oldest round to the one before next; while oldest == next, all of
- *     them when wrapped is 1 and none when it is 0
- *     what is held are whole records with all their bytes, oldest first
- *
- * A write first moves oldest off the records that it is about to overwrite, then fills entries that
- * are not held, and last stores next, once a record, with release order. When it has to overwrite
- * all records, the entry at oldest lacks CL_ENTRY_FIRST until the new one is whole: the ring then
- * holds nothing. A reader that copies a ring takes the head (next with acquire order), then the
- * entries, then the head and the header at oldest again, and drops what oldest has left meanwhile,
- * all of it when the ring holds nothing any more. That does not tell whether the writer has gone
- * round once in between; the times of the records do. */
-typedef struct CL_TraceRing {
-    CL_TableHeader header;
-    char prefix[256];     /* of file names; zero when none was given */
-    uint32_t entry_size;  /* data bytes per entry, >= CL_TRC_MIN_ENTRY */
-    uint32_t entry_count; /* >= 1 */
-    uint32_t oldest;      /* < entry_count: entry where the oldest record begins; 0 until wrapped */
-    uint32_t next;        /* < entry_count: entry that the next write fills */
-    uint32_t wrapped;     /* 1 once next has come back to 0, else 0 */
-    uint32_t reserved;
-} CL_TraceRing;
-CL_LAYOUT_AT(CL_TraceRing, prefix, 32);
-CL_LAYOUT_AT(CL_TraceRing, entry_size, 288);
-CL_LAYOUT_AT(CL_TraceRing, entry_count, 292);
-CL_LAYOUT_AT(CL_TraceRing, oldest, 296);
-CL_LAYOUT_AT(CL_TraceRing, next, 300);
-CL_LAYOUT_AT(CL_TraceRing, wrapped, 304);
-CL_LAYOUT_SIZE(CL_TraceRing, 312);
-
-/* Entry header; entry_size data bytes follow. Bytes that a short last slice does not cover keep
- * what was there. A record of `length` bytes has n = ceil(length / entry_size) entries, one behind
- * the other, entry 0 behind the last; this is its i-th, from 0. */
-typedef struct CL_TraceEntry {
-    uint32_t flags;     /* (i == 0 ? CL_ENTRY_FIRST : 0) | (i == n - 1 ? CL_ENTRY_LAST : 0) */
-    uint32_t remaining; /* n - i: entries to the record's last, this one included */
-} CL_TraceEntry;
-CL_LAYOUT_SIZE(CL_TraceEntry, 8);
-
-enum { CL_ENTRY_FIRST = 1, CL_ENTRY_LAST = 2 };
 
 /* What every record begins with. A user record needs only `length`, and room for the time. In the
  * library's records
@@ -124,8 +79,6 @@ typedef void (*CL_DumpCallback)(void);
  * count), EALREADY (the ring exists), ENOMEM (no memory). */
 QVCL_API uint32_t CL_TRC_Init_M(const char *prefix, uint32_t entrySize, uint32_t entryCount,
                                 CL_DumpCallback dumpCallback, int ring);
-QVCL_API uint32_t cl_trc_init(int ring, const char *prefix, uint32_t entrySize, uint32_t entryCount,
-                              CL_DumpCallback dumpCallback);
 
 /* Frees a ring; for the user ring the dump callback is cleared too. Records for a ring that does
  * not exist are dropped. */
@@ -154,15 +107,6 @@ QVCL_API void CL_TRC_Out(const char *path, const char *headerText);
 /* Appends a block to the dump in progress, from within a dump callback. 1 on success; 0 when no
  * dump is in progress or the write failed. */
 QVCL_API uint32_t CL_TRC_AddTbl(const void *block, uint64_t length);
-
-/* Steps of CL_TRC_Out. cl_open_trc: opens the file, writes the header text; descriptor or -1.
- * cl_getgen: the generation to use now, noting the next one in prefix.cnf. cl_writegen: writes
- * that file. cl_getpath: copies the directory part of `path`, its last slash included, into `out`
- * (as long as path) and returns it; null with an empty `out` when there is no slash. */
-QVCL_API int32_t cl_open_trc(const char *path, const char *headerText);
-QVCL_API int32_t cl_getgen(const char *prefix);
-QVCL_API void cl_writegen(const char *path, int n);
-QVCL_API char *cl_getpath(const char *path, char *out);
 
 QVCL_END
 

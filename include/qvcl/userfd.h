@@ -19,18 +19,6 @@ QVCL_API uint32_t CL_SetFD_M(CL_Object *object, uint32_t count, const fd_set *re
                              uint8_t callerFlag, const char *file, uint32_t line);
 #define CL_SetFD(object, count, readSet, writeSet, exceptSet, err) \
     CL_SetFD_M((object), (count), (readSet), (writeSet), (exceptSet), (err), CL_HERE)
-QVCL_API uint32_t cl_setfd(CL_Object *object, uint32_t count, const fd_set *readSet,
-                           const fd_set *writeSet, const fd_set *exceptSet, CL_ErrInfo *err,
-                           uint8_t callerFlag);
-
-/* The loop's step before the wait: adds to the sets. 0, or EBADF when the object cannot take part;
- * its error record says why.
- * Errors: EBADF (no sets given). */
-QVCL_API uint32_t cl_MakeListLFD_M(CL_Object *object, uint8_t callerFlag, const char *file,
-                                   uint32_t line);
-/* The loop's step after the wait. 0, or the callback's result. err: not used. */
-QVCL_API uint32_t cl_CheckLFD_M(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag,
-                                const char *file, uint32_t line);
 
 QVCL_END
 

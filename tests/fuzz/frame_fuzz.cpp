@@ -3,6 +3,7 @@
 // of a few lines finds, and nothing behind the buffer may change.
 #include <qvcl/client.h>
 #include <qvcl/main.h>
+#include <qvcl/steps.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
