@@ -1,4 +1,4 @@
-/* Trace rings against a model, their set-up, and what callbacks and status changes leave there. */
+// Trace rings against a model, and their set-up.
 #include <qvcl/trace.h>
 #include <sys/mman.h>
 
@@ -14,48 +14,48 @@ namespace {
 using test::Plan;
 using test::Record;
 
-/* A record of `length` bytes, recognisable by its content. */
+// A record of `length` bytes, recognisable by its content.
 std::vector<uint8_t> make_record(uint32_t length, uint32_t number) {
     std::vector<uint8_t> bytes(std::max(length, 32u));
-    for (std::size_t i = 0; i < bytes.size(); i++) {
+    for (size_t i = 0; i < bytes.size(); ++i) {
         bytes[i] = static_cast<uint8_t>(number * 31 + i * 7);
     }
     memcpy(&bytes[offsetof(CL_TrcHead, length)], &length, sizeof length);
     return bytes;
 }
 
-/* What another process could see of a ring in the middle of a write: the record to be written goes
- * on in memory that may not be read, so the write stops there, and looks. */
+// What another process could see of a ring in the middle of a write: the record to be written goes
+// on in memory that may not be read, so the write stops there, and looks.
 class MidWrite {
   public:
-    static uint32_t write(std::vector<uint8_t> &record, std::size_t readable) {
+    static uint32_t write(std::vector<uint8_t> &record, size_t readable) {
         static auto *const memory = static_cast<uint8_t *>(
-            mmap(nullptr, 2 * HALF, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-        barred_ = memory + HALF;
+            mmap(nullptr, 2 * kHalf, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        barred_ = memory + kHalf;
         uint8_t *const start = barred_ - readable;
         std::copy(record.begin(), record.end(), start);
         struct sigaction action {};
         action.sa_handler = [](int) {
             held() = test::records(CL_MainTable->user_ring);
-            mprotect(barred_, HALF, PROT_READ | PROT_WRITE);
+            mprotect(barred_, kHalf, PROT_READ | PROT_WRITE);
         };
         action.sa_flags = static_cast<int>(SA_RESETHAND);
         sigaction(SIGSEGV, &action, nullptr);
         held().reset();
-        mprotect(barred_, HALF, PROT_NONE);
+        mprotect(barred_, kHalf, PROT_NONE);
         const uint32_t result = CL_TRC_Write_M(start, CL_RING_USER);
-        mprotect(barred_, HALF, PROT_READ | PROT_WRITE);
+        mprotect(barred_, kHalf, PROT_READ | PROT_WRITE);
         std::copy_n(start, record.size(), record.begin());
         return result;
     }
-    /* What the ring held then; nothing when the write did not stop. */
+    // What the ring held then; nothing when the write did not stop.
     static std::optional<std::vector<Record>> &held() {
         static std::optional<std::vector<Record>> records;
         return records;
     }
 
   private:
-    static constexpr std::size_t HALF = 1 << 13; /* whole pages, longer than any record */
+    static constexpr size_t kHalf = 1 << 13;  // whole pages, longer than any record
     static inline uint8_t *barred_;
 };
 
@@ -63,23 +63,23 @@ TEST(Ring, FollowsItsModel) {
     test::Random random;
     const auto expect_model = [](const std::vector<Record> &held, const auto &model) {
         ASSERT_EQ(held.size(), model.size());
-        for (std::size_t i = 0; i < held.size(); i++) {
+        for (size_t i = 0; i < held.size(); ++i) {
             ASSERT_EQ(held[i].bytes, model[i]);
         }
     };
     int stops = 0;
-    for (int round = 0; round < 60; round++) {
+    for (int round = 0; round < 60; ++round) {
         const uint32_t size = 32 + random.below(round % 2 == 0 ? 200 : 20);
         const uint32_t count = 1 + random.below(round % 3 == 0 ? 4 : 30);
         ASSERT_EQ(CL_TRC_Init_M("model", size, count, nullptr, CL_RING_USER), 0u);
         const CL_TraceRing *ring = CL_MainTable->user_ring;
         std::deque<std::vector<uint8_t>> model;
-        const auto entries = [size](std::size_t bytes) {
+        const auto entries = [size](size_t bytes) {
             return static_cast<uint32_t>((bytes + size - 1) / size);
         };
         uint32_t used = 0;
         uint32_t written = 0;
-        for (uint32_t step = 0; step < 200; step++) {
+        for (uint32_t step = 0; step < 200; ++step) {
             const uint32_t longest = size * count + (random.below(10) == 0 ? 1 : 0);
             const uint32_t length =
                 random.below(20) == 0 ? 0 : std::min(32 + random.below(longest), longest);
@@ -104,7 +104,7 @@ TEST(Ring, FollowsItsModel) {
                 used -= entries(model[0].size());
             }
             if (MidWrite::held()) {
-                stops++;
+                ++stops;
                 expect_model(*MidWrite::held(), model);
             }
             model.push_back(record);
@@ -135,10 +135,10 @@ TEST(Ring, RefusesInOrder) {
             {s201.c_str(), 31, 0, 36},
             {"p", 31, 1, 22},
             {"p", 32, 0, 22},
-            {"p", UINT32_MAX, UINT32_MAX, 12}, /* more than 64 bits can hold */
+            {"p", UINT32_MAX, UINT32_MAX, 12},  // more than 64 bits can hold
             {s200.c_str(), 32, 1, 0},
             {"p", 32, 1, 114},
-            {"p", 31, 1, 22}, /* even though the ring exists */
+            {"p", 31, 1, 22},  // even though the ring exists
         };
         for (const auto &row : rows) {
             EXPECT_EQ(CL_TRC_Init_M(row.prefix, row.size, row.count, callback, kind), row.result)
@@ -150,7 +150,7 @@ TEST(Ring, RefusesInOrder) {
         CL_TRC_End_M(kind);
         CL_TRC_End_M(kind);
     }
-    /* More than 64 bits can hold, but what is left of it would fit. */
+    // More than 64 bits can hold, but what is left of it would fit.
     EXPECT_EQ(CL_TRC_Init_M("p", UINT32_MAX - 5, UINT32_MAX, callback, CL_RING_USER), 12u);
     CL_TRC_End_M(CL_RING_USER);
     auto record = make_record(32, 0);
@@ -191,7 +191,7 @@ TEST(Ring, TakesItsSizeWhenLoaded) {
 
 class RingUse : public test::Library {};
 
-/* The library works on without a ring, or with one that is too small for its records. */
+// The library works on without a ring, or with one that is too small for its records.
 TEST_F(RingUse, OperationsDoWithoutIt) {
     for (const uint32_t entries : {0u, 1u}) {
         CL_TRC_End_M(CL_RING_LIBRARY);
@@ -204,119 +204,6 @@ TEST_F(RingUse, OperationsDoWithoutIt) {
         EXPECT_EQ(object->status, 1u) << "the change stands whatever the ring does";
         EXPECT_EQ(CL_AddEventList(object, 20, &err), 1u);
         EXPECT_EQ(CL_DeleteFD(object, &err), 1u);
-    }
-}
-
-TEST_F(RingUse, StatusChangesAreRecorded) {
-    CL_Object *object = CL_CreateFD(CL_KIND_FD, nullptr, 1, 2, &err);
-    test::set_time(0, 0);
-    cl_StatusChange_M(object, 1, 8, "x", 1);
-    test::Tape tape;
-    EXPECT_EQ(cl_StatusChange_M(object, 5, 0x104, "a_name_longer_than_16", 99), 0u);
-    EXPECT_EQ(object->status, 5u);
-    EXPECT_EQ(object->sub_status, 0x104u);
-    const auto records = tape.records();
-    ASSERT_EQ(records.size(), 1u);
-    CL_TrcStatus expected{};
-    expected.head.length = 80;
-    expected.head.api = CL_API_STATUS;
-    expected.head.caller = 2;
-    expected.head.marker = CL_MARK_STATUS;
-    memcpy(expected.head.file, "a_name_longer_than_16", 16);
-    expected.head.line = 99;
-    expected.handle = test::address(object);
-    expected.status = 5;
-    expected.sub_status = 0x104;
-    expected.old_status = 1;
-    expected.old_sub_status = 8;
-    ASSERT_EQ(records[0].bytes.size(), sizeof expected);
-    EXPECT_EQ(memcmp(records[0].bytes.data(), &expected, sizeof expected), 0);
-}
-
-/* Every event type: which part of the event is copied behind the entry record. */
-TEST_F(RingUse, CallbacksAreRecorded) {
-    CL_Object *object = CL_CreateFD(CL_KIND_FD, nullptr, 1, 2, &err);
-    test::set_time(0, 0);
-    const auto block = [](int32_t length) {
-        std::vector<uint8_t> bytes(140, 0xbb);
-        memcpy(&bytes[32], &length, sizeof length);
-        for (std::size_t i = 40; i < bytes.size(); i++) {
-            bytes[i] = static_cast<uint8_t>(i);
-        }
-        return bytes;
-    };
-    auto long_block = block(100), short_block = block(20);
-    const struct {
-        uint32_t type;
-        void *data;
-        int32_t length;
-        const void *copied;
-        uint32_t bytes;
-    } rows[] = {
-        {CL_EVENT_MESSAGE, long_block.data(), 100, long_block.data(), 32},
-        {CL_EVENT_MESSAGE, long_block.data(), 10, long_block.data(), 10},
-        {CL_EVENT_MESSAGE, long_block.data(), -1, long_block.data(), 32},
-        {CL_EVENT_MESSAGE, long_block.data(), 0, nullptr, 0},
-        {CL_EVENT_SENT, long_block.data(), 0, &long_block[40], 32},
-        {CL_EVENT_SENT, short_block.data(), 0, &short_block[40], 20},
-        {CL_EVENT_DESCRIPTOR, nullptr, 0, nullptr, sizeof(CL_FdSets)},
-        {77, long_block.data(), 50, nullptr, 0},
-    };
-    for (const auto &row : rows) {
-        CL_Event event{};
-        event.type = row.type;
-        event.data = row.data;
-        event.length = row.length;
-        event.queue = {&event, long_block.data(), 3, 4};
-        memset(&event.sets, 0x5a, sizeof event.sets);
-        event.exit_reason = 1;
-        event.exit_value = 3;
-        event.error = {9, 8, 7, 6, 5};
-        test::Action action = [&](CL_Object *who, CL_Event *what) {
-            EXPECT_EQ(who, object);
-            EXPECT_EQ(what, &event);
-            return 0x80000007u;
-        };
-        test::Tape tape;
-        EXPECT_EQ(cl_Callback_M(test::call_action, object, &event, test::address(&action), 43, 1,
-                                "file", 12),
-                  0x80000007u);
-        const auto records = tape.records();
-        ASSERT_EQ(records.size(), 2u);
-
-        CL_TrcCallback expected{};
-        expected.head.api = CL_API_CALLBACK;
-        expected.head.caller = 1;
-        memcpy(expected.head.file, "file", 4);
-        expected.head.line = 12;
-        expected.callback = reinterpret_cast<uint64_t>(test::call_action);
-        expected.handle = test::address(object);
-        expected.arg1 = test::address(&action);
-        expected.arg2 = 43;
-        expected.type = row.type;
-        expected.data = test::address(row.data);
-        expected.data_length = row.length;
-        memcpy(expected.block, &event.queue, sizeof expected.block);
-        expected.exit_reason = 1;
-        expected.exit_value = 3;
-        expected.error = event.error;
-
-        expected.head.length = static_cast<uint32_t>(sizeof expected) + row.bytes;
-        std::vector<uint8_t> bytes(expected.head.length);
-        memcpy(bytes.data(), &expected, sizeof expected);
-        const void *copied = row.type == CL_EVENT_DESCRIPTOR ? &event.sets : row.copied;
-        for (uint32_t i = 0; i < row.bytes; i++) {
-            bytes[sizeof expected + i] = static_cast<const uint8_t *>(copied)[i];
-        }
-        EXPECT_EQ(records[0].bytes, bytes) << "type " << row.type;
-
-        expected.head.length = sizeof expected;
-        expected.head.phase = 1;
-        expected.head.marker = CL_MARK_CALLBACK_EXIT;
-        expected.result = 0x80000007;
-        ASSERT_EQ(records[1].bytes.size(), sizeof expected);
-        EXPECT_EQ(memcmp(records[1].bytes.data(), &expected, sizeof expected), 0)
-            << "type " << row.type;
     }
 }
 

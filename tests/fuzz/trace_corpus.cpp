@@ -1,34 +1,31 @@
 // Writes the corpus of trace_fuzz into a folder: dumps that are whole, and each of them damaged.
 #include <filesystem>
-#include <fstream>
-#include <random>
 
-#include "dump_builder.h"
-
-using namespace dump_builder;
+#include "tests/folder.h"
+#include "tests/trace_story.h"
 
 int main(int argc, char **argv) {
     if (argc != 2) return 2;
     std::filesystem::create_directories(argv[1]);
-    int number = 0;
-    const auto save = [&](const File &file) {
-        std::ofstream(std::filesystem::path(argv[1]) / std::to_string(number++), std::ios::binary)
-            .write(reinterpret_cast<const char *>(file.data()),
-                   static_cast<std::streamsize>(file.size()));
-    };
+    std::filesystem::current_path(argv[1]);
+    test::Story story;
+    test::Story::rings(900);
+    story.calls();
+    CL_TRC_Out("calls", nullptr);
+    unlink("socket");
+    story.live("live");
+    unlink("socket");
     std::mt19937 random(1);
-    for (const uint32_t entries : {9u, 20u, 100u}) {
-        for (const std::string_view text : {"", "a text"}) {
-            const File whole = Story(entries).file(text);
-            save(whole);
-            for (int round = 0; round < 20; ++round) {
-                File damaged = whole;
-                for (int n = 0; n < 30; ++n)
-                    damaged[random() % damaged.size()] = static_cast<uint8_t>(random());
-                if (round % 4 == 0) damaged.resize(random() % damaged.size());
-                save(damaged);
-            }
+    for (const std::string name : {"calls", "live"}) {
+        const std::string whole = test::bytes_of(name);
+        for (int round = 0; round < 60; ++round) {
+            std::string damaged = whole;
+            for (int n = 0; n < 30; ++n)
+                damaged[random() % damaged.size()] = static_cast<char>(random());
+            if (round % 4 == 0) damaged.resize(random() % damaged.size());
+            std::ofstream(name + std::to_string(round), std::ios::binary) << damaged;
         }
     }
-    save({});
+    std::ofstream("empty");
+    std::filesystem::remove("live.file");
 }
