@@ -1,12 +1,10 @@
-/* The log: forms of lines, destinations, and catalogue texts that nobody should write. */
+// The log: forms of lines, destinations, and catalogue texts that nobody should write.
 #include <qvcl/log.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <syslog.h>
 
-#include <fstream>
-#include <sstream>
-
+#include "tests/folder.h"
 #include "tests/support.h"
 
 namespace {
@@ -18,7 +16,7 @@ using testing::ElementsAre;
 
 std::string repeat(const std::string &text, int times) {
     std::string result;
-    for (int i = 0; i < times; i++) {
+    for (int i = 0; i < times; ++i) {
         result += text;
     }
     return result;
@@ -32,11 +30,11 @@ class Log : public testing::Test {
         test::capture_log();
         text_is(nullptr);
     }
-    /* Every message of the catalogue has this text. */
+    // Every message of the catalogue has this text.
     void text_is(const char *text) {
         test::set_catalogue([text](int) { return text; });
     }
-    /* The one line that came since the last look. */
+    // The one line that came since the last look.
     std::string line() {
         const auto lines = log_lines();
         test::raw_log().clear();
@@ -114,7 +112,7 @@ TEST_F(Log, MakesTextOfEveryArgumentType) {
     EXPECT_EQ(line(), "I 00000 catalog(id) not found:");
 }
 
-/* Nothing in a catalogue can do more than choose arguments and text. */
+// Nothing in a catalogue can do more than choose arguments and text.
 TEST_F(Log, PrintsHostileCatalogueTexts) {
     const struct {
         std::string text;
@@ -161,8 +159,8 @@ TEST_F(Log, PrintsHostileCatalogueTexts) {
 
 TEST_F(Log, CutsWhatIsTooLong) {
     const std::string s400(400, 'a'), s979(979, 'b'), s976(976, 'c');
-    /* One text stays within 999 characters, separators not counted; what does not fit is skipped,
-     * what follows it is still tried. */
+    // One text stays within 999 characters, separators not counted; what does not fit is skipped,
+    // what follows it is still tried.
     CL_LOG_Out(2, 1, 0, 1, "sssds", s400.c_str(), s400.c_str(), s400.c_str(), 7, "end");
     EXPECT_EQ(line(), "E 00001 catalog(id) not found:" + s400 + "," + s400 + ",7,end");
     CL_LOG_Out(2, 1, 0, 1, "ss", s979.c_str(), "x");
@@ -170,8 +168,8 @@ TEST_F(Log, CutsWhatIsTooLong) {
     CL_LOG_Out(CL_LOG_SYSLOG, 1, 0, 1, "ss", s976.c_str(), "x");
     EXPECT_EQ(test::system_log().back(), "tester/0/24/3/E 00001 catalog(id) not found:" + s976);
 
-    /* The system log gets up to 1022 characters; the internal log's line ends at 1023 with its
-     * stamp. */
+    // The system log gets up to 1022 characters; the internal log's line ends at 1023 with its
+    // stamp.
     text_is("%s%s%s");
     CL_LOG_Out(3, 1, 0, 1, "sss", s400.c_str(), s400.c_str(), s400.c_str());
     const std::string message = "E 00001 " + s400 + s400 + s400.substr(0, 198);
@@ -194,7 +192,7 @@ TEST_F(Log, TakesNinetyNineArguments) {
     CL_LOG_Out(2, 1, 0, 1, types.c_str(), TEN(1), TEN(2), TEN(3), TEN(4), TEN(5), TEN(6), TEN(7),
                TEN(8), TEN(9), TEN(10), TEN(11));
     std::string expected = "E 00001 catalog(id) not found:";
-    for (int i = 0; i < 99; i++) {
+    for (int i = 0; i < 99; ++i) {
         expected += (i == 0 ? "" : ",") + std::to_string(i / 10 + 1);
     }
     EXPECT_EQ(line(), expected);
@@ -235,7 +233,7 @@ TEST_F(Log, SendsToWhatIsAskedFor) {
 }
 
 TEST_F(Log, StampsEveryLine) {
-    test::set_time(1794852345, 123456); /* 2026-11-16 18:05:45 UTC */
+    test::set_time(1794852345, 123456);  // 2026-11-16 18:05:45 UTC
     cl_inlog_write("text");
     test::set_time(0, 7008);
     cl_inlog_write("");
@@ -244,12 +242,10 @@ TEST_F(Log, StampsEveryLine) {
 }
 
 TEST_F(Log, LooksIntoBothCatalogues) {
-    char directory[] = "/tmp/qvcl-log-XXXXXX";
-    ASSERT_NE(mkdtemp(directory), nullptr);
-    const std::string base = directory;
-    std::ofstream(base + "/text") << "$set 1\n42 value %s name %s\n$set 2\n43 wrong set\n";
-    ASSERT_EQ(system(("gencat " + base + "/real.cat " + base + "/text").c_str()), 0);
-    const std::string real = base + "/real.cat", missing = base + "/missing.cat";
+    const test::Folder folder;
+    const auto text = folder.put("text", "$set 1\n42 value %s name %s\n$set 2\n43 wrong set\n");
+    const std::string real = folder.path("real.cat"), missing = folder.path("missing.cat");
+    ASSERT_EQ(system(("gencat " + real + " " + text).c_str()), 0);
     test::set_env("LANG", "C");
 
     const struct {
@@ -270,38 +266,32 @@ TEST_F(Log, LooksIntoBothCatalogues) {
         EXPECT_EQ(line(), "E 000" + std::to_string(row.id) + " " + row.text);
         EXPECT_EQ(test::Balance::now(), before);
     }
-    EXPECT_EQ(system(("rm -r " + base).c_str()), 0);
 }
 
 TEST_F(Log, RotatesGenerations) {
-    char directory[] = "/tmp/qvcl-log-XXXXXX";
-    ASSERT_NE(mkdtemp(directory), nullptr);
-    const std::string base = directory, path = base + "/log";
+    const test::Folder folder;
+    const std::string path = folder.path("log");
     ASSERT_EQ(CL_LOG_Init_M("n", "c", nullptr, path.c_str(), &err), 1u);
-    const auto put = [](const std::string &name, const char *text) { std::ofstream(name) << text; };
-    const auto get = [](const std::string &name) {
-        std::ifstream file(name);
-        std::stringstream text;
-        text << file.rdbuf();
-        return file ? text.str() : "none";
+    const auto generations = [&] {
+        std::string all;
+        for (const char *name : {"log", "log.1", "log.2", "log.3", "log.4", "log.5"}) {
+            const std::string at = folder.path(name);
+            all += std::filesystem::exists(at) ? test::bytes_of(at) : "-";
+        }
+        return all;
     };
     EXPECT_EQ(cl_log_lotate(), -1) << "there is no log yet";
-    put(path, "a");
-    EXPECT_EQ(cl_log_lotate(), 0);
-    EXPECT_EQ(get(path) + get(path + ".1"), "nonea");
-    for (const char *text : {"b", "c", "d", "e"}) {
-        put(path, text);
+    const auto rotate = [&](const char *text) {
+        folder.put("log", text);
         EXPECT_EQ(cl_log_lotate(), 0);
-    }
-    EXPECT_EQ(get(path + ".1") + get(path + ".2") + get(path + ".3") + get(path + ".4") +
-                  get(path + ".5"),
-              "edcbnone");
-    /* A gap stays a gap. */
-    unlink((path + ".2").c_str());
-    put(path, "f");
-    EXPECT_EQ(cl_log_lotate(), 0);
-    EXPECT_EQ(get(path + ".1") + get(path + ".2") + get(path + ".3") + get(path + ".4"), "fenonec");
-    EXPECT_EQ(system(("rm -r " + base).c_str()), 0);
+        return generations();
+    };
+    EXPECT_EQ(rotate("a"), "-a----");
+    for (const char *text : {"b", "c", "d"})
+        rotate(text);
+    EXPECT_EQ(rotate("e"), "-edcb-");
+    std::filesystem::remove(folder.path("log.2"));
+    EXPECT_EQ(rotate("f"), "-fe-c-") << "a gap stays a gap";
 }
 
 }  // namespace
