@@ -122,6 +122,7 @@ inline void Story::lists() {
         CL_DelEventList_M(object, &err, POSITION);
     cl_StatusChange_M(object, CL_STATUS_READY, CL_SUB_RECV_PENDING, "a_name_longer_than_16", 99);
     cl_StatusChange_M(object, CL_STATUS_READY | 0x80, 0x107, "a_name_longer_than_16", 99);
+    cl_StatusChange_M(object, CL_STATUS_READY | 0x80, 0x04, "a_name_longer_than_16", 99);
     for (int i = 0; i < 2; ++i)
         CL_DeleteFD_M(object, &err, POSITION);
     CL_Object *thread = make(CL_KIND_THREAD);

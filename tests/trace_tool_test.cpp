@@ -125,6 +125,13 @@ TEST_F(Damage, IsNamed) {
         {[&] { ring().oldest = 21; }, "ring indexes oldest 21, next "},
         {[&] { ring().next = 21; }, "next 21, wrapped 1"},
         {[&] { entry(0).remaining += 1; }, "no record begins in this entry"},
+        {[&] {  // a count inside a record
+             uint32_t i = 0;
+             while (entry(i).remaining != 2)
+                 ++i;
+             entry(i + 1).remaining = 7;
+         },
+         "no record begins in this entry"},
         {[&] { record(1).length = 350; }, " bytes in 1 entries of 192"},
         {[&] { record(1).length += 1; }, ": a record of "},
         {[&] { record(1).phase = 9; }, "a record of phase 9 with marker "},
