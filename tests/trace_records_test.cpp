@@ -230,7 +230,7 @@ TEST_F(Transcript, OfEveryCommand) {
              "show --failures live",
              "show --slower=0.02ms live",
              "show --since 14:13:20.00005 live",
-             "show --until 2026-09-21~14:13:20.00004 live",
+             "show --until 2026-09-21~14:13:20.000036 live",
              "show --last 2 --failures live",
              "show --ring=user live",
              "tables --all live",
