@@ -1,4 +1,4 @@
-/* The configuration reader: what a line is, which line is to blame, what comes back out. */
+// The configuration reader: what a line is, which line is to blame, what comes back out.
 #include <qvcl/conf.h>
 #include <sys/resource.h>
 
@@ -18,14 +18,14 @@ struct Found {
     std::string section, key, value;
 };
 
-/* Every member is found, whatever was looked up before: in the order of the file, backwards, and
- * all over the place. */
+// Every member is found, whatever was looked up before: in the order of the file, backwards, and
+// all over the place.
 void look_all_up(CL_Queue *conf, std::vector<Found> members) {
     std::sort(members.begin(), members.end(),
               [](const Found &a, const Found &b) { return a.line < b.line; });
-    const std::size_t count = members.size();
-    for (const std::size_t step : {std::size_t{1}, count - 1, count / 3 * 2 + 1}) {
-        for (std::size_t i = 0; i < count; i++) {
+    const size_t count = members.size();
+    for (const size_t step : {size_t{1}, count - 1, count / 3 * 2 + 1}) {
+        for (size_t i = 0; i < count; ++i) {
             const Found &member = members[i * step % count];
             char value[512];
             uint32_t line = 0;
@@ -39,7 +39,7 @@ void look_all_up(CL_Queue *conf, std::vector<Found> members) {
     }
 }
 
-/* "a@1{k=v@2 }b@3{}": sections and members with their lines, as the enumerations give them. */
+// "a@1{k=v@2 }b@3{}": sections and members with their lines, as the enumerations give them.
 std::string walk(CL_Queue *conf) {
     std::string all;
     std::vector<Found> found;
@@ -77,7 +77,7 @@ std::ostream &operator<<(std::ostream &out, const Outcome &o) {
 
 class Conf : public testing::Test {
   protected:
-    /* Reads, walks and frees; nothing may be left. */
+    // Reads, walks and frees; nothing may be left.
     static Outcome read_file(const char *path) {
         const test::Balance before = test::Balance::now();
         CL_Queue conf;
@@ -104,24 +104,24 @@ TEST_F(Conf, Syntax) {
         uint32_t line;
         std::string content;
     } good[] = {
-        /* lines and their ends */
+        // lines and their ends
         {" \t\r\n; one\n  ;two", 4, ""},
         {"[a]\nk=v\n", 3, "a@1{k=v@2 }"},
         {"[a]\r\nk = v", 3, "a@1{k=v@2 }"},
         {"[a]\rk=v\r", 2, "a@1{}"},
-        /* a NUL byte ends the text of its line, not the line */
+        // a NUL byte ends the text of its line, not the line
         {"[a]\nk=v\0w=x\nl=\0\n\0m=n\n"s, 5, "a@1{k=v@2 l=@3 }"},
-        /* headers */
+        // headers
         {"  [ net ]  \nport = 80 ; main\n\tname=a=b", 4, "net@1{name=a=b@3 port=80 ; main@2 }"},
         {"[a]x=y\n[b] ; c\n[c]]\n[[d]\n", 5, "[d@4{}a@1{}b@2{}c@3{}"},
         {"[a b  c]\n[\xc3\xa4\xff]\n[#;]\n", 4, "#;@3{}a b  c@1{}\xc3\xa4\xff@2{}"},
         {"[" + std::string(200, ' ') + n50 + "\t\t]\n", 2, n50 + "@1{}"},
-        /* members */
+        // members
         {"[a]\nk=\nl =  \n # = #\n", 5, "a@1{#=#@4 k=@2 l=@3 }"},
         {"[a]\nx y = p  q \nk[=]\nl==;\n", 5, "a@1{k[=]@3 l==;@4 x y=p  q@2 }"},
         {"[a]\n\xef\xbb\xbfk=v", 3, "a@1{\xef\xbb\xbfk=v@2 }"},
         {"[a]\n" + n50 + "= " + v500 + " ", 3, "a@1{" + n50 + "=" + v500 + "@2 }"},
-        /* order */
+        // order
         {"[b]\n[a]\n[B]\n[ab]\n[\x80]\n", 6, "B@3{}a@2{}ab@4{}b@1{}\x80@5{}"},
     };
     for (const auto &row : good) {
@@ -146,8 +146,8 @@ TEST_F(Conf, Syntax) {
     }
 }
 
-/* A line's length counts its end and whatever it holds. What follows in the same line never becomes
- * one of its own. */
+// A line's length counts its end and whatever it holds. What follows in the same line never becomes
+// one of its own.
 TEST_F(Conf, LongLines) {
     const struct {
         std::string start, fill, tail, content;
@@ -156,7 +156,7 @@ TEST_F(Conf, LongLines) {
                 {"l=", " ", "w", "a@1{k=v@2 l=w@3 }"},
                 {"[b]", " ", "[x]", "a@1{k=v@2 }b@3{}"},
                 {"l=w", "\0"s, "[x]", "a@1{k=v@2 l=w@3 }"}};
-    for (const std::size_t length : {999u, 1000u, 1001u, 1024u, 5000u}) {
+    for (const size_t length : {999u, 1000u, 1001u, 1024u, 5000u}) {
         for (const std::string end : {"\n", "\r\n", ""}) {
             for (const auto &row : rows) {
                 const std::string tail = row.tail + end;
@@ -172,7 +172,7 @@ TEST_F(Conf, LongLines) {
     }
 }
 
-/* A line that never ends is too long; who reads on for its end fills hours, or memory. */
+// A line that never ends is too long; who reads on for its end fills hours, or memory.
 TEST_F(Conf, EndlessLine) {
     const rlimit two_seconds = {2, 3};
     ASSERT_EQ(setrlimit(RLIMIT_CPU, &two_seconds), 0);
@@ -197,27 +197,27 @@ TEST_F(Conf, QueueMustBeEmpty) {
     EXPECT_EQ(CL_FreeConf(&conf), 1u);
 }
 
-/* Every allocation fails in turn, once and from then on. Beyond 128 elements the sorted insertion
- * needs memory of its own. */
+// Every allocation fails in turn, once and from then on. Beyond 128 elements the sorted insertion
+// needs memory of its own.
 TEST_F(Conf, OutOfMemory) {
-    constexpr uint32_t MANY = 130;
+    constexpr uint32_t kMany = 130;
     struct Allocation {
         uint32_t code, line;
     };
     std::string text;
     std::vector<Allocation> allocations;
-    for (uint32_t i = 0; i < 2 * MANY; i++) {
-        const bool section = i < MANY;
+    for (uint32_t i = 0; i < 2 * kMany; ++i) {
+        const bool section = i < kMany;
         text += (section ? "[" : "k") + std::to_string(i) + (section ? "]\n" : "=v\n");
         allocations.push_back({CL_CONF_NO_MEMORY, i + 1});
-        if (i % MANY > 128) allocations.push_back({CL_CONF_INSERT_FAILED, i + 1});
+        if (i % kMany > 128) allocations.push_back({CL_CONF_INSERT_FAILED, i + 1});
     }
     {
         const Plan plan;
         EXPECT_EQ(read(text).code, 0u);
         ASSERT_EQ(plan.count("malloc"), static_cast<int>(allocations.size()));
     }
-    for (std::size_t i = 0; i < allocations.size(); i++) {
+    for (size_t i = 0; i < allocations.size(); ++i) {
         for (const int times : {1, test::FOREVER}) {
             const Plan plan({.call = "malloc",
                              .error = ENOMEM,
@@ -228,8 +228,8 @@ TEST_F(Conf, OutOfMemory) {
     }
 }
 
-/* Elements that CL_FreeConf could not free everything of: what is left is looked up without what
- * is gone. */
+// Elements that CL_FreeConf could not free everything of: what is left is looked up without what
+// is gone.
 TEST_F(Conf, LookUpsAfterARefusedRelease) {
     CL_Queue conf;
     CL_QUE_InitQT(&conf, 0);
@@ -248,7 +248,7 @@ TEST_F(Conf, LookUpsAfterARefusedRelease) {
     EXPECT_EQ(CL_FreeConf(&conf), 1u);
 }
 
-/* Names compare as strncmp compares their fields, whatever stands behind their end. */
+// Names compare as strncmp compares their fields, whatever stands behind their end.
 TEST_F(Conf, NamesCompareAsTheirFields) {
     const auto field = [](std::string_view text) {
         CL_ConfSection section = {};
@@ -281,14 +281,14 @@ TEST_F(Conf, LookUpsFillNoMoreThanTheirRoom) {
     ASSERT_EQ(CL_ReadConf(&conf, path.c_str(), &line), 0u);
     const struct {
         const char *section, *key;
-        uint32_t line; /* 0: not found */
+        uint32_t line;  // 0: not found
         const char *value;
     } rows[] = {{"net", "port", 2, "80"}, {"Net", "port", 5, "81"}, {"net", "name", 3, ""},
                 {"NET", "port", 0, ""},   {"ne", "port", 0, ""},    {"net ", "port", 0, ""},
                 {"", "port", 0, ""},      {"net", "Port", 0, ""},   {"net", "por", 0, ""},
                 {"net", "", 0, ""},       {"Net", "name", 0, ""}};
     for (const auto &row : rows) {
-        for (const std::size_t size : {0u, 1u, 2u, 3u, 6u}) {
+        for (const size_t size : {0u, 1u, 2u, 3u, 6u}) {
             char value[7] = "??????", expected[7] = "??????";
             line = 0;
             ASSERT_EQ(CL_GetMember(&conf, row.section, row.key, value, size, &line),
@@ -298,7 +298,7 @@ TEST_F(Conf, LookUpsFillNoMoreThanTheirRoom) {
             EXPECT_EQ(std::string(value, 7), std::string(expected, 7)) << row.value << size;
         }
     }
-    /* A cursor into the other section, or of the section that is walked. */
+    // A cursor into the other section, or of the section that is walked.
     CL_ConfSection *net = nullptr, *other = nullptr;
     ASSERT_EQ(CL_GetSectionIndex(&conf, "net", &net), 0u);
     ASSERT_EQ(CL_GetSectionIndex(&conf, "Net", &other), 0u);
@@ -310,12 +310,12 @@ TEST_F(Conf, LookUpsFillNoMoreThanTheirRoom) {
     EXPECT_EQ(CL_FreeConf(&conf), 1u);
 }
 
-/* Random files, right and wrong, against a map. */
+// Random files, right and wrong, against a map.
 TEST_F(Conf, FollowsItsModel) {
     test::Random random;
-    const auto text = [&](std::size_t longest, std::string_view never) {
+    const auto text = [&](size_t longest, std::string_view never) {
         std::string result;
-        const std::size_t length = 1 + random.below(static_cast<uint32_t>(longest));
+        const size_t length = 1 + random.below(static_cast<uint32_t>(longest));
         while (result.size() < length) {
             const bool plain = longest < 3 || random.below(3) != 0;
             const auto c =
@@ -329,14 +329,14 @@ TEST_F(Conf, FollowsItsModel) {
         return std::string(some[random.below(5)]);
     };
     int failures = 0;
-    for (int round = 0; round < 400; round++) {
+    for (int round = 0; round < 400; ++round) {
         const uint32_t longest = round % 4 == 0 ? 2 : 50;
         const uint32_t lines = random.below(round % 20 == 0 ? 600 : 40);
         std::map<std::string, std::pair<uint32_t, std::map<std::string, std::string>>> model;
         auto *section = static_cast<decltype(&model.begin()->second)>(nullptr);
         std::string file;
         uint32_t code = 0, bad_line = 0, read_lines = 0;
-        for (uint32_t line = 1; line <= lines; line++) {
+        for (uint32_t line = 1; line <= lines; ++line) {
             uint32_t found = 0;
             const uint32_t what = random.below(100);
             std::string row;
@@ -366,7 +366,7 @@ TEST_F(Conf, FollowsItsModel) {
             }
             row = blanks() + row + blanks();
             const bool ends = line < lines || what % 2 == 0;
-            read_lines += ends || !row.empty(); /* nothing behind the last end is no line */
+            read_lines += ends || !row.empty();  // nothing behind the last end is no line
             file += row + (ends ? "\n" : "");
         }
         Outcome expected{code, code != 0 ? bad_line : read_lines + 1, ""};

@@ -1,5 +1,5 @@
-/* A program that is not linked with the library: loads it while it runs, uses it through its
- * names, and unloads it. Says what it found on standard output. */
+// A program that is not linked with the library: loads it while it runs, uses it through its
+// names, and unloads it. Says what it found on standard output.
 #include <dlfcn.h>
 #include <qvcl/main.h>
 #include <sys/auxv.h>

@@ -1,9 +1,9 @@
-/* The fault sweep: every call that the library makes to the C library, in every public operation,
- * fails in turn, once and for ever, with each of its errors, is interrupted, or moves few bytes.
- *
- * One driver runs each case in a process of its own. One oracle looks at what is left: the
- * operation's error record tells that error, nothing is leaked, the library works on. Cases where
- * an operation rightly succeeds or answers with another code are listed with the reason. */
+// The fault sweep: every call that the library makes to the C library, in every public operation,
+// fails in turn, once and for ever, with each of its errors, is interrupted, or moves few bytes.
+//
+// One driver runs each case in a process of its own. One oracle looks at what is left: the
+// operation's error record tells that error, nothing is leaked, the library works on. Cases where
+// an operation rightly succeeds or answers with another code are listed with the reason.
 #include <fcntl.h>
 #include <poll.h>
 #include <qvcl/starter.h>
@@ -32,23 +32,23 @@ CL_MainBlock &table() {
     return *CL_MainTable;
 }
 
-/* What an operation said. */
+// What an operation said.
 struct Outcome {
     bool failed = false;
     CL_ErrInfo err{};
-    bool reports = true; /* has an error record to fill */
+    bool reports = true;  // has an error record to fill
 };
 
-/* What a scenario has at hand; made anew in each process. */
+// What a scenario has at hand; made anew in each process.
 struct World {
     CL_ErrInfo err{};
     std::string directory, path, other_path;
-    std::vector<int> sockets; /* of the test, closed at the end */
+    std::vector<int> sockets;  // of the test, closed at the end
     CL_Object *object = nullptr, *second = nullptr;
     uint8_t buffer[256] = "";
     struct {
         CL_MsgBlock block{};
-        uint8_t payload[4] = ""; /* few enough for any socket, byte by byte */
+        uint8_t payload[4] = "";  // few enough for any socket, byte by byte
     } message;
     Action action, count_down;
     std::unique_ptr<test::Pipe> pipe;
@@ -70,7 +70,7 @@ struct World {
         };
         return CL_CreateFD_M(kind, test::call_action, test::address(&action), 0, &err, 1, "w", 1);
     }
-    /* A listening socket of the test. */
+    // A listening socket of the test.
     int listen_at(const std::string &at) {
         const int fd = socket_at(at, bind);
         EXPECT_EQ(listen(fd, 5), 0);
@@ -90,7 +90,7 @@ struct World {
         object = make(CL_KIND_MSGS);
         EXPECT_EQ(CL_OpenMSGS(object, path.c_str(), 5, &err), 1u) << err;
     }
-    /* A connection whose other end is the test's last socket. */
+    // A connection whose other end is the test's last socket.
     void connect_client() {
         const int server = listen_at(path);
         object = make(CL_KIND_MSGC);
@@ -121,7 +121,7 @@ struct World {
         EXPECT_EQ(CL_AddEventList_M(object, 20, &err, 1, "w", 1), 1u);
         table().child_signal = ended ? 1 : 0;
     }
-    /* A loop that a callback ends; a transfer that failed shows in its event. */
+    // A loop that a callback ends; a transfer that failed shows in its event.
     Outcome loop(bool threaded = false) {
         const uint32_t result = threaded ? CL_EventLoopThread(&err) : CL_EventLoop(&err);
         if (result == CL_LOOP_ERROR) {
@@ -132,7 +132,7 @@ struct World {
         }
         return {};
     }
-    /* An object that is always ready and ends the loop when it has turned so often. */
+    // An object that is always ready and ends the loop when it has turned so often.
     void end_after(int turns) {
         pipe = std::make_unique<test::Pipe>();
         pipe->fill();
@@ -154,17 +154,17 @@ struct Scenario {
     const char *name;
     std::function<void(World &)> prepare;
     std::function<Outcome(World &)> act;
-    bool waits = false; /* builds the signal set of a wait */
+    bool waits = false;  // builds the signal set of a wait
 };
 
 #define ACT(...) []([[maybe_unused]] World &w) -> Outcome { __VA_ARGS__ }
 #define PREPARE(...) []([[maybe_unused]] World &w) { __VA_ARGS__ }
-/* An operation that returns 1, or an object. */
+// An operation that returns 1, or an object.
 #define OPERATION(call) ACT(return w.outcome((call) != 0);)
-/* One without an error record. */
+// One without an error record.
 #define SILENT(...) ACT(__VA_ARGS__; return Outcome{.reports = false};)
 
-const CL_Program TRUE_PROGRAM = [] {
+const CL_Program kTrueProgram = [] {
     static char name[] = "true";
     static char *const arguments[] = {name, nullptr};
     return CL_Program{"/bin/true", arguments, nullptr, 0};
@@ -175,7 +175,7 @@ int by_address(const void *a, const void *b) {
 }
 
 // clang-format off
-const std::vector<Scenario> LIFE = {
+const std::vector<Scenario> kLife = {
     {"init with server", PREPARE(),
      ACT(w.begun = true; return w.outcome(CL_Init(5, w.path.c_str(), &w.err) != 0);)},
     {"end with server", PREPARE(w.begin(w.path.c_str());),
@@ -196,7 +196,7 @@ const std::vector<Scenario> LIFE = {
          return w.outcome(cl_envchange(changes, &w.err) == 0);)},
 };
 
-const std::vector<Scenario> LOOPS = {
+const std::vector<Scenario> kLoops = {
     {"loop", PREPARE(w.begin(); w.connect_client(); w.peer_sends(1);
                      CL_RecvMSGC(w.object, w.buffer, 256, CL_MODE_DEFERRED, 0, &w.err); w.list();),
      ACT(return w.loop();), true},
@@ -211,7 +211,7 @@ const std::vector<Scenario> LOOPS = {
                                   CL_StartTIMER(w.object, 0, CL_TIMER_ONESHOT, &w.err); raise(SIGALRM);),
      ACT(w.second = w.make(CL_KIND_THREAD); return w.loop();), true},
     {"start program", PREPARE(w.begin();),
-     ACT(w.object = CL_StartProgram(&TRUE_PROGRAM, test::call_action, test::address(&w.action), 0, &w.err);
+     ACT(w.object = CL_StartProgram(&kTrueProgram, test::call_action, test::address(&w.action), 0, &w.err);
          return w.outcome(w.object != nullptr);)},
     {"exec server", PREPARE(w.begin(w.path.c_str()); w.child(false);
                             w.object->sub_status = CL_SUB_EXEC_AWAITED;
@@ -224,7 +224,7 @@ const std::vector<Scenario> LOOPS = {
      ACT(return w.loop();), true},
 };
 
-const std::vector<Scenario> MESSAGES = {
+const std::vector<Scenario> kMessages = {
     {"open server", PREPARE(w.begin(); w.object = w.make(CL_KIND_MSGS);),
      OPERATION(CL_OpenMSGS(w.object, w.path.c_str(), 5, &w.err))},
     {"accept", PREPARE(w.begin(); w.open_server(); w.connect_to(w.path);),
@@ -249,7 +249,7 @@ const std::vector<Scenario> MESSAGES = {
          return w.loop();), true},
     {"send with a time limit", PREPARE(w.begin(); w.connect_client();),
      ACT(const int32_t sent = CL_SendMSGC(w.object, &w.message, sizeof w.message, CL_MODE_SYNC, 9, &w.err);
-         /* Before the wait the block is not yet lent. */
+         // Before the wait the block is not yet lent.
          if (w.err.module == CL_MODULE_TIMER) { EXPECT_EQ(w.message.block.link.owner, nullptr); }
          return w.outcome(sent > 0);), true},
     {"send in the loop", PREPARE(w.begin(); w.connect_client();),
@@ -264,7 +264,7 @@ const std::vector<Scenario> MESSAGES = {
          return w.outcome(result != 0);)},
 };
 
-const std::vector<Scenario> FILES = {
+const std::vector<Scenario> kFiles = {
     {"open file", PREPARE(w.begin();),
      OPERATION((w.object = CL_OpenFile(w.path.c_str(), O_RDWR | O_CREAT, 0600, &w.err)) != nullptr)},
     {"write file", PREPARE(w.begin(); w.object = CL_OpenFile(w.path.c_str(), O_RDWR | O_CREAT, 0600, &w.err);),
@@ -309,7 +309,7 @@ const std::vector<Scenario> FILES = {
 };
 // clang-format on
 
-/* What may happen to a call. */
+// What may happen to a call.
 const std::vector<int> &errors_of(std::string_view call) {
     static const std::vector<int> common = {EACCES, ENOMEM};
     static const std::map<std::string_view, std::vector<int>> others = {
@@ -323,7 +323,7 @@ const std::vector<int> &errors_of(std::string_view call) {
     return row != others.end() ? row->second : common;
 }
 
-/* Made again by the library after EINTR. */
+// Made again by the library after EINTR.
 bool goes_on(std::string_view call) {
     static const std::set<std::string_view> others = {
         "catgets", "fopen",           "getpid",    "lseek",  "malloc",  "rename",
@@ -331,21 +331,21 @@ bool goes_on(std::string_view call) {
     return !others.contains(call);
 }
 
-/* Cases in which an operation succeeds although a call fails, or tells another code. */
+// Cases in which an operation succeeds although a call fails, or tells another code.
 struct Exception {
-    std::string_view scenario; /* empty: any; WAITING: those that wait */
-    std::string_view call;     /* empty: any */
+    std::string_view scenario;  // empty: any; kWaiting: those that wait
+    std::string_view call;      // empty: any
     bool may_succeed;
-    uint32_t code; /* 0: that of the call */
+    uint32_t code;  // 0: that of the call
     const char *reason;
-    enum { ALWAYS, NOT_FOR_EVER, NEVER } run = ALWAYS;
+    enum { kAlways, kNotForEver, kNever } run = kAlways;
 };
-constexpr std::string_view WAITING = "WAITING";
-const Exception EXCEPTIONS[] = {
+constexpr std::string_view kWaiting = "waiting";
+const Exception kExceptions[] = {
     {"", "gettimeofday", true, 0, "the time is then 0"},
-    {WAITING, "sigemptyset", true, 0, "cannot fail for a set that exists"},
-    {WAITING, "sigaddset", true, 0, "cannot fail for a set and signals that exist"},
-    {"timer in the loop", "sysinfo", true, 0, "the next tick looks again", Exception::NOT_FOR_EVER},
+    {kWaiting, "sigemptyset", true, 0, "cannot fail for a set that exists"},
+    {kWaiting, "sigaddset", true, 0, "cannot fail for a set and signals that exist"},
+    {"timer in the loop", "sysinfo", true, 0, "the next tick looks again", Exception::kNotForEver},
     {"start program", "read", true, 0, "no word from the child is good news"},
     {"init with server", "signal", true, 0, "dispositions are not looked at"},
     {"end with server", "close", false, CL_ERR_QUEUE, "ends all the same"},
@@ -360,7 +360,7 @@ const Exception EXCEPTIONS[] = {
     {"delete child", "close", true, 0, "nobody can be told"},
     {"reap", "close", true, 0, "the child is reported all the same"},
     {"start program", "close", true, 0, "an open pipe would say that the child is still at it",
-     Exception::NEVER},
+     Exception::kNever},
     {"", "unsetenv", true, 0, "not looked at"},
     {"", "sigprocmask", true, 0, "the unblocking after a wait is not looked at"},
     {"", "pthread_sigmask", true, 0, "the unblocking after a wait is not looked at"},
@@ -373,22 +373,22 @@ const Exception EXCEPTIONS[] = {
 };
 
 const Exception *exception(const Scenario &scenario, std::string_view call) {
-    for (const Exception &row : EXCEPTIONS) {
+    for (const Exception &row : kExceptions) {
         const bool fits = row.scenario.empty() || row.scenario == scenario.name ||
-                          (row.scenario == WAITING && scenario.waits);
+                          (row.scenario == kWaiting && scenario.waits);
         if (fits && (row.call.empty() || row.call == call)) return &row;
     }
     return nullptr;
 }
 
-/* Gives back what is left, whatever state the operation left it in. */
+// Gives back what is left, whatever state the operation left it in.
 void clean_up(World &world, std::ostream &out) {
-    /* Ended, or begun only half, the library closes nothing any more. */
+    // Ended, or begun only half, the library closes nothing any more.
     const bool alive = table().state == CL_STATE_INITIALISED;
     while (auto *object = alive ? static_cast<CL_Object *>(table().used_queue.head) : nullptr) {
-        /* A failed release leaves an object that its kind does not know any more; nobody but this
-         * test could tell. */
-        for (std::size_t i = 0; i < CL_KIND_COUNT; i++) {
+        // A failed release leaves an object that its kind does not know any more; nobody but this
+        // test could tell.
+        for (size_t i = 0; i < CL_KIND_COUNT; ++i) {
             static const uint32_t kinds[] = {
 #define KIND_NUMBER(number, symbol, name) number,
                 CL_KINDS(KIND_NUMBER)};
@@ -414,7 +414,7 @@ void clean_up(World &world, std::ostream &out) {
         close(fd);
 }
 
-/* One turn of the loop over a pipe, a timer started and stopped. */
+// One turn of the loop over a pipe, a timer started and stopped.
 bool usable() {
     CL_ErrInfo err;
     test::Pipe pipe;
@@ -433,7 +433,7 @@ bool usable() {
            CL_DeleteFD(object, &err) == 1;
 }
 
-/* Does the oracle's work in the process of the case. Says what is wrong. */
+// Does the oracle's work in the process of the case. Says what is wrong.
 void judge(const Scenario &scenario, const Fault &fault, const Outcome &outcome,
            std::ostream &out) {
     const Exception *row = exception(scenario, fault.call);
@@ -448,7 +448,7 @@ void judge(const Scenario &scenario, const Fault &fault, const Outcome &outcome,
         row != nullptr && row->code != 0 ? row->code : static_cast<uint32_t>(fault.error);
     if (interrupted && fault.error == EINTR && goes_on(fault.call)) out << "it gives up; ";
     if (fault.at_most != SIZE_MAX) {
-        /* What does not go whole does not go. */
+        // What does not go whole does not go.
         if (scenario.name != std::string_view("request end")) out << "few bytes are too few; ";
         return;
     }
@@ -460,7 +460,7 @@ void judge(const Scenario &scenario, const Fault &fault, const Outcome &outcome,
         out << "nothing says where: " << err << "; ";
 }
 
-/* A process of its own for each case: what `body` writes, or that it hangs or dies. */
+// A process of its own for each case: what `body` writes, or that it hangs or dies.
 std::string in_process(const std::function<void(std::ostream &)> &body) {
     int ends[2];
     if (pipe(ends) != 0) return "no pipe";
@@ -490,7 +490,7 @@ std::string in_process(const std::function<void(std::ostream &)> &body) {
         char bytes[4096];
         const ssize_t count = read(ends[0], bytes, sizeof bytes);
         if (count <= 0) break;
-        text.append(bytes, static_cast<std::size_t>(count));
+        text.append(bytes, static_cast<size_t>(count));
     }
     close(ends[0]);
     int status = 0;
@@ -520,14 +520,14 @@ class Faults : public testing::Test {
         world.path = directory + "/x";
         world.other_path = segment;
         unlink(world.path.c_str());
-        if (shm_open(segment.c_str(), O_RDWR, 0) == -1) { /* a case has unlinked it */
+        if (shm_open(segment.c_str(), O_RDWR, 0) == -1) {  // a case has unlinked it
             const int fd = shm_open(segment.c_str(), O_CREAT | O_RDWR, 0600);
             EXPECT_EQ(ftruncate(fd, 4096), 0);
         }
         scenario.prepare(world);
     }
 
-    /* The calls that a scenario makes when nothing fails. */
+    // The calls that a scenario makes when nothing fails.
     std::vector<std::string> calls_of(const Scenario &scenario) const {
         const std::string text = in_process([&](std::ostream &out) {
             World world;
@@ -549,7 +549,7 @@ class Faults : public testing::Test {
         return calls;
     }
 
-    /* What the oracle finds wrong. */
+    // What the oracle finds wrong.
     std::string wrong_in(const Scenario &scenario, const Fault &fault) const {
         return in_process([&](std::ostream &out) {
             World world;
@@ -572,7 +572,7 @@ class Faults : public testing::Test {
             }
             if (!begun || !alive) {
                 return;
-            } /* tables stay, as they are to */
+            }  // tables stay, as they are to
             test::Balance after = test::Balance::now();
             compare(scenario, fault, before, after, out);
         });
@@ -580,8 +580,8 @@ class Faults : public testing::Test {
 
     void run(const Scenario &scenario, const Fault &fault) {
         const Exception *row = exception(scenario, fault.call);
-        if (row != nullptr && (row->run == Exception::NEVER ||
-                               (row->run == Exception::NOT_FOR_EVER && fault.times > 3))) {
+        if (row != nullptr && (row->run == Exception::kNever ||
+                               (row->run == Exception::kNotForEver && fault.times > 3))) {
             return;
         }
         runs++;
@@ -595,17 +595,17 @@ class Faults : public testing::Test {
     static void compare(const Scenario &scenario, const Fault &fault, test::Balance before,
                         test::Balance after, std::ostream &out) {
         if (fault.call == "close" || fault.call == "munmap") {
-            /* The call was not made, so what it would have closed is still there. */
+            // The call was not made, so what it would have closed is still there.
             before.descriptors = after.descriptors = {};
         }
         if (fault.call == "sigprocmask" || fault.call == "pthread_sigmask")
             before.blocked_signals = after.blocked_signals = 0;
         const std::string_view name = scenario.name;
-        if (name == "dump by generation") { /* its ring goes in the end */
+        if (name == "dump by generation") {  // its ring goes in the end
             before.library_blocks = after.library_blocks = 0;
             before.library_bytes = after.library_bytes = 0;
         }
-        /* Everything that the scenario made before is gone, too. */
+        // Everything that the scenario made before is gone, too.
         if (after.live != 0 || after.listed != 0) out << "left: " << after << "; ";
         before.live = before.listed = after.live = after.listed = 0;
         before.free = after.free = 0;
@@ -627,7 +627,7 @@ class Faults : public testing::Test {
                 if (call == "getpid" || call == "catgets" || call == "setlocale") continue;
                 if (call == "gettimeofday" && nth > 2) {
                     continue;
-                } /* in every record */
+                }  // in every record
                 sites++;
                 const auto &known = test::reachable_calls();
                 const std::string_view site = *std::find(known.begin(), known.end(), call);
@@ -657,19 +657,19 @@ class Faults : public testing::Test {
 };
 
 TEST_F(Faults, InLifeAndObjects) {
-    sweep(LIFE);
+    sweep(kLife);
 }
 TEST_F(Faults, InLoopsAndSources) {
-    sweep(LOOPS);
+    sweep(kLoops);
 }
 TEST_F(Faults, InMessages) {
-    sweep(MESSAGES);
+    sweep(kMessages);
 }
 TEST_F(Faults, InFilesAndDiagnostics) {
-    sweep(FILES);
+    sweep(kFiles);
 }
 
-/* An operation that misbehaves is found out. */
+// An operation that misbehaves is found out.
 TEST_F(Faults, AreNoticedByTheOracle) {
     const CL_ErrInfo right = {EMFILE, EMFILE, CL_MODULE_MSGS, 1, CL_VERSION};
     const auto nothing = [] {};
@@ -702,16 +702,16 @@ TEST_F(Faults, AreNoticedByTheOracle) {
     }
 }
 
-/* The sweep is complete: whatever the library imports can be reached by a plan or cannot fail. */
+// The sweep is complete: whatever the library imports can be reached by a plan or cannot fail.
 TEST(FaultCoverage, EveryImportIsKnown) {
     const std::set<std::string> harmless = {
-        /* text, memory and numbers */
+        // text, memory and numbers
         "memcmp", "memcpy", "memmove", "memset", "memchr", "strchr", "strcmp", "strcspn", "strlen",
         "strncmp", "strncpy", "strnlen", "strrchr", "strspn", "strtok_r", "strtol", "strftime",
         "localtime_r", "localtime", "qsort", "snprintf", "vsnprintf", "getenv", "secure_getenv",
         "free", "__memcpy_chk", "__snprintf_chk", "__vsnprintf_chk", "__fdelt_chk",
         "__stack_chk_fail", "__errno_location", "sigdelset", "sigismember", "abort",
-        /* output whose failure nobody looks at */
+        // output whose failure nobody looks at
         "fprintf", "printf", "puts", "fputs", "fputc", "__fprintf_chk", "__printf_chk", "stderr",
         "stdout", "fclose", "fileno", "bcmp", "openlog", "syslog", "__syslog_chk", "closelog"};
     FILE *symbols = popen("nm -D --undefined-only " QVCL_LIBRARY, "r");

@@ -1,6 +1,5 @@
-/* A folder of a test's own, gone at its end, and files as bytes, without the library. */
-#ifndef QVCL_TESTS_FOLDER_H
-#define QVCL_TESTS_FOLDER_H
+// A folder of a test's own, gone at its end, and files as bytes, without the library.
+#pragma once
 
 #include <gtest/gtest.h>
 
@@ -31,9 +30,8 @@ class Folder {
         std::ofstream(path(name), std::ios::binary) << bytes;
         return path(name);
     }
-    std::size_t files() const {
-        return static_cast<std::size_t>(
-            std::distance(std::filesystem::directory_iterator(name_), {}));
+    size_t files() const {
+        return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(name_), {}));
     }
 
   private:
@@ -41,5 +39,3 @@ class Folder {
 };
 
 }  // namespace test
-
-#endif

@@ -1,4 +1,4 @@
-/* The tracked allocator: who may hold how much, what the guard sees, and how the lists read. */
+// The tracked allocator: who may hold how much, what the guard sees, and how the lists read.
 #include <qvcl/memory.h>
 
 #include <ctime>
@@ -11,7 +11,7 @@ using test::log_lines;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-constexpr uint64_t SECONDS = 1794851969; /* 2026-11-16 17:59:29 UTC, a Monday */
+constexpr uint64_t kSeconds = 1794851969;  // 2026-11-16 17:59:29 UTC, a Monday
 
 const CL_BlockHeader &header(const void *data) {
     return static_cast<const CL_BlockHeader *>(data)[-1];
@@ -47,9 +47,9 @@ TEST(Memory, HoldsTheApplicationToItsLimit) {
         {1000, UINT64_MAX, 0, false},
         {1000, 401, 1, true},
         {0, 2000, 0, true},
-        {1000, UINT64_MAX - 599, 0, false}, /* in use + size is 0 in 64 bits */
-        {1000, UINT64_MAX - 199, 0, false}, /* in use + size is 400 in 64 bits */
-        {0, UINT64_MAX, 0, false},          /* nor does header + size come to little */
+        {1000, UINT64_MAX - 599, 0, false},  // in use + size is 0 in 64 bits
+        {1000, UINT64_MAX - 199, 0, false},  // in use + size is 400 in 64 bits
+        {0, UINT64_MAX, 0, false},           // nor does header + size come to little
         {0, UINT64_MAX - 100, 1, false},
         {1000, 0, 0, false},
         {1000, 0, 1, false},
@@ -67,7 +67,7 @@ TEST(Memory, HoldsTheApplicationToItsLimit) {
     CL_free(block);
 }
 
-/* Blocks of both owners at random, against a list of what should be there. */
+// Blocks of both owners at random, against a list of what should be there.
 TEST(Memory, FollowsItsModel) {
     test::Random random;
     struct Block {
@@ -81,7 +81,7 @@ TEST(Memory, FollowsItsModel) {
     const Counters start[2] = {user(), library()};
     uint64_t bytes[2] = {start[0].bytes, start[1].bytes};
     uint64_t peak[2] = {start[0].peak, start[1].peak};
-    for (int step = 0; step < 5000; step++) {
+    for (int step = 0; step < 5000; ++step) {
         const uint32_t owner = random.below(2);
         auto &blocks = held[owner];
         const auto flag = static_cast<int32_t>(owner);
@@ -100,21 +100,21 @@ TEST(Memory, FollowsItsModel) {
             bytes[owner] += size;
             peak[owner] = std::max(peak[owner], bytes[owner]);
         } else {
-            const std::size_t i = random.below(static_cast<uint32_t>(blocks.size()));
+            const size_t i = random.below(static_cast<uint32_t>(blocks.size()));
             const Block block = blocks[i];
-            for (uint64_t b = 0; b < block.size; b++) {
+            for (uint64_t b = 0; b < block.size; ++b) {
                 ASSERT_EQ(block.data[b], block.fill);
             }
             ASSERT_EQ(CL_free_M(block.data, 1 - flag, "model", 2), 0u);
             ASSERT_EQ(CL_free_M(block.data, flag, "model", 2), 1u);
-            blocks.erase(blocks.begin() + static_cast<std::ptrdiff_t>(i));
+            blocks.erase(blocks.begin() + static_cast<ptrdiff_t>(i));
             bytes[owner] -= block.size;
         }
         ASSERT_EQ(user(), (Counters{bytes[0], peak[0], static_cast<uint32_t>(held[0].size())}));
         ASSERT_EQ(library(), (Counters{bytes[1], peak[1],
                                        start[1].blocks + static_cast<uint32_t>(held[1].size())}));
     }
-    /* Oldest first. */
+    // Oldest first.
     const void *element = CL_MainTable->user_blocks.head;
     for (const Block &block : held[0]) {
         ASSERT_EQ(element, &header(block.data));
@@ -133,7 +133,7 @@ TEST(Memory, ListsReadTheSameInLogAndOutput) {
     test::capture_log();
     cl_memdisp();
     EXPECT_THAT(log_lines(), ElementsAre()) << "no user block, no line";
-    test::set_time(SECONDS, 123);
+    test::set_time(kSeconds, 123);
     void *block = CL_malloc_M(8432, 0, "a_file_name_of_more_than_16", 42);
     const std::string title = "CLLIB:usr memory list";
     const std::string line = "CLLIB:a_file_name_of_m(42) 2026/11/16(Mon) 17:59:29.000123 8432 byte";
@@ -146,11 +146,11 @@ TEST(Memory, ListsReadTheSameInLogAndOutput) {
     CL_free(block);
 }
 
-/* Blocks that are there at the start are told once and in order, whatever the callback does. */
+// Blocks that are there at the start are told once and in order, whatever the callback does.
 TEST(Memory, ListsChangeWhileTheyAreTold) {
     static void *held[7];
     static std::string told;
-    for (uint64_t i = 1; i < std::size(held); i++) {
+    for (uint64_t i = 1; i < std::size(held); ++i) {
         held[i] = CL_malloc(i);
     }
     CL_SetLogCallbackFunction([](int, const char *line) {
@@ -158,7 +158,7 @@ TEST(Memory, ListsChangeWhileTheyAreTold) {
         CL_malloc(9);
         const char *unit = strstr(line, " byte");
         told += unit != nullptr ? unit[-1] : ':';
-        if (told.ends_with('2')) { /* itself, its successor, the last one */
+        if (told.ends_with('2')) {  // itself, its successor, the last one
             EXPECT_EQ(CL_free(held[2]) + CL_free(held[3]) + CL_free(held[6]), 3u);
         }
         return 0;
@@ -181,7 +181,7 @@ TEST(Memory, GuardSeesOverruns) {
             fflush(stdout);
             return testing::internal::GetCapturedStdout();
         };
-        test::set_time(SECONDS, 99);
+        test::set_time(kSeconds, 99);
         const std::string name(300, 'n');
         auto *sound = static_cast<char *>(CL_malloc(10));
         auto *block = static_cast<char *>(CL_malloc_M(33, 0, "name_of_16_chars", 12));
@@ -199,7 +199,7 @@ TEST(Memory, GuardSeesOverruns) {
         const std::string user_line = line(block, "name_of_16_chars(12)", 33);
         const std::string library_line = line(other, std::string(16, 'n') + "(-1)", 7);
         const test::Balance before = test::Balance::now();
-        /* The first and the last byte of the guard. */
+        // The first and the last byte of the guard.
         block[33] = 0;
         other[7 + 15] = 0;
         EXPECT_EQ(swept(), library_line + user_line) << "the library's list comes first";

@@ -1,8 +1,8 @@
-/* Notes which documented errors the tests produce. Every public function with documented errors is
- * defined here again: calls from the test, and the library's own, come first to these definitions,
- * which pass on to the library's and look at the error that it reports. Each error goes, once a
- * process, as the line "FUNCTION CODE" to the end of the file that QVCL_PRODUCED names; without it
- * nothing is noted. */
+// Notes which documented errors the tests produce. Every public function with documented errors is
+// defined here again: calls from the test, and the library's own, come first to these definitions,
+// which pass on to the library's and look at the error that it reports. Each error goes, once a
+// process, as the line "FUNCTION CODE" to the end of the file that QVCL_PRODUCED names; without it
+// nothing is noted.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <qvcl/conf.h>
@@ -22,18 +22,18 @@ namespace {
 
 struct Documented {
     const char *code;
-    uint32_t value; /* 0: any errno value without an entry before this one */
+    uint32_t value;  // 0: any errno value without an entry before this one
     bool noted;
 };
 
-constexpr uint32_t LAST_ERRNO = 133;
+constexpr uint32_t kLastErrno = 133;
 
-/* Null before the program's own initialisation: what the library reports while it is loaded is not
- * noted. */
+// Null before the program's own initialisation: what the library reports while it is loaded is not
+// noted.
 const char *const notes_file = getenv("QVCL_PRODUCED");
 
-/* By system calls, because the tests stand in for the functions. One write is one line, whoever
- * else writes. */
+// By system calls, because the tests stand in for the functions. One write is one line, whoever
+// else writes.
 void write_line(const char *function, const char *code) {
     char line[100];
     const int length = snprintf(line, sizeof line, "%s %s\n", function, code);
@@ -44,11 +44,11 @@ void write_line(const char *function, const char *code) {
     syscall(SYS_close, fd);
 }
 
-template <std::size_t count>
+template <size_t count>
 void note(const char *function, uint32_t value, Documented (&errors)[count]) {
     if (notes_file == nullptr || value == 0) return;
     for (Documented &error : errors) {
-        if (error.value != value && (error.value != 0 || value > LAST_ERRNO)) continue;
+        if (error.value != value && (error.value != 0 || value > kLastErrno)) continue;
         const int saved = errno;
         if (!error.noted) write_line(function, error.code);
         errno = saved;
@@ -65,9 +65,9 @@ bool is_failure(Result result) {
         return result == 0 || result == static_cast<Result>(-1);
 }
 
-/* The code of a function that reports in an error record: what it has changed there. The same error
- * again is no change; an operation that fails has put it there all the same, but a worker whose 0
- * means nothing may have left what was there. */
+// The code of a function that reports in an error record: what it has changed there. The same error
+// again is no change; an operation that fails has put it there all the same, but a worker whose 0
+// means nothing may have left what was there.
 class Code {
   public:
     explicit Code(const char *function, const CL_ErrInfo *err)
@@ -87,7 +87,7 @@ class Code {
     CL_ErrInfo before_;
 };
 
-/* The code of a function that returns it. */
+// The code of a function that returns it.
 constexpr struct {
     template <class Result>
     uint32_t after(Result result) const {

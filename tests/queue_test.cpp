@@ -1,4 +1,4 @@
-/* The queue against a reference model, and every result that it can return. */
+// The queue against a reference model, and every result that it can return.
 #include <qvcl/queue.h>
 
 #include <algorithm>
@@ -15,8 +15,8 @@ struct Element {
     char text[8] = "";
     CL_QueueLink second_link{};
 };
-constexpr uint32_t LINK = offsetof(Element, link);
-constexpr uint32_t SECOND_LINK = offsetof(Element, second_link);
+constexpr uint32_t kLink = offsetof(Element, link);
+constexpr uint32_t kSecondLink = offsetof(Element, second_link);
 
 int by_key(const void *a, const void *b) {
     const int64_t first = (*static_cast<Element *const *>(a))->key;
@@ -30,30 +30,30 @@ bool is_zero(const CL_QueueLink &link) {
 
 using Model = std::vector<Element *>;
 
-/* The chain, read in both directions, is the model. */
-void expect_equal(const CL_Queue &queue, const Model &model, uint32_t offset = LINK) {
+// The chain, read in both directions, is the model.
+void expect_equal(const CL_Queue &queue, const Model &model, uint32_t offset = kLink) {
     const auto link = [offset](const void *element) {
         return reinterpret_cast<const CL_QueueLink *>(static_cast<const char *>(element) + offset);
     };
     ASSERT_EQ(CL_QUE_GetNum(&queue), model.size());
     EXPECT_EQ(queue.link_offset, offset);
-    const std::size_t n = model.size();
+    const size_t n = model.size();
     EXPECT_EQ(queue.head, n == 0 ? nullptr : model.front());
     EXPECT_EQ(queue.tail, n == 0 ? nullptr : model.back());
-    for (std::size_t i = 0; i < n; i++) {
+    for (size_t i = 0; i < n; ++i) {
         ASSERT_EQ(link(model[i])->next, i + 1 < n ? model[i + 1] : nullptr) << "at " << i;
         ASSERT_EQ(link(model[i])->previous, i > 0 ? model[i - 1] : nullptr) << "at " << i;
         ASSERT_EQ(link(model[i])->owner, &queue) << "at " << i;
     }
 }
 
-/* What the binary search must return: midpoints round down over the whole queue. */
+// What the binary search must return: midpoints round down over the whole queue.
 Element *search(const Model &model, int64_t key, int mode) {
     std::vector<int64_t> keys;
     for (const Element *element : model) {
         keys.push_back(element->key);
     }
-    const std::size_t place = test::sorted_place(keys, key);
+    const size_t place = test::sorted_place(keys, key);
     if (place > 0 && keys[place - 1] == key) {
         return model[place - 1];
     }
@@ -69,13 +69,13 @@ Element *search(const Model &model, int64_t key, int mode) {
 class Queue : public testing::Test {
   protected:
     void SetUp() override {
-        CL_QUE_InitQT(&queue, LINK);
-        CL_QUE_InitQT(&other, LINK);
+        CL_QUE_InitQT(&queue, kLink);
+        CL_QUE_InitQT(&other, kLink);
         for (Element &element : elements) {
             element.key = &element - elements.data();
         }
     }
-    /* Puts elements with these keys, and only them, into the queue. */
+    // Puts elements with these keys, and only them, into the queue.
     Model fill(std::initializer_list<int> keys) {
         EXPECT_EQ(CL_QUE_Clear(&queue), 0u);
         Model model;
@@ -99,7 +99,7 @@ TEST_F(Queue, RefusesAndChangesNothing) {
     Element fresh{20, {}, "", {}};
     CL_QUE_PutTail(&other, &foreign);
     CL_Queue second{};
-    CL_QUE_InitQT(&second, SECOND_LINK);
+    CL_QUE_InitQT(&second, kSecondLink);
 
     EXPECT_EQ(CL_QUE_PutTail(&queue, model[0]), 0u);
     EXPECT_EQ(CL_QUE_PutTail(&queue, &foreign), 0u);
@@ -144,26 +144,26 @@ TEST_F(Queue, RefusesAndChangesNothing) {
 
 TEST_F(Queue, FindsWhatIsSearchedFor) {
     const Model model = fill({10, 20, 20, 30});
-    for (std::size_t i = 0; i < 4; i++) {
+    for (size_t i = 0; i < 4; ++i) {
         strcpy(model[i]->text, i == 1 ? "one" : "on");
     }
     const int64_t twenty = 20;
-    constexpr std::size_t KEY = offsetof(Element, key);
-    constexpr std::size_t TEXT = offsetof(Element, text);
+    constexpr size_t kKey = offsetof(Element, key);
+    constexpr size_t kText = offsetof(Element, text);
 
-    EXPECT_EQ(CL_QUE_Search(&queue, nullptr, &twenty, sizeof twenty, KEY), model[1]);
-    EXPECT_EQ(CL_QUE_Search(&queue, model[1], &twenty, sizeof twenty, KEY), model[2]);
-    EXPECT_EQ(CL_QUE_Search(&queue, model[2], &twenty, sizeof twenty, KEY), nullptr);
-    EXPECT_EQ(CL_QUE_Search(&queue, model[3], &twenty, sizeof twenty, KEY), nullptr);
-    EXPECT_EQ(CL_QUE_Search(&queue, nullptr, "on", 2, TEXT), model[0]) << "a prefix is enough";
-    EXPECT_EQ(CL_QUE_SearchStr(&queue, nullptr, "one", TEXT), model[1]);
-    EXPECT_EQ(CL_QUE_SearchStr(&queue, model[0], "on", TEXT), model[2]);
-    EXPECT_EQ(CL_QUE_SearchStr(&queue, nullptr, "o", TEXT), nullptr);
+    EXPECT_EQ(CL_QUE_Search(&queue, nullptr, &twenty, sizeof twenty, kKey), model[1]);
+    EXPECT_EQ(CL_QUE_Search(&queue, model[1], &twenty, sizeof twenty, kKey), model[2]);
+    EXPECT_EQ(CL_QUE_Search(&queue, model[2], &twenty, sizeof twenty, kKey), nullptr);
+    EXPECT_EQ(CL_QUE_Search(&queue, model[3], &twenty, sizeof twenty, kKey), nullptr);
+    EXPECT_EQ(CL_QUE_Search(&queue, nullptr, "on", 2, kText), model[0]) << "a prefix is enough";
+    EXPECT_EQ(CL_QUE_SearchStr(&queue, nullptr, "one", kText), model[1]);
+    EXPECT_EQ(CL_QUE_SearchStr(&queue, model[0], "on", kText), model[2]);
+    EXPECT_EQ(CL_QUE_SearchStr(&queue, nullptr, "o", kText), nullptr);
 }
 
 TEST_F(Queue, BorrowsMemoryOnlyForLongQueues) {
     Model model;
-    for (std::size_t i = 0; i < 129; i++) {
+    for (size_t i = 0; i < 129; ++i) {
         Plan plan;
         model.push_back(&elements[i]);
         EXPECT_EQ(CL_QUE_Insert(&queue, model[i], CL_QUE_SORTED_UNIQUE, nullptr, nullptr, by_key),
@@ -192,27 +192,27 @@ TEST_F(Queue, BorrowsMemoryOnlyForLongQueues) {
     EXPECT_EQ(plan.count("malloc"), 3);
 }
 
-/* Two queues of one kind and a pool of elements, some of equal keys, against vectors. */
+// Two queues of one kind and a pool of elements, some of equal keys, against vectors.
 TEST_F(Queue, FollowsItsModel) {
     test::Random random;
     CL_Queue *const queues[] = {&queue, &other};
     Model models[2];
     const auto held = [&](const Element *element) -> int {
-        for (int q = 0; q < 2; q++) {
+        for (int q = 0; q < 2; ++q) {
             if (std::count(models[q].begin(), models[q].end(), element) > 0) {
                 return q;
             }
         }
         return -1;
     };
-    for (int step = 0; step < 20000; step++) {
+    for (int step = 0; step < 20000; ++step) {
         const auto q = random.below(2);
         CL_Queue *target = queues[q];
         Model &model = models[q];
         Element *element = &elements[random.below(random.below(2) == 0 ? 20 : 200)];
         const int holder = held(element);
-        const auto place = [&](std::ptrdiff_t at) { model.insert(model.begin() + at, element); };
-        /* An element that is held by this queue, to walk from or to insert beside. */
+        const auto place = [&](ptrdiff_t at) { model.insert(model.begin() + at, element); };
+        // An element that is held by this queue, to walk from or to insert beside.
         Element *reference =
             model.empty() ? nullptr : model[random.below(static_cast<uint32_t>(model.size()))];
         const auto at = std::find(model.begin(), model.end(), reference) - model.begin();
@@ -271,9 +271,8 @@ TEST_F(Queue, FollowsItsModel) {
                 }
                 ASSERT_EQ(CL_QUE_Enum(target, reference, forward ? CL_QUE_FORWARD : CL_QUE_BACKWARD,
                                       &status),
-                          next >= 0 && next < std::ssize(model)
-                              ? model[static_cast<std::size_t>(next)]
-                              : nullptr);
+                          next >= 0 && next < std::ssize(model) ? model[static_cast<size_t>(next)]
+                                                                : nullptr);
                 ASSERT_EQ(status, uint32_t{CL_QUE_WALKING});
                 break;
             }
@@ -284,7 +283,7 @@ TEST_F(Queue, FollowsItsModel) {
                 break;
             case 8: {
                 ASSERT_EQ(CL_QUE_Sort(target, nullptr, by_key), 1u);
-                /* The order of equal elements is the queue's choice: take it over. */
+                // The order of equal elements is the queue's choice: take it over.
                 Model now;
                 for (const void *e = target->head; e != nullptr;
                      e = static_cast<const Element *>(e)->link.next) {

@@ -1,5 +1,5 @@
-/* The program that starter_test starts. Its arguments are steps, done one after the other; the exit
- * status of the step that ends it tells the test what it saw. */
+// The program that starter_test starts. Its arguments are steps, done one after the other; the exit
+// status of the step that ends it tells the test what it saw.
 #include <fcntl.h>
 #include <qvcl/loop.h>
 #include <qvcl/qvcl.h>
@@ -16,15 +16,15 @@
 
 namespace {
 
-enum { ENDED_BY_REQUEST = 30, STARTER_LOST = 31, UNEXPECTED = 99 };
+enum { kEndedByRequest = 30, kStarterLost = 31, kUnexpected = 99 };
 
 [[noreturn]] void unexpected(const char *what, const CL_ErrInfo &err) {
     fprintf(stderr, "started: %s: error %u module %u\n", what, err.err, err.module);
-    _exit(UNEXPECTED);
+    _exit(kUnexpected);
 }
 
 uint32_t on_end(CL_Object *, CL_Event *event, uint64_t, uint64_t) {
-    return event->error.err == 0 ? ENDED_BY_REQUEST : STARTER_LOST;
+    return event->error.err == 0 ? kEndedByRequest : kStarterLost;
 }
 
 void report() {
@@ -33,7 +33,7 @@ void report() {
     if (!CL_StartupComplete(on_end, 0, 0, 0, &err)) unexpected("CL_StartupComplete", err);
 }
 
-/* Runs the loop until the end callback ends it, and ends with its value. */
+// Runs the loop until the end callback ends it, and ends with its value.
 [[noreturn]] void run() {
     CL_ErrInfo err;
     const uint32_t result = CL_EventLoop(&err);
@@ -42,8 +42,8 @@ void report() {
     _exit(static_cast<int>(result));
 }
 
-/* 0 when no signal is blocked, none but `ignored` is ignored, and no descriptor but `allowed` is
- * open. */
+// 0 when no signal is blocked, none but `ignored` is ignored, and no descriptor but `allowed` is
+// open.
 int inherited(const std::set<int> &ignored, const std::set<int> &allowed) {
     sigset_t mask;
     sigprocmask(SIG_BLOCK, nullptr, &mask);

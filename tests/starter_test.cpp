@@ -1,5 +1,5 @@
-/* The companion with real programs: the events that reach the starter are compared with what
- * `started` did. Nothing may be left afterwards: no process, no object, no descriptor. */
+// The companion with real programs: the events that reach the starter are compared with what
+// `started` did. Nothing may be left afterwards: no process, no object, no descriptor.
 #include <fcntl.h>
 #include <qvcl/loop.h>
 #include <qvcl/starter.h>
@@ -23,7 +23,7 @@ namespace {
 
 using Steps = std::vector<std::string>;
 
-/* What a callback was told, in one word: "up", "exited 3", "killed 9". */
+// What a callback was told, in one word: "up", "exited 3", "killed 9".
 std::string in_words(const CL_Event &event) {
     if (event.type == CL_EVENT_EXEC_COMPLETE) return "up";
     if (event.type != CL_EVENT_CHILD_END) return "event " + std::to_string(event.type);
@@ -48,7 +48,7 @@ class Starter : public testing::Test {
         rmdir(directory);
     }
 
-    /* A program that is started; it deletes its object when it is told the end. */
+    // A program that is started; it deletes its object when it is told the end.
     struct Child {
         CL_Object *object = nullptr;
         std::vector<std::string> told;
@@ -105,8 +105,8 @@ TEST_F(Starter, WhateverAProgramDoesTheStarterIsToldAndNothingIsLeft) {
     for (const auto &test : cases) {
         SCOPED_TRACE(testing::PrintToString(test.steps));
         const std::vector<std::string> told = run_to_end(test.steps);
-        /* A program that ends right after its report may have ended before the loop looks; the
-         * children are looked at first, and who has ended is not up. */
+        // A program that ends right after its report may have ended before the loop looks; the
+        // children are looked at first, and who has ended is not up.
         if (told.size() == 1 && test.told.size() == 2)
             EXPECT_EQ(told[0], test.told[1]);
         else
@@ -125,7 +125,7 @@ TEST_F(Starter, AProgramThatIsUpEndsWhenItIsAsked) {
     EXPECT_THAT(second.told, ElementsAreArray({"up", "exited 30"}));
     EXPECT_FALSE(first.ended);
     EXPECT_EQ(CL_RequestEnd(first.object, &err), 1u) << err;
-    /* Asking twice does no harm; the program may be gone already. */
+    // Asking twice does no harm; the program may be gone already.
     EXPECT_TRUE(CL_RequestEnd(first.object, &err) || err.err == EPIPE || err.err == ECONNRESET)
         << err;
     run_until([&] { return first.ended; });
@@ -160,7 +160,7 @@ TEST_F(Starter, AProgramThatCannotBeRunIsTheCallersErrorAndLeavesNothing) {
     unlink(text.c_str());
     unlink(plain.c_str());
 
-    /* No descriptor for the pipe that would tell. */
+    // No descriptor for the pipe that would tell.
     rlimit limit;
     getrlimit(RLIMIT_NOFILE, &limit);
     const rlimit none = {0, limit.rlim_max};
@@ -193,13 +193,13 @@ TEST_F(Starter, TheProgramGetsTheChangedEnvironment) {
 }
 
 TEST_F(Starter, TheProgramInheritsNoSignalSettingAndNoDescriptorOfTheLibrary) {
-    /* What may pass: descriptors that were open before, and what the application ignores itself. */
+    // What may pass: descriptors that were open before, and what the application ignores itself.
     std::string allowed;
     for (int fd : test::descriptors())
         if ((fcntl(fd, F_GETFD) & FD_CLOEXEC) == 0) allowed += std::to_string(fd) + ",";
     signal(SIGTTOU, SIG_IGN);
     signal(SIGTERM, [](int) {});
-    signal(SIGALRM, SIG_IGN); /* as after the last timer */
+    signal(SIGALRM, SIG_IGN);  // as after the last timer
     sigset_t all, saved;
     sigfillset(&all);
     sigprocmask(SIG_SETMASK, &all, &saved);
@@ -211,7 +211,7 @@ TEST_F(Starter, TheProgramInheritsNoSignalSettingAndNoDescriptorOfTheLibrary) {
     ASSERT_EQ(CL_CnctMSGC(client, own.c_str(), CL_MODE_SYNC, &err), 1u) << err;
     CL_Object *accepted = CL_AcceptMSGS(server, nullptr, 0, 0, &err);
     ASSERT_NE(accepted, nullptr) << err;
-    Child other; /* its connection stays open meanwhile */
+    Child other;  // its connection stays open meanwhile
     ASSERT_NE(start(other, {"report", "run"}), nullptr) << err;
     run_until([&] { return other.told.size() == 1; });
 
@@ -223,18 +223,18 @@ TEST_F(Starter, TheProgramInheritsNoSignalSettingAndNoDescriptorOfTheLibrary) {
 }
 
 TEST_F(Starter, TwoHundredProgramsReportOrEndWhileNobodyLooks) {
-    /* 60 end, and 140 report, which is more than the socket holds until the starter accepts. */
+    // 60 end, and 140 report, which is more than the socket holds until the starter accepts.
     std::vector<Child> children(200);
-    const auto reports = [](std::size_t i) { return i % 10 >= 3; };
+    const auto reports = [](size_t i) { return i % 10 >= 3; };
     sigset_t blocked, saved;
     sigemptyset(&blocked);
     sigaddset(&blocked, SIGCHLD);
     sigprocmask(SIG_BLOCK, &blocked, &saved);
-    for (std::size_t i = 0; i < children.size(); ++i)
+    for (size_t i = 0; i < children.size(); ++i)
         ASSERT_NE(start(children[i], reports(i) ? Steps{"report", "run"} : Steps{"exit", "0"}),
                   nullptr)
             << err;
-    for (std::size_t i = 0; i < children.size(); ++i) {
+    for (size_t i = 0; i < children.size(); ++i) {
         siginfo_t info;
         if (!reports(i)) waitid(P_PID, children[i].object->child.pid, &info, WEXITED | WNOWAIT);
     }
@@ -251,7 +251,7 @@ TEST_F(Starter, TwoHundredProgramsReportOrEndWhileNobodyLooks) {
         return std::all_of(children.begin(), children.end(),
                            [](const Child &child) { return child.ended; });
     });
-    for (std::size_t i = 0; i < children.size(); ++i)
+    for (size_t i = 0; i < children.size(); ++i)
         EXPECT_EQ(children[i].told, reports(i) ? (Steps{"up", "exited 30"}) : Steps{"exited 0"});
 }
 

@@ -1,5 +1,5 @@
-/* The tests' shared support. The first half stands in for the C library: each function looks up
- * the plan in force and then passes on to the real one. */
+// The tests' shared support. The first half stands in for the C library: each function looks up
+// the plan in force and then passes on to the real one.
 #include "tests/support.h"
 
 #include <dirent.h>
@@ -30,12 +30,12 @@ namespace {
 
 struct Running {
     std::vector<Fault> faults;
-    std::vector<int> seen; /* calls counted for each fault */
+    std::vector<int> seen;  // calls counted for each fault
     std::vector<std::string_view> calls;
     int hits = 0;
 };
 
-/* Null-initialised, so that calls which the library makes while it is loaded pass through. */
+// Null-initialised, so that calls which the library makes while it is loaded pass through.
 Running *running;
 uintptr_t code_begin;
 uintptr_t code_end;
@@ -44,9 +44,9 @@ std::optional<timeval> time_of_day;
 std::function<const char *(int)> *catalogue;
 std::string log_identity;
 
-int find_code(dl_phdr_info *object, size_t /*size*/, void * /*data*/) {
+int find_code(dl_phdr_info *object, size_t, void *) {
     if (std::string_view(object->dlpi_name).find("libqvcl.so") == std::string_view::npos) return 0;
-    for (int i = 0; i < object->dlpi_phnum; i++) {
+    for (int i = 0; i < object->dlpi_phnum; ++i) {
         const auto &segment = object->dlpi_phdr[i];
         if (segment.p_type == PT_LOAD && (segment.p_flags & PF_X) != 0) {
             code_begin = object->dlpi_addr + segment.p_vaddr;
@@ -65,17 +65,17 @@ bool from_library(const void *caller) {
 struct Verdict {
     bool fail = false;
     bool swallow = false;
-    std::size_t at_most = SIZE_MAX;
+    size_t at_most = SIZE_MAX;
 };
 
-/* What is to happen to the call that is being made. */
+// What is to happen to the call that is being made.
 Verdict judge(std::string_view call, const void *caller) {
     Verdict verdict;
     Running *plan = running;
     if (plan == nullptr) return verdict;
     const bool own = from_library(caller);
     if (own) plan->calls.push_back(call);
-    for (std::size_t i = 0; i < plan->faults.size(); i++) {
+    for (size_t i = 0; i < plan->faults.size(); ++i) {
         const Fault &fault = plan->faults[i];
         if (fault.call != call || (!own && !fault.from_anyone)) continue;
         const int number = ++plan->seen[i];
@@ -154,7 +154,7 @@ std::vector<std::string> &system_log() {
 
 }  // namespace test
 
-/* name, parameters, arguments, result of a failure */
+// name, parameters, arguments, result of a failure
 #define PLAIN_CALLS(CALL)                                                                          \
     CALL(int, accept, (int fd, sockaddr *address, socklen_t *length), (fd, address, length), -1)   \
     CALL(int, bind, (int fd, const sockaddr *address, socklen_t length), (fd, address, length),    \
@@ -202,7 +202,7 @@ std::vector<std::string> &system_log() {
     CALL(int, unsetenv, (const char *variable), (variable), -1)                                    \
     CALL(pid_t, waitpid, (pid_t pid, int *status, int options), (pid, status, options), -1)
 
-/* The same, with the count among the arguments called `length`. */
+// The same, with the count among the arguments called `length`.
 #define TRANSFER_CALLS(CALL)                                                                       \
     CALL(ssize_t, read, (int fd, void *data, size_t length), (fd, data, length), -1)               \
     CALL(ssize_t, recv, (int fd, void *data, size_t length, int flags), (fd, data, length, flags), \
@@ -211,7 +211,7 @@ std::vector<std::string> &system_log() {
          (fd, data, length, flags), -1)                                                            \
     CALL(ssize_t, write, (int fd, const void *data, size_t length), (fd, data, length), -1)
 
-/* Those written out below. */
+// Those written out below.
 #define OTHER_CALLS                                                                           \
     "catclose", "catgets", "catopen", "fcntl", "gettimeofday", "malloc", "nanosleep", "open", \
         "sysinfo"
@@ -351,9 +351,9 @@ void syslog(int priority, const char *format, ...) {
     va_end(arguments);
 }
 
-/* What a fortified library calls. */
-__attribute__((format(printf, 3, 4))) void __syslog_chk(int priority, int /*flag*/,
-                                                        const char *format, ...) {
+// What a fortified library calls.
+__attribute__((format(printf, 3, 4))) void __syslog_chk(int priority, int, const char *format,
+                                                        ...) {
     va_list arguments;
     va_start(arguments, format);
     keep_line(priority, format, arguments);
@@ -364,8 +364,8 @@ void closelog() {
     test::log_identity.clear();
 }
 
-/* Looked up without a guarded static: the look-up itself may allocate. The thread sanitizer wants
- * its own allocator to be called first of all. */
+// Looked up without a guarded static: the look-up itself may allocate. The thread sanitizer wants
+// its own allocator to be called first of all.
 #ifndef QVCL_TSAN
 void *malloc(size_t size) noexcept {
     static void *(*original)(size_t);
@@ -397,16 +397,16 @@ namespace {
 
 const char *entry(const CL_TraceRing *ring, uint32_t index) {
     return reinterpret_cast<const char *>(ring + 1) +
-           std::size_t{index} * (sizeof(CL_TraceEntry) + ring->entry_size);
+           size_t{index} * (sizeof(CL_TraceEntry) + ring->entry_size);
 }
-/* Entries of odd sizes are not aligned. */
+// Entries of odd sizes are not aligned.
 CL_TraceEntry entry_header(const CL_TraceRing *ring, uint32_t index) {
     CL_TraceEntry header;
     memcpy(&header, entry(ring, index), sizeof header);
     return header;
 }
 
-/* The records in `entries` entries from index `at` on. */
+// The records in `entries` entries from index `at` on.
 std::vector<Record> read_records(const CL_TraceRing *ring, uint32_t at, uint32_t entries) {
     std::vector<Record> result;
     while (entries > 0) {
@@ -477,12 +477,12 @@ void capture_log() {
 }
 
 std::vector<std::string> log_lines() {
-    constexpr std::size_t STAMP = sizeof "2026/11/16 18:05:45:123.456 " - 1;
+    constexpr size_t kStamp = sizeof "2026/11/16 18:05:45:123.456 " - 1;
     std::vector<std::string> lines;
     for (const std::string &line : raw_log()) {
-        EXPECT_GE(line.size(), STAMP);
+        EXPECT_GE(line.size(), kStamp);
         EXPECT_EQ(line.back(), '\n');
-        lines.push_back(line.substr(STAMP, line.size() - STAMP - 1));
+        lines.push_back(line.substr(kStamp, line.size() - kStamp - 1));
     }
     return lines;
 }
@@ -516,7 +516,7 @@ Balance Balance::now() {
     balance.user_bytes = table.user_bytes;
     sigset_t mask;
     pthread_sigmask(SIG_BLOCK, nullptr, &mask);
-    for (int signal = 1; signal < NSIG; signal++) {
+    for (int signal = 1; signal < NSIG; ++signal) {
         if (sigismember(&mask, signal) == 1) balance.blocked_signals |= 1ULL << (signal - 1);
     }
     balance.descriptors = test::descriptors();
@@ -534,7 +534,7 @@ std::ostream &operator<<(std::ostream &out, const Balance &balance) {
 
 // ---- The library
 
-uint32_t call_action(CL_Object *object, CL_Event *event, uint64_t action, uint64_t /*arg2*/) {
+uint32_t call_action(CL_Object *object, CL_Event *event, uint64_t action, uint64_t) {
     return (*reinterpret_cast<Action *>(action))(object, event);
 }
 
@@ -574,20 +574,19 @@ pid_t ended_process(int status) {
     return pid;
 }
 
-std::size_t sorted_place(const std::vector<int64_t> &keys, int64_t key) {
-    std::ptrdiff_t low = 0;
-    std::ptrdiff_t high = std::ssize(keys) - 1;
+size_t sorted_place(const std::vector<int64_t> &keys, int64_t key) {
+    ptrdiff_t low = 0;
+    ptrdiff_t high = std::ssize(keys) - 1;
     while (low <= high) {
-        const std::ptrdiff_t middle = low + (high - low) / 2;
-        if (keys[static_cast<std::size_t>(middle)] == key)
-            return static_cast<std::size_t>(middle) + 1;
-        if (keys[static_cast<std::size_t>(middle)] < key) {
+        const ptrdiff_t middle = low + (high - low) / 2;
+        if (keys[static_cast<size_t>(middle)] == key) return static_cast<size_t>(middle) + 1;
+        if (keys[static_cast<size_t>(middle)] < key) {
             low = middle + 1;
         } else {
             high = middle - 1;
         }
     }
-    return static_cast<std::size_t>(low);
+    return static_cast<size_t>(low);
 }
 
 // ---- The rest

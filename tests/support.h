@@ -1,12 +1,11 @@
-/* What the tests share: faults in the C library's functions, the reader of trace rings, captured
- * log lines, seeded randomness and the balance of resources.
- *
- * The test program defines the C library's functions itself (support.cpp); the library's calls
- * reach them, because the program comes first in the search order, and pass through unless a test
- * wants otherwise. Only calls that come from the library's own code count, so that a plan never
- * hits the test or its framework. */
-#ifndef QVCL_TESTS_SUPPORT_H
-#define QVCL_TESTS_SUPPORT_H
+// What the tests share: faults in the C library's functions, the reader of trace rings, captured
+// log lines, seeded randomness and the balance of resources.
+//
+// The test program defines the C library's functions itself (support.cpp); the library's calls
+// reach them, because the program comes first in the search order, and pass through unless a test
+// wants otherwise. Only calls that come from the library's own code count, so that a plan never
+// hits the test or its framework.
+#pragma once
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -25,7 +24,7 @@
 #include <string_view>
 #include <vector>
 
-/* Defined here because an argument-dependent lookup of `==` looks in the global namespace. */
+// Defined here because an argument-dependent lookup of `==` looks in the global namespace.
 inline bool operator==(const CL_ErrInfo &a, const CL_ErrInfo &b) {
     return a.err == b.err && a.detail == b.detail && a.module == b.module && a.line == b.line &&
            a.version == b.version;
@@ -38,20 +37,20 @@ namespace test {
 
 constexpr int FOREVER = INT_MAX;
 
-/* What is to happen to calls of one function: to the nth, counted from the moment the plan is in
- * force, and the ones after it, `times` altogether. */
+// What is to happen to calls of one function: to the nth, counted from the moment the plan is in
+// force, and the ones after it, `times` altogether.
 struct Fault {
     std::string_view call;
-    int error = 0; /* not 0: the call is not made, and fails with this errno */
+    int error = 0;  // not 0: the call is not made, and fails with this errno
     int nth = 1;
     int times = 1;
-    std::size_t at_most = SIZE_MAX; /* read, write, send and recv move no more bytes than that */
-    bool swallow = false;           /* the call is not made, and its result is 0 */
-    std::function<void()> before = nullptr; /* runs first */
-    bool from_anyone = false;               /* also calls that do not come from the library */
+    size_t at_most = SIZE_MAX;  // read, write, send and recv move no more bytes than that
+    bool swallow = false;       // the call is not made, and its result is 0
+    std::function<void()> before = nullptr;  // runs first
+    bool from_anyone = false;                // also calls that do not come from the library
 };
 
-/* A plan in force as long as it lives, one at a time. */
+// A plan in force as long as it lives, one at a time.
 class Plan {
   public:
     Plan(std::initializer_list<Fault> faults = {});
@@ -60,27 +59,27 @@ class Plan {
     Plan(const Plan &) = delete;
     Plan &operator=(const Plan &) = delete;
 
-    /* Names of the library's calls so far, and how often one was called. */
+    // Names of the library's calls so far, and how often one was called.
     const std::vector<std::string_view> &calls() const;
     int count(std::string_view call) const;
-    /* Calls that a fault of this plan changed. */
+    // Calls that a fault of this plan changed.
     int hits() const;
 };
 
-/* Every function that a plan can reach. */
+// Every function that a plan can reach.
 const std::vector<std::string_view> &reachable_calls();
 
-/* From now on the library's clocks stand at these times; its catalogue holds what `text` returns
- * (null: no text for this id, null function: no catalogue), until the real ones are asked again. */
+// From now on the library's clocks stand at these times; its catalogue holds what `text` returns
+// (null: no text for this id, null function: no catalogue), until the real ones are asked again.
 void set_uptime(long seconds);
 void set_time(uint64_t seconds, uint64_t microseconds);
 void set_catalogue(std::function<const char *(int id)> text);
 void use_real_catalogue();
 
-/* What the library asked nanosleep for. A sleep that fails with EINTR leaves half of it. */
+// What the library asked nanosleep for. A sleep that fails with EINTR leaves half of it.
 std::vector<timespec> &sleeps();
 
-/* What went to the system log, as "identity/options/facility/priority/text"; nothing gets there. */
+// What went to the system log, as "identity/options/facility/priority/text"; nothing gets there.
 std::vector<std::string> &system_log();
 
 // ---- Trace records
@@ -98,16 +97,16 @@ struct Record {
 };
 std::ostream &operator<<(std::ostream &out, const Record &record);
 
-/* All records of a ring, oldest first; a test failure when the ring is not in order. */
+// All records of a ring, oldest first; a test failure when the ring is not in order.
 std::vector<Record> records(const CL_TraceRing *ring);
 
-/* The library ring's records since the tape began to run. */
+// The library ring's records since the tape began to run.
 class Tape {
   public:
     Tape() { restart(); }
     void restart() { start_ = CL_MainTable->library_ring->next; }
     std::vector<Record> records() const;
-    /* Those of one operation. */
+    // Those of one operation.
     std::vector<Record> records(uint8_t api) const;
 
   private:
@@ -116,9 +115,9 @@ class Tape {
 
 // ---- Log
 
-/* Captures the internal log from now on; the line that announces the callback is dropped. */
+// Captures the internal log from now on; the line that announces the callback is dropped.
 void capture_log();
-/* Lines captured, as they came and without stamp and newline; both are emptied together. */
+// Lines captured, as they came and without stamp and newline; both are emptied together.
 std::vector<std::string> &raw_log();
 std::vector<std::string> log_lines();
 
@@ -126,12 +125,12 @@ std::vector<std::string> log_lines();
 
 std::vector<int> descriptors();
 
-/* What must be the same before and after something that leaves nothing behind. */
+// What must be the same before and after something that leaves nothing behind.
 struct Balance {
     uint32_t live = 0;
     uint32_t free = 0;
     std::vector<uint32_t> kinds;
-    uint32_t listed = 0; /* on one of the five lists */
+    uint32_t listed = 0;  // on one of the five lists
     uint32_t library_blocks = 0;
     uint32_t user_blocks = 0;
     uint64_t library_bytes = 0;
@@ -146,7 +145,7 @@ std::ostream &operator<<(std::ostream &out, const Balance &balance);
 
 // ---- Randomness
 
-/* Prints its seed; QVCL_TEST_SEED in the environment repeats a run. */
+// Prints its seed; QVCL_TEST_SEED in the environment repeats a run.
 class Random {
   public:
     Random();
@@ -159,7 +158,7 @@ class Random {
 
 // ---- Error records
 
-/* `err` and `detail` hold the code, and the rest tells where. */
+// `err` and `detail` hold the code, and the rest tells where.
 MATCHER_P2(FailsWith, code, module, "") {
     const CL_ErrInfo &error = arg;
     return error.err == static_cast<uint32_t>(code) &&
@@ -171,24 +170,24 @@ MATCHER(IsClear, "") {
     return arg == CL_ErrInfo{};
 }
 
-/* A record with a value in every field, to see who touches it. */
+// A record with a value in every field, to see who touches it.
 constexpr CL_ErrInfo UNTOUCHED = {0xa1, 0xa2, 0xa3, 0xa4, 0xa5};
 
 // ---- The library
 
-/* A callback with a state: create an object with `call_action` and the address of an Action as its
- * first argument. */
+// A callback with a state: create an object with `call_action` and the address of an Action as its
+// first argument.
 using Action = std::function<uint32_t(CL_Object *, CL_Event *)>;
 uint32_t call_action(CL_Object *object, CL_Event *event, uint64_t action, uint64_t arg2);
 inline uint64_t address(const void *pointer) {
     return reinterpret_cast<uint64_t>(pointer);
 }
 
-/* Where sorted insertion puts `key`, which other keys may equal: midpoints round down over the
- * whole array, and the place is behind the key that the search lands on. */
-std::size_t sorted_place(const std::vector<int64_t> &keys, int64_t key);
+// Where sorted insertion puts `key`, which other keys may equal: midpoints round down over the
+// whole array, and the place is behind the key that the search lands on.
+size_t sorted_place(const std::vector<int64_t> &keys, int64_t key);
 
-/* Initialises the library with room for 50 objects. */
+// Initialises the library with room for 50 objects.
 class Library : public testing::Test {
   public:
     static constexpr uint32_t OBJECTS = 50;
@@ -201,17 +200,17 @@ class Library : public testing::Test {
         return CL_CreateFD_M(kind, callback, arg1, arg2, &err, 1, "test", 1);
     }
 
-    /* An FD object that watches `fd` for reading; not listed when the priority is 0. */
+    // An FD object that watches `fd` for reading; not listed when the priority is 0.
     CL_Object *watch(int fd, Action *action, uint32_t priority = 0, uint64_t arg2 = 0);
 
-    /* Makes a CHILD object that of a process, and lists it, as a starter does. */
+    // Makes a CHILD object that of a process, and lists it, as a starter does.
     CL_Object *adopt(CL_Object *child, pid_t pid);
 
     CL_ErrInfo err = UNTOUCHED;
-    const char *exec_path = nullptr; /* of the server for reports */
+    const char *exec_path = nullptr;  // of the server for reports
 };
 
-/* A pipe whose ends are closed at the end. */
+// A pipe whose ends are closed at the end.
 class Pipe {
   public:
     Pipe();
@@ -233,18 +232,18 @@ inline fd_set only(int fd) {
     return set;
 }
 
-/* A process that runs `life` and exits with its result; without one it lives until killed. */
+// A process that runs `life` and exits with its result; without one it lives until killed.
 pid_t child_process(const std::function<int()> &life = nullptr);
-/* One that has ended and is not yet reaped. */
+// One that has ended and is not yet reaped.
 pid_t ended_process(int status = 0);
 
-/* Sets an environment variable (null value: removes it) before a new process is made. */
+// Sets an environment variable (null value: removes it) before a new process is made.
 void set_env(const char *name, const char *value);
 
 }  // namespace test
 
-/* Runs the statements in a new process that loads the library anew, with the environment as it is
- * now; what they find wrong fails the test. */
+// Runs the statements in a new process that loads the library anew, with the environment as it is
+// now; what they find wrong fails the test.
 #define IN_NEW_PROCESS(...)                             \
     do {                                                \
         GTEST_FLAG_SET(death_test_style, "threadsafe"); \
@@ -256,5 +255,3 @@ void set_env(const char *name, const char *value);
             },                                          \
             testing::ExitedWithCode(0), "");            \
     } while (false)
-
-#endif

@@ -1,4 +1,4 @@
-/* See wire.h. Nothing here uses the library's layouts of what is on the wire. */
+// See wire.h. Nothing here uses the library's layouts of what is on the wire.
 #include "tests/wire.h"
 
 #include <fcntl.h>
@@ -30,7 +30,7 @@ void CrowdedTable::release() {
     taken_.clear();
 }
 
-std::string pattern(std::size_t size, uint32_t seed) {
+std::string pattern(size_t size, uint32_t seed) {
     std::string bytes(size, '\0');
     uint32_t state = seed * 2654435761u + 1;
     for (char &byte : bytes) {
@@ -104,18 +104,18 @@ void Socket::send(std::string_view bytes) const {
         const ssize_t sent = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
         if (sent < 0 && errno == EINTR) continue;
         ASSERT_GE(sent, 0) << strerror(errno);
-        bytes.remove_prefix(static_cast<std::size_t>(sent));
+        bytes.remove_prefix(static_cast<size_t>(sent));
     }
 }
 
-std::string Socket::receive(std::size_t most) const {
+std::string Socket::receive(size_t most) const {
     std::string bytes;
     std::vector<char> part(65536);
     while (bytes.size() < most) {
-        const std::size_t wanted = std::min(part.size(), most - bytes.size());
+        const size_t wanted = std::min(part.size(), most - bytes.size());
         const ssize_t got = recv(fd_, part.data(), wanted, MSG_DONTWAIT);
         if (got <= 0) break;
-        bytes.append(part.data(), static_cast<std::size_t>(got));
+        bytes.append(part.data(), static_cast<size_t>(got));
     }
     return bytes;
 }
@@ -131,7 +131,7 @@ void Socket::close() {
     fd_ = -1;
 }
 
-Block::Block(std::size_t payload, uint32_t type, uint32_t seed)
+Block::Block(size_t payload, uint32_t type, uint32_t seed)
     : words_((56 + payload + 7) / 8), size_(static_cast<int32_t>(56 + payload)) {
     get()->header.type = type;
     pattern(payload, seed).copy(reinterpret_cast<char *>(get() + 1), payload);
@@ -143,7 +143,7 @@ std::string Block::message() {
     put(bytes, 0x00010001);
     put(bytes, static_cast<uint32_t>(getpid()));
     const auto *at = reinterpret_cast<const char *>(words_.data());
-    return bytes.append(at + 52, static_cast<std::size_t>(size_) - 52);
+    return bytes.append(at + 52, static_cast<size_t>(size_) - 52);
 }
 
 std::vector<CL_MsgBlock *> blocks_of(const CL_Queue &queue) {
@@ -211,7 +211,7 @@ uint32_t Messaging::iterate(int turns) {
 }
 
 std::unique_ptr<Block> Messaging::stuff(CL_Object *object) {
-    auto block = std::make_unique<Block>(std::size_t{1} << 20);
+    auto block = std::make_unique<Block>(size_t{1} << 20);
     EXPECT_EQ(CL_SendMSGC(object, block->get(), block->size(), CL_MODE_IMMEDIATE, 0, &err), -1);
     EXPECT_EQ(err.err, uint32_t{CL_ERR_IN_PROGRESS}) << err;
     return block;

@@ -15,8 +15,8 @@ namespace {
 
 void require(bool holds, const char *what) {
     if (holds) return;
-    std::fprintf(stderr, "does not hold: %s\n", what);
-    std::abort();
+    fprintf(stderr, "does not hold: %s\n", what);
+    abort();
 }
 
 // Reads the bytes; the configuration as text comes back, the elements are freed.

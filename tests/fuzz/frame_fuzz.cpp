@@ -23,19 +23,19 @@ void require(bool fine) {
 
 struct Reading {
     std::vector<std::string> messages;
-    uint32_t end = 0; /* error of the disconnect event */
+    uint32_t end = 0;  // error of the disconnect event
     bool operator==(const Reading &other) const = default;
 };
 
-uint32_t number(std::string_view bytes, std::size_t at) {
+uint32_t number(std::string_view bytes, size_t at) {
     uint32_t result = 0;
-    for (std::size_t i = 4; i-- > 0;)
+    for (size_t i = 4; i-- > 0;)
         result = result << 8 | static_cast<uint8_t>(bytes[at + i]);
     return result;
 }
 
-/* What the stream holds, without the library. */
-Reading expected(std::string_view stream, std::size_t capacity) {
+// What the stream holds, without the library.
+Reading expected(std::string_view stream, size_t capacity) {
     Reading reading;
     reading.end = EPIPE;
     while (stream.size() >= 16) {
@@ -56,7 +56,7 @@ Reading expected(std::string_view stream, std::size_t capacity) {
     return reading;
 }
 
-/* A listening socket of the test's own, and the library, once for all inputs. */
+// A listening socket of the test's own, and the library, once for all inputs.
 struct Stage {
     Stage() : listener(socket(AF_UNIX, SOCK_STREAM, 0)) {
         address.sun_family = AF_UNIX;
@@ -84,7 +84,7 @@ struct Stage {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     static Stage stage;
     if (size < 2 || size > 65536) return 0;
-    const std::size_t piece = 1 + data[0], capacity = 16 + data[1];
+    const size_t piece = 1 + data[0], capacity = 16 + data[1];
     const std::string stream(reinterpret_cast<const char *>(data) + 2, size - 2);
     std::vector<char> buffer(capacity + 64, '#');
     CL_ErrInfo err;
@@ -114,8 +114,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         }
     };
     set_up();
-    for (std::size_t at = 0; at < stream.size(); at += piece) {
-        const std::size_t length = std::min(piece, stream.size() - at);
+    for (size_t at = 0; at < stream.size(); at += piece) {
+        const size_t length = std::min(piece, stream.size() - at);
         require(send(peer, stream.data() + at, length, MSG_NOSIGNAL) ==
                 static_cast<ssize_t>(length));
         take();
@@ -124,7 +124,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     close(peer);
     take();
     require(reading == expected(stream, capacity));
-    require(std::all_of(buffer.begin() + static_cast<std::ptrdiff_t>(capacity), buffer.end(),
+    require(std::all_of(buffer.begin() + static_cast<ptrdiff_t>(capacity), buffer.end(),
                         [](char c) { return c == '#'; }));
     require(CL_DiscMSGC(client, nullptr, nullptr, &err) == 1);
     return 0;
