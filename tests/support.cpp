@@ -42,6 +42,7 @@ uintptr_t code_end;
 std::optional<long> uptime;
 std::optional<timeval> time_of_day;
 std::function<const char *(int)> *catalogue;
+int open_catalogues;
 std::string log_identity;
 
 int find_code(dl_phdr_info *object, size_t, void *) {
@@ -309,7 +310,9 @@ nl_catd catopen(const char *name, int flag) {
     const bool own = test::catalogue != nullptr && test::from_library(CALLER);
     const test::Verdict verdict = test::judge("catopen", CALLER);
     if (verdict.fail || (own && !*test::catalogue)) return reinterpret_cast<nl_catd>(-1);
-    return own ? static_cast<nl_catd>(test::catalogue) : original(name, flag);
+    if (!own) return original(name, flag);
+    ++test::open_catalogues;
+    return test::catalogue;
 }
 
 char *catgets(nl_catd open, int set, int number, const char *fallback) noexcept {
@@ -329,7 +332,9 @@ int catclose(nl_catd open) noexcept {
     static const auto original = test::real<int(nl_catd)>("catclose");
     const test::Verdict verdict = test::judge("catclose", CALLER);
     if (verdict.fail) return -1;
-    return open == test::catalogue ? 0 : original(open);
+    if (open != test::catalogue) return original(open);
+    --test::open_catalogues;
+    return 0;
 }
 
 void openlog(const char *identity, int options, int facility) {
@@ -520,6 +525,7 @@ Balance Balance::now() {
         if (sigismember(&mask, signal) == 1) balance.blocked_signals |= 1ULL << (signal - 1);
     }
     balance.descriptors = test::descriptors();
+    balance.catalogues = open_catalogues;
     return balance;
 }
 
@@ -529,7 +535,8 @@ std::ostream &operator<<(std::ostream &out, const Balance &balance) {
                << ", library blocks " << balance.library_blocks << " of " << balance.library_bytes
                << " bytes, user blocks " << balance.user_blocks << " of " << balance.user_bytes
                << " bytes, blocked signals 0x" << std::hex << balance.blocked_signals << std::dec
-               << ", descriptors " << testing::PrintToString(balance.descriptors);
+               << ", descriptors " << testing::PrintToString(balance.descriptors) << ", catalogues "
+               << balance.catalogues;
 }
 
 // ---- The library
@@ -538,15 +545,18 @@ uint32_t call_action(CL_Object *object, CL_Event *event, uint64_t action, uint64
     return (*reinterpret_cast<Action *>(action))(object, event);
 }
 
+uint32_t watch_readable(CL_Object *object, int fd, CL_ErrInfo *err) {
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(fd, &set);
+    return CL_SetFD(object, static_cast<uint32_t>(fd) + 1, &set, nullptr, nullptr, err);
+}
+
 CL_Object *Library::watch(int fd, Action *action, uint32_t priority, uint64_t arg2) {
     CL_Object *object = create(CL_KIND_FD, call_action, address(action), arg2);
     EXPECT_NE(object, nullptr) << err;
     if (object == nullptr) return nullptr;
-    fd_set set;
-    FD_ZERO(&set);
-    FD_SET(fd, &set);
-    const auto count = static_cast<uint32_t>(fd) + 1;
-    EXPECT_EQ(CL_SetFD(object, count, &set, nullptr, nullptr, &err), 1u) << err;
+    EXPECT_EQ(watch_readable(object, fd, &err), 1u) << err;
     EXPECT_EQ(priority == 0 ? 1u : CL_AddEventList(object, priority, &err), 1u) << err;
     return object;
 }

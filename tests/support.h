@@ -137,6 +137,7 @@ struct Balance {
     uint64_t user_bytes = 0;
     uint64_t blocked_signals = 0;
     std::vector<int> descriptors;
+    int catalogues = 0;  // of the test, open
 
     static Balance now();
     bool operator==(const Balance &other) const = default;
@@ -182,6 +183,13 @@ uint32_t call_action(CL_Object *object, CL_Event *event, uint64_t action, uint64
 inline uint64_t address(const void *pointer) {
     return reinterpret_cast<uint64_t>(pointer);
 }
+
+inline CL_MainBlock &table() {
+    return *CL_MainTable;
+}
+
+// The FD object watches `fd`, and nothing else, for reading.
+uint32_t watch_readable(CL_Object *object, int fd, CL_ErrInfo *err);
 
 // Where sorted insertion puts `key`, which other keys may equal: midpoints round down over the
 // whole array, and the place is behind the key that the search lands on.
