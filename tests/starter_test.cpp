@@ -11,8 +11,8 @@
 
 #include <algorithm>
 #include <csignal>
-#include <fstream>
 
+#include "tests/folder.h"
 #include "tests/support.h"
 
 using test::Action;
@@ -34,8 +34,6 @@ std::string in_words(const CL_Event &event) {
 class Starter : public testing::Test {
   protected:
     void SetUp() override {
-        ASSERT_NE(mkdtemp(directory), nullptr);
-        path = std::string(directory) + "/socket";
         test::set_env(CL_STARTER_SOCKET, "/of/a/starter/further/up");
         ASSERT_EQ(CL_Init(500, path.c_str(), &err), 1u) << err;
         before = Balance::now();
@@ -44,8 +42,6 @@ class Starter : public testing::Test {
         EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a process is left";
         EXPECT_EQ(errno, ECHILD);
         EXPECT_EQ(Balance::now(), before);
-        unlink(path.c_str());
-        rmdir(directory);
     }
 
     // A program that is started; it deletes its object when it is told the end.
@@ -86,8 +82,8 @@ class Starter : public testing::Test {
         return child.told;
     }
 
-    char directory[32] = "/tmp/qvcl-starter-XXXXXX";
-    std::string path;
+    test::Folder folder;
+    std::string path = folder.path("socket");
     CL_ErrInfo err{};
     std::function<bool()> until;
     Balance before;
@@ -133,10 +129,8 @@ TEST_F(Starter, AProgramThatIsUpEndsWhenItIsAsked) {
 }
 
 TEST_F(Starter, AProgramThatCannotBeRunIsTheCallersErrorAndLeavesNothing) {
-    const std::string text = std::string(directory) + "/text";
-    std::ofstream(text) << "no program\n";
-    const std::string plain = std::string(directory) + "/plain";
-    std::ofstream(plain) << "#!/bin/sh\n";
+    const std::string text = folder.put("text", "no program\n");
+    const std::string plain = folder.put("plain", "#!/bin/sh\n");
     chmod(text.c_str(), 0700);
     const struct {
         std::string program;
@@ -157,8 +151,6 @@ TEST_F(Starter, AProgramThatCannotBeRunIsTheCallersErrorAndLeavesNothing) {
         EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
         EXPECT_EQ(Balance::now(), before);
     }
-    unlink(text.c_str());
-    unlink(plain.c_str());
 
     // No descriptor for the pipe that would tell.
     rlimit limit;

@@ -157,36 +157,32 @@ std::vector<std::string> &system_log() {
 
 // name, parameters, arguments, result of a failure
 #define PLAIN_CALLS(CALL)                                                                          \
-    CALL(int, accept, (int fd, sockaddr *address, socklen_t *length), (fd, address, length), -1)   \
-    CALL(int, bind, (int fd, const sockaddr *address, socklen_t length), (fd, address, length),    \
-         -1)                                                                                       \
+    CALL(int, accept, (int fd, sockaddr *to, socklen_t *size), (fd, to, size), -1)                 \
+    CALL(int, bind, (int fd, const sockaddr *to, socklen_t size), (fd, to, size), -1)              \
     CALL(int, chdir, (const char *path), (path), -1)                                               \
     CALL(int, chmod, (const char *path, mode_t mode), (path, mode), -1)                            \
     CALL(int, close, (int fd), (fd), -1)                                                           \
-    CALL(int, connect, (int fd, const sockaddr *address, socklen_t length), (fd, address, length), \
-         -1)                                                                                       \
-    CALL(int, execv, (const char *path, char *const arguments[]), (path, arguments), -1)           \
+    CALL(int, connect, (int fd, const sockaddr *to, socklen_t size), (fd, to, size), -1)           \
+    CALL(int, execv, (const char *path, char *const with[]), (path, with), -1)                     \
     CALL(int, fdatasync, (int fd), (fd), -1)                                                       \
     CALL(FILE *, fopen, (const char *path, const char *mode), (path, mode), nullptr)               \
     CALL(pid_t, fork, (), (), -1)                                                                  \
-    CALL(int, ftruncate, (int fd, off_t length), (fd, length), -1)                                 \
+    CALL(int, ftruncate, (int fd, off_t size), (fd, size), -1)                                     \
     CALL(pid_t, getpid, (), (), -1)                                                                \
     CALL(int, kill, (pid_t pid, int signal), (pid, signal), -1)                                    \
     CALL(int, listen, (int fd, int backlog), (fd, backlog), -1)                                    \
     CALL(off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence), -1)               \
-    CALL(void *, mmap,                                                                             \
-         (void *address, size_t length, int protection, int flags, int fd, off_t offset),          \
-         (address, length, protection, flags, fd, offset), MAP_FAILED)                             \
-    CALL(int, munmap, (void *address, size_t length), (address, length), -1)                       \
+    CALL(void *, mmap, (void *to, size_t size, int rights, int flags, int fd, off_t offset),       \
+         (to, size, rights, flags, fd, offset), MAP_FAILED)                                        \
+    CALL(int, munmap, (void *to, size_t size), (to, size), -1)                                     \
     CALL(int, pselect,                                                                             \
-         (int count, fd_set *readable, fd_set *writable, fd_set *except, const timespec *timeout,  \
+         (int n, fd_set *in, fd_set *out, fd_set *rest, const timespec *most,                      \
           const sigset_t *mask),                                                                   \
-         (count, readable, writable, except, timeout, mask), -1)                                   \
+         (n, in, out, rest, most, mask), -1)                                                       \
     CALL(int, pthread_sigmask, (int how, const sigset_t *set, sigset_t *old), (how, set, old),     \
          errno)                                                                                    \
     CALL(int, rename, (const char *from, const char *to), (from, to), -1)                          \
-    CALL(int, setenv, (const char *variable, const char *value, int overwrite),                    \
-         (variable, value, overwrite), -1)                                                         \
+    CALL(int, setenv, (const char *key, const char *value, int over), (key, value, over), -1)      \
     CALL(int, setitimer, (__itimer_which_t which, const itimerval *value, itimerval *old),         \
          (which, value, old), -1)                                                                  \
     CALL(char *, setlocale, (int category, const char *locale), (category, locale), nullptr)       \
@@ -198,19 +194,18 @@ std::vector<std::string> &system_log() {
     CALL(int, sigemptyset, (sigset_t * set), (set), -1)                                            \
     CALL(__sighandler_t, signal, (int number, __sighandler_t handler), (number, handler), SIG_ERR) \
     CALL(int, sigprocmask, (int how, const sigset_t *set, sigset_t *old), (how, set, old), -1)     \
-    CALL(int, socket, (int domain, int type, int protocol), (domain, type, protocol), -1)          \
+    CALL(int, socket, (int family, int type, int protocol), (family, type, protocol), -1)          \
     CALL(int, unlink, (const char *path), (path), -1)                                              \
-    CALL(int, unsetenv, (const char *variable), (variable), -1)                                    \
+    CALL(int, unsetenv, (const char *key), (key), -1)                                              \
     CALL(pid_t, waitpid, (pid_t pid, int *status, int options), (pid, status, options), -1)
 
-// The same, with the count among the arguments called `length`.
+// The same, with the count among the arguments called `size`.
 #define TRANSFER_CALLS(CALL)                                                                       \
-    CALL(ssize_t, read, (int fd, void *data, size_t length), (fd, data, length), -1)               \
-    CALL(ssize_t, recv, (int fd, void *data, size_t length, int flags), (fd, data, length, flags), \
-         -1)                                                                                       \
-    CALL(ssize_t, send, (int fd, const void *data, size_t length, int flags),                      \
-         (fd, data, length, flags), -1)                                                            \
-    CALL(ssize_t, write, (int fd, const void *data, size_t length), (fd, data, length), -1)
+    CALL(ssize_t, read, (int fd, void *data, size_t size), (fd, data, size), -1)                   \
+    CALL(ssize_t, recv, (int fd, void *data, size_t size, int flags), (fd, data, size, flags), -1) \
+    CALL(ssize_t, send, (int fd, const void *data, size_t size, int flags),                        \
+         (fd, data, size, flags), -1)                                                              \
+    CALL(ssize_t, write, (int fd, const void *data, size_t size), (fd, data, size), -1)
 
 // Those written out below.
 #define OTHER_CALLS                                                                           \
@@ -231,19 +226,15 @@ const std::vector<std::string_view> &test::reachable_calls() {
         using Result = result;                                             \
         static const auto original = test::real<result parameters>(#name); \
         const test::Verdict verdict = test::judge(#name, CALLER);          \
-        if (verdict.fail) {                                                \
-            return failure;                                                \
-        }                                                                  \
+        if (verdict.fail) return failure;                                  \
         return verdict.swallow ? Result{} : original arguments;            \
     }
 #define DEFINE_TRANSFER(result, name, parameters, arguments, failure)      \
     result name parameters noexcept(noexcept(::name arguments)) {          \
         static const auto original = test::real<result parameters>(#name); \
         const test::Verdict verdict = test::judge(#name, CALLER);          \
-        if (verdict.fail) {                                                \
-            return failure;                                                \
-        }                                                                  \
-        length = std::min(length, verdict.at_most);                        \
+        if (verdict.fail) return failure;                                  \
+        size = std::min(size, verdict.at_most);                            \
         return verdict.swallow ? result{} : original arguments;            \
     }
 
