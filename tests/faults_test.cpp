@@ -515,6 +515,8 @@ class Faults : public testing::Test {
             World world;
             set_up(world, scenario);
             const bool begun = world.begun;
+            CL_Object *const object = world.object;
+            const CL_Object as_was = object != nullptr ? *object : CL_Object{};
             test::Balance before = test::Balance::now();
             Outcome outcome;
             {
@@ -524,6 +526,14 @@ class Faults : public testing::Test {
             }
             judge(scenario, fault, outcome, out);
             if (outcome.failed && outcome.reports) report->place = outcome.err;
+            // A file or a segment is what it was when its operation fails.
+            const bool stays = as_was.kind == CL_KIND_FILE || as_was.kind == CL_KIND_SHM;
+            if (outcome.failed && stays && memcmp(object, &as_was, sizeof as_was) != 0)
+                out << "it has changed the object; ";
+            // Nor does a table that could not be made leave anything.
+            if (table().descriptor_table == nullptr &&
+                table().library_blocks.count != before.library_blocks)
+                out << "a block is left; ";
             const bool alive = table().state == CL_STATE_INITIALISED;
             clean_up(world, out);
             if (alive && !usable()) out << "the library is not usable any more; ";
