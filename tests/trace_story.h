@@ -231,9 +231,9 @@ inline void Story::memory() {
 
 // Every sort of event: what of it is copied behind the entry record.
 inline void Story::events() {
-    static uint8_t blocks[2][140];
+    alignas(CL_MsgBlock) static uint8_t blocks[2][144];
     for (size_t i = 0; i < sizeof blocks; ++i)
-        blocks[i / 140][i % 140] = static_cast<uint8_t>(i % 140);
+        blocks[i / 144][i % 144] = static_cast<uint8_t>(i % 144);
     const int32_t lengths[] = {100, 20};
     for (int i = 0; i < 2; ++i) {
         memcpy(&blocks[i][offsetof(CL_MsgBlock, sent)], &lengths[i], sizeof lengths[i]);
