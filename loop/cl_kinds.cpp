@@ -1,6 +1,8 @@
 // The table of kinds.
 #include "loop/kinds.h"
 
+#include <algorithm>
+
 #include <qvcl/child.h>
 #include <qvcl/client.h>
 #include <qvcl/server.h>
@@ -46,8 +48,11 @@ constexpr Kind kKinds[CL_KIND_COUNT] = {
 namespace {
 
 // Places by number, so that looking a kind up is one array access.
+#define QVCL_NUMBER(number, symbol, name) number,
+constexpr uint32_t kLargest = std::max({CL_KINDS(QVCL_NUMBER)});
+#undef QVCL_NUMBER
 struct Places {
-    int8_t at[CL_KIND_THREAD + 1];
+    int8_t at[kLargest + 1];
 };
 constexpr Places places() {
     Places result = {};
@@ -72,7 +77,7 @@ static_assert(in_order(), "the rows stand in the order of CL_KINDS");
 }  // namespace
 
 const Kind *kind_of(uint32_t number) {
-    if (number > CL_KIND_THREAD || kPlaces.at[number] < 0) return nullptr;
+    if (number > kLargest || kPlaces.at[number] < 0) return nullptr;
     return &kKinds[kPlaces.at[number]];
 }
 

@@ -285,6 +285,7 @@ TEST_F(Refusals, KindsAreOpenToWhomTheyBelong) {
         {11, CL_KIND_QUEUE_FILE, kLibrary, kLibrary, kNobody, nullptr},
         {13, CL_KIND_QUEUE_THREAD, kAnyone, kAnyone, kAnyone, &table().thread_list},
     };
+    static_assert(std::size(rows) == CL_KIND_COUNT);
     const Balance empty = Balance::now();
     for (const auto &row : rows) {
         for (const uint8_t flag : kFlags) {

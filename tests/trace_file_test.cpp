@@ -90,7 +90,7 @@ TEST_F(TraceFile, HoldsEveryBlockThatExists) {
             memcpy(&size, &bytes[at + 16], 8);
             ASSERT_GE(size, 32u);
             if (eyes.back() == "***CL_MAIN***") {
-                ASSERT_EQ(size, 2232u);
+                ASSERT_EQ(size, sizeof(CL_MainBlock));
                 int fd = -1;
                 memcpy(&fd, &bytes[at + kTraceFdAt], sizeof fd);
                 EXPECT_GT(fd, 2) << "the main table knows the dump in progress";
@@ -201,7 +201,7 @@ TEST_F(TraceFile, FullDisk) {
                             11,
                             block(CL_MainTable->library_ring).size(),
                             block(CL_MainTable->user_ring).size(),
-                            2232,
+                            sizeof(CL_MainBlock),
                             block(CL_MainTable->descriptor_table).size(),
                             24};
     const int writes = std::size(sizes);

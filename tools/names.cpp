@@ -51,10 +51,16 @@ constexpr Name kSubStatusBits[] = {NAME(CL_SUB_, CONNECT_PENDING), NAME(CL_SUB_,
                                    NAME(CL_SUB_, SEND_PENDING),    NAME(CL_SUB_, PERIODIC),
                                    NAME(CL_SUB_, EXEC_AWAITED),    NAME(CL_SUB_, EXEC_COMPLETE)};
 
-std::string_view find(std::span<const Name> names, uint64_t value) {
+constexpr std::string_view find(std::span<const Name> names, uint64_t value) {
     const auto found = std::ranges::find(names, value, &Name::value);
     return found == names.end() ? std::string_view() : found->name;
 }
+static_assert(std::ranges::all_of(qvcl::kSources,
+                                  [](const qvcl::Place &source) {
+                                      return source.module == qvcl::kShared ||
+                                             !find(kModules, source.module).empty();
+                                  }),
+              "every module has a name");
 
 void put_name(Text &out, std::span<const Name> names, uint64_t value) {
     if (const auto name = find(names, value); !name.empty()) {

@@ -190,6 +190,7 @@ constexpr struct {
     {CL_KIND_END, put_connection}, {CL_KIND_EXECC, put_connection}, {CL_KIND_CHILD, put_child},
     {CL_KIND_FD, put_user},        {CL_KIND_THREAD, put_thread},    {CL_KIND_TIMER, put_timer},
     {CL_KIND_SHM, put_memory},     {CL_KIND_FILE, put_open_file}};
+static_assert(std::size(kWaits) == CL_KIND_COUNT, "every kind is shown");
 
 void put_live(Text &out, const CL_Object &object) {
     put_kind(out << ' ', object.kind);

@@ -37,8 +37,14 @@ enum {
 #undef CL_KIND_NUMBER
 };
 
+/* Places in the main table's kind_queues, in the order of CL_KINDS: CL_KIND_QUEUE_MSGS = 0, ... */
 enum {
-    CL_KIND_COUNT = 11,
+#define CL_KIND_PLACE(number, symbol, name) CL_KIND_QUEUE_##symbol,
+    CL_KINDS(CL_KIND_PLACE) CL_KIND_COUNT
+#undef CL_KIND_PLACE
+};
+
+enum {
     CL_MAX_OBJECTS = 10000, /* the most that CL_Init_M accepts */
     CL_SPARE_OBJECTS = 10   /* entries beyond the count asked for */
 };

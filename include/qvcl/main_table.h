@@ -10,13 +10,6 @@
 
 QVCL_BEGIN
 
-/* Places in kind_queues, in the order of CL_KINDS. */
-enum {
-#define CL_KIND_PLACE(number, symbol, name) CL_KIND_QUEUE_##symbol,
-    CL_KINDS(CL_KIND_PLACE)
-#undef CL_KIND_PLACE
-};
-
 /* Main table. The three signal fields are written by signal handlers at any time: atomic access.
  * A pointer to an object is null or the address of an entry of the descriptor table. */
 typedef struct CL_MainBlock {

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# The public headers declare, as visible, the names of the export list and no others.
+# The public headers declare, as visible, the names of the export list and no others, and every id of
+# a trace record has its row in the table of records.
 #   interface.sh INCLUDE_DIR LIST CC
 set -euo pipefail
 export LC_ALL=C
@@ -14,3 +15,6 @@ done |
     grep -oE '__attribute__\(\(visibility\("default"\)\)\)[^;{]*' |
     sed -E 's/^__attribute__\(\([^)]*\)\)\)//; s/^([^(]*)\(.*/\1/; s/ *$//; s/.*[ *]//' |
     sort -u | diff --label "$list" --label "public headers" -u0 "$list" -
+
+ids() { grep -oE '\bCL_API_[A-Z_]+' "$include/qvcl/$1" | sort -u; }
+ids trace_records.h | diff --label ids --label rows -u0 - <(ids trace_table.h)
