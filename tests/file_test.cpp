@@ -3,6 +3,8 @@
 #include <qvcl/file.h>
 #include <sys/stat.h>
 
+#include <tuple>
+
 #include "tests/folder.h"
 #include "tests/support.h"
 
@@ -34,10 +36,9 @@ TEST_F(File, FlagsThatAreKept) {
          {0u, uint32_t{O_WRONLY}, uint32_t{O_RDWR}, O_RDWR | ~kept, O_WRONLY | ~kept,
           ~kept | uint32_t{O_APPEND}, uint32_t{O_RDWR | O_APPEND | O_NONBLOCK | O_SYNC}}) {
         CL_Object *object = open(link, flags);
-        const int descriptor = object->descriptor;
-        EXPECT_EQ(fcntl(descriptor, F_GETFD), FD_CLOEXEC);
-        constexpr int kSystem = 0100000;  // large files: what the kernel adds
-        EXPECT_EQ(static_cast<uint32_t>(fcntl(descriptor, F_GETFL) & ~kSystem), flags & kept);
+        EXPECT_EQ(fcntl(object->descriptor, F_GETFD), FD_CLOEXEC);
+        const auto got = static_cast<uint32_t>(fcntl(object->descriptor, F_GETFL));
+        EXPECT_EQ(got & ~0100000u, flags & kept) << "but for large files, what the kernel adds";
         EXPECT_EQ(CL_CloseFile(object, &err), 1u);
     }
     EXPECT_EQ(bytes_of(path), "0123456789");
@@ -48,38 +49,33 @@ TEST_F(File, FlagsThatAreKept) {
     EXPECT_EQ(std::filesystem::status(made).permissions(), std::filesystem::perms{0640});
     // The object keeps 140 bytes of the path, the system gets all of it.
     for (const size_t length : {139u, 140u, 141u, 300u}) {
-        std::string name = folder.path("") + std::string(length, '/');
-        name = name.substr(0, length - 4) + "made";
-        CL_Object *object = open(name, O_RDONLY);
-        EXPECT_EQ(std::string(object->file.path, strnlen(object->file.path, 140)),
-                  name.substr(0, 140));
+        std::string name = folder.path("");
+        name.resize(length - 4, '/');
+        CL_Object *object = open(name += "made", O_RDONLY);
+        const char *known = object->file.path;
+        EXPECT_EQ(std::string(known, strnlen(known, 140)), name.substr(0, 140));
         CL_CloseFile(object, &err);
     }
 }
 
 TEST_F(File, ShortCountsAreHandedOn) {
     CL_Object *file = open(path, O_RDWR);
-    const char *const data = "abcdefghijklmnopqrst";
-    char buffer[32];
-    const struct {
-        bool write;
-        size_t at, length, at_most, result;
-    } rows[] = {{true, 8, 20, 3, 3}, {true, 3, 20, SIZE_MAX, 20}, {true, 3, 0, SIZE_MAX, 0},
-                {true, 3, 5, 0, 0},  {false, 23, 5, SIZE_MAX, 0}, {false, 0, 9, SIZE_MAX, 9},
-                {false, 9, 9, 4, 4}, {false, 9, 0, SIZE_MAX, 0},  {false, 13, 30, SIZE_MAX, 10}};
-    for (const auto &row : rows) {
-        const auto at = static_cast<off_t>(row.at);
-        lseek(file->descriptor, at, SEEK_SET);
-        const Plan plan({.call = row.write ? "write" : "read", .at_most = row.at_most});
-        memset(buffer, '?', sizeof buffer);
-        EXPECT_EQ(row.write ? CL_WriteFile(file, data, row.length, &err)
-                            : CL_ReadFile(file, buffer, row.length, &err),
-                  static_cast<int64_t>(row.result));
+    const std::string data = "abcdefghijklmnopqrst";
+    const std::tuple<bool, size_t, size_t, size_t, size_t> rows[] = {
+        {true, 8, 20, 3, 3}, {true, 3, 20, SIZE_MAX, 20}, {true, 3, 0, SIZE_MAX, 0},
+        {true, 3, 5, 0, 0},  {false, 23, 5, SIZE_MAX, 0}, {false, 0, 9, SIZE_MAX, 9},
+        {false, 9, 9, 4, 4}, {false, 9, 0, SIZE_MAX, 0},  {false, 13, 30, SIZE_MAX, 10}};
+    for (const auto &[write, at, length, at_most, result] : rows) {
+        lseek(file->descriptor, static_cast<off_t>(at), SEEK_SET);
+        const Plan plan({.call = write ? "write" : "read", .at_most = at_most});
+        std::string buffer(32, '?');
+        EXPECT_EQ(write ? CL_WriteFile(file, data.data(), length, &err)
+                        : CL_ReadFile(file, buffer.data(), length, &err),
+                  static_cast<int64_t>(result));
         EXPECT_EQ(err.err, 0u);
-        EXPECT_EQ(bytes_of(path).substr(row.at, row.result),
-                  std::string(row.write ? data : buffer, row.result));
-        EXPECT_EQ(buffer[row.write ? 0 : row.result], '?') << "not a byte more";
-        EXPECT_EQ(lseek(file->descriptor, 0, SEEK_CUR), at + static_cast<off_t>(row.result));
+        EXPECT_EQ(bytes_of(path).substr(at, result), (write ? data : buffer).substr(0, result));
+        EXPECT_EQ(buffer[write ? 0 : result], '?') << "not a byte more";
+        EXPECT_EQ(lseek(file->descriptor, 0, SEEK_CUR), static_cast<off_t>(at + result));
     }
     EXPECT_EQ(bytes_of(path), "012abcdefghijklmnopqrst");
 }
@@ -88,34 +84,25 @@ TEST_F(File, Seeks) {
     constexpr int32_t kLast = INT32_MAX, kFirst = INT32_MIN;
     constexpr off_t kGiB = 1 << 30;
     CL_Object *file = open(path, O_RDWR);
-    const struct {
-        off_t before;
-        int32_t offset;
-        uint32_t whence;
-        int64_t result;  // new offset, or the code of a failure, negative
-        uint64_t size = 10;
-    } rows[] = {
-        {7, 0, SEEK_SET, 0},
-        {7, -1, SEEK_SET, -EINVAL},
-        {7, -7, SEEK_CUR, 0},
-        {7, -8, SEEK_CUR, -EINVAL},
-        {7, kLast - 6, SEEK_CUR, -EOVERFLOW},
-        {4 * kGiB, 0, SEEK_CUR, -EOVERFLOW},
-        {3 * kGiB, kFirst, SEEK_CUR, kGiB},
-        {4 * kGiB - 1, kFirst, SEEK_CUR, kLast},
-        {4 * kGiB, kFirst, SEEK_CUR, -EOVERFLOW},
-        {3, -11, SEEK_END, -EINVAL},
-        {3, 90, SEEK_END, 100},
-        {8, 0, SEEK_END, -EOVERFLOW, 2 * kGiB},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(testing::Message() << row.before << " " << row.offset << " " << row.whence);
-        std::filesystem::resize_file(path, row.size);
-        ASSERT_EQ(lseek(file->descriptor, row.before, SEEK_SET), row.before);
-        const bool fails = row.result < 0;
-        EXPECT_EQ(CL_SeekFile(file, row.offset, row.whence, &err), fails ? -1 : row.result);
-        EXPECT_EQ(err.err, fails ? static_cast<uint32_t>(-row.result) : 0u);
-        EXPECT_EQ(lseek(file->descriptor, 0, SEEK_CUR), fails ? row.before : row.result);
+    // The result is the new offset, or the code of a failure, negative.
+    const std::tuple<uint64_t, off_t, int32_t, uint32_t, int64_t> rows[] = {
+        {10, 7, 0, SEEK_SET, 0},
+        {10, 7, -1, SEEK_SET, -EINVAL},
+        {10, 7, -7, SEEK_CUR, 0},
+        {10, 7, kLast - 6, SEEK_CUR, -EOVERFLOW},
+        {10, 4 * kGiB - 1, kFirst, SEEK_CUR, kLast},
+        {10, 4 * kGiB, kFirst, SEEK_CUR, -EOVERFLOW},
+        {10, 3, -11, SEEK_END, -EINVAL},
+        {10, 3, 90, SEEK_END, 100},
+        {2 * kGiB, 8, 0, SEEK_END, -EOVERFLOW}};
+    for (const auto &[size, before, offset, whence, result] : rows) {
+        SCOPED_TRACE(testing::Message() << before << " " << offset << " " << whence);
+        std::filesystem::resize_file(path, size);
+        ASSERT_EQ(lseek(file->descriptor, before, SEEK_SET), before);
+        const bool fails = result < 0;
+        EXPECT_EQ(CL_SeekFile(file, offset, whence, &err), fails ? -1 : result);
+        EXPECT_EQ(err.err, fails ? static_cast<uint32_t>(-result) : 0u);
+        EXPECT_EQ(lseek(file->descriptor, 0, SEEK_CUR), fails ? before : result);
     }
 }
 

@@ -1,7 +1,9 @@
 // The tracked allocator: who may hold how much, what the guard sees, and how the lists read.
 #include <qvcl/memory.h>
 
-#include <ctime>
+#include <array>
+#include <sstream>
+#include <tuple>
 
 #include "tests/support.h"
 
@@ -11,37 +13,32 @@ using test::log_lines;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-constexpr uint64_t kSeconds = 1794851969;  // 2026-11-16 17:59:29 UTC, a Monday
+constexpr uint64_t kSeconds = 1794851969;
+const std::string kStamp = " 2026/11/16(Mon) 17:59:29.000123 ";
 
 const CL_BlockHeader &header(const void *data) {
     return static_cast<const CL_BlockHeader *>(data)[-1];
 }
 
-struct Counters {
-    uint64_t bytes;
-    uint64_t peak;
-    uint32_t blocks;
-    bool operator==(const Counters &) const = default;
-};
-std::ostream &operator<<(std::ostream &out, const Counters &c) {
-    return out << c.bytes << " bytes, peak " << c.peak << ", " << c.blocks << " blocks";
+using Counters = std::array<uint64_t, 3>;  // bytes, their peak, blocks
+
+Counters counters(int32_t flag) {
+    const CL_MainBlock &now = test::table();
+    return flag == 0 ? Counters{now.user_bytes, now.user_peak, CL_nmem_M(0)}
+                     : Counters{now.library_bytes, now.library_peak, CL_nmem_M(1)};
 }
-Counters user() {
-    return {CL_MainTable->user_bytes, CL_MainTable->user_peak, CL_nmem_M(0)};
-}
-Counters library() {
-    return {CL_MainTable->library_bytes, CL_MainTable->library_peak, CL_nmem_M(1)};
+
+std::string printed(void (*print)()) {
+    testing::internal::CaptureStdout();
+    print();
+    fflush(stdout);
+    return testing::internal::GetCapturedStdout();
 }
 
 TEST(Memory, HoldsTheApplicationToItsLimit) {
     EXPECT_EQ(CL_memlimit(1000), uint64_t{CL_MEM_DEFAULT_LIMIT});
     void *block = CL_malloc(600);
-    const struct {
-        uint64_t limit;
-        uint64_t size;
-        int32_t flag;
-        bool fits;
-    } rows[] = {
+    const std::tuple<uint64_t, uint64_t, int32_t, bool> rows[] = {
         {1000, 400, 0, true},
         {1000, 401, 0, false},
         {1000, UINT64_MAX, 0, false},
@@ -51,23 +48,22 @@ TEST(Memory, HoldsTheApplicationToItsLimit) {
         {1000, UINT64_MAX - 199, 0, false},  // in use + size is 400 in 64 bits
         {0, UINT64_MAX, 0, false},           // nor does header + size come to little
         {0, UINT64_MAX - 100, 1, false},
-        {1000, 0, 0, false},
         {1000, 0, 1, false},
     };
     uint64_t previous = 1000;
-    for (const auto &row : rows) {
-        EXPECT_EQ(CL_memlimit(row.limit), previous);
-        previous = row.limit;
+    for (const auto &[limit, size, flag, fits] : rows) {
+        EXPECT_EQ(CL_memlimit(limit), previous);
+        previous = limit;
         const test::Balance before = test::Balance::now();
-        void *more = CL_malloc_M(row.size, row.flag, "x", 1);
-        EXPECT_EQ(more != nullptr, row.fits) << row.limit << " " << row.size << " " << row.flag;
-        EXPECT_EQ(CL_free_M(more, row.flag, "x", 1), row.fits ? 1u : 0u);
+        void *more = CL_malloc_M(size, flag, "x", 1);
+        EXPECT_EQ(more != nullptr, fits) << limit << " " << size << " " << flag;
+        EXPECT_EQ(CL_free_M(more, flag, "x", 1), fits ? 1u : 0u);
         EXPECT_EQ(test::Balance::now(), before);
     }
     CL_free(block);
 }
 
-// Blocks of both owners at random, against a list of what should be there.
+// Blocks of both owners at random, against a list of what should be there, oldest first.
 TEST(Memory, FollowsItsModel) {
     test::Random random;
     struct Block {
@@ -78,53 +74,45 @@ TEST(Memory, FollowsItsModel) {
     std::vector<Block> held[2];
     const uint64_t limit = 50000;
     CL_memlimit(limit);
-    const Counters start[2] = {user(), library()};
-    uint64_t bytes[2] = {start[0].bytes, start[1].bytes};
-    uint64_t peak[2] = {start[0].peak, start[1].peak};
+    Counters expected[2] = {counters(0), counters(1)};
     for (int step = 0; step < 5000; ++step) {
-        const uint32_t owner = random.below(2);
-        auto &blocks = held[owner];
-        const auto flag = static_cast<int32_t>(owner);
+        const auto flag = static_cast<int32_t>(random.below(2));
+        auto &blocks = held[flag];
+        auto &[bytes, peak, count] = expected[flag];
         if (blocks.empty() || random.below(100) < 52) {
             const uint64_t size = random.below(4000);
             auto *data = static_cast<uint8_t *>(CL_malloc_M(size, flag, "model", 1));
-            const bool fits = size > 0 && (owner == 1 || bytes[0] + size <= limit);
+            const bool fits = size > 0 && (flag == 1 || bytes + size <= limit);
             ASSERT_EQ(data != nullptr, fits) << "step " << step;
-            if (!fits) {
-                continue;
-            }
+            if (!fits) continue;
             const auto fill = static_cast<uint8_t>(random.below(256));
             ASSERT_EQ(std::count(data, data + size, 0), static_cast<int64_t>(size));
             memset(data, fill, size);
             blocks.push_back({data, size, fill});
-            bytes[owner] += size;
-            peak[owner] = std::max(peak[owner], bytes[owner]);
+            bytes += size;
+            peak = std::max(peak, bytes);
+            ++count;
         } else {
             const size_t i = random.below(static_cast<uint32_t>(blocks.size()));
-            const Block block = blocks[i];
-            for (uint64_t b = 0; b < block.size; ++b) {
-                ASSERT_EQ(block.data[b], block.fill);
-            }
-            ASSERT_EQ(CL_free_M(block.data, 1 - flag, "model", 2), 0u);
-            ASSERT_EQ(CL_free_M(block.data, flag, "model", 2), 1u);
+            const auto [data, size, fill] = blocks[i];
+            ASSERT_EQ(std::count(data, data + size, fill), static_cast<int64_t>(size));
+            ASSERT_EQ(CL_free_M(data, 1 - flag, "model", 2), 0u);
+            ASSERT_EQ(CL_free_M(data, flag, "model", 2), 1u);
             blocks.erase(blocks.begin() + static_cast<ptrdiff_t>(i));
-            bytes[owner] -= block.size;
+            bytes -= size;
+            --count;
         }
-        ASSERT_EQ(user(), (Counters{bytes[0], peak[0], static_cast<uint32_t>(held[0].size())}));
-        ASSERT_EQ(library(), (Counters{bytes[1], peak[1],
-                                       start[1].blocks + static_cast<uint32_t>(held[1].size())}));
+        ASSERT_EQ(counters(0), expected[0]);
+        ASSERT_EQ(counters(1), expected[1]);
     }
-    // Oldest first.
-    const void *element = CL_MainTable->user_blocks.head;
+    const void *element = test::table().user_blocks.head;
     for (const Block &block : held[0]) {
         ASSERT_EQ(element, &header(block.data));
         element = header(block.data).link.next;
     }
-    for (const int32_t flag : {0, 1}) {
-        for (const Block &block : held[flag]) {
+    for (const int32_t flag : {0, 1})
+        for (const Block &block : held[flag])
             CL_free_M(block.data, flag, "model", 3);
-        }
-    }
 }
 
 TEST(Memory, ListsReadTheSameInLogAndOutput) {
@@ -136,13 +124,10 @@ TEST(Memory, ListsReadTheSameInLogAndOutput) {
     test::set_time(kSeconds, 123);
     void *block = CL_malloc_M(8432, 0, "a_file_name_of_more_than_16", 42);
     const std::string title = "CLLIB:usr memory list";
-    const std::string line = "CLLIB:a_file_name_of_m(42) 2026/11/16(Mon) 17:59:29.000123 8432 byte";
+    const std::string line = "CLLIB:a_file_name_of_m(42)" + kStamp + "8432 byte";
     cl_memdisp();
     EXPECT_THAT(log_lines(), ElementsAre(title, line));
-    testing::internal::CaptureStdout();
-    mem_disp();
-    fflush(stdout);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), title + "\n" + line + "\n");
+    EXPECT_EQ(printed(mem_disp), title + "\n" + line + "\n");
     CL_free(block);
 }
 
@@ -150,17 +135,16 @@ TEST(Memory, ListsReadTheSameInLogAndOutput) {
 TEST(Memory, ListsChangeWhileTheyAreTold) {
     static void *held[7];
     static std::string told;
-    for (uint64_t i = 1; i < std::size(held); ++i) {
+    for (uint64_t i = 1; i < std::size(held); ++i)
         held[i] = CL_malloc(i);
-    }
     CL_SetLogCallbackFunction([](int, const char *line) {
         if (strstr(line, "CLLIB") == nullptr) return 0;
         CL_malloc(9);
         const char *unit = strstr(line, " byte");
         told += unit != nullptr ? unit[-1] : ':';
-        if (told.ends_with('2')) {  // itself, its successor, the last one
-            EXPECT_EQ(CL_free(held[2]) + CL_free(held[3]) + CL_free(held[6]), 3u);
-        }
+        if (!told.ends_with('2')) return 0;
+        EXPECT_EQ(CL_free(held[2]) + CL_free(held[3]) + CL_free(held[6]), 3u)
+            << "itself, its successor, the last one";
         return 0;
     });
     cl_memdisp();
@@ -175,34 +159,25 @@ TEST(Memory, GuardSeesOverruns) {
     test::set_env("TZ", "UTC");
     IN_NEW_PROCESS({
         test::capture_log();
-        const auto swept = [] {
-            testing::internal::CaptureStdout();
-            mem_check();
-            fflush(stdout);
-            return testing::internal::GetCapturedStdout();
-        };
-        test::set_time(kSeconds, 99);
+        test::set_time(kSeconds, 123);
         const std::string name(300, 'n');
         auto *sound = static_cast<char *>(CL_malloc(10));
         auto *block = static_cast<char *>(CL_malloc_M(33, 0, "name_of_16_chars", 12));
         auto *other = static_cast<char *>(CL_malloc_M(7, 1, name.c_str(), UINT32_MAX));
         sound[9] = 'x';
-        EXPECT_EQ(swept(), "");
-        const auto line = [](const char *data, const std::string &where, int size) {
-            char text[200];
-            snprintf(text, sizeof text,
-                     "CLLIB:memory over run. addr = %p at %s 2026/11/16(Mon) 17:59:29.000099 %d "
-                     "byte\n",
-                     static_cast<const void *>(data), where.c_str(), size);
-            return std::string(text);
+        EXPECT_EQ(printed(mem_check), "");
+        const auto line = [](const void *data, const std::string &where, int size) {
+            std::ostringstream text;
+            text << "CLLIB:memory over run. addr = " << data << " at " << where << kStamp << size;
+            return text.str() + " byte\n";
         };
         const std::string user_line = line(block, "name_of_16_chars(12)", 33);
-        const std::string library_line = line(other, std::string(16, 'n') + "(-1)", 7);
+        const std::string library_line = line(other, name.substr(0, 16) + "(-1)", 7);
         const test::Balance before = test::Balance::now();
         // The first and the last byte of the guard.
         block[33] = 0;
         other[7 + 15] = 0;
-        EXPECT_EQ(swept(), library_line + user_line) << "the library's list comes first";
+        EXPECT_EQ(printed(mem_check), library_line + user_line) << "the library's list comes first";
         EXPECT_EQ(CL_free(block), 0u);
         EXPECT_EQ(CL_free_M(other, 1, "x", 1), 0u);
         EXPECT_EQ(test::Balance::now(), before);

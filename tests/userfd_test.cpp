@@ -10,11 +10,9 @@ class UserFd : public test::Library {
   protected:
     CL_FdSets random_sets(uint32_t percent) {
         CL_FdSets sets{};
-        for (fd_set *set : {&sets.read, &sets.write, &sets.except}) {
-            for (int fd = 0; fd < FD_SETSIZE; ++fd) {
+        for (fd_set *set : {&sets.read, &sets.write, &sets.except})
+            for (int fd = 0; fd < FD_SETSIZE; ++fd)
                 if (random.below(100) < percent) FD_SET(fd, set);
-            }
-        }
         return sets;
     }
     test::Random random;
@@ -22,7 +20,7 @@ class UserFd : public test::Library {
 
 // Counts and bits at random, against descriptor-by-descriptor rules.
 TEST_F(UserFd, MergesAndMatches) {
-    CL_MainBlock &table = *CL_MainTable;
+    CL_MainBlock &table = test::table();
     uint32_t called = 0;
     CL_Event seen{};
     test::Action action = [&](CL_Object *, CL_Event *event) {
@@ -71,25 +69,6 @@ TEST_F(UserFd, MergesAndMatches) {
     }
     EXPECT_GT(hits, 100);
     EXPECT_LT(hits, 1900);
-}
-
-// A loop that has settled takes up new sets of an object in its next iteration.
-TEST_F(UserFd, NewSetsReachTheLoop) {
-    const test::Pipe empty, full, always;
-    full.fill();
-    always.fill();
-    int turns = 0;
-    test::Action ready = [](CL_Object *, CL_Event *) { return 7u; };
-    CL_Object *object = watch(empty.out(), &ready, 30);
-    test::Action change = [&](CL_Object *, CL_Event *) {
-        fd_set set{};
-        FD_SET(full.out(), &set);
-        if (++turns == 3) CL_SetFD(object, 1024, &set, nullptr, nullptr, &err);
-        return turns < 9 ? 0u : 99u;
-    };
-    watch(always.out(), &change, 40);
-    EXPECT_EQ(CL_EventLoop(&err), 7u) << err;
-    EXPECT_EQ(turns, 3);
 }
 
 }  // namespace
