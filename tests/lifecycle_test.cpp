@@ -138,14 +138,14 @@ TEST(Lifecycle, FailsHalfWay) {
         {{.call = "malloc", .error = ENOMEM, .nth = 2}, 0},
         {{.call = "socket", .error = EMFILE}, 2},
         {{.call = "sigaction", .error = EINVAL}, 2}};
-    for (const auto &[fault, blocks] : rows) {
+    for (const auto &row : rows) {
         IN_NEW_PROCESS({
             CL_ErrInfo err;
             const uint32_t before = CL_nmem_M(1);
-            const test::Plan plan(fault);
+            const test::Plan plan(row.first);
             EXPECT_EQ(CL_Init(5, "/tmp/qvcl-half", &err), 0u);
-            EXPECT_EQ(err.err, static_cast<uint32_t>(fault.error)) << fault.call;
-            EXPECT_EQ(CL_nmem_M(1), before + blocks);
+            EXPECT_EQ(err.err, static_cast<uint32_t>(row.first.error)) << row.first.call;
+            EXPECT_EQ(CL_nmem_M(1), before + row.second);
             for (const uint32_t state : {uint32_t{CL_STATE_FAILED}, uint32_t{CL_STATE_ENDED}}) {
                 EXPECT_EQ(table().state, state);
                 EXPECT_EQ(CL_Init(5, nullptr, &err), 0u);

@@ -14,11 +14,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 
 constexpr uint64_t kSeconds = 1794851969;
-const std::string kStamp = " 2026/11/16(Mon) 17:59:29.000123 ";
-
-const CL_BlockHeader &header(const void *data) {
-    return static_cast<const CL_BlockHeader *>(data)[-1];
-}
+constexpr char kStamp[] = " 2026/11/16(Mon) 17:59:29.000123 ";
 
 using Counters = std::array<uint64_t, 3>;  // bytes, their peak, blocks
 
@@ -66,12 +62,7 @@ TEST(Memory, HoldsTheApplicationToItsLimit) {
 // Blocks of both owners at random, against a list of what should be there, oldest first.
 TEST(Memory, FollowsItsModel) {
     test::Random random;
-    struct Block {
-        uint8_t *data;
-        uint64_t size;
-        uint8_t fill;
-    };
-    std::vector<Block> held[2];
+    std::vector<std::tuple<uint8_t *, uint64_t, uint8_t>> held[2];  // with size and contents
     const uint64_t limit = 50000;
     CL_memlimit(limit);
     Counters expected[2] = {counters(0), counters(1)};
@@ -88,7 +79,7 @@ TEST(Memory, FollowsItsModel) {
             const auto fill = static_cast<uint8_t>(random.below(256));
             ASSERT_EQ(std::count(data, data + size, 0), static_cast<int64_t>(size));
             memset(data, fill, size);
-            blocks.push_back({data, size, fill});
+            blocks.emplace_back(data, size, fill);
             bytes += size;
             peak = std::max(peak, bytes);
             ++count;
@@ -106,13 +97,14 @@ TEST(Memory, FollowsItsModel) {
         ASSERT_EQ(counters(1), expected[1]);
     }
     const void *element = test::table().user_blocks.head;
-    for (const Block &block : held[0]) {
-        ASSERT_EQ(element, &header(block.data));
-        element = header(block.data).link.next;
+    for (const auto &[data, size, fill] : held[0]) {
+        const auto *header = static_cast<const CL_BlockHeader *>(element);
+        ASSERT_EQ(header + 1, static_cast<void *>(data));
+        element = header->link.next;
     }
     for (const int32_t flag : {0, 1})
-        for (const Block &block : held[flag])
-            CL_free_M(block.data, flag, "model", 3);
+        for (const auto &[data, size, fill] : held[flag])
+            CL_free_M(data, flag, "model", 3);
 }
 
 TEST(Memory, ListsReadTheSameInLogAndOutput) {
@@ -124,7 +116,7 @@ TEST(Memory, ListsReadTheSameInLogAndOutput) {
     test::set_time(kSeconds, 123);
     void *block = CL_malloc_M(8432, 0, "a_file_name_of_more_than_16", 42);
     const std::string title = "CLLIB:usr memory list";
-    const std::string line = "CLLIB:a_file_name_of_m(42)" + kStamp + "8432 byte";
+    const std::string line = std::string("CLLIB:a_file_name_of_m(42)") + kStamp + "8432 byte";
     cl_memdisp();
     EXPECT_THAT(log_lines(), ElementsAre(title, line));
     EXPECT_EQ(printed(mem_disp), title + "\n" + line + "\n");

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <span>
+#include <tuple>
 
 #include "tests/wire.h"
 
@@ -221,11 +222,7 @@ TEST_F(Refusals, ArgumentsAreChecked) {
     // clang-format off
 #define ROW(code, module, ...) \
     {#__VA_ARGS__, code, CL_MODULE_##module, [&] { return (__VA_ARGS__) ? 1 : 0; }}
-    const struct {
-        const char *name;
-        int code, module;
-        std::function<int64_t()> call;
-    } rows[] = {
+    const std::tuple<const char *, int, int, std::function<int64_t()>> rows[] = {
         ROW(EFAULT, MSGS, CL_OpenMSGS(server, nullptr, 5, &err) != 0),
         ROW(EFAULT, FILE, CL_OpenFile(nullptr, O_RDONLY, 0, &err) != nullptr),
         ROW(EINVAL, FILE, CL_OpenFile(path.c_str(), 3, 0600, &err) != nullptr),
@@ -247,8 +244,8 @@ TEST_F(Refusals, ArgumentsAreChecked) {
         ROW(EFAULT, STARTER, CL_NotifyManager(nullptr, &err) != 0),
     };
     // clang-format on
-    for (const auto &row : rows)
-        refused(row.name, row.code, row.module, row.call);
+    for (const auto &[name_of_call, code, module, call] : rows)
+        refused(name_of_call, code, module, call);
     for (const uint32_t count : {1025u, 2048u, 0x80000000u, UINT32_MAX})
         refused("set", EINVAL, CL_MODULE_USERFD,
                 [&] { return CL_SetFD(fd, count, nullptr, nullptr, &set, &err); });
@@ -265,11 +262,8 @@ bool may(Who who, uint8_t flag) {
 }
 
 TEST_F(Refusals, KindsAreOpenToWhomTheyBelong) {
-    const struct {
-        uint32_t kind, place;
-        Who create, remove, list;
-        CL_Queue *event_list;
-    } rows[] = {
+    // Who may create, delete and list them, and where they wait then.
+    const std::tuple<uint32_t, uint32_t, Who, Who, Who, CL_Queue *> rows[] = {
         {1, CL_KIND_QUEUE_MSGS, kAnyone, kAnyone, kAnyone, &table().pending_list},
         {2, CL_KIND_QUEUE_MSGC, kAnyone, kAnyone, kAnyone, &table().pending_list},
         {3, CL_KIND_QUEUE_CHILD, kAnyone, kAnyone, kLibrary, &table().child_list},
@@ -284,28 +278,28 @@ TEST_F(Refusals, KindsAreOpenToWhomTheyBelong) {
     };
     static_assert(std::size(rows) == CL_KIND_COUNT);
     const Balance empty = Balance::now();
-    for (const auto &row : rows) {
+    for (const auto &[kind, place, creates, removes, lists, event_list] : rows) {
         for (const uint8_t flag : kFlags) {
-            SCOPED_TRACE(testing::Message() << "kind " << row.kind << " flag " << int{flag});
+            SCOPED_TRACE(testing::Message() << "kind " << kind << " flag " << int{flag});
             CL_Object *object = nullptr;
             const auto add = [&] { return CL_AddEventList_M(object, 20, &err, flag, "test", 1); };
             const auto take = [&] { return CL_DelEventList_M(object, &err, flag, "test", 1); };
-            const bool listed = may(row.list, flag), removed = may(row.remove, flag);
-            allowed(may(row.create, flag), "create", EINVAL, [&] {
-                object = CL_CreateFD_M(row.kind, nullptr, 0, 0, &err, flag, "test", 1);
+            const bool listed = may(lists, flag), removed = may(removes, flag);
+            allowed(may(creates, flag), "create", EINVAL, [&, kind = kind] {
+                object = CL_CreateFD_M(kind, nullptr, 0, 0, &err, flag, "test", 1);
                 return object != nullptr ? 1 : 0;
             });
-            if (object == nullptr) object = create(row.kind);
-            EXPECT_TRUE(object->kind == row.kind && object->descriptor == -1);
+            if (object == nullptr) object = create(kind);
+            EXPECT_TRUE(object->kind == kind && object->descriptor == -1);
             EXPECT_EQ(object->link.owner, &table().used_queue);
-            EXPECT_EQ(object->kind_link.owner, &table().kind_queues[row.place]);
+            EXPECT_EQ(object->kind_link.owner, &table().kind_queues[place]);
             object->status = CL_STATUS_READY;
             allowed(listed, "add", EBADF, add);
             if (listed) {
-                EXPECT_EQ(row.event_list->tail, object);
+                EXPECT_EQ(event_list->tail, object);
                 EXPECT_EQ(object->status, uint32_t{CL_STATUS_READY | CL_STATUS_LISTED});
                 allowed(false, "add twice", EBADF, add);
-                if (row.list == kLibrary)
+                if (lists == kLibrary)
                     allowed(false, "take off", EBADF,
                             [&] { return CL_DelEventList(object, &err); });
             }

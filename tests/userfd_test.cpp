@@ -6,21 +6,19 @@
 
 namespace {
 
-class UserFd : public test::Library {
-  protected:
-    CL_FdSets random_sets(uint32_t percent) {
+using UserFd = test::Library;
+
+// Counts and bits at random, against descriptor-by-descriptor rules.
+TEST_F(UserFd, MergesAndMatches) {
+    CL_MainBlock &table = test::table();
+    test::Random random;
+    const auto random_sets = [&](uint32_t percent) {
         CL_FdSets sets{};
         for (fd_set *set : {&sets.read, &sets.write, &sets.except})
             for (int fd = 0; fd < FD_SETSIZE; ++fd)
                 if (random.below(100) < percent) FD_SET(fd, set);
         return sets;
-    }
-    test::Random random;
-};
-
-// Counts and bits at random, against descriptor-by-descriptor rules.
-TEST_F(UserFd, MergesAndMatches) {
-    CL_MainBlock &table = test::table();
+    };
     uint32_t called = 0;
     CL_Event seen{};
     test::Action action = [&](CL_Object *, CL_Event *event) {
