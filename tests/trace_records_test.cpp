@@ -51,7 +51,7 @@ class Transcript : public testing::Test {
     std::string masked() const {
         std::string text;
         const std::regex varying(
-            R"((0x[0-9a-f]{9,})|((?:[A-Z]+|cl_\w+(?:\.cpp)?|open_descriptor|\w+\.h):)\d+|((?:sender=|descriptor(?:_count)? +|sets +read ))\d+)");
+            R"((0x[0-9a-f]{9,})|((?:cl_\w+(?:\.cpp)?|open_descriptor|\w+\.h):)\d+|((?:sender=|descriptor(?:_count)? +|sets +read ))\d+)");
         auto rest = said_.cbegin();
         for (std::sregex_iterator at(rest, said_.cend(), varying), end; at != end; ++at) {
             const std::smatch &found = *at;
