@@ -66,10 +66,8 @@ class Story {
 
   private:
     static uint32_t act(CL_Object *object, CL_Event *event, uint64_t story, uint64_t arg2);
-    void initialise();
     void lists();
     void loops();
-    void timers();
     void messages();
     void files();
     void memory();
@@ -95,15 +93,6 @@ class Story {
     CL_Object *timer_ = nullptr;
     const char *dump_ = nullptr;
 };
-
-inline void Story::initialise() {
-    const std::string s200(200, 'p');
-    CL_End_M(&err, POSITION);
-    CL_Init_M(20000, "", &err, POSITION);
-    CL_Init_M(3, s200.c_str(), &err, POSITION);
-    CL_CreateFD_M(CL_KIND_FD, nullptr, 1, 2, &err, POSITION);
-    CL_Init_M(kObjects, nullptr, &err, POSITION);
-}
 
 inline void Story::lists() {
     const uint64_t big = 0x8877665544332211;
@@ -153,9 +142,6 @@ inline void Story::loops() {
     }
     CL_DeleteFD_M(object, &err, POSITION);
     close(100);
-}
-
-inline void Story::timers() {
     CL_Object *timer = make(CL_KIND_TIMER);
     for (const uint32_t mode : {9u, uint32_t{CL_TIMER_PERIODIC}})
         CL_StartTIMER_M(timer, 99, mode, &err, POSITION);
@@ -270,10 +256,14 @@ inline void Story::events() {
 }
 
 inline void Story::calls() {
-    initialise();
+    const std::string s200(200, 'p');
+    CL_End_M(&err, POSITION);
+    CL_Init_M(20000, "", &err, POSITION);
+    CL_Init_M(3, s200.c_str(), &err, POSITION);
+    CL_CreateFD_M(CL_KIND_FD, nullptr, 1, 2, &err, POSITION);
+    CL_Init_M(kObjects, nullptr, &err, POSITION);
     lists();
     loops();
-    timers();
     messages();
     files();
     memory();
