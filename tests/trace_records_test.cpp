@@ -28,9 +28,8 @@ class Transcript : public testing::Test {
     // A command and what a user sees of it; words lie between blanks, a "~" is a blank.
     void enter(const std::string &command) {
         said_ += "$ qvcl-trace " + command + "\n";
-        if (const int status = run(command); status != 0) {
+        if (const int status = run(command); status != 0)
             said_ += "status " + std::to_string(status) + "\n";
-        }
         said_ += "\n";
     }
     int run(const std::string &command) {
@@ -70,9 +69,7 @@ class Transcript : public testing::Test {
         const std::string path = QVCL_TEST_DATA "/" + name, text = masked();
         said_.clear();
         const char *wanted = getenv("QVCL_TRANSCRIPTS");
-        if (wanted != nullptr && wanted == std::string_view("write")) {
-            std::ofstream(path) << text;
-        }
+        if (wanted != nullptr && wanted == std::string_view("write")) std::ofstream(path) << text;
         EXPECT_EQ(text, test::bytes_of(path)) << name;
     }
 
