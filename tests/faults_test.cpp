@@ -237,6 +237,11 @@ const std::vector<Scenario> kMessages = {
                             w.second->descriptor = w.object->descriptor;),
      ACT(const uint32_t result = CL_RequestEnd(w.second, &w.err); w.second->descriptor = -1;
          return w.outcome(result != 0);)},
+    {"report completion", PREPARE(w.begin(); w.sockets.push_back(Socket::listening(w.path));
+                                  setenv(CL_STARTER_SOCKET, w.path.c_str(), 1);),
+     ACT(w.object = CL_StartupComplete(test::call_action, 0, 0, 0, &w.err);
+         EXPECT_EQ(table().sync_flag, 0u);
+         return w.outcome(w.object != nullptr);), true},
 };
 
 const std::vector<Scenario> kFiles = {
@@ -326,6 +331,8 @@ const Exception kExceptions[] = {
     {kWaiting, "sigemptyset", true, 0, "cannot fail for a set that exists"},
     {kWaiting, "sigaddset", true, 0, "cannot fail for a set and signals that exist"},
     {"timer in the loop", "sysinfo", true, 0, "the next tick looks again", Exception::kNotForEver},
+    {"report completion", "connect", true, 0, "a busy starter is tried again",
+     Exception::kNotForEver},
     {"start program", "read", true, 0, "no word from the child is good news"},
     {"init with server", "signal", true, 0, "dispositions are not looked at"},
     {"end with server", "close", false, CL_ERR_QUEUE, "ends all the same"},
