@@ -5,11 +5,10 @@
 #include <qvcl/client.h>
 #include <qvcl/loop.h>
 #include <qvcl/server.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 
-#include <csignal>
+#include <deque>
 #include <map>
 
 #include "tests/wire.h"
@@ -37,17 +36,16 @@ struct Content {
     uint32_t size, seed;
 };
 
+struct Process {
+    test::Random &random;
+    bool waits;  // may use synchronous transfers: only one side, or both could wait
+    uint32_t open = 0;
+};
+
 // One end of a connection.
 class End {
   public:
-    // One process and its ends.
-    struct Process {
-        test::Random &random;
-        bool waits;  // may use synchronous transfers: only one side, or both could wait
-        uint32_t open = 0;
-    };
-
-    explicit End(Process &owner) : process(owner), buffer(kLongest + 16) { process.open++; }
+    explicit End(Process &owner) : process(owner) { process.open++; }
 
     void connect(const std::string &path, uint32_t id) {
         stream_out = 2 * id;
@@ -61,7 +59,7 @@ class End {
             CL_Sleep(1);
         }
         ASSERT_EQ(CL_AddEventList(object, 20, &err), 1u) << err;
-        if (mode == CL_MODE_SYNC) start(id);
+        if (mode == CL_MODE_SYNC) say_hello();
     }
     void accept(CL_Object *server) {
         object = CL_AcceptMSGS(server, test::call_action, test::address(&on_event), 0, &err);
@@ -71,74 +69,65 @@ class End {
         ASSERT_EQ(CL_AddEventList(object, 20, &err), 1u) << err;
         receive();
     }
-    void receive() {
-        while (object != nullptr) {
-            const bool wait = process.waits && received < kMessages && process.random.below(4) == 0;
-            const int32_t result = CL_RecvMSGC(
-                object, buffer.data(), static_cast<int32_t>(buffer.size()),
-                wait ? uint32_t{CL_MODE_SYNC} : CL_MODE_IMMEDIATE + process.random.below(2), 0,
-                &err);
-            if (!wait) {
-                ASSERT_EQ(result, -1);
-                ASSERT_EQ(err.err, uint32_t{CL_ERR_IN_PROGRESS}) << err;
-                return;
-            }
-            if (result < 0) {
-                ASSERT_TRUE(err.err == EPIPE || err.err == ECONNRESET) << err;
-                return over();
-            }
-            check(result);
-        }
-    }
+
     uint32_t give_up_at = UINT32_MAX;  // after so many messages received
+    bool complete = false;             // all was sent and received when the other side left
 
   private:
-    void start(uint32_t id) {
+    void say_hello() {
+        const uint32_t id = stream_out / 2;
         Block hello(4, kHello);
         memcpy(hello.get() + 1, &id, 4);
         ASSERT_EQ(CL_SendMSGC(object, hello.get(), hello.size(), CL_MODE_SYNC, 0, &err), 20);
         receive();
-        if (object != nullptr) pump();
+        pump();
     }
-
+    // Synchronously for a while, and then as a message comes.
+    void receive() {
+        while (object != nullptr) {
+            const bool wait = process.waits && received < kMessages && process.random.below(4) == 0;
+            const uint32_t mode =
+                wait ? uint32_t{CL_MODE_SYNC} : CL_MODE_IMMEDIATE + process.random.below(2);
+            const int32_t result = CL_RecvMSGC(object, buffer.data(), kLongest + 16, mode, 0, &err);
+            if (result >= 0 && wait) {
+                check(result);
+            } else if (wait) {
+                lost();
+            } else {
+                ASSERT_EQ(result, -1);
+                ASSERT_EQ(err.err, uint32_t{CL_ERR_IN_PROGRESS}) << err;
+                return;
+            }
+        }
+    }
     // Keeps some messages on their way.
     void pump() {
         const uint32_t many = 1 + process.random.below(12);
-        while (sent < kMessages && lent.size() < many) {
+        while (object != nullptr && sent < kMessages && lent.size() < many) {
             const Content content(stream_out, sent++);
             auto block = std::make_unique<Block>(content.size, content.type, content.seed);
             uint32_t mode = CL_MODE_IMMEDIATE + process.random.below(2);
             if (process.waits && lent.empty() && process.random.below(3) == 0) mode = CL_MODE_SYNC;
             const int32_t result = CL_SendMSGC(object, block->get(), block->size(), mode, 0, &err);
-            if (result == block->length()) {
-                ASSERT_NE(mode, uint32_t{CL_MODE_DEFERRED});
-                ASSERT_FALSE(block->queued());
-                continue;
+            const bool later = result == -1 && err.err == CL_ERR_IN_PROGRESS;
+            ASSERT_EQ(block->queued(), later);
+            ASSERT_FALSE(mode == (later ? CL_MODE_SYNC : CL_MODE_DEFERRED) &&
+                         (later || result >= 0));
+            if (later) {
+                CL_MsgBlock *key = block->get();
+                lent[key] = std::move(block);
+            } else if (result != block->length()) {
+                lost();
             }
-            ASSERT_EQ(result, -1);
-            if (err.err != CL_ERR_IN_PROGRESS) {
-                ASSERT_TRUE(err.err == EPIPE || err.err == ECONNRESET) << err;
-                ASSERT_FALSE(block->queued());
-                return over();
-            }
-            ASSERT_NE(mode, uint32_t{CL_MODE_SYNC});
-            ASSERT_TRUE(block->queued());
-            CL_MsgBlock *key = block->get();
-            lent[key] = std::move(block);
         }
-    }
-    void give_back(CL_MsgBlock *block) {
-        ASSERT_EQ(lent.count(block), 1u) << "a block that is not out comes back";
-        lent.erase(block);
     }
     void check(int32_t length) {
         const auto *header = reinterpret_cast<const CL_MsgHeader *>(buffer.data());
         ASSERT_EQ(header->length, static_cast<uint32_t>(length));
         if (header->type == kHello) {
-            uint32_t id;
-            memcpy(&id, header + 1, 4);
-            stream_out = 2 * id + 1;
-            stream_in = 2 * id;
+            memcpy(&stream_in, header + 1, 4);
+            stream_in *= 2;
+            stream_out = stream_in + 1;
             return pump();
         }
         const Content content(stream_in, received++);
@@ -147,30 +136,32 @@ class End {
         ASSERT_EQ(header->length, content.size + 16);
         ASSERT_EQ(std::string(buffer.data() + 16, content.size),
                   test::pattern(content.size, content.seed));
-        if (received >= give_up_at || (process.waits && received == kMessages && finished()))
-            over();
     }
-    bool finished() const { return sent == kMessages && lent.empty(); }
-
+    bool finished() const { return received == kMessages && sent == kMessages && lent.empty(); }
+    void give_back(CL_Queue &queue) {
+        while (auto *block = static_cast<CL_MsgBlock *>(CL_QUE_GetTop(&queue)))
+            ASSERT_EQ(lent.erase(block), 1u) << "a block that is not out comes back";
+    }
+    void lost() {
+        ASSERT_TRUE(err.err == EPIPE || err.err == ECONNRESET) << err;
+        over();
+    }
     // Gives the connection up; every block that is out comes back now.
     void over() {
-        if (object == nullptr) return;
         CL_Queue unsent;
         uint64_t out = 0;
         ASSERT_EQ(CL_DiscMSGC(object, &out, &unsent, &err), 1u) << err;
         ASSERT_EQ(out, test::address(buffer.data()));
-        while (auto *block = static_cast<CL_MsgBlock *>(CL_QUE_GetTop(&unsent)))
-            give_back(block);
+        give_back(unsent);
         ASSERT_TRUE(lent.empty());
         ASSERT_EQ(CL_DeleteFD(object, &err), 1u) << err;
         object = nullptr;
         process.open--;
     }
-
     uint32_t handle(CL_Event *event) {
         switch (event->type) {
             case CL_EVENT_CONNECTED:
-                start(stream_out / 2);
+                say_hello();
                 break;
             case CL_EVENT_MESSAGE:
                 EXPECT_EQ(event->data, buffer.data());
@@ -178,39 +169,34 @@ class End {
                 receive();
                 break;
             case CL_EVENT_SENT:
-                give_back(static_cast<CL_MsgBlock *>(event->data));
+                EXPECT_EQ(lent.erase(static_cast<CL_MsgBlock *>(event->data)), 1u);
                 pump();
-                if (process.waits && received == kMessages && finished()) over();
                 break;
-            case CL_EVENT_DISCONNECT: {
-                EXPECT_TRUE(event->error.err == EPIPE || event->error.err == ECONNRESET);
-                while (auto *block = static_cast<CL_MsgBlock *>(CL_QUE_GetTop(&event->queue)))
-                    give_back(block);
-                complete = received == kMessages && finished();
-                over();
+            case CL_EVENT_DISCONNECT:
+                give_back(event->queue);
+                complete = finished();
+                err = event->error;
+                lost();
                 break;
-            }
             default:
                 ADD_FAILURE() << "event " << event->type;
         }
+        if (object != nullptr && (received >= give_up_at || (process.waits && finished()))) over();
         return process.open == 0 || testing::Test::HasFailure() ? 1 : 0;
     }
 
     Process &process;
-    std::vector<char> buffer;
+    std::vector<char> buffer = std::vector<char>(kLongest + 16);
     std::map<CL_MsgBlock *, std::unique_ptr<Block>> lent;
     CL_Object *object = nullptr;
     uint32_t stream_out = 0, stream_in = 0;
     uint32_t sent = 0, received = 0;
     CL_ErrInfo err = {};
     Action on_event = [this](CL_Object *, CL_Event *event) { return handle(event); };
-
-  public:
-    bool complete = false;  // all was sent and received when the other side left
 };
 
 // Runs the loop until the last end is over.
-void run(const End::Process &process, const std::function<void()> &begin) {
+void run(const Process &process, const std::function<void()> &begin) {
     CL_ErrInfo err;
     ASSERT_EQ(CL_Init(20, nullptr, &err), 1u) << err;
     const Balance before = Balance::now();
@@ -220,59 +206,48 @@ void run(const End::Process &process, const std::function<void()> &begin) {
     EXPECT_EQ(CL_End(&err), 1u);
 }
 
-int client(test::Random &random, const std::string &path, uint32_t number) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    End::Process process{.random = random, .waits = true};
-    std::vector<std::unique_ptr<End>> ends;
-    run(process, [&] {
-        for (uint32_t i = 0; i < kConnections; ++i) {
-            ends.push_back(std::make_unique<End>(process));
-            if (i == 1) ends[i]->give_up_at = random.below(kMessages);
-            ends[i]->connect(path, number * kConnections + i);
-        }
-    });
-    return testing::Test::HasFailure() ? 1 : 0;
-}
-
 TEST(Exchange, TwoProcessesAgree) {
     test::Random random;
     const test::Folder folder;
     const std::string path = folder.path("exchange");
+    Process process{.random = random, .waits = true};
+    std::deque<End> ends;
+    const auto client = [&](uint32_t number, uint32_t seed) {
+        random.engine().seed(seed);
+        run(process, [&] {
+            for (uint32_t i = 0; i < kConnections; ++i) {
+                End &end = ends.emplace_back(process);
+                if (i == 1) end.give_up_at = random.below(kMessages);
+                end.connect(path, number * kConnections + i);
+            }
+        });
+        fflush(nullptr);
+        return testing::Test::HasFailure() ? 1 : 0;
+    };
     std::vector<pid_t> children;
     for (uint32_t number = 0; number < kClients; ++number) {
         const uint32_t seed = random.below(UINT32_MAX);
-        const pid_t pid = fork();
-        if (pid == 0) {
-            random.engine().seed(seed);
-            const int status = client(random, path, number);
-            fflush(nullptr);
-            _exit(status);
-        }
-        children.push_back(pid);
+        children.push_back(test::child_process([&] { return client(number, seed); }));
     }
-    End::Process process{.random = random, .waits = false};
-    std::vector<std::unique_ptr<End>> ends;
+    process.waits = false;
     CL_Object *server = nullptr;
     CL_ErrInfo err;
-    uint32_t accepted = 0;
+    uint32_t accepted = 0, complete = 0;
     Action on_connection = [&](CL_Object *, CL_Event *) {
-        ends.at(accepted++)->accept(server);
-        if (accepted == ends.size()) {
-            EXPECT_EQ(CL_DeleteFD(server, &err), 1u);
-        }
+        ends[accepted++].accept(server);
+        EXPECT_TRUE(accepted < ends.size() || CL_DeleteFD(server, &err) == 1);
         return 0u;
     };
     run(process, [&] {
-        for (uint32_t i = 0; i < kClients * kConnections; ++i)
-            ends.push_back(std::make_unique<End>(process));
+        while (ends.size() < kClients * kConnections)
+            ends.emplace_back(process);
         server =
             CL_CreateFD(CL_KIND_MSGS, test::call_action, test::address(&on_connection), 0, &err);
         ASSERT_EQ(CL_OpenMSGS(server, path.c_str(), 1, &err), 1u) << err;
         ASSERT_EQ(CL_AddEventList(server, 30, &err), 1u) << err;
     });
-    uint32_t complete = 0;
-    for (const auto &end : ends)
-        complete += end->complete ? 1 : 0;
+    for (const End &end : ends)
+        complete += end.complete ? 1 : 0;
     EXPECT_GE(complete, kClients) << "connections that were not given up carry everything";
     for (const pid_t pid : children) {
         int status = -1;
