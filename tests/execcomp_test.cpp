@@ -64,47 +64,44 @@ class Starter : public Channel {
 };
 
 TEST_F(Starter, OnlyAReportOfAWaitingProgramIsTakenAndEverythingElseIsShut) {
-    const struct {
-        const char *what;
-        std::vector<std::string> pieces;  // each sent before some rounds of the loop
-        bool taken, open;
-    } cases[] = {
-        {"report", {message(16, 1)}, true, true},
-        {"in pieces",
-         {message(16, 1).substr(0, 5), message(16, 1).substr(5, 10), message(16, 1).substr(15)},
-         true,
-         true},
-        {"twice", {message(16, 1) + message(16, 1)}, true, true},
-        {"then an end request", {message(16, 1), message(16, 2)}, true, true},
-        {"half a report", {message(16, 1).substr(0, 9)}, false, true},
-        {"21 bytes", {message(21, 1)}, false, false},
-        {"endless length", {message(0x7fffffff, 1)}, false, false},
-        {"no length", {message(0, 1)}, false, false},
-        {"other version", {message(16, 1, kPid, 0x00010002)}, false, false},
-        {"end request", {message(16, 2)}, false, false},
-        {"unknown process", {message(16, 1, kOther)}, false, false},
+    const std::string report = message(16, 1);
+    enum { kTaken, kOpen, kShut };
+    const std::pair<std::vector<std::string>, int> cases[] = {
+        // each piece before some rounds
+        {{report}, kTaken},
+        {{report.substr(0, 5), report.substr(5, 10), report.substr(15)}, kTaken},
+        {{report + report}, kTaken},
+        {{report, message(16, 2)}, kTaken},
+        {{report.substr(0, 9)}, kOpen},
+        {{message(21, 1)}, kShut},
+        {{message(0x7fffffff, 1)}, kShut},
+        {{message(0, 1)}, kShut},
+        {{message(16, 1, kPid, 0x00010002)}, kShut},
+        {{message(16, 2)}, kShut},
+        {{message(16, 1, kOther)}, kShut},
     };
-    for (const auto &test : cases) {
-        SCOPED_TRACE(test.what);
+    for (const auto &[pieces, fate] : cases) {
+        SCOPED_TRACE(testing::PrintToString(pieces));
+        const bool taken = fate == kTaken;
         CL_Object *child = waiting(kPid);
         {
             const Socket raw = Socket::connected(server);
             EXPECT_EQ(rounds(), 0u) << err;
-            for (const std::string &piece : test.pieces) {
+            for (const std::string &piece : pieces) {
                 raw.send(piece);
                 EXPECT_EQ(rounds(), 0u) << err;
             }
-            EXPECT_EQ(raw.ended(), !test.open);
-            EXPECT_EQ(heard.size(), test.taken ? 1u : 0u);
+            EXPECT_EQ(raw.ended(), fate == kShut);
+            EXPECT_EQ(heard.size(), taken ? 1u : 0u);
             EXPECT_EQ(child->status, uint32_t{CL_STATUS_READY | CL_STATUS_LISTED});
             EXPECT_EQ(child->sub_status,
-                      test.taken ? uint32_t{CL_SUB_EXEC_COMPLETE} : uint32_t{CL_SUB_EXEC_AWAITED});
-            EXPECT_EQ(child->descriptor != -1, test.taken);
-            EXPECT_EQ(connections(), test.open && !test.taken ? 1u : 0u);
+                      taken ? uint32_t{CL_SUB_EXEC_COMPLETE} : uint32_t{CL_SUB_EXEC_AWAITED});
+            EXPECT_EQ(child->descriptor != -1, taken);
+            EXPECT_EQ(connections(), fate == kOpen ? 1u : 0u);
         }
         EXPECT_EQ(rounds(), 0u) << err;  // the raw side has gone: nothing but the object is left
         EXPECT_EQ(connections(), 0u);
-        EXPECT_EQ(CL_MainTable->exec_wait_list.count, test.taken ? 0u : 1u);
+        EXPECT_EQ(CL_MainTable->exec_wait_list.count, taken ? 0u : 1u);
         remove(child);
         heard.clear();
         EXPECT_EQ(Balance::now(), idle);
@@ -162,62 +159,52 @@ class Started : public Channel {
 };
 
 TEST_F(Started, TheProgramIsToldToEndByARequestAndByAnyLoss) {
-    const std::string request = message(16, CL_MSG_END_REQUEST);
+    const std::string request = message(16, CL_MSG_END_REQUEST), close;
     const struct {
-        const char *what;
-        std::vector<std::string> pieces;
-        bool closes;
-        uint32_t err, detail;
+        std::vector<std::string> pieces;  // an empty one closes
+        uint32_t detail;                  // 0: it was asked
     } cases[] = {
-        {"request", {request}, false, 0, 0},
-        {"in pieces",
-         {request.substr(0, 1), request.substr(1, 14), request.substr(15)},
-         false,
-         0,
-         0},
-        {"closed in a request", {request.substr(0, 7)}, true, 32, 32},
-        {"too long", {message(21, 2)}, false, 32, 90},
-        {"no length", {message(0, 2)}, false, 32, 71},
-        {"other version", {message(16, 2, kPid, 1)}, false, 32, 71},
-        {"other messages first", {message(16, 7), message(20, 1), request}, false, 0, 0},
+        {{request}, 0},
+        {{request.substr(0, 1), request.substr(1, 14), request.substr(15)}, 0},
+        {{request.substr(0, 7), close}, EPIPE},
+        {{message(21, 2)}, EMSGSIZE},
+        {{message(0, 2)}, EPROTO},
+        {{message(16, 2, kPid, 1)}, EPROTO},
+        {{message(16, 7), message(20, 1), request}, 0},
     };
-    // The end callback may delete the object itself, and give its slot to somebody else.
-    std::vector<CL_Object *> strangers;
-    for (const auto &test : cases) {
-        for (const uint32_t value : {0u, kStop}) {
-            SCOPED_TRACE(testing::Message() << test.what << ", callback returns " << value);
-            reply = [&](CL_Object *object, CL_Event *) {
-                EXPECT_EQ(object, end);
-                if (value == kStop) return value;
-                EXPECT_EQ(CL_DeleteFD(end, &err), 1u) << err;
-                while (CL_Object *stranger = make(CL_KIND_TIMER))
-                    strangers.push_back(stranger);
-                return value;
-            };
-            report();
-            EXPECT_EQ(rounds(), 0u) << err;
-            EXPECT_TRUE(heard.empty());
-            uint32_t ended = 0;
-            for (const std::string &piece : test.pieces) {
-                peer.send(piece);
-                ended = rounds();
-            }
-            if (test.closes) {
-                peer.close();
-                ended = rounds();
-            }
-            EXPECT_EQ(ended, value);
-            ASSERT_EQ(heard.size(), 1u);
-            EXPECT_EQ(heard[0].event.type, uint32_t{CL_EVENT_END});
-            EXPECT_EQ(heard[0].event.error.err, test.err);
-            EXPECT_EQ(heard[0].event.error.detail, test.detail);
-            for (CL_Object *stranger : std::exchange(strangers, {}))
-                EXPECT_EQ(CL_DeleteFD(stranger, &err), 1u) << err;
-            EXPECT_EQ(cl_CheckFD(end, &err), 0u) << "the object is deleted";
-            heard.clear();
-            peer.close();
-            EXPECT_EQ(Balance::now(), idle);
+    for (int number = 0; number < 2 * static_cast<int>(std::size(cases)); ++number) {
+        SCOPED_TRACE(number);
+        const auto &[pieces, detail] = cases[number / 2];
+        const uint32_t value = number % 2 != 0 ? kStop : 0;
+        // The end callback may delete the object itself, and give its slot to somebody else.
+        std::vector<CL_Object *> strangers;
+        reply = [&](CL_Object *object, CL_Event *) {
+            EXPECT_EQ(object, end);
+            if (value == kStop) return value;
+            EXPECT_EQ(CL_DeleteFD(end, &err), 1u) << err;
+            while (CL_Object *stranger = make(CL_KIND_TIMER))
+                strangers.push_back(stranger);
+            return value;
+        };
+        report();
+        EXPECT_EQ(rounds(), 0u) << err;
+        EXPECT_TRUE(heard.empty());
+        uint32_t ended = 0;
+        for (const std::string &piece : pieces) {
+            piece.empty() ? peer.close() : peer.send(piece);
+            ended = rounds();
         }
+        EXPECT_EQ(ended, value);
+        ASSERT_EQ(heard.size(), 1u);
+        EXPECT_EQ(heard[0].event.type, uint32_t{CL_EVENT_END});
+        EXPECT_EQ(heard[0].event.error.err, detail == 0 ? 0u : uint32_t{EPIPE});
+        EXPECT_EQ(heard[0].event.error.detail, detail);
+        for (CL_Object *stranger : strangers)
+            EXPECT_EQ(CL_DeleteFD(stranger, &err), 1u) << err;
+        EXPECT_EQ(cl_CheckFD(end, &err), 0u) << "the object is deleted";
+        heard.clear();
+        peer.close();
+        EXPECT_EQ(Balance::now(), idle);
     }
 }
 
