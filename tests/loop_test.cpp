@@ -515,8 +515,18 @@ TEST_F(Loop, PendingTogetherIsDispatchedInOrder) {
     EXPECT_EQ(clSIGUSR1End(), 1u);
 }
 
-// Ticks are looked for behind every object, also one that has nothing to say, and behind the wait,
-// whatever was dispatched before it; a timer that is due at every look takes turns with the others.
+// A tick that comes while the loop waits counts, whatever was dispatched before the wait.
+TEST_F(Loop, EveryTickIsDispatched) {
+    int left = 2;
+    timer(note('T', [&] { return --left > 0 ? 0u : 9u; }), CL_TIMER_PERIODIC);
+    tick();
+    const Plan plan{{.call = "pselect", .before = [this] { tick(); }}};
+    EXPECT_EQ(run(), 9u);
+    EXPECT_EQ(plan.count("pselect"), 1);
+}
+
+// There is a look behind every object, also one that has nothing to say, and a timer that is due at
+// every look takes turns with the others.
 TEST_F(Loop, EveryLookFindsTicks) {
     Action *again = note('T', [this] {
         tick();
