@@ -145,8 +145,7 @@ TEST_F(Client, ReadyForWhatNobodyWaitsFor) {
     await(client);
     cl_StatusChange_M(client, client->status, client->sub_status | 0x100, "test", 1);
     EXPECT_EQ(iterate(), 0u) << "that bit alone asks for nothing";
-    test::Action quiet = [](CL_Object *, CL_Event *) { return 0u; };
-    CL_Object *other = create(CL_KIND_FD, test::call_action, test::address(&quiet));
+    CL_Object *other = make(CL_KIND_FD);
     const fd_set set = test::only(client->descriptor);
     const auto count = static_cast<uint32_t>(client->descriptor) + 1;
     ASSERT_EQ(CL_SetFD(other, count, nullptr, &set, nullptr, &err), 1u);
@@ -256,6 +255,7 @@ TEST_F(Client, EverythingIsAllowedInACallback) {
     for (const uint32_t cause : std::initializer_list<uint32_t>{
              CL_EVENT_CONNECTED, CL_EVENT_MESSAGE, CL_EVENT_SENT, kReadLost, kWriteLost}) {
         const bool lost = cause == kReadLost || cause == kWriteLost;
+        const bool connects = cause == CL_EVENT_CONNECTED;
         const uint32_t type = lost ? uint32_t{CL_EVENT_DISCONNECT} : cause;
         for (const auto &act : acts) {
             SCOPED_TRACE(testing::Message() << "event " << cause << ": " << act.what);
@@ -267,8 +267,8 @@ TEST_F(Client, EverythingIsAllowedInACallback) {
             EXPECT_EQ(CL_RecvMSGC(behind, other.data(), 64, CL_MODE_DEFERRED, 0, &err), -1);
             behind_peer.send(wire_message("behind"));
 
-            connect_again(cause == CL_EVENT_CONNECTED ? CL_MODE_IMMEDIATE : CL_MODE_SYNC);
-            if (cause != CL_EVENT_CONNECTED) await(client);
+            connect_again(connects ? CL_MODE_IMMEDIATE : CL_MODE_SYNC);
+            if (!connects) await(client);
             Block block, unread_by_peer;
             std::unique_ptr<Block> stuffed;
             if (cause == kWriteLost) {
@@ -276,7 +276,7 @@ TEST_F(Client, EverythingIsAllowedInACallback) {
                 stuffed = stuff(client);
             }
             EXPECT_TRUE(cause != CL_EVENT_SENT || send(client, block, CL_MODE_DEFERRED) == -1);
-            if (cause != CL_EVENT_CONNECTED && cause != kReadLost) peer.send(wire_message("old"));
+            if (!connects && cause != kReadLost) peer.send(wire_message("old"));
             if (cause == CL_EVENT_MESSAGE) peer.send(wire_message("next"));
             if (lost) peer.close();
 
