@@ -18,7 +18,6 @@
 namespace {
 
 using test::Action;
-using test::only;
 using test::Plan;
 using test::table;
 using testing::Pair;
