@@ -431,9 +431,12 @@ TEST_F(Loop, EndsWithAnObjectThatCannotTakePart) {
             EXPECT_EQ(err.err, answer == 0 ? uint32_t{EBADF} : 0u) << err;
             EXPECT_EQ(object->status, uint32_t{CL_STATUS_LISTED | CL_STATUS_FAILED});
         }
+        answer = 0;
+        EXPECT_EQ(cl_fdmake(&err), CL_LOOP_ERROR);
+        EXPECT_EQ(err.err, uint32_t{EBADF}) << err;
         EXPECT_EQ(CL_DeleteFD(object, &err), 1u) << err;
     }
-    EXPECT_EQ(trail, std::string(12, 'F'));
+    EXPECT_EQ(trail, std::string(15, 'F'));
 }
 
 // ---- Signals
