@@ -27,8 +27,9 @@ inline std::ostream &operator<<(std::ostream &out, const Outcome &o) {
     return out << "code " << o.code << " line " << o.line << " " << o.content.substr(0, 300);
 }
 
-inline bool is_blank(unsigned char c) {
-    return c <= ' ' || c == 127;
+inline bool is_blank(char c) {
+    const auto code = static_cast<unsigned char>(c);
+    return code <= ' ' || code == 127;
 }
 
 inline std::string trimmed(std::string_view text) {
@@ -74,7 +75,7 @@ class Model {
             const size_t close = text.find(']');
             const std::string name = trimmed(std::string_view(text).substr(1, close - 1));
             const bool bad = std::any_of(name.begin(), name.end(), [](char c) {
-                return c == '=' || (c != ' ' && is_blank(static_cast<unsigned char>(c)));
+                return c == '=' || (c != ' ' && is_blank(c));
             });
             if (close == text.npos || bad || name.empty() || name.size() > 50) return 5;
             const auto [place, fresh] = sections_.try_emplace(name, Section{at, {}});

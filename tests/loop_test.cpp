@@ -383,7 +383,7 @@ TEST_F(Loop, FindsNothingReadyThatCameLater) {
     // The number is free because the client is deleted, or because the application closes its own.
     const std::pair<std::function<int()>, bool> rows[] = {
         {file, false}, {event, false}, {file, true}, {shm, true}, {socket, true}};
-    for (const auto &[get, by_close] : rows) {
+    for (const auto &row : rows) {
         SCOPED_TRACE(testing::Message() << "row " << trail.size() / 2);
         const int owned = watched(owner, dup(pipe.out()));
         CL_SetFD(later, 0, nullptr, nullptr, nullptr, &err);
@@ -393,12 +393,12 @@ TEST_F(Loop, FindsNothingReadyThatCameLater) {
         // In the one place of the table that is free.
         CL_DeleteFD_M(client, &err, 1, "test", 1);
         client = create(CL_KIND_MSGC, test::call_action, test::address(note('c', [&] {
-                            if (by_close) {
+                            if (row.second) {
                                 close(owned);
                                 watched(owner, pipe.out());
                             }
                             EXPECT_EQ(CL_DeleteFD(client, &err), 1u) << err;
-                            EXPECT_EQ(get(), by_close ? owned : ends[0]);
+                            EXPECT_EQ(row.first(), row.second ? owned : ends[0]);
                             return 0u;
                         })));
         client->descriptor = ends[0];
@@ -424,7 +424,7 @@ TEST_F(Loop, EndsWithAnObjectThatCannotTakePart) {
         CL_Object *object = create(kind, test::call_action, test::address(&action));
         cl_StatusChange_M(object, CL_STATUS_READY, 0, "test", 1);
         ASSERT_EQ(CL_AddEventList(object, 20, &err), 1u);
-        for (int number = 0; number < 2 * 2; ++number) {
+        for (uint32_t number = 0; number < 2 * 2; ++number) {
             answer = number % 2 * 5;
             cl_StatusChange_M(object, CL_STATUS_LISTED, 0, "test", 1);
             EXPECT_EQ(run(number / 2 != 0), answer == 0 ? CL_LOOP_ERROR : answer);

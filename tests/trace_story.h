@@ -189,7 +189,7 @@ inline void Story::files() {
         CL_WriteFile_M(object, text, 3, &err, POSITION);
         CL_SeekFile_M(object, -22, SEEK_CUR, &err, POSITION);
         CL_SeekFile_M(object, -1, 3, &err, POSITION);
-        for (const uint64_t length : {5, 100})
+        for (const uint64_t length : {5u, 100u})
             CL_ReadFile_M(object, buffer_, length, &err, POSITION);
         CL_FlushFile_M(object, &err, POSITION);
     }

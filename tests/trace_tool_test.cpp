@@ -190,7 +190,7 @@ TEST_F(Damage, OfEveryLengthIsToldAndTheRestIsShown) {
 
 // A block that begins at the end of one piece of the search is found in the next.
 TEST_F(Damage, IsSkippedAtAnyPlace) {
-    for (const size_t offset : {65520, 65521, 65530, 65535, 65536, 131000}) {
+    for (const size_t offset : {65520u, 65521u, 65530u, 65535u, 65536u, 131000u}) {
         const std::string noise(offset, '?');
         const Result show = tool("show", noise + file_.substr(library_));
         EXPECT_EQ(show.status, kDamaged);
