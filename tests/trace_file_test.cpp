@@ -14,7 +14,7 @@ using test::bytes_of;
 using test::Plan;
 using testing::ElementsAre;
 
-constexpr size_t kTraceFdAt = 1136;  // in the main table, 4 bytes
+constexpr size_t kTraceFdAt = offsetof(CL_MainBlock, trace_fd);
 
 // Every block begins with its header.
 std::string block(const void *data) {

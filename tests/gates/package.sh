@@ -43,5 +43,5 @@ LD_LIBRARY_PATH=$libdir "$work/program"
 # Neither way may bring a C++ runtime into a C program.
 for binary in "$work/cmake/program" "$work/whole/program" "$work/program"; do
     readelf --dynamic "$binary" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | sort >"$work/needed"
-    printf '%s\n' libc.so.6 libqvcl.so.1 | diff - "$work/needed"
+    printf '%s\n' libc.so.6 "libqvcl.so.${version%%.*}" | diff - "$work/needed"
 done
