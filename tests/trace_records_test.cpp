@@ -22,141 +22,107 @@ using test::Story;
 using trace_reader::Bytes;
 using trace_reader::number;
 
-class Transcript : public testing::Test {
+class Transcript : public testing::Test, protected Story {
   protected:
     Transcript() { std::filesystem::current_path(folder_.path("")); }
-    // A command and what a user sees of it; words lie between blanks, a "~" is a blank.
-    void enter(const std::string &command) {
-        said_ += "$ qvcl-trace " + command + "\n";
-        if (const int status = run(command); status != 0)
-            said_ += "status " + std::to_string(status) + "\n";
-        said_ += "\n";
+    // Commands and what a user sees of them; words lie between blanks, a "~" is a blank.
+    void enter(const std::string &commands) {
+        std::istringstream stream(commands);
+        for (std::string command; std::getline(stream, command, ';'); said_ += "\n") {
+            said_ += "$ qvcl-trace " + command + "\n";
+            if (const int status = run(command); status != 0)
+                said_ += "status " + std::to_string(status) + "\n";
+        }
     }
     int run(const std::string &command) {
         std::istringstream stream("qvcl-trace " + command);
-        std::vector<std::string> words;
-        for (std::string word; stream >> word; words.push_back(word))
-            std::ranges::replace(word, '~', ' ');
+        std::vector<std::string> words(std::istream_iterator<std::string>(stream), {});
         std::vector<char *> argv;
-        for (std::string &word : words)
+        for (std::string &word : words) {
+            std::ranges::replace(word, '~', ' ');
             argv.push_back(word.data());
+        }
         argv.push_back(nullptr);
-        trace_reader::Text out, err;
-        const int status = trace_reader::run(static_cast<int>(words.size()), argv.data(), out, err);
-        said_ += out.str() + err.str();
+        trace_reader::Text out, complaints;
+        const int status =
+            trace_reader::run(static_cast<int>(words.size()), argv.data(), out, complaints);
+        said_ += out.str() + complaints.str();
         return status;
     }
     // Without what differs from run to run, or with every edit of a source: addresses get names.
-    std::string masked() const {
-        std::string text;
-        const std::regex varying(
-            R"((0x[0-9a-f]{9,})|((?:cl_\w+(?:\.cpp)?|open_descriptor|\w+\.h):)\d+|((?:sender=|descriptor(?:_count)? +|sets +read ))\d+)");
-        auto rest = said_.cbegin();
-        for (std::sregex_iterator at(rest, said_.cend(), varying), end; at != end; ++at) {
-            const std::smatch &found = *at;
-            text.append(rest, found[0].first);
-            rest = found[0].second;
-            if (found[1].matched) {
-                const auto name = story_.names.find(std::stoull(found[1], nullptr, 16));
-                text += name != story_.names.end() ? "&" + name->second : "&?";
-            } else {
-                text += found[2].str() + found[3].str() + "*";
-            }
-        }
-        return text.append(rest, said_.cend());
-    }
     void expect(const std::string &name) {
-        const std::string path = QVCL_TEST_DATA "/" + name, text = masked();
-        said_.clear();
+        const std::string path = QVCL_TEST_DATA "/" + name;
+        const auto mask = [&](const std::string &varying, const std::string &by) {
+            said_ = std::regex_replace(said_, std::regex(varying), by);
+        };
+        for (const auto &[address, word] : names) {
+            std::ostringstream digits;
+            digits << "0x" << std::hex << address << "\\b";
+            mask(digits.str(), "&" + word);
+        }
+        mask("0x[0-9a-f]{9,}", "&?");
+        mask(R"(((?:cl_\w+(?:\.cpp)?|open_descriptor|\w+\.h):)\d+)", "$1*");
+        mask(R"((sender=|descriptor(?:_count)? +|sets +read )\d+)", "$1*");
         const char *wanted = getenv("QVCL_TRANSCRIPTS");
-        if (wanted != nullptr && wanted == std::string_view("write")) std::ofstream(path) << text;
-        EXPECT_EQ(text, test::bytes_of(path)) << name;
+        if (wanted != nullptr && wanted == std::string_view("write")) std::ofstream(path) << said_;
+        EXPECT_EQ(said_, test::bytes_of(path)) << name;
+        said_.clear();
     }
+    void expect_exact(const std::vector<Record> &records) const;
+    void expect_meaning(const trace_reader::Record &record) const;
 
     test::Folder folder_;
-    Story story_;
     std::string said_;
 };
 
-// Which bytes of a record mean something; the others are zero.
-class Meaning {
-  public:
-    Meaning(const Record &record, const CL_TrcOperation &row)
-        : bytes_(record.bytes), known_(record.bytes.size()), row_(row), head_(record.head()) {}
-    void check(const Story &story);
-
-  private:
-    void mark(size_t offset, size_t size) {
-        ASSERT_LE(offset + size, known_.size());
-        std::fill_n(known_.begin() + static_cast<ptrdiff_t>(offset), size, true);
-    }
-    void mark(const CL_TrcField &field, const Story &story);
-
-    Bytes bytes_;
-    std::vector<bool> known_;
-    const CL_TrcOperation &row_;
-    const CL_TrcHead head_;
-    size_t length_ = 0;
-};
-
-void Meaning::mark(const CL_TrcField &field, const Story &story) {
-    if (field.type == CL_TRC_BYTES) return;  // as many as are shown
-    const bool callback = row_.api == CL_API_CALLBACK;
-    if (field.type == CL_TRC_ERROR && head_.phase == 0 && !callback) return;
-    size_t size = field.size;
-    if (field.type == CL_TRC_TEXT) {
-        const auto *text = reinterpret_cast<const char *>(&bytes_[field.offset]);
-        size = strnlen(text, bytes_.size() - field.offset);
-        length_ += bytes_.size() == row_.length + 7u ? 7 : size + 8;
-    }
-    mark(field.offset, size);
-    if (field.name == std::string_view("err_address") && head_.caller == 0) {
-        EXPECT_EQ(number(bytes_, field), test::address(&story.err));
-    }
-}
-
-void Meaning::check(const Story &story) {
-    length_ = row_.length;
-    mark(0, offsetof(CL_TrcHead, reserved));
-    mark(offsetof(CL_TrcHead, length),
-         offsetof(CL_TrcHead, reserved2) - offsetof(CL_TrcHead, length));
-    if (head_.phase != 0) mark(row_.result.offset, row_.result.size);
-    for (const CL_TrcField &field : trace_reader::fields(row_))
-        mark(field, story);
-    const trace_reader::Record record{
-        .bytes = bytes_, .length = head_.length, .operation = &row_, .exit = head_.phase != 0};
-    const Bytes shown = trace_reader::carried(record).bytes;
-    if (!shown.empty()) mark(static_cast<size_t>(shown.data() - bytes_.data()), shown.size());
-    if (row_.api == CL_API_SEND_MSGC) {
-        const auto send = trace_reader::load<CL_TrcSend>(bytes_, 0);
-        mark(offsetof(CL_TrcSend, data), std::min<size_t>(send.data_length, CL_MSG_PREFIX_SIZE));
-        if (head_.phase == 0) length_ = offsetof(CL_TrcSend, data) + send.data_length;
-        EXPECT_TRUE(send.result != 100 || memcmp(send.data, &story.message, 72) == 0);
-    } else if (row_.api == CL_API_CALLBACK) {
-        mark(offsetof(CL_TrcCallback, block), sizeof CL_TrcCallback::block);
-        const bool made_up = head_.file == std::string_view("event");
-        const CL_Queue queue = made_up ? story.pattern : CL_Queue{};
-        EXPECT_EQ(memcmp(&bytes_[offsetof(CL_TrcCallback, block)], &queue, sizeof queue), 0);
-        if (head_.phase == 0) length_ += shown.size();
-    }
-    EXPECT_EQ(bytes_.size(), length_);
-    for (size_t i = 0; i < bytes_.size(); ++i)
-        ASSERT_TRUE(known_[i] || bytes_[i] == 0) << "byte " << i;
-}
-
-// An exit record is the entry record again, but for what the call has brought.
-void expect_pair(const Record &entry, const Record &exit, const CL_TrcOperation &row) {
-    EXPECT_EQ(memcmp(entry.head().file, exit.head().file, 20), 0);
-    EXPECT_EQ(entry.head().caller, exit.head().caller);
+// A record's length, and that whatever means nothing in it is zero.
+void Transcript::expect_meaning(const trace_reader::Record &record) const {
+    const Bytes bytes = record.bytes;
+    const CL_TrcOperation &row = *record.operation;
+    const auto head = trace_reader::load<CL_TrcHead>(bytes, 0);
+    const bool callback = row.api == CL_API_CALLBACK;
+    std::vector<uint8_t> rest(bytes.begin(), bytes.end());
+    const auto means = [&](size_t offset, size_t size) {
+        ASSERT_LE(offset + size, rest.size());
+        std::fill_n(&rest[offset], size, uint8_t{0});
+    };
+    size_t length = row.length;
+    means(0, offsetof(CL_TrcHead, reserved));
+    means(offsetof(CL_TrcHead, length),
+          offsetof(CL_TrcHead, reserved2) - offsetof(CL_TrcHead, length));
+    if (record.exit) means(row.result.offset, row.result.size);
     for (const CL_TrcField &field : trace_reader::fields(row)) {
-        if (field.type == CL_TRC_BYTES || field.name == std::string_view("error")) continue;
-        const size_t size = std::min<size_t>(field.size, exit.bytes.size() - field.offset);
-        EXPECT_EQ(memcmp(&entry.bytes[field.offset], &exit.bytes[field.offset], size), 0)
-            << field.name;
+        if (field.type == CL_TRC_BYTES) continue;  // as many as are shown
+        if (field.type == CL_TRC_ERROR && !record.exit && !callback) continue;
+        size_t size = field.size;
+        if (field.type == CL_TRC_TEXT) {
+            size = strnlen(reinterpret_cast<const char *>(&bytes[field.offset]),
+                           bytes.size() - field.offset);
+            length += bytes.size() == row.length + 7u ? 7 : size + 8;
+        }
+        means(field.offset, size);
+        if (field.name == std::string_view("err_address") && head.caller == 0) {
+            EXPECT_EQ(number(bytes, field), test::address(&err));
+        }
     }
+    const Bytes shown = trace_reader::carried(record).bytes;
+    if (!shown.empty()) means(static_cast<size_t>(shown.data() - bytes.data()), shown.size());
+    if (row.api == CL_API_SEND_MSGC) {
+        const auto send = trace_reader::load<CL_TrcSend>(bytes, 0);
+        means(offsetof(CL_TrcSend, data), std::min<size_t>(send.data_length, CL_MSG_PREFIX_SIZE));
+        if (!record.exit) length = offsetof(CL_TrcSend, data) + send.data_length;
+        EXPECT_TRUE(send.result != 100 || memcmp(send.data, &message, 72) == 0);
+    } else if (callback) {
+        const CL_Queue queue = head.file == std::string_view("event") ? pattern : CL_Queue{};
+        EXPECT_EQ(memcmp(&bytes[offsetof(CL_TrcCallback, block)], &queue, sizeof queue), 0);
+        means(offsetof(CL_TrcCallback, block), sizeof queue);
+        if (!record.exit) length += shown.size();
+    }
+    EXPECT_EQ(bytes.size(), length);
+    EXPECT_THAT(rest, testing::Each(0));
 }
 
-void expect_exact(const std::vector<Record> &records, const Story &story) {
+void Transcript::expect_exact(const std::vector<Record> &records) const {
     std::set<std::pair<uint8_t, bool>> seen;  // operation, success
     std::vector<const Record *> open;
     for (const Record &record : records) {
@@ -165,107 +131,77 @@ void expect_exact(const std::vector<Record> &records, const Story &story) {
         ASSERT_NE(row, std::end(CL_TRC_OPERATIONS));
         SCOPED_TRACE(testing::Message() << row->name << " phase " << int{head.phase} << " #"
                                         << &record - records.data());
-        Meaning(record, *row).check(story);
-        if (head.phase == 0 && head.api != CL_API_STATUS) {
-            open.push_back(&record);
-        } else if (head.phase != 0) {
-            ASSERT_FALSE(open.empty());
-            expect_pair(*open.back(), record, *row);
-            open.pop_back();
-            seen.insert({head.api, !failed(trace_reader::Record{
-                                       .bytes = record.bytes, .operation = row, .exit = true})});
+        const trace_reader::Record read{.bytes = record.bytes,
+                                        .length = head.length,
+                                        .operation = row,
+                                        .exit = head.phase != 0};
+        expect_meaning(read);
+        if (!read.exit) {
+            if (read.is_call()) open.push_back(&record);
+            continue;
         }
+        // An exit record is the entry record again, but for what the call has brought.
+        ASSERT_FALSE(open.empty());
+        const Record &entry = *open.back();
+        open.pop_back();
+        EXPECT_EQ(memcmp(entry.head().file, head.file, 20), 0);
+        EXPECT_EQ(entry.head().caller, head.caller);
+        for (const CL_TrcField &field : trace_reader::fields(*row)) {
+            if (field.type == CL_TRC_BYTES || field.name == std::string_view("error")) continue;
+            const size_t size = std::min<size_t>(field.size, record.bytes.size() - field.offset);
+            EXPECT_EQ(memcmp(&entry.bytes[field.offset], &record.bytes[field.offset], size), 0)
+                << field.name;
+        }
+        seen.insert({head.api, !failed(read)});
     }
     EXPECT_TRUE(open.empty());
     for (const CL_TrcOperation &row : CL_TRC_OPERATIONS) {
         if (row.api == CL_API_CALLBACK || row.api == CL_API_STATUS) continue;
-        EXPECT_TRUE(seen.contains({row.api, true})) << row.name << " that succeeds";
-        EXPECT_TRUE(seen.contains({row.api, false})) << row.name << " that fails";
+        for (const bool success : {true, false})
+            EXPECT_TRUE(seen.contains({row.api, success})) << row.name << " " << success;
     }
 }
 
 TEST_F(Transcript, OfEveryOperation) {
-    Story::rings(900);
-    story_.calls();
+    rings(900);
+    calls();
     auto records = test::records(CL_MainTable->library_ring);
     CL_TRC_Out("calls", nullptr);
-    Story::rings(9);
-    story_.err = {};
-    CL_End_M(&story_.err, POSITION);
+    rings(9);
+    err = {};
+    CL_End_M(HERE);
     CL_TRC_Out("end", nullptr);
     std::ranges::copy(test::records(CL_MainTable->library_ring), std::back_inserter(records));
-    expect_exact(records, story_);
-    for (const char *command : {"show calls", "check calls", "show --api=end end"})
-        enter(command);
+    expect_exact(records);
+    enter("show calls;check calls;show --api=end end");
     expect("trace_calls.txt");
 }
 
 TEST_F(Transcript, OfEveryCommand) {
-    ASSERT_EQ(CL_Init(Story::kObjects, nullptr, &story_.err), 1u);
-    story_.live("live");
+    live("live");
     // Two runs that differ in what always does, and one that does not do the same.
-    const struct {
-        const char *dump;
-        uint32_t sender;
-        uint64_t buffer;
-        uint32_t seconds;
-    } odd[] = {{"odd", 1, 0x7fff00001000, 5},
-               {"same", 2, 0x7fff00002000, 5},
-               {"other", 1, 0x7fff00003000, 6}};
-    for (const auto &[dump, sender, buffer, seconds] : odd) {
-        Story::rings(100);
-        story_.odd(sender, buffer, seconds);
-        CL_TRC_Out(dump, nullptr);
-    }
+    odd("odd", 1, 0x7fff00001000, 5);
+    odd("same", 2, 0x7fff00002000, 5);
+    odd("other", 1, 0x7fff00003000, 6);
     std::ofstream("empty");
-    for (const char *command : {
-             "show live",
-             "show --api timer live",
-             "show --api=66 --api 0xff live",
-             "show --handle #6 live",
-             "show --handle=0x1234 live",
-             "show --failures live",
-             "show --slower=0.02ms live",
-             "show --since 14:13:20.00005 live",
-             "show --until 2026-09-21~14:13:20.000036 live",
-             "show --last 2 --failures live",
-             "show --ring=user live",
-             "tables --all live",
-             "report live",
-             "check live",
-             "show odd",
-             "show --failures odd",
-             "report odd",
-             "diff odd same",
-             "diff odd other",
-             "diff live odd",
-             "--help",
-             "--version",
-             "",
-             "frobnicate odd",
-             "check missing",
-             "check empty",
-             "check odd same",
-             "diff odd",
-             "tables --failures odd",
-             "show --since later odd",
-             "show --slower=3h odd",
-             "show --api=none odd",
-             "show --ring=none odd",
-             "show --last",
-             "show --unknown odd",
-         })
-        enter(command);
+    enter(
+        "show live;show --api timer live;show --api=66 --api 0xff live;show --handle #6 live;"
+        "show --handle=0x1234 live;show --failures live;show --slower=0.02ms live;"
+        "show --since 14:13:20.00005 live;show --until 2026-09-21~14:13:20.000036 live;"
+        "show --last 2 --failures live;show --ring=user live;tables --all live;report live;"
+        "check live;show odd;show --failures odd;report odd;"
+        "diff odd same;diff odd other;diff live odd;--help;--version;;frobnicate odd;"
+        "check missing;check empty;check odd same;diff odd;tables --failures odd;"
+        "show --since later odd;show --slower=3h odd;show --api=none odd;show --ring=none odd;"
+        "show --last;show --unknown odd");
     expect("trace_commands.txt");
 }
 
 // Read by a strict reader as well (CMakeLists.txt).
 TEST_F(Transcript, OfTimelines) {
-    ASSERT_EQ(CL_Init(Story::kObjects, nullptr, &story_.err), 1u);
-    story_.live("live");
-    Story::rings(100);
-    story_.odd(1, 0x7fff00001000, 5);
-    CL_DeleteFile_M("\x1b[31m\\\"", &story_.err, POSITION);
+    live("live");
+    odd("odd", 1, 0x7fff00001000, 5);
+    CL_DeleteFile_M("\x1b[31m\\\"", HERE);
     CL_TRC_Out("odd", nullptr);
     for (const std::string name : {"live", "odd"}) {
         EXPECT_EQ(run("export --json " + name), 0);
