@@ -31,13 +31,11 @@ std::optional<std::vector<Record>> held;
 uint32_t write_watched(std::vector<uint8_t> &record, size_t readable) {
     uint8_t *const start = memory + kHalf - readable;
     std::ranges::copy(record, start);
-    struct sigaction action {};
-    action.sa_handler = [](int) {
+    signal(SIGSEGV, [](int) {
+        signal(SIGSEGV, SIG_DFL);
         held = test::records(CL_MainTable->user_ring);
         mprotect(memory + kHalf, kHalf, PROT_READ | PROT_WRITE);
-    };
-    action.sa_flags = static_cast<int>(SA_RESETHAND);
-    sigaction(SIGSEGV, &action, nullptr);
+    });
     held.reset();
     mprotect(memory + kHalf, kHalf, PROT_NONE);
     const uint32_t result = CL_TRC_Write_M(start, CL_RING_USER);

@@ -145,11 +145,11 @@ class Story {
         for (const uint32_t priority : {11u, 20u, 20u})
             CL_AddEventList_M(object, priority, HERE);
         twice([&] { CL_DelEventList_M(object, HERE); });
-        const uint32_t unknown = CL_STATUS_READY | 0x80;
-        const char *const place = "a_name_longer_than_16";
-        cl_StatusChange_M(object, CL_STATUS_READY, CL_SUB_RECV_PENDING, place, 99);
-        cl_StatusChange_M(object, unknown, 0x107, place, 99);
-        cl_StatusChange_M(object, unknown, 0x04, place, 99);
+        const std::pair<uint32_t, uint32_t> changes[] = {{CL_STATUS_READY, CL_SUB_RECV_PENDING},
+                                                         {CL_STATUS_READY | 0x80, 0x107},
+                                                         {CL_STATUS_READY | 0x80, 0x04}};
+        for (const auto &[status, sub_status] : changes)
+            cl_StatusChange_M(object, status, sub_status, "a_name_longer_than_16", 99);
         destroy({object, object});
         CL_Object *thread = make(CL_KIND_THREAD);
         CL_SetThreadFd_M(thread, HERE);
@@ -258,15 +258,14 @@ class Story {
                     {CL_EVENT_SENT, blocks[0], 0},      {CL_EVENT_SENT, blocks[1], 0},
                     {CL_EVENT_DESCRIPTOR, nullptr, 0},  {77, blocks[0], 50}};
         for (const auto &[type, data, length] : rows) {
-            CL_Event event{};
-            event.type = type;
-            event.data = data;
-            event.length = length;
-            event.queue = pattern;
-            event.sets = {only(3), {}, only(1023)};
-            event.exit_reason = 1;
-            event.exit_value = 3;
-            event.error = {9, 8, 7, 6, 5};
+            CL_Event event{.type = type,
+                           .data = data,
+                           .length = length,
+                           .queue = pattern,
+                           .sets = {only(3), {}, only(1023)},
+                           .exit_reason = 1,
+                           .exit_value = 3,
+                           .error = {9, 8, 7, 6, 5}};
             cl_Callback_M(call_action, object, &event, address(&action), 43, 1, "event", 12);
         }
         destroy({object});

@@ -6,11 +6,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const Source source(Bytes(data, size));
     const Source *sources[] = {&source, &source};
     const std::string names[] = {"a", "b"};
-    Options options;
-    options.all = true;
     for (const Command &command : kCommands) {
         Text out, err;
-        run_command(command, options, std::span(names).first(command.files),
+        run_command(command, {.all = true}, std::span(names).first(command.files),
                     std::span(sources).first(command.files), out, err);
     }
     return 0;
