@@ -74,37 +74,22 @@ constexpr uint32_t kKinds[] = {CL_KIND_TIMER, CL_KIND_CHILD, CL_KIND_THREAD, CL_
 
 // Four lists, and callbacks that change any of them. A walk goes on behind whom it has called,
 // passes nobody over who stays, and calls nobody who has left. The readers watch copies of a
-// descriptor that is always readable, in every word of the sets but the first.
+// descriptor that is always readable, in every word of the sets but the first; timers are due again
+// at once.
 class Walks : public Loop {
   protected:
     struct State {
         List list;
         enum { kOff, kOn, kSlippedIn } place = kOff;
         std::set<int> watched = {};  // readers
-        int64_t start = 0, interval = 0;
         bool periodic = false;
         bool turn = false;      // due, ended, or not yet called by this walk
         bool may_wait = false;  // has the place of the one whose callback made it
-    };
-    struct Walked {
-        std::vector<CL_Object *> objects;
-        std::ptrdiff_t cursor = -1;
-
-        void insert(std::size_t place, CL_Object *object) {
-            objects.insert(objects.begin() + static_cast<std::ptrdiff_t>(place), object);
-            if (static_cast<std::ptrdiff_t>(place) <= cursor) ++cursor;
-        }
-        void erase(CL_Object *object) {
-            const auto at = std::find(objects.begin(), objects.end(), object);
-            if (at != objects.end() && objects.erase(at) - objects.begin() <= cursor) --cursor;
-        }
     };
 
     void SetUp() override {
         Loop::SetUp();
         signal(SIGCHLD, SIG_DFL);  // the test says when a child has ended
-        const rlimit no_core = {0, 0};
-        setrlimit(RLIMIT_CORE, &no_core);
         for (int word = 1; word < FD_SETSIZE / 64; ++word)
             fds.push_back(fcntl(pipe.out(), F_DUPFD, 64 * word + 63 * (word % 2)));
     }
@@ -113,9 +98,7 @@ class Walks : public Loop {
     CL_Object *any() {
         return std::next(states.begin(), below(static_cast<uint32_t>(states.size())))->first;
     }
-
     List any_list() { return static_cast<List>(std::min(below(8), uint32_t{kReaders})); }
-
     CL_Object *add(List list) {
         CL_Object *object = make(kKinds[list], &action);
         states[object] = {.list = list, .turn = list == kThreads};
@@ -127,11 +110,10 @@ class Walks : public Loop {
         std::set<int> &watched = states.at(object).watched;
         watched.clear();
         fd_set read = {};
-        for (; descriptors > 0; --descriptors) {
-            const int fd = fds[below(static_cast<uint32_t>(fds.size()))];
-            watched.insert(fd);
+        for (; descriptors > 0; --descriptors)
+            watched.insert(fds[below(static_cast<uint32_t>(fds.size()))]);
+        for (const int fd : watched)
             FD_SET(fd, &read);
-        }
         const int count = watched.empty() ? 0 : *watched.rbegin() + 1;
         EXPECT_EQ(CL_SetFD(object, static_cast<uint32_t>(count), &read, nullptr, nullptr, &err),
                   1u);
@@ -139,28 +121,19 @@ class Walks : public Loop {
     void enter(CL_Object *object) {
         State &state = states.at(object);
         state.place = State::kOn;
-        const uint32_t priority = 12 + below(12);
-        switch (state.list) {
-            case kTimers:
-                state.start = uptime;
-                state.interval = below(6);
-                state.periodic = below(2) == 0;
-                state.turn = false;
-                EXPECT_EQ(CL_StopTIMER(object, &err), 0u) << "it does not run";
-                EXPECT_EQ(
-                    CL_StartTIMER(object, static_cast<uint32_t>(state.interval),
-                                  state.periodic ? CL_TIMER_PERIODIC : CL_TIMER_ONESHOT, &err),
-                    1u);
-                EXPECT_EQ(CL_StartTIMER(object, 1, CL_TIMER_PERIODIC, &err), 0u) << "it runs";
-                break;
-            case kChildren:
-                state.turn = below(4) != 0;
-                adopt(object, state.turn ? test::ended_process() : test::child_process());
-                break;
-            default:
-                EXPECT_EQ(CL_AddEventList(object, priority, &err), 1u);
+        if (state.list == kTimers) {
+            state.turn = false;
+            state.periodic = below(2) == 0;
+            const uint32_t mode = state.periodic ? CL_TIMER_PERIODIC : CL_TIMER_ONESHOT;
+            EXPECT_EQ(CL_StopTIMER(object, &err), 0u) << "it does not run";
+            EXPECT_EQ(CL_StartTIMER(object, 0, mode, &err), 1u);
+            EXPECT_EQ(CL_StartTIMER(object, 1, mode, &err), 0u) << "it runs";
+        } else if (state.list == kChildren) {
+            state.turn = below(4) != 0;
+            adopt(object, state.turn ? test::ended_process() : test::child_process());
+        } else {
+            EXPECT_EQ(CL_AddEventList(object, 12 + below(12), &err), 1u);
         }
-        (state.list == kReaders ? pending : lists[state.list].objects).push_back(object);
     }
     void leave(CL_Object *object) {
         const List list = states.at(object).list;
@@ -171,15 +144,13 @@ class Walks : public Loop {
     // Onto a list and off it behind the library's back, as an element like any other.
     void slip_in(CL_Object *object) {
         states.at(object).place = State::kSlippedIn;
-        Walked &readers = lists[kReaders];
+        CL_Queue *list = &table().priority_list;
         const uint32_t where = below(3);
+        object->priority = where == 0 ? CL_PRIORITY_FIRST : CL_PRIORITY_LAST;
         if (where == 0) {
-            CL_QUE_Insert(&table().priority_list, object, CL_QUE_BEFORE_ELEMENT,
-                          readers.objects.front(), nullptr, nullptr);
-            readers.insert(0, object);
+            CL_QUE_Insert(list, object, CL_QUE_BEFORE_ELEMENT, list->head, nullptr, nullptr);
         } else {
-            CL_QUE_PutTail(where == 1 ? &table().priority_list : &table().pending_list, object);
-            (where == 1 ? readers.objects : pending).push_back(object);
+            CL_QUE_PutTail(where == 1 ? list : &table().pending_list, object);
         }
     }
     void slip_out(CL_Object *object) {
@@ -193,67 +164,85 @@ class Walks : public Loop {
         states.erase(object);
     }
     void forget(CL_Object *object) {
-        State &state = states.at(object);
-        state.place = State::kOff;
-        std::erase(pending, object);
-        lists[state.list].erase(object);
+        states.at(object).place = State::kOff;
+        passed.erase(object);
     }
-    // What is pending joins the readers, and the sets are made.
+    // What is pending has joined the readers, and the sets are made.
     void join() {
-        Walked &readers = lists[kReaders];
-        for (CL_Object *object : std::exchange(pending, {})) {
-            std::vector<int64_t> keys;
-            for (const CL_Object *other : readers.objects)
-                keys.push_back(other->priority);
-            readers.insert(test::sorted_place(keys, object->priority), object);
-        }
+        EXPECT_EQ(table().pending_list.count, 0u);
         sets.clear();
-        for (CL_Object *object : readers.objects)
-            sets.insert(states.at(object).watched.begin(), states.at(object).watched.end());
+        uint32_t counts[4] = {}, priority = 0;
+        for (const auto &[object, state] : states) {
+            if (state.place == State::kOff) continue;
+            ++counts[state.list];
+            sets.insert(state.watched.begin(), state.watched.end());
+        }
+        for (const List list : {kTimers, kChildren, kThreads, kReaders})
+            EXPECT_EQ(members(list).size(), counts[list]) << "of list " << list;
+        for (const CL_Object *object : members(kReaders))
+            EXPECT_LE(std::exchange(priority, object->priority), object->priority);
     }
 
+    static std::vector<CL_Object *> members(List list) {
+        const CL_Queue *queues[] = {&table().timer_list, &table().child_list, &table().thread_list,
+                                    &table().priority_list};
+        std::vector<CL_Object *> result;
+        uint32_t status;
+        void *object = nullptr;
+        while ((object = CL_QUE_Enum(queues[list], object, CL_QUE_FORWARD, &status)) != nullptr)
+            result.push_back(static_cast<CL_Object *>(object));
+        return result;
+    }
+    // Who is behind the last one that a walk has passed; it has passed all the others.
+    void look_ahead() {
+        for (const List list : walks) {
+            const std::vector<CL_Object *> all = members(list);
+            auto at = all.end();
+            while (at != all.begin() && !passed.contains(at[-1]))
+                --at;
+            passed.insert(all.begin(), at);
+            ahead[list].assign(at, all.end());
+        }
+    }
     // Whom the walk has to call next, after `called` was; null: nobody.
-    CL_Object *next(List list, const CL_Object *called = nullptr) {
-        auto &[objects, cursor] = lists[list];
-        while (++cursor < std::ssize(objects)) {
-            CL_Object *object = objects[static_cast<std::size_t>(cursor)];
+    CL_Object *next(const CL_Object *called = nullptr) {
+        for (CL_Object *object : ahead[walks.front()]) {
+            passed.insert(object);
             const State &state = states.at(object);
             const bool ready = std::any_of(state.watched.begin(), state.watched.end(),
                                            [this](int fd) { return sets.contains(fd); });
-            if ((ready || state.turn) && (object == called || list != kThreads || !state.may_wait))
-                return object;
+            const bool must = object == called || state.list != kThreads || !state.may_wait;
+            if ((ready || state.turn) && must) return object;
         }
         return nullptr;
     }
-    void begin(List list) {
-        if (list == kChildren || list == kThreads) lists[list].cursor = -1;
+    // The readers' walk goes on behind others.
+    void begin() {
+        const List list = walks.front();
+        if (list == kReaders) return;
         for (auto &[object, state] : states) {
-            if (list == kThreads && state.list == list) state.turn = true, state.may_wait = false;
+            if (state.list != list) continue;
+            passed.erase(object);
+            if (list != kChildren) state.turn = true, state.may_wait = false;
         }
+        ahead[list] = members(list);
     }
     void conclude() {
-        EXPECT_EQ(next(walks.front()), nullptr) << "nobody is forgotten, list " << walks.front();
+        EXPECT_EQ(next(), nullptr) << "nobody is forgotten, list " << walks.front();
         walks.pop_front();
-        if (!walks.empty()) begin(walks.front());
+        if (!walks.empty()) begin();
     }
-    // Just before the wait of an iteration: everybody has been asked, and time goes by.
+    // Just before the wait of an iteration: everybody has been asked.
     void wait() {
         ++iterations;
         while (!walks.empty())
             conclude();
         join();
-        test::set_uptime(uptime += below(3));
-        for (CL_Object *object : lists[kTimers].objects) {
-            State &state = states.at(object);
-            state.turn = state.turn || uptime - state.start >= state.interval;
-            EXPECT_EQ(object->start_time, static_cast<uint64_t>(state.start));
-            EXPECT_EQ(object->interval, state.interval);
-        }
-        EXPECT_EQ(table().timer_list.count, lists[kTimers].objects.size());
-        EXPECT_EQ(table().child_list.count, lists[kChildren].objects.size());
         EXPECT_TRUE(table().timer_cursor == nullptr && table().child_cursor == nullptr);
-        lists[kTimers].cursor = lists[kReaders].cursor = -1;
         walks = {kTimers, kReaders};
+        passed.clear();
+        look_ahead();
+        begin();
     }
     uint32_t called(CL_Object *object) {
         ++calls;
@@ -261,23 +250,15 @@ class Walks : public Loop {
         while (!walks.empty() && walks.front() != list)
             conclude();
         EXPECT_FALSE(walks.empty()) << "list " << list << " is not to be walked";
-        EXPECT_EQ(object, next(list, object)) << "call " << calls << " of list " << list;
+        EXPECT_EQ(object, next(object)) << "call " << calls << " of list " << list;
         if (HasFailure()) return value = 1;
-        const bool periodic = states.at(object).periodic;
         if (list == kThreads) states.at(object).turn = false;
-        if (list == kChildren || (list == kTimers && !periodic)) forget(object);
+        if (list == kChildren || (list == kTimers && !states.at(object).periodic)) forget(object);
         change(object);
+        look_ahead();
         // A walk that ends the loop calls the others later; whose turn it is then, is not for us.
         const bool may_end = list != kReaders && (walks.size() == 1 || walks[1] == kReaders);
         value = may_end && below(10) == 0 ? 1 + below(100) : 0;
-        const auto &[objects, cursor] = lists[list];
-        if (list == kTimers && periodic && value == 0 && cursor >= 0 &&
-            objects[static_cast<std::size_t>(cursor)] == object) {
-            // Not stopped, whatever was done then: it begins anew.
-            State &state = states.at(object);
-            state.turn = false;
-            state.start += state.interval;
-        }
         if (list != kReaders) return value;
         if (below(32) == 0) {
             walks.push_front(kThreads);
@@ -287,12 +268,13 @@ class Walks : public Loop {
             walks.push_front(kChildren);
             table().child_signal = 1;
         }
-        begin(walks.front());
+        begin();
         return value = calls > 30000 ? 1 : 0;
     }
     // Most callbacks do nothing, so that the loop comes to know its objects.
     void change(CL_Object *self) {
         for (uint32_t i = below(16) == 0 ? below(6) : 0; i > 0; --i) {
+            look_ahead();
             CL_Object *target = below(4) == 0 ? self : any();
             const State state = states.at(target);
             const bool reader = state.list == kReaders, slipped = state.place == State::kSlippedIn;
@@ -308,14 +290,14 @@ class Walks : public Loop {
             } else if (deed < 10) {
                 destroy(target);
                 CL_Object *other = add(any_list());  // has the place of the other in the table
-                const bool is_reader = states.at(other).list == kReaders;
-                if (is_reader && below(2) == 0) {
+                State &fresh = states.at(other);
+                if (fresh.list == kReaders && below(2) == 0) {
                     slip_in(other);
                 } else if (below(2) == 0) {
                     enter(other);
                 }
                 if (target != self) continue;
-                states.at(other).may_wait = true;
+                fresh.may_wait = true;
                 return;
             } else if (reader && deed < 17) {
                 set(target, below(3));
@@ -334,8 +316,8 @@ class Walks : public Loop {
     test::Random random;
     std::vector<int> fds;
     std::map<CL_Object *, State> states;
-    Walked lists[4];
-    std::vector<CL_Object *> pending;
+    std::set<CL_Object *> passed;
+    std::vector<CL_Object *> ahead[4];  // as of the last callback
     std::set<int> sets;
     std::deque<List> walks;  // that must be done, one after the other, before the next wait
     CL_Object *last = nullptr;
