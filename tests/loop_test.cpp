@@ -13,7 +13,7 @@
 #include <deque>
 #include <map>
 
-#include "tests/support.h"
+#include "tests/wire.h"
 
 namespace {
 
@@ -348,6 +348,9 @@ TEST_F(Walks, FollowTheirModel) {
 TEST_F(Loop, FindsNothingReadyThatCameLater) {
     const std::string segment = "/qvcl-loop-test-" + std::to_string(getpid());
     close(shm_open(segment.c_str(), O_CREAT | O_RDWR, 0600));
+    const test::Folder folder;
+    const std::string path = folder.path("door");
+    const auto door = test::Socket::listening(path), guest = test::Socket::connected(path);
     CL_Object *later = watch(pipe.out(), note('-'), 30);
     watch(pipe.out(), note('z', [] { return 1u; }), 40);
     CL_Object *owner = watch(pipe.out(), note('-'), 50);
@@ -360,11 +363,13 @@ TEST_F(Loop, FindsNothingReadyThatCameLater) {
     };
     const auto file = [&] { return CL_OpenFile("/dev/null", O_RDONLY, 0, &err)->descriptor; };
     const auto shm = [&] { return cl_openshm(segment.c_str(), 0, 1, &err, "", 1)->descriptor; };
-    const auto socket = [&] { return watched(later, cl_u_socket(AF_UNIX, SOCK_STREAM, 0)); };
-    const auto event = [&] { return watched(later, eventfd(0, 0)); };
+    const auto socket = [&] { return cl_u_socket(AF_UNIX, SOCK_STREAM, 0); };
+    const auto connection = [&] { return cl_u_accept(door.fd(), nullptr, nullptr); };
+    const auto event = [&] { return eventfd(0, 0); };
     // The number is free because the client is deleted, or because the application closes its own.
-    const std::pair<std::function<int()>, bool> rows[] = {
-        {file, false}, {event, false}, {file, true}, {shm, true}, {socket, true}};
+    const std::pair<std::function<int()>, bool> rows[] = {{file, false},  {event, false},
+                                                          {file, true},   {shm, true},
+                                                          {socket, true}, {connection, true}};
     for (const auto &row : rows) {
         SCOPED_TRACE(testing::Message() << "row " << trail.size() / 2);
         const int owned = watched(owner, dup(pipe.out()));
@@ -380,7 +385,7 @@ TEST_F(Loop, FindsNothingReadyThatCameLater) {
                                 watched(owner, pipe.out());
                             }
                             EXPECT_EQ(CL_DeleteFD(client, &err), 1u) << err;
-                            EXPECT_EQ(row.first(), row.second ? owned : ends[0]);
+                            EXPECT_EQ(watched(later, row.first()), row.second ? owned : ends[0]);
                             return 0u;
                         })));
         client->descriptor = ends[0];
@@ -389,7 +394,7 @@ TEST_F(Loop, FindsNothingReadyThatCameLater) {
         ASSERT_EQ(CL_AddEventList(client, 20, &err), 1u) << err;
         EXPECT_EQ(run(), 1u) << err;
     }
-    EXPECT_EQ(trail, "czczczczcz");
+    EXPECT_EQ(trail, "czczczczczcz");
     shm_unlink(segment.c_str());
 }
 
