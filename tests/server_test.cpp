@@ -1,7 +1,6 @@
-// Message servers: paths, descriptors beyond the sets, and a connection in the place of a client.
+// Message servers: paths, and descriptors beyond the sets.
 #include <fcntl.h>
 #include <qvcl/client.h>
-#include <qvcl/loop.h>
 #include <qvcl/server.h>
 #include <sys/stat.h>
 
@@ -9,9 +8,7 @@
 
 using test::Balance;
 using test::FailsWith;
-using test::IsEvent;
 using test::Socket;
-using testing::ElementsAre;
 
 namespace {
 
@@ -58,6 +55,8 @@ TEST_F(Server, OpensWhereItCan) {
             EXPECT_EQ(fcntl(server->descriptor, F_GETFD), FD_CLOEXEC);
             EXPECT_EQ(open(path.c_str()), 0u);
             EXPECT_THAT(err, FailsWith(EALREADY, CL_MODULE_MSGS));
+            EXPECT_EQ(accept(), nullptr);
+            EXPECT_THAT(err, FailsWith(EAGAIN, CL_MODULE_MSGS));
             EXPECT_FALSE(Socket::connected(at).ended());
             EXPECT_EQ(CL_CloseMSGS(server, &err), 1u);
             EXPECT_EQ(mode_of(at), 0u) << "the socket file is removed";
@@ -106,39 +105,6 @@ TEST_F(Server, DescriptorsBeyondTheSetsAreRefused) {
     crowd.release();
     EXPECT_NE(accept(), nullptr) << err;
     EXPECT_EQ(taken_in() + connected(), 2u) << err;
-}
-
-// A callback deletes a client for which the wait has just found something, and a connection gets
-// its number: it is new and takes part from the next iteration on. That its server is told of
-// somebody who is not waiting any more does no harm.
-TEST_F(Server, NewConnectionIsNotReadyAsAnother) {
-    ASSERT_EQ(open(address.c_str()), 1u) << err;
-    list(server, 30);
-    CL_Object *client = connect();
-    list(client);
-    await(client);
-    peer.send(test::wire_message("old"));
-    const Socket raw = Socket::connected(address);
-    raw.send(test::wire_message("new"));
-    test::Pipe pipe;
-    pipe.fill();
-    test::Action change = [&](CL_Object *first, CL_Event *) {
-        const int number = client->descriptor;
-        EXPECT_EQ(CL_DeleteFD(client, &err), 1u);
-        client = accept();
-        EXPECT_EQ(client->descriptor, number) << "this test needs the number again";
-        list(client);
-        await(client);
-        return CL_DeleteFD(first, &err) - 1;
-    };
-    watch(pipe.out(), &change, CL_PRIORITY_FIRST);
-    EXPECT_EQ(iterate(), 0u) << err;
-    ASSERT_THAT(heard, ElementsAre(IsEvent(CL_EVENT_CONNECTION)));
-    EXPECT_EQ(accept(), nullptr);
-    EXPECT_EQ(err.err, uint32_t{EAGAIN});
-    EXPECT_EQ(iterate(), 0u);
-    EXPECT_THAT(heard, ElementsAre(IsEvent(CL_EVENT_CONNECTION), IsEvent(CL_EVENT_MESSAGE)));
-    EXPECT_EQ(received().substr(0, 19), test::wire_message("new"));
 }
 
 }  // namespace

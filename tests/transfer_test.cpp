@@ -5,7 +5,6 @@
 #include <qvcl/starter.h>
 #include <qvcl/timer.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 
 #include <csignal>
 
@@ -186,19 +185,11 @@ class Sync : public Transfer {
         test::set_uptime(uptime);
         raise(SIGALRM);
     }
-    // The interval timer, its handler and the mask are as without any timer.
+    // No timer is left, and the mask is as before.
     void expect_quiet() const {
         EXPECT_EQ(client->status & CL_STATUS_RUNNING, 0u);
         EXPECT_EQ(CL_MainTable->timer_list.count, 0u);
-        itimerval timer = {};
-        EXPECT_EQ(getitimer(ITIMER_REAL, &timer), 0);
-        EXPECT_EQ(timer.it_interval.tv_sec, 0);
-        struct sigaction action = {};
-        EXPECT_EQ(sigaction(SIGALRM, nullptr, &action), 0);
-        EXPECT_NE(action.sa_handler, cl_sigalm);
-        sigset_t mask;
-        EXPECT_EQ(sigprocmask(SIG_BLOCK, nullptr, &mask), 0);
-        EXPECT_EQ(sigismember(&mask, SIGALRM), 0);
+        EXPECT_EQ(test::Balance::now().blocked_signals, before.blocked_signals);
     }
 };
 
@@ -360,42 +351,62 @@ class EndWatch : public Sync {
     CL_Object *end = nullptr;
 };
 
+// While the end callback runs nobody watches for the end; what it gives up is not looked at any
+// more, and whatever has the connection's slot then is left alone.
 TEST_F(EndWatch, EndsTheWait) {
     // Who breaks the rules is lost like one who is gone: with the report unread, a reset, or read.
     const std::string acts[] = {
         end_request(), wire_message("four", 5) + end_request(), wire_header(21), wire_header(0), "",
         "read"};
-    for (int number = 0; number < 6 * 2 * 2 * 2; ++number) {
+    enum { kKeeps, kDisconnects, kDeletes };
+    for (int number = 0; number < 6 * 3 * 2 * 2 * 2; ++number) {
         const bool sending = (number & 1) != 0, late = (number & 2) != 0;
         const uint32_t answer = (number & 4) != 0 ? 7 : 0;
-        SCOPED_TRACE(testing::Message() << "parent " << number / 8 << (sending ? " send" : " recv")
-                                        << (late ? " late " : " early ") << answer);
-        const auto act = [&, what = acts[number / 8]] {
+        const int deed = number / 8 % 3;
+        SCOPED_TRACE(testing::Message() << "parent " << number / 24 << (sending ? " send" : " recv")
+                                        << (late ? " late " : " early ") << answer << ' ' << deed);
+        const auto act = [&, what = acts[number / 24]] {
             if (what.size() >= 16) return parent.send(what);
             EXPECT_TRUE(what.empty() || parent.receive().size() == 16);
             parent.close();
         };
         reconnect(client);
         watch_end();
+        auto block = std::make_unique<Block>(1000);
+        std::vector<CL_Object *> strangers;
         reply = [&](CL_Object *object, CL_Event *) {
             EXPECT_EQ(object, end);
+            if (deed == kKeeps) return answer;
+            peer.send(wire_message("goodbye"));
+            EXPECT_EQ(receive(), 23);
+            EXPECT_EQ(deed == kDeletes ? CL_DeleteFD(client, &err) : disconnect(client), 1u) << err;
+            block.reset();
+            while (CL_Object *stranger = deed == kDeletes ? make(CL_KIND_TIMER) : nullptr) {
+                strangers.push_back(stranger);
+                EXPECT_EQ(CL_StartTIMER(stranger, 50, CL_TIMER_ONESHOT, &err), 1u);
+            }
             return answer;
         };
-        Block block(1000);
         if (sending) fill(client->descriptor);
         if (!late) act();
         {
-            const Plan plan{{.call = "pselect", .error = late ? EINTR : 0}, at_wait(2, act)};
-            EXPECT_EQ(sending ? send(block, CL_MODE_SYNC, 9) : receive(9),
+            const Plan plan{{.call = "pselect", .error = late ? EINTR : 0},
+                            at_wait(late ? 2 : test::FOREVER, act)};
+            EXPECT_EQ(sending ? send(*block, CL_MODE_SYNC, 9) : receive(9),
                       static_cast<int32_t>(answer));
         }
         EXPECT_THAT(err, test::FailsWith(EINTR, CL_MODULE_MSGC));
         ASSERT_THAT(heard, ElementsAre(test::IsEvent(CL_EVENT_END)));
         EXPECT_EQ(heard[0].event.error, CL_ErrInfo{});
-        EXPECT_EQ(block.queued(), sending);
+        EXPECT_EQ(CL_MainTable->timer_list.count, strangers.size());
+        for (CL_Object *stranger : strangers)
+            ASSERT_EQ(CL_DeleteFD(stranger, &err), 1u);
         expect_quiet();
+        if (deed == kDeletes) client = connect();
+        if (deed != kKeeps) continue;
+        EXPECT_EQ(block->queued(), sending);
         EXPECT_EQ(disconnect(client), 1u);
-        EXPECT_FALSE(block.queued());
+        EXPECT_FALSE(block->queued());
     }
 }
 
@@ -441,42 +452,6 @@ TEST_F(EndWatch, OtherMessagesDoNotDisturb) {
         EXPECT_EQ(iterate(), 21u);
         end = nullptr;
         peer.receive();
-    }
-}
-
-// While the end callback runs nobody watches for the end; what it gives up is not looked at any
-// more, and whatever has the connection's slot then is left alone.
-TEST_F(EndWatch, MayGiveEverythingUp) {
-    for (int number = 0; number < 2 * 2; ++number) {
-        const bool sending = (number & 1) != 0, all = (number & 2) != 0;
-        SCOPED_TRACE(testing::Message() << (all ? "delete" : "disconnect") << " send " << sending);
-        auto block = std::make_unique<Block>(1000);
-        if (sending) fill(client->descriptor);
-        parent.send(end_request());
-        parent.close();
-        peer.send(wire_message("goodbye"));
-        std::vector<CL_Object *> strangers;
-        reply = [&](CL_Object *, CL_Event *) {
-            EXPECT_EQ(receive(), 23);
-            EXPECT_EQ(all ? CL_DeleteFD(client, &err) : disconnect(client), 1u) << err;
-            block.reset();
-            while (CL_Object *stranger = all ? make(CL_KIND_TIMER) : nullptr) {
-                strangers.push_back(stranger);
-                EXPECT_EQ(CL_StartTIMER(stranger, 50, CL_TIMER_ONESHOT, &err), 1u);
-            }
-            return 3u;
-        };
-        heard.clear();
-        EXPECT_EQ(sending ? send(*block, CL_MODE_SYNC, 9) : receive(9), 3);
-        EXPECT_EQ(err.err, uint32_t{EINTR});
-        EXPECT_EQ(heard.size(), 1u);
-        EXPECT_EQ(CL_MainTable->timer_list.count, strangers.size());
-        for (CL_Object *stranger : strangers)
-            ASSERT_EQ(CL_DeleteFD(stranger, &err), 1u);
-        expect_quiet();
-        if (all) client = connect();
-        reconnect(client);
-        watch_end();
     }
 }
 
