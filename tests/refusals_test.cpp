@@ -79,24 +79,7 @@ const Operation kMakers[] = {
 
 class Refusals : public test::Library {
   protected:
-    // The call is refused with this code and leaves all objects as they are.
-    void refused(const char *what, int code, int module, const std::function<int64_t()> &call) {
-        SCOPED_TRACE(what);
-        const auto objects = [] {
-            std::string result;
-            for (auto *at = static_cast<const CL_Object *>(table().used_queue.head); at != nullptr;
-                 at = static_cast<const CL_Object *>(at->link.next))
-                result.append(reinterpret_cast<const char *>(at), sizeof *at);
-            return result;
-        };
-        const Balance before = Balance::now();
-        const std::string as_they_were = objects();
-        err = test::UNTOUCHED;
-        EXPECT_EQ(call(), 0);
-        EXPECT_THAT(err, FailsWith(code, module));
-        EXPECT_EQ(Balance::now(), before);
-        EXPECT_TRUE(objects() == as_they_were);
-    }
+    using Library::refused;
     void refused(const Operation &row, CL_Object *object, int code, int module, uint8_t flag = 0) {
         refused(row.name, code, module, [&] { return row.call(object, &err, flag); });
     }

@@ -543,6 +543,25 @@ uint32_t watch_readable(CL_Object *object, int fd, CL_ErrInfo *err) {
     return CL_SetFD(object, static_cast<uint32_t>(fd) + 1, &set, nullptr, nullptr, err);
 }
 
+void Library::refused(const char *what, int code, int module,
+                      const std::function<int64_t()> &call) {
+    SCOPED_TRACE(what);
+    const auto objects = [] {
+        std::string result;
+        for (auto *at = static_cast<const CL_Object *>(table().used_queue.head); at != nullptr;
+             at = static_cast<const CL_Object *>(at->link.next))
+            result.append(reinterpret_cast<const char *>(at), sizeof *at);
+        return result;
+    };
+    const Balance before = Balance::now();
+    const std::string as_they_were = objects();
+    err = UNTOUCHED;
+    EXPECT_EQ(call(), 0);
+    EXPECT_THAT(err, FailsWith(code, module));
+    EXPECT_EQ(Balance::now(), before);
+    EXPECT_TRUE(objects() == as_they_were);
+}
+
 CL_Object *Library::watch(int fd, Action *action, uint32_t priority, uint64_t arg2) {
     CL_Object *object = create(CL_KIND_FD, call_action, address(action), arg2);
     EXPECT_NE(object, nullptr) << err;

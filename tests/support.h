@@ -208,6 +208,9 @@ class Library : public testing::Test {
         return CL_CreateFD_M(kind, callback, arg1, arg2, &err, 1, "test", 1);
     }
 
+    // The call is refused, with 0 and this code, and leaves all objects as they are.
+    void refused(const char *what, int code, int module, const std::function<int64_t()> &call);
+
     // An FD object that watches `fd` for reading; not listed when the priority is 0.
     CL_Object *watch(int fd, Action *action, uint32_t priority = 0, uint64_t arg2 = 0);
 
