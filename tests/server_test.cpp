@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <qvcl/client.h>
 #include <qvcl/server.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include "tests/wire.h"
@@ -75,7 +76,14 @@ TEST_F(Server, DescriptorsBeyondTheSetsAreRefused) {
     CL_Object *other = make(CL_KIND_MSGS), *client = make(CL_KIND_MSGC), *far = make(CL_KIND_MSGC);
     const std::string taken = folder.put("taken", "content");
     const Socket first = Socket::connected(address), second = Socket::connected(address);
-    test::CrowdedTable crowd;
+    // Everything that a descriptor set has room for.
+    rlimit limit;
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, FD_SETSIZE + 64);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    std::vector<int> crowd;
+    while (crowd.empty() || crowd.back() != FD_SETSIZE - 1)
+        ASSERT_NE(crowd.emplace_back(dup(first.fd())), -1);
     test::Block block;
     // One that got there all the same.
     far->descriptor = dup(second.fd());
@@ -102,7 +110,7 @@ TEST_F(Server, DescriptorsBeyondTheSetsAreRefused) {
     EXPECT_FALSE(block.queued());
     EXPECT_EQ(Balance::now(), none);
     EXPECT_EQ(CL_DeleteFD(far, &err), 1u) << err;
-    crowd.release();
+    std::ranges::for_each(crowd, ::close);
     EXPECT_NE(accept(), nullptr) << err;
     EXPECT_EQ(taken_in() + connected(), 2u) << err;
 }

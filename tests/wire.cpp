@@ -1,42 +1,16 @@
 // See wire.h. Nothing here uses the library's layouts of what is on the wire.
 #include "tests/wire.h"
 
-#include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
 namespace test {
 
-CrowdedTable::CrowdedTable() {
-    rlimit limit;
-    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-    limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, FD_SETSIZE + 64);
-    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-    for (;;) {
-        const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
-        EXPECT_NE(fd, -1) << strerror(errno);
-        if (fd == -1 || fd >= FD_SETSIZE) {
-            ::close(fd);
-            break;
-        }
-        taken_.push_back(fd);
-    }
-}
-
-void CrowdedTable::release() {
-    for (const int fd : taken_)
-        ::close(fd);
-    taken_.clear();
-}
-
 std::string pattern(size_t size, uint32_t seed) {
     std::string bytes(size, '\0');
-    uint32_t state = seed * 2654435761u + 1;
-    for (char &byte : bytes) {
-        state = state * 1664525u + 1013904223u;
-        byte = static_cast<char>(state >> 24);
-    }
+    std::minstd_rand engine(seed);
+    for (char &byte : bytes)
+        byte = static_cast<char>(engine() >> 8);
     return bytes;
 }
 
@@ -176,8 +150,7 @@ void Messaging::TearDown() {
 
 CL_Object *Messaging::connect() {
     CL_Object *object = make(CL_KIND_MSGC);
-    EXPECT_EQ(CL_CnctMSGC(object, path.c_str(), CL_MODE_SYNC, &err), 1u) << err;
-    peer = listener.accept();
+    reconnect(object);
     return object;
 }
 

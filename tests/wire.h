@@ -13,19 +13,6 @@
 
 namespace test {
 
-// Takes all descriptors below the end of a descriptor set, so that the next one is beyond.
-class CrowdedTable {
-  public:
-    CrowdedTable();
-    ~CrowdedTable() { release(); }
-    CrowdedTable(const CrowdedTable &) = delete;
-    CrowdedTable &operator=(const CrowdedTable &) = delete;
-    void release();
-
-  private:
-    std::vector<int> taken_;
-};
-
 // `size` bytes that differ from those of another seed.
 std::string pattern(size_t size, uint32_t seed = 1);
 
