@@ -42,7 +42,7 @@ uintptr_t code_end;
 std::optional<long> uptime;
 std::optional<timeval> time_of_day;
 std::function<const char *(int)> *catalogue;
-int open_catalogues;
+uint64_t open_catalogues;
 std::string log_identity;
 
 int find_code(dl_phdr_info *object, size_t, void *) {
@@ -89,11 +89,6 @@ Verdict judge(std::string_view call, const void *caller) {
         if (fault.error != 0) errno = fault.error;
     }
     return verdict;
-}
-
-template <class Function>
-Function *real(const char *name) {
-    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
 }
 
 }  // namespace
@@ -155,151 +150,119 @@ std::vector<std::string> &system_log() {
 
 }  // namespace test
 
-// name, parameters, arguments, result of a failure
-#define PLAIN_CALLS(CALL)                                                                          \
-    CALL(int, accept, (int fd, sockaddr *to, socklen_t *size), (fd, to, size), -1)                 \
-    CALL(int, bind, (int fd, const sockaddr *to, socklen_t size), (fd, to, size), -1)              \
-    CALL(int, chdir, (const char *path), (path), -1)                                               \
-    CALL(int, chmod, (const char *path, mode_t mode), (path, mode), -1)                            \
-    CALL(int, close, (int fd), (fd), -1)                                                           \
-    CALL(int, connect, (int fd, const sockaddr *to, socklen_t size), (fd, to, size), -1)           \
-    CALL(int, execv, (const char *path, char *const with[]), (path, with), -1)                     \
-    CALL(int, fdatasync, (int fd), (fd), -1)                                                       \
-    CALL(FILE *, fopen, (const char *path, const char *mode), (path, mode), nullptr)               \
-    CALL(pid_t, fork, (), (), -1)                                                                  \
-    CALL(int, ftruncate, (int fd, off_t size), (fd, size), -1)                                     \
-    CALL(pid_t, getpid, (), (), -1)                                                                \
-    CALL(int, kill, (pid_t pid, int signal), (pid, signal), -1)                                    \
-    CALL(int, listen, (int fd, int backlog), (fd, backlog), -1)                                    \
-    CALL(off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence), -1)               \
-    CALL(void *, mmap, (void *to, size_t size, int rights, int flags, int fd, off_t offset),       \
-         (to, size, rights, flags, fd, offset), MAP_FAILED)                                        \
-    CALL(int, munmap, (void *to, size_t size), (to, size), -1)                                     \
-    CALL(int, pselect,                                                                             \
-         (int n, fd_set *in, fd_set *out, fd_set *rest, const timespec *most,                      \
-          const sigset_t *mask),                                                                   \
-         (n, in, out, rest, most, mask), -1)                                                       \
-    CALL(int, pthread_sigmask, (int how, const sigset_t *set, sigset_t *old), (how, set, old),     \
-         errno)                                                                                    \
-    CALL(int, rename, (const char *from, const char *to), (from, to), -1)                          \
-    CALL(int, setenv, (const char *key, const char *value, int over), (key, value, over), -1)      \
-    CALL(int, setitimer, (__itimer_which_t which, const itimerval *value, itimerval *old),         \
-         (which, value, old), -1)                                                                  \
-    CALL(char *, setlocale, (int category, const char *locale), (category, locale), nullptr)       \
-    CALL(int, shm_open, (const char *path, int flags, mode_t mode), (path, flags, mode), -1)       \
-    CALL(int, shm_unlink, (const char *path), (path), -1)                                          \
-    CALL(int, sigaction, (int signal, const struct sigaction *action, struct sigaction *old),      \
-         (signal, action, old), -1)                                                                \
-    CALL(int, sigaddset, (sigset_t * set, int signal), (set, signal), -1)                          \
-    CALL(int, sigemptyset, (sigset_t * set), (set), -1)                                            \
-    CALL(__sighandler_t, signal, (int number, __sighandler_t handler), (number, handler), SIG_ERR) \
-    CALL(int, sigprocmask, (int how, const sigset_t *set, sigset_t *old), (how, set, old), -1)     \
-    CALL(int, socket, (int family, int type, int protocol), (family, type, protocol), -1)          \
-    CALL(int, unlink, (const char *path), (path), -1)                                              \
-    CALL(int, unsetenv, (const char *key), (key), -1)                                              \
-    CALL(pid_t, waitpid, (pid_t pid, int *status, int options), (pid, status, options), -1)
-
-// The same, with the count among the arguments called `size`.
-#define TRANSFER_CALLS(CALL)                                                                       \
-    CALL(ssize_t, read, (int fd, void *data, size_t size), (fd, data, size), -1)                   \
-    CALL(ssize_t, recv, (int fd, void *data, size_t size, int flags), (fd, data, size, flags), -1) \
-    CALL(ssize_t, send, (int fd, const void *data, size_t size, int flags),                        \
-         (fd, data, size, flags), -1)                                                              \
-    CALL(ssize_t, write, (int fd, const void *data, size_t size), (fd, data, size), -1)
-
-// Those written out below.
-#define OTHER_CALLS                                                                           \
-    "catclose", "catgets", "catopen", "fcntl", "gettimeofday", "malloc", "nanosleep", "open", \
-        "sysinfo"
+// How many arguments, name, result of a failure.
+// clang-format off
+#define PLAIN_CALLS(CALL)                                                                        \
+    CALL(3, accept, -1) CALL(3, bind, -1) CALL(1, chdir, -1) CALL(2, chmod, -1)                  \
+    CALL(1, close, -1) CALL(3, connect, -1) CALL(2, execv, -1) CALL(1, fdatasync, -1)            \
+    CALL(2, fopen, nullptr) CALL(0, fork, -1) CALL(2, ftruncate, -1) CALL(0, getpid, -1)         \
+    CALL(2, kill, -1) CALL(2, listen, -1) CALL(3, lseek, -1) CALL(6, mmap, MAP_FAILED)           \
+    CALL(2, munmap, -1) CALL(6, pselect, -1) CALL(3, pthread_sigmask, errno) CALL(2, rename, -1) \
+    CALL(3, setenv, -1) CALL(3, setitimer, -1) CALL(2, setlocale, nullptr) CALL(3, shm_open, -1) \
+    CALL(1, shm_unlink, -1) CALL(3, sigaction, -1) CALL(2, sigaddset, -1)                        \
+    CALL(1, sigemptyset, -1) CALL(2, signal, SIG_ERR) CALL(3, sigprocmask, -1)                   \
+    CALL(3, socket, -1) CALL(1, unlink, -1) CALL(1, unsetenv, -1) CALL(3, waitpid, -1)
+// Those whose third argument is a count of bytes.
+#define TRANSFER_CALLS(CALL) \
+    CALL(3, read, -1) CALL(4, recv, -1) CALL(4, send, -1) CALL(3, write, -1)
 
 const std::vector<std::string_view> &test::reachable_calls() {
-#define CALL_NAME(result, name, parameters, arguments, failure) #name,
-    static const std::vector<std::string_view> names = {PLAIN_CALLS(CALL_NAME)
-                                                            TRANSFER_CALLS(CALL_NAME) OTHER_CALLS};
+#define CALL_NAME(count, name, failure) #name,
+    static const std::vector<std::string_view> names = {
+        PLAIN_CALLS(CALL_NAME) TRANSFER_CALLS(CALL_NAME) "catclose", "catgets", "catopen",
+        "fcntl", "gettimeofday", "malloc", "nanosleep", "open", "sysinfo"};
     return names;
 }
+// clang-format on
 
-#define CALLER __builtin_return_address(0)
+// The types of a function's result and of its arguments.
+template <class Result, class... Arguments>
+std::tuple<Result, Arguments...> types_of(Result (*)(Arguments...));
+template <size_t index, class Types>
+using Type = std::tuple_element_t<index, Types>;
 
-#define DEFINE_PLAIN(result, name, parameters, arguments, failure)         \
-    result name parameters noexcept(noexcept(::name arguments)) {          \
-        using Result = result;                                             \
-        static const auto original = test::real<result parameters>(#name); \
-        const test::Verdict verdict = test::judge(#name, CALLER);          \
-        if (verdict.fail) return failure;                                  \
-        return verdict.swallow ? Result{} : original arguments;            \
+#define P(i, name, argument) Type<i, decltype(types_of(&::name))> argument
+#define PARAMETERS_0(name)
+#define PARAMETERS_1(name) P(1, name, a)
+#define PARAMETERS_2(name) PARAMETERS_1(name), P(2, name, b)
+#define PARAMETERS_3(name) PARAMETERS_2(name), P(3, name, c)
+#define PARAMETERS_4(name) PARAMETERS_3(name), P(4, name, d)
+#define PARAMETERS_6(name) PARAMETERS_4(name), P(5, name, e), P(6, name, f)
+#define ARGUMENTS_0
+#define ARGUMENTS_1 a
+#define ARGUMENTS_2 a, b
+#define ARGUMENTS_3 a, b, c
+#define ARGUMENTS_4 a, b, c, d
+#define ARGUMENTS_6 a, b, c, d, e, f
+
+// The beginning of every stand-in.
+#define JUDGE(name)                                                                            \
+    static const auto original = reinterpret_cast<decltype(&::name)>(dlsym(RTLD_NEXT, #name)); \
+    const test::Verdict verdict = test::judge(#name, __builtin_return_address(0))
+#define OWN test::from_library(__builtin_return_address(0))
+#define DEFINE(count, name, failure, ...)                                                      \
+    P(0, name, name)(PARAMETERS_##count(name)) noexcept(noexcept(::name(ARGUMENTS_##count))) { \
+        JUDGE(name);                                                                           \
+        if (verdict.fail) return failure;                                                      \
+        __VA_ARGS__;                                                                           \
+        if (verdict.swallow) return {};                                                        \
+        return original(ARGUMENTS_##count);                                                    \
     }
-#define DEFINE_TRANSFER(result, name, parameters, arguments, failure)      \
-    result name parameters noexcept(noexcept(::name arguments)) {          \
-        static const auto original = test::real<result parameters>(#name); \
-        const test::Verdict verdict = test::judge(#name, CALLER);          \
-        if (verdict.fail) return failure;                                  \
-        size = std::min(size, verdict.at_most);                            \
-        return verdict.swallow ? result{} : original arguments;            \
-    }
+#define DEFINE_TRANSFER(count, name, failure) \
+    DEFINE(count, name, failure, c = std::min(c, verdict.at_most))
 
 extern "C" {
 
-PLAIN_CALLS(DEFINE_PLAIN)
+PLAIN_CALLS(DEFINE)
 TRANSFER_CALLS(DEFINE_TRANSFER)
 
 int open(const char *path, int flags, ...) {
-    static const auto original = test::real<int(const char *, int, ...)>("open");
     va_list more;
     va_start(more, flags);
     const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(more, mode_t) : 0;
     va_end(more);
-    const test::Verdict verdict = test::judge("open", CALLER);
+    JUDGE(open);
     return verdict.fail ? -1 : original(path, flags, mode);
 }
 
 int fcntl(int fd, int command, ...) {
-    static const auto original = test::real<int(int, int, ...)>("fcntl");
     va_list more;
     va_start(more, command);
     void *argument = va_arg(more, void *);
     va_end(more);
-    const test::Verdict verdict = test::judge("fcntl", CALLER);
+    JUDGE(fcntl);
     return verdict.fail ? -1 : original(fd, command, argument);
 }
 
 int gettimeofday(struct timeval *time, void *zone) noexcept {
-    static const auto original = test::real<int(timeval *, void *)>("gettimeofday");
-    const bool own = test::time_of_day && test::from_library(CALLER);
-    const test::Verdict verdict = test::judge("gettimeofday", CALLER);
+    JUDGE(gettimeofday);
     if (verdict.fail) return -1;
-    if (!own) return original(time, zone);
+    if (!test::time_of_day || !OWN) return original(time, zone);
     *time = *test::time_of_day;
     return 0;
 }
 
 int nanosleep(const struct timespec *request, struct timespec *remaining) {
-    static const auto original =
-        test::real<int(const struct timespec *, struct timespec *)>("nanosleep");
-    if (test::from_library(CALLER)) test::sleeps().push_back(*request);
-    const test::Verdict verdict = test::judge("nanosleep", CALLER);
-    if (verdict.fail) {
-        const int64_t half = (request->tv_sec * 1'000'000'000 + request->tv_nsec) / 2;
-        if (remaining != nullptr) *remaining = {half / 1'000'000'000, half % 1'000'000'000};
-        return -1;
-    }
-    return verdict.swallow ? 0 : original(request, remaining);
+    if (OWN) test::sleeps().push_back(*request);
+    JUDGE(nanosleep);
+    if (verdict.swallow) return 0;
+    if (!verdict.fail) return original(request, remaining);
+    const int64_t half = (request->tv_sec * 1'000'000'000 + request->tv_nsec) / 2;
+    if (remaining != nullptr) *remaining = {half / 1'000'000'000, half % 1'000'000'000};
+    return -1;
 }
 
 int sysinfo(struct sysinfo *info) noexcept {
-    static const auto original = test::real<int(struct sysinfo *)>("sysinfo");
-    const bool own = test::uptime && test::from_library(CALLER);
-    const test::Verdict verdict = test::judge("sysinfo", CALLER);
+    JUDGE(sysinfo);
     if (verdict.fail) return -1;
     const int result = original(info);
-    if (own) info->uptime = *test::uptime;
+    if (test::uptime && OWN) info->uptime = *test::uptime;
     return result;
 }
 
 nl_catd catopen(const char *name, int flag) {
-    static const auto original = test::real<nl_catd(const char *, int)>("catopen");
-    const bool own = test::catalogue != nullptr && test::from_library(CALLER);
-    const test::Verdict verdict = test::judge("catopen", CALLER);
+    JUDGE(catopen);
+    const bool own = test::catalogue != nullptr && OWN;
     if (verdict.fail || (own && !*test::catalogue)) return reinterpret_cast<nl_catd>(-1);
     if (!own) return original(name, flag);
     ++test::open_catalogues;
@@ -307,21 +270,14 @@ nl_catd catopen(const char *name, int flag) {
 }
 
 char *catgets(nl_catd open, int set, int number, const char *fallback) noexcept {
-    static const auto original = test::real<char *(nl_catd, int, int, const char *)>("catgets");
-    const test::Verdict verdict = test::judge("catgets", CALLER);
-    const char *text = fallback;
-    if (verdict.fail) return const_cast<char *>(text);
-    if (open != test::catalogue) {
-        text = original(open, set, number, fallback);
-    } else if (const char *own = set == 1 ? (*test::catalogue)(number) : nullptr) {
-        text = own;
-    }
-    return const_cast<char *>(text);
+    JUDGE(catgets);
+    if (!verdict.fail && open != test::catalogue) return original(open, set, number, fallback);
+    const char *own = !verdict.fail && set == 1 ? (*test::catalogue)(number) : nullptr;
+    return const_cast<char *>(own != nullptr ? own : fallback);
 }
 
 int catclose(nl_catd open) noexcept {
-    static const auto original = test::real<int(nl_catd)>("catclose");
-    const test::Verdict verdict = test::judge("catclose", CALLER);
+    JUDGE(catclose);
     if (verdict.fail) return -1;
     if (open != test::catalogue) return original(open);
     --test::open_catalogues;
@@ -332,30 +288,21 @@ void openlog(const char *identity, int options, int facility) {
     test::log_identity = std::string(identity) + "/" + std::to_string(options) + "/" +
                          std::to_string(facility) + "/";
 }
-
-__attribute__((format(printf, 2, 0))) static void keep_line(int priority, const char *format,
-                                                            va_list arguments) {
-    char text[2048];
-    vsnprintf(text, sizeof text, format, arguments);
-    test::system_log().push_back(test::log_identity + std::to_string(priority) + "/" + text);
-}
+#define KEEP_LINE                                    \
+    va_list arguments;                               \
+    va_start(arguments, format);                     \
+    char text[2048];                                 \
+    vsnprintf(text, sizeof text, format, arguments); \
+    va_end(arguments);                               \
+    test::system_log().push_back(test::log_identity + std::to_string(priority) + "/" + text)
 
 void syslog(int priority, const char *format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    keep_line(priority, format, arguments);
-    va_end(arguments);
+    KEEP_LINE;
 }
-
 // What a fortified library calls.
-__attribute__((format(printf, 3, 4))) void __syslog_chk(int priority, int, const char *format,
-                                                        ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    keep_line(priority, format, arguments);
-    va_end(arguments);
+[[gnu::format(printf, 3, 4)]] void __syslog_chk(int priority, int, const char *format, ...) {
+    KEEP_LINE;
 }
-
 void closelog() {
     test::log_identity.clear();
 }
@@ -375,11 +322,12 @@ void *malloc(size_t size) noexcept {
             return used <= early.size() ? block : nullptr;
         }
         looking = true;
-        original = test::real<void *(size_t)>("malloc");
+        original = reinterpret_cast<decltype(original)>(dlsym(RTLD_NEXT, "malloc"));
         looking = false;
     }
-    if (test::running == nullptr || !test::from_library(CALLER)) return original(size);
-    return test::judge("malloc", CALLER).fail ? nullptr : original(size);
+    const bool fails =
+        test::running != nullptr && OWN && test::judge("malloc", __builtin_return_address(0)).fail;
+    return fails ? nullptr : original(size);
 }
 #endif
 
@@ -498,36 +446,32 @@ std::vector<int> descriptors() {
 }
 
 Balance Balance::now() {
-    const CL_MainBlock &table = *CL_MainTable;
+    const CL_MainBlock &now = table();
     Balance balance;
-    balance.live = table.used_queue.count;
-    balance.free = table.free_queue.count;
-    for (const CL_Queue &queue : table.kind_queues)
-        balance.kinds.push_back(queue.count);
-    balance.listed = table.timer_list.count + table.child_list.count + table.priority_list.count +
-                     table.pending_list.count + table.thread_list.count;
-    balance.library_blocks = table.library_blocks.count;
-    balance.user_blocks = table.user_blocks.count;
-    balance.library_bytes = table.library_bytes;
-    balance.user_bytes = table.user_bytes;
+    balance.counts = {
+        {"live", now.used_queue.count},
+        {"free", now.free_queue.count},
+        {"listed", now.timer_list.count + now.child_list.count + now.priority_list.count +
+                       now.pending_list.count + now.thread_list.count},
+        {"library blocks", now.library_blocks.count},
+        {"user blocks", now.user_blocks.count},
+        {"library bytes", now.library_bytes},
+        {"user bytes", now.user_bytes},
+        {"catalogues", open_catalogues}};
+    for (const CL_Queue &queue : now.kind_queues)
+        balance.counts["kind " + std::to_string(&queue - now.kind_queues)] = queue.count;
     sigset_t mask;
     pthread_sigmask(SIG_BLOCK, nullptr, &mask);
-    for (int signal = 1; signal < NSIG; ++signal) {
+    for (int signal = 1; signal < NSIG; ++signal)
         if (sigismember(&mask, signal) == 1) balance.blocked_signals |= 1ULL << (signal - 1);
-    }
     balance.descriptors = test::descriptors();
-    balance.catalogues = open_catalogues;
     return balance;
 }
 
 std::ostream &operator<<(std::ostream &out, const Balance &balance) {
-    return out << "live " << balance.live << ", free " << balance.free << ", by kind "
-               << testing::PrintToString(balance.kinds) << ", listed " << balance.listed
-               << ", library blocks " << balance.library_blocks << " of " << balance.library_bytes
-               << " bytes, user blocks " << balance.user_blocks << " of " << balance.user_bytes
-               << " bytes, blocked signals 0x" << std::hex << balance.blocked_signals << std::dec
-               << ", descriptors " << testing::PrintToString(balance.descriptors) << ", catalogues "
-               << balance.catalogues;
+    return out << testing::PrintToString(balance.counts) << ", blocked signals 0x" << std::hex
+               << balance.blocked_signals << std::dec << ", descriptors "
+               << testing::PrintToString(balance.descriptors);
 }
 
 // ---- The library
@@ -537,9 +481,7 @@ uint32_t call_action(CL_Object *object, CL_Event *event, uint64_t action, uint64
 }
 
 uint32_t watch_readable(CL_Object *object, int fd, CL_ErrInfo *err) {
-    fd_set set;
-    FD_ZERO(&set);
-    FD_SET(fd, &set);
+    const fd_set set = only(fd);
     return CL_SetFD(object, static_cast<uint32_t>(fd) + 1, &set, nullptr, nullptr, err);
 }
 
@@ -595,18 +537,14 @@ pid_t ended_process(int status) {
 }
 
 size_t sorted_place(const std::vector<int64_t> &keys, int64_t key) {
-    ptrdiff_t low = 0;
-    ptrdiff_t high = std::ssize(keys) - 1;
-    while (low <= high) {
-        const ptrdiff_t middle = low + (high - low) / 2;
-        if (keys[static_cast<size_t>(middle)] == key) return static_cast<size_t>(middle) + 1;
-        if (keys[static_cast<size_t>(middle)] < key) {
-            low = middle + 1;
-        } else {
-            high = middle - 1;
-        }
+    size_t low = 0, high = keys.size();
+    while (low < high) {
+        const size_t middle = (low + high - 1) / 2;
+        if (keys[middle] == key) return middle + 1;
+        if (keys[middle] < key) low = middle + 1;
+        if (keys[middle] > key) high = middle;
     }
-    return static_cast<size_t>(low);
+    return low;
 }
 
 // ---- The rest

@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
+#include <map>
 #include <ostream>
 #include <random>
 #include <set>
@@ -127,17 +128,11 @@ std::vector<int> descriptors();
 
 // What must be the same before and after something that leaves nothing behind.
 struct Balance {
-    uint32_t live = 0;
-    uint32_t free = 0;
-    std::vector<uint32_t> kinds;
-    uint32_t listed = 0;  // on one of the five lists
-    uint32_t library_blocks = 0;
-    uint32_t user_blocks = 0;
-    uint64_t library_bytes = 0;
-    uint64_t user_bytes = 0;
+    // Objects (live, free, by kind, on one of the five lists), memory of both owners, and the
+    // test's catalogues that are open.
+    std::map<std::string, uint64_t> counts;
     uint64_t blocked_signals = 0;
     std::vector<int> descriptors;
-    int catalogues = 0;  // of the test, open
 
     static Balance now();
     bool operator==(const Balance &other) const = default;
