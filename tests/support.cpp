@@ -521,9 +521,10 @@ CL_Object *Library::adopt(CL_Object *child, pid_t pid) {
 }
 
 pid_t child_process(const std::function<int()> &life) {
-    const pid_t pid = fork();
+    const pid_t parent = getpid(), pid = fork();
     if (pid != 0) return pid;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(1);  // which has died before
     if (life) _exit(life());
     for (;;)
         pause();
