@@ -92,10 +92,10 @@ TEST_F(Conf, EndlessLine) {
 }
 
 TEST_F(Conf, FilesThatCannotBeRead) {
-    for (const std::string &place : {folder.path("none"), folder.path(""), "/proc/self/mem"s}) {
-        EXPECT_EQ(read_file(place.c_str()), (Outcome{2, 0, ""})) << place;
-    }
-    EXPECT_EQ(read_file(nullptr), (Outcome{2, 0, ""}));
+    const std::string none = folder.path("none"), itself = folder.path("");
+    for (const char *place :
+         {none.c_str(), itself.c_str(), "/proc/self/mem", static_cast<const char *>(nullptr)})
+        EXPECT_EQ(read_file(place), (Outcome{2, 0, ""}));
 }
 
 TEST_F(Conf, QueueMustBeEmpty) {
@@ -108,29 +108,23 @@ TEST_F(Conf, QueueMustBeEmpty) {
 // needs memory of its own.
 TEST_F(Conf, OutOfMemory) {
     constexpr uint32_t kMany = 130;
-    struct Allocation {
-        uint32_t code, line;
-    };
     std::string text;
-    std::vector<Allocation> allocations;
+    std::vector<Outcome> allocations;
     for (uint32_t i = 0; i < 2 * kMany; ++i) {
         const bool section = i < kMany;
         text += (section ? "[" : "k") + std::to_string(i) + (section ? "]\n" : "=v\n");
-        allocations.push_back({CL_CONF_NO_MEMORY, i + 1});
-        if (i % kMany > 128) allocations.push_back({CL_CONF_INSERT_FAILED, i + 1});
+        allocations.push_back({CL_CONF_NO_MEMORY, i + 1, ""});
+        if (i % kMany > 128) allocations.push_back({CL_CONF_INSERT_FAILED, i + 1, ""});
     }
     {
         const Plan plan;
         EXPECT_EQ(read(text).code, 0u);
         ASSERT_EQ(plan.count("malloc"), static_cast<int>(allocations.size()));
     }
-    for (size_t i = 0; i < allocations.size(); ++i) {
+    for (int i = 0; i < std::ssize(allocations); ++i) {
         for (const int times : {1, test::FOREVER}) {
-            const Plan plan({.call = "malloc",
-                             .error = ENOMEM,
-                             .nth = static_cast<int>(i) + 1,
-                             .times = times});
-            ASSERT_EQ(read(text), (Outcome{allocations[i].code, allocations[i].line, ""})) << i;
+            const Plan plan({.call = "malloc", .error = ENOMEM, .nth = i + 1, .times = times});
+            ASSERT_EQ(read(text), allocations[static_cast<size_t>(i)]) << i;
         }
     }
 }

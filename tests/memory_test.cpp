@@ -2,7 +2,6 @@
 #include <qvcl/memory.h>
 
 #include <array>
-#include <sstream>
 #include <tuple>
 
 #include "tests/support.h"
@@ -158,13 +157,12 @@ TEST(Memory, GuardSeesOverruns) {
         auto *other = static_cast<char *>(CL_malloc_M(7, 1, name.c_str(), UINT32_MAX));
         sound[9] = 'x';
         EXPECT_EQ(printed(mem_check), "");
-        const auto line = [](const void *data, const std::string &where, int size) {
-            std::ostringstream text;
-            text << "CLLIB:memory over run. addr = " << data << " at " << where << kStamp << size;
-            return text.str() + " byte\n";
+        const auto line = [](const void *data, const std::string &where, const char *size) {
+            return "CLLIB:memory over run. addr = " + testing::PrintToString(data) + " at " +
+                   where + kStamp + size + " byte\n";
         };
-        const std::string user_line = line(block, "name_of_16_chars(12)", 33);
-        const std::string library_line = line(other, name.substr(0, 16) + "(-1)", 7);
+        const std::string user_line = line(block, "name_of_16_chars(12)", "33");
+        const std::string library_line = line(other, name.substr(0, 16) + "(-1)", "7");
         const test::Balance before = test::Balance::now();
         // The first and the last byte of the guard.
         block[33] = 0;

@@ -18,10 +18,13 @@ struct Element {
 constexpr uint32_t kLink = offsetof(Element, link);
 constexpr uint32_t kSecondLink = offsetof(Element, second_link);
 
+bool lower_key(const Element *a, const Element *b) {
+    return a->key < b->key;
+}
 int by_key(const void *a, const void *b) {
-    const int64_t first = (*static_cast<Element *const *>(a))->key;
-    const int64_t second = (*static_cast<Element *const *>(b))->key;
-    return first < second ? -1 : first > second;
+    const auto *first = *static_cast<Element *const *>(a),
+               *second = *static_cast<Element *const *>(b);
+    return lower_key(first, second) ? -1 : lower_key(second, first);
 }
 
 bool is_zero(const CL_QueueLink &link) {
@@ -166,9 +169,8 @@ TEST_F(Queue, FollowsItsModel) {
     CL_Queue *const queues[] = {&queue, &other};
     Model models[2];
     const auto held = [&](const Element *element) -> int {
-        for (int q = 0; q < 2; ++q) {
+        for (int q = 0; q < 2; ++q)
             if (std::count(models[q].begin(), models[q].end(), element) > 0) return q;
-        }
         return -1;
     };
     for (int step = 0; step < 20000; ++step) {
@@ -181,11 +183,11 @@ TEST_F(Queue, FollowsItsModel) {
         // An element that is held by this queue, to walk from or to insert beside.
         Element *reference =
             model.empty() ? nullptr : model[random.below(static_cast<uint32_t>(model.size()))];
-        const bool sorted = std::is_sorted(model.begin(), model.end(),
-                                           [](auto *a, auto *b) { return a->key < b->key; });
+        const bool sorted = std::is_sorted(model.begin(), model.end(), lower_key);
         // Now and then one that need not be.
         Element *beside = random.below(10) == 0 ? &elements[random.below(200)] : reference;
-        const int beside_in = held(beside);
+        const bool known = held(beside) == static_cast<int>(q);
+        const bool own = holder == static_cast<int>(q);
         switch (random.below(sorted ? 13 : 9)) {
             case 0:
                 ASSERT_EQ(CL_QUE_PutTail(target, element), holder < 0 ? 1u : 0u);
@@ -196,17 +198,15 @@ TEST_F(Queue, FollowsItsModel) {
                 if (!model.empty()) model.erase(model.begin());
                 break;
             case 2:
-                ASSERT_EQ(CL_QUE_GetData(target, element),
-                          holder == static_cast<int>(q) ? element : nullptr);
-                std::erase(model, holder == static_cast<int>(q) ? element : nullptr);
+                ASSERT_EQ(CL_QUE_GetData(target, element), own ? element : nullptr);
+                std::erase(model, own ? element : nullptr);
                 break;
             case 3:
-                ASSERT_EQ(CL_QUE_Isinque(target, element), holder == static_cast<int>(q) ? 1u : 0u);
+                ASSERT_EQ(CL_QUE_Isinque(target, element), own ? 1u : 0u);
                 break;
             case 4: {
                 const bool after = random.below(2) == 0;
                 const uint32_t flags = after ? CL_QUE_AFTER_ELEMENT : CL_QUE_BEFORE_ELEMENT;
-                const bool known = beside_in == static_cast<int>(q);
                 if (beside == nullptr) break;
                 ASSERT_EQ(CL_QUE_Insert(target, element, flags, beside, nullptr, nullptr),
                           uint32_t{holder >= 0 ? CL_QUE_REFUSED
@@ -229,7 +229,6 @@ TEST_F(Queue, FollowsItsModel) {
             case 6: {
                 uint32_t status = 0;
                 const bool forward = random.below(2) == 0;
-                const bool known = beside_in == static_cast<int>(q);
                 const auto next = std::find(model.begin(), model.end(), beside) - model.begin() +
                                   (forward ? 1 : -1);
                 if (beside == nullptr) break;
@@ -249,14 +248,11 @@ TEST_F(Queue, FollowsItsModel) {
                 ASSERT_EQ(CL_QUE_Sort(target, nullptr, by_key), 1u);
                 // The order of equal elements is the queue's choice: take it over.
                 Model now;
-                for (const void *e = target->head; e != nullptr;
-                     e = static_cast<const Element *>(e)->link.next) {
-                    now.push_back(static_cast<Element *>(const_cast<void *>(e)));
-                }
+                for (void *e = target->head; e != nullptr; e = now.back()->link.next)
+                    now.push_back(static_cast<Element *>(e));
                 ASSERT_TRUE(
                     std::is_permutation(now.begin(), now.end(), model.begin(), model.end()));
-                ASSERT_TRUE(std::is_sorted(now.begin(), now.end(),
-                                           [](auto *a, auto *b) { return a->key < b->key; }));
+                ASSERT_TRUE(std::is_sorted(now.begin(), now.end(), lower_key));
                 model = now;
                 break;
             }
@@ -277,11 +273,8 @@ TEST_F(Queue, FollowsItsModel) {
                                                : CL_QUE_INSERTED});
                 if (holder >= 0 || twice) break;
                 const auto found = std::find(model.begin(), model.end(), lower) - model.begin();
-                if (lower == nullptr) {
-                    place(0);
-                } else {
-                    place(found + (equal != nullptr && flags == CL_QUE_SORTED_BEFORE ? 0 : 1));
-                }
+                const bool before = equal != nullptr && flags == CL_QUE_SORTED_BEFORE;
+                place(lower == nullptr ? 0 : found + (before ? 0 : 1));
             }
         }
         ASSERT_NO_FATAL_FAILURE(expect_equal(*target, model)) << "step " << step;

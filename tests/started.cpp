@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -60,11 +61,9 @@ int inherited(const std::set<int> &ignored, const std::set<int> &allowed) {
 
 std::set<int> numbers(const std::string &text) {
     std::set<int> result;
-    for (const char *at = text.c_str(); *at != '\0';) {
-        char *end;
-        result.insert(static_cast<int>(strtol(at, &end, 10)));
-        at = *end == ',' ? end + 1 : end;
-    }
+    std::istringstream words(text);
+    for (std::string word; std::getline(words, word, ',');)
+        result.insert(std::stoi(word));
     return result;
 }
 

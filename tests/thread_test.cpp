@@ -76,11 +76,7 @@ TEST_F(Threads, NoWakeUpIsLost) {
                         const std::lock_guard lock(mutex);
                         items.push_back(producer * 1000 + i);
                     }
-                    if (producer % 2 == 0) {
-                        pthread_kill(self, SIGUSR1);
-                    } else {
-                        kill(getpid(), SIGUSR1);
-                    }
+                    producer % 2 == 0 ? pthread_kill(self, SIGUSR1) : kill(getpid(), SIGUSR1);
                     if (i % 16 == producer) std::this_thread::yield();
                 }
             });
