@@ -122,7 +122,7 @@ TEST_F(Conf, OutOfMemory) {
         ASSERT_EQ(plan.count("malloc"), static_cast<int>(allocations.size()));
     }
     for (int i = 0; i < std::ssize(allocations); ++i) {
-        for (const int times : {1, test::FOREVER}) {
+        for (const int times : {1, test::kForever}) {
             const Plan plan({.call = "malloc", .error = ENOMEM, .nth = i + 1, .times = times});
             ASSERT_EQ(read(text), allocations[static_cast<size_t>(i)]) << i;
         }
@@ -144,7 +144,9 @@ TEST_F(Conf, NamesCompareAsTheirFields) {
         sections.push_back(field(text));
         sections.back().name[strlen(text) + 1] = 'y';
     }
-    const auto sign = [](int order) { return (order > 0) - (order < 0); };
+    const auto sign = [](int order) {
+        return static_cast<int>(order > 0) - static_cast<int>(order < 0);
+    };
     for (const CL_ConfSection &a : sections) {
         for (const CL_ConfSection &b : sections) {
             const CL_ConfSection *slots[] = {&a, &b};
@@ -215,7 +217,7 @@ TEST_F(Conf, FollowsItsModel) {
             if (what % 4 == 0) row += text(what < 190 ? 20 : 500);
             file += blanks() + row + blanks() + (lines > 1 || what % 2 == 0 ? "\n" : "");
         }
-        failures += agree(file).code != 0;
+        failures += static_cast<int>(agree(file).code != 0);
         ASSERT_FALSE(HasFailure());
     }
     EXPECT_GT(failures, 40);

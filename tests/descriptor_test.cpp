@@ -42,7 +42,7 @@ TEST_F(Descriptor, SlotsAreReusedInOrder) {
             ASSERT_EQ(object->error, CL_ErrInfo{});
             ASSERT_EQ(object->interval + object->remaining + object->start_time, 0u);
             memset(object->area, 0xaa, sizeof object->area);
-            object->error = test::UNTOUCHED;
+            object->error = test::kUntouched;
             object->interval = object->remaining = 5;
             object->start_time = 6;
         } else {

@@ -21,8 +21,9 @@ int main(int count, char **arguments) {
     const auto end = reinterpret_cast<decltype(&CL_End_M)>(find("CL_End_M"));
     printf("privileged %lu, guards %u, entries %u\n", getauxval(AT_SECURE), table->memory_check,
            table->library_ring->entry_count);
-    printf("own storage %d, state %u, ring %d\n", table == find("CL_EM_MainTable"), table->state,
-           table->library_ring != nullptr);
+    printf("own storage %d, state %u, ring %d\n",
+           static_cast<int>(table == find("CL_EM_MainTable")), table->state,
+           static_cast<int>(table->library_ring != nullptr));
     CL_ErrInfo err;
     const uint32_t begun = init(5, nullptr, &err, 0, "probe", 1);
     const uint32_t ended = end(&err, 0, "probe", 2);

@@ -31,28 +31,29 @@ struct Process {
 // One end of a connection.
 class End {
   public:
-    End(Process &owner, uint32_t stream) : process(owner), stream_out(stream) {}
+    End(Process &owner, uint32_t stream) : process_(owner), stream_out_(stream) {}
 
     void connect(const char *path) {
-        object = CL_CreateFD(CL_KIND_MSGC, test::call_action, test::address(&on_event), 0, &err);
-        const uint32_t mode = CL_MODE_SYNC + process.random.below(3);
-        while (CL_CnctMSGC(object, path, mode, &err) == 0 && err.err != CL_ERR_IN_PROGRESS) {
-            ASSERT_TRUE(err.err == ENOENT || err.err == ECONNREFUSED || err.err == EAGAIN) << err;
+        object_ = CL_CreateFD(CL_KIND_MSGC, test::call_action, test::address(&on_event_), 0, &err_);
+        const uint32_t mode = CL_MODE_SYNC + process_.random.below(3);
+        while (CL_CnctMSGC(object_, path, mode, &err_) == 0 && err_.err != CL_ERR_IN_PROGRESS) {
+            ASSERT_TRUE(err_.err == ENOENT || err_.err == ECONNREFUSED || err_.err == EAGAIN)
+                << err_;
             CL_Sleep(1);
         }
-        ASSERT_EQ(CL_AddEventList(object, 20, &err), 1u) << err;
+        ASSERT_EQ(CL_AddEventList(object_, 20, &err_), 1u) << err_;
         if (mode == CL_MODE_SYNC) receive(), pump();
     }
     void accept(CL_Object *server) {
-        object = CL_AcceptMSGS(server, test::call_action, test::address(&on_event), 0, &err);
-        ASSERT_NE(object, nullptr) << err;
-        const int little = 1 + static_cast<int>(process.random.below(8000));
-        setsockopt(object->descriptor, SOL_SOCKET, SO_SNDBUF, &little, sizeof little);
-        ASSERT_EQ(CL_AddEventList(object, 20, &err), 1u) << err;
+        object_ = CL_AcceptMSGS(server, test::call_action, test::address(&on_event_), 0, &err_);
+        ASSERT_NE(object_, nullptr) << err_;
+        const int little = 1 + static_cast<int>(process_.random.below(8000));
+        setsockopt(object_->descriptor, SOL_SOCKET, SO_SNDBUF, &little, sizeof little);
+        ASSERT_EQ(CL_AddEventList(object_, 20, &err_), 1u) << err_;
         receive();
         pump();
     }
-    bool finished() const { return received == kMessages && sent == kMessages && lent.empty(); }
+    bool finished() const { return received_ == kMessages && sent_ == kMessages && lent_.empty(); }
 
     uint32_t give_up_at = UINT32_MAX;  // after so many messages received
 
@@ -66,14 +67,16 @@ class End {
     }
     // Synchronously for a while, and then as a message comes.
     void receive() {
-        while (object != nullptr) {
-            const bool wait = process.waits && received < kMessages && process.random.below(4) == 0;
+        while (object_ != nullptr) {
+            const bool wait =
+                process_.waits && received_ < kMessages && process_.random.below(4) == 0;
             const uint32_t mode =
-                wait ? uint32_t{CL_MODE_SYNC} : CL_MODE_IMMEDIATE + process.random.below(2);
-            const int32_t result = CL_RecvMSGC(object, buffer.data(), kLongest + 16, mode, 0, &err);
+                wait ? uint32_t{CL_MODE_SYNC} : CL_MODE_IMMEDIATE + process_.random.below(2);
+            const int32_t result =
+                CL_RecvMSGC(object_, buffer_.data(), kLongest + 16, mode, 0, &err_);
             if (!wait) {
                 ASSERT_EQ(result, -1);
-                ASSERT_EQ(err.err, uint32_t{CL_ERR_IN_PROGRESS}) << err;
+                ASSERT_EQ(err_.err, uint32_t{CL_ERR_IN_PROGRESS}) << err_;
                 return;
             }
             result >= 0 ? check(result) : lost();
@@ -81,77 +84,80 @@ class End {
     }
     // Keeps some messages on their way.
     void pump() {
-        const uint32_t many = 1 + process.random.below(12);
-        while (object != nullptr && sent < kMessages && lent.size() < many) {
-            auto block = content(stream_out, sent++);
-            uint32_t mode = CL_MODE_IMMEDIATE + process.random.below(2);
-            if (process.waits && lent.empty() && process.random.below(3) == 0) mode = CL_MODE_SYNC;
-            const int32_t result = CL_SendMSGC(object, block->get(), block->size(), mode, 0, &err);
-            const bool later = result == -1 && err.err == CL_ERR_IN_PROGRESS;
+        const uint32_t many = 1 + process_.random.below(12);
+        while (object_ != nullptr && sent_ < kMessages && lent_.size() < many) {
+            auto block = content(stream_out_, sent_++);
+            uint32_t mode = CL_MODE_IMMEDIATE + process_.random.below(2);
+            if (process_.waits && lent_.empty() && process_.random.below(3) == 0)
+                mode = CL_MODE_SYNC;
+            const int32_t result =
+                CL_SendMSGC(object_, block->get(), block->size(), mode, 0, &err_);
+            const bool later = result == -1 && err_.err == CL_ERR_IN_PROGRESS;
             ASSERT_EQ(block->queued(), later);
             ASSERT_FALSE(mode == (later ? CL_MODE_SYNC : CL_MODE_DEFERRED) &&
                          (later || result >= 0));
             if (later) {
                 CL_MsgBlock *key = block->get();
-                lent[key] = std::move(block);
+                lent_[key] = std::move(block);
             } else if (result != block->length()) {
                 lost();
             }
         }
     }
     void check(int32_t length) {
-        const std::string expected = content(stream_out ^ 1, received++)->message();
+        const std::string expected = content(stream_out_ ^ 1, received_++)->message();
         // All but the sender, who is another process.
-        std::string got(buffer.data(), static_cast<size_t>(length));
+        std::string got(buffer_.data(), static_cast<size_t>(length));
         ASSERT_EQ(got.replace(8, 4, expected, 8, 4), expected);
     }
     void give_back(CL_Queue &queue) {
         while (auto *block = static_cast<CL_MsgBlock *>(CL_QUE_GetTop(&queue)))
-            ASSERT_EQ(lent.erase(block), 1u) << "a block that is not out comes back";
+            ASSERT_EQ(lent_.erase(block), 1u) << "a block that is not out comes back";
     }
     void lost() {
-        ASSERT_TRUE(err.err == EPIPE || err.err == ECONNRESET) << err;
+        ASSERT_TRUE(err_.err == EPIPE || err_.err == ECONNRESET) << err_;
         over();
     }
     // Gives the connection up; every block that is out comes back now.
     void over() {
         CL_Queue unsent;
         uint64_t out = 0;
-        ASSERT_EQ(CL_DiscMSGC(object, &out, &unsent, &err), 1u) << err;
-        ASSERT_EQ(out, test::address(buffer.data()));
+        ASSERT_EQ(CL_DiscMSGC(object_, &out, &unsent, &err_), 1u) << err_;
+        ASSERT_EQ(out, test::address(buffer_.data()));
         give_back(unsent);
-        ASSERT_TRUE(lent.empty());
-        ASSERT_EQ(CL_DeleteFD(object, &err), 1u) << err;
-        object = nullptr;
-        process.open--;
+        ASSERT_TRUE(lent_.empty());
+        ASSERT_EQ(CL_DeleteFD(object_, &err_), 1u) << err_;
+        object_ = nullptr;
+        process_.open--;
     }
     uint32_t handle(CL_Event *event) {
         if (event->type == CL_EVENT_MESSAGE) {
-            EXPECT_EQ(event->data, buffer.data());
+            EXPECT_EQ(event->data, buffer_.data());
             check(event->length);
         }
         if (event->type == CL_EVENT_SENT) {
-            EXPECT_EQ(lent.erase(static_cast<CL_MsgBlock *>(event->data)), 1u);
+            EXPECT_EQ(lent_.erase(static_cast<CL_MsgBlock *>(event->data)), 1u);
         } else if (event->type == CL_EVENT_DISCONNECT) {
             give_back(event->queue);
-            err = event->error;
+            err_ = event->error;
             lost();
         } else {
             receive();
         }
         pump();
-        if (object != nullptr && (received >= give_up_at || (process.waits && finished()))) over();
-        return process.open == 0 || testing::Test::HasFailure() ? 1 : 0;
+        if (object_ != nullptr && (received_ >= give_up_at || (process_.waits && finished())))
+            over();
+        return process_.open == 0 || testing::Test::HasFailure() ? 1 : 0;
     }
 
-    Process &process;
-    std::vector<char> buffer = std::vector<char>(kLongest + 16);
-    std::map<CL_MsgBlock *, std::unique_ptr<Block>> lent;
-    CL_Object *object = nullptr;
-    uint32_t stream_out;
-    uint32_t sent = 0, received = 0;
-    CL_ErrInfo err = {};
-    Action on_event = [this](CL_Object *, CL_Event *event) { return handle(event); };
+    Process &process_;
+    std::vector<char> buffer_ = std::vector<char>(kLongest + 16);
+    std::map<CL_MsgBlock *, std::unique_ptr<Block>> lent_;
+    CL_Object *object_ = nullptr;
+    uint32_t stream_out_;
+    uint32_t sent_ = 0, received_ = 0;
+    CL_ErrInfo err_ = {};
+    Action on_event_ = [this](CL_Object *, CL_Event *event) { return handle(event); };
 };
 
 // Runs the loop until the last end is over.

@@ -221,7 +221,7 @@ TEST_F(Started, ALostEndObjectEndsTheLoopWithItsError) {
 TEST_F(Started, ABusyStarterIsTriedAgain) {
     for (const int times : {3, 10000}) {
         const Plan plan({{.call = "connect", .error = EAGAIN, .times = times},
-                         {.call = "nanosleep", .times = test::FOREVER, .swallow = true}});
+                         {.call = "nanosleep", .times = test::kForever, .swallow = true}});
         end = complete();
         EXPECT_EQ(end != nullptr, times == 3) << err;
         EXPECT_EQ(err.err, times == 3 ? 0u : uint32_t{EAGAIN});

@@ -529,7 +529,7 @@ class Faults : public testing::Test {
         ++runs;
         EXPECT_EQ(wrong_in(scenario, fault), "")
             << scenario.name << ": " << fault.call << " number " << fault.nth
-            << (fault.times == test::FOREVER ? " and all later" : "")
+            << (fault.times == test::kForever ? " and all later" : "")
             << (fault.error != 0 ? std::string(" fails with ") + strerrorname_np(fault.error)
                                  : " moves few bytes");
         // Most calls can fail with the same errno, so the place tells which one did.
@@ -549,16 +549,18 @@ class Faults : public testing::Test {
         const auto disregard = [&](const std::string &name) {
             before.counts[name] = after.counts[name];
         };
-        for (const auto &[name, count] : after.counts)
+        for (const auto &[name, count] : after.counts) {
             if (name == "live" || name == "listed" || name == "free" || name.starts_with("kind"))
                 disregard(name);
+        }
         // The call was not made, so what it would have closed is still there.
         if (fault.call == "catclose") disregard("catalogues");
         if (fault.call == "sigprocmask" || fault.call == "pthread_sigmask")
             before.blocked_signals = after.blocked_signals;
-        if (scenario.name == std::string_view("dump by generation"))  // its ring goes in the end
+        if (scenario.name == std::string_view("dump by generation")) {  // its ring goes in the end
             for (const char *name : {"library blocks", "library bytes"})
                 disregard(name);
+        }
         std::vector<int> more;
         std::set_difference(after.descriptors.begin(), after.descriptors.end(),
                             before.descriptors.begin(), before.descriptors.end(),
@@ -576,7 +578,7 @@ class Faults : public testing::Test {
             faults.push_back(
                 {.call = call, .error = error, .nth = nth, .times = times, .at_most = at_most});
         };
-        for (const int times : {1, test::FOREVER}) {
+        for (const int times : {1, test::kForever}) {
             for (const int error : errors_of(call))
                 add(error, times);
             if (goes_on(call)) add(EINTR, std::min(times, 3));

@@ -16,7 +16,7 @@ using test::Plan;
 class File : public test::Library {
   protected:
     CL_Object *open(const std::string &name, uint32_t flags, uint32_t mode = 0600) {
-        err = test::UNTOUCHED;
+        err = test::kUntouched;
         CL_Object *object = CL_OpenFile(name.c_str(), flags, mode, &err);
         EXPECT_NE(object, nullptr) << name << " " << err;
         EXPECT_THAT(err, test::IsClear());

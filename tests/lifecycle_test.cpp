@@ -74,7 +74,7 @@ TEST(Lifecycle, LoadsAheadOfAnyProgram) {
 }
 
 TEST(Lifecycle, MovesThroughItsStates) {
-    CL_ErrInfo err = test::UNTOUCHED;
+    CL_ErrInfo err = test::kUntouched;
     EXPECT_EQ(CL_End(nullptr), 0u);
     EXPECT_EQ(CL_End(&err), 0u);
     EXPECT_THAT(err, FailsWith(CL_ERR_STATE, CL_MODULE_MAIN));
@@ -102,9 +102,9 @@ TEST(Lifecycle, MovesThroughItsStates) {
     EXPECT_EQ(CL_Init(1, nullptr, &err), 0u);
     EXPECT_THAT(err, FailsWith(EPERM, CL_MODULE_MAIN));
 
-    err = test::UNTOUCHED;
+    err = test::kUntouched;
     EXPECT_EQ(CL_End(&err), 1u);
-    EXPECT_EQ(err, test::UNTOUCHED);
+    EXPECT_EQ(err, test::kUntouched);
     EXPECT_EQ(table().state, uint32_t{CL_STATE_ENDED});
     EXPECT_EQ(table().execs, nullptr);
 }

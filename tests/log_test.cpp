@@ -39,7 +39,7 @@ class Log : public testing::Test {
         EXPECT_EQ(CL_LOG_Out(CL_LOG_INTERNAL, CL_LOG_INFO, 0, id, types, arguments...), 1u);
         return line();
     }
-    CL_ErrInfo err = test::UNTOUCHED;
+    CL_ErrInfo err = test::kUntouched;
     const test::Folder folder;
     const std::string plain = " catalog(id) not found:";  // stands for the text that is missing
 };
@@ -61,14 +61,14 @@ TEST(LogSetup, ChecksItsArgumentsInOrder) {
                 {s31.c_str(), s255.c_str(), s255.c_str(), s252.c_str(), 0},
                 {"", "c", none, "", 0}};
     for (const auto &[name, catalogue, alternative, path, code] : rows) {
-        CL_ErrInfo err = test::UNTOUCHED;
+        CL_ErrInfo err = test::kUntouched;
         const CL_MainBlock before = test::table();
         EXPECT_EQ(CL_LOG_Init_M(name, catalogue, alternative, path, &err), code == 0 ? 1u : 0u);
         if (code != 0) {
             EXPECT_THAT(err, FailsWith(code, CL_MODULE_LOG));
             EXPECT_EQ(memcmp(&before, &test::table(), sizeof before), 0);
         } else {
-            EXPECT_EQ(err, test::UNTOUCHED);
+            EXPECT_EQ(err, test::kUntouched);
             EXPECT_STREQ(CL_MainTable->log_name, name);
             EXPECT_STREQ(CL_MainTable->log_path, path);
         }

@@ -36,7 +36,7 @@ class Loop : public test::Library {
         test::set_uptime(uptime);
     }
     uint32_t run(bool threaded = false) {
-        err = test::UNTOUCHED;
+        err = test::kUntouched;
         return threaded ? CL_EventLoopThread(&err) : CL_EventLoop(&err);
     }
     // An action that leaves its name in the trail and goes on with `more`.
@@ -328,12 +328,12 @@ class Walks : public Loop {
 
 TEST_F(Walks, FollowTheirModel) {
     // Ticks are the test's, too.
-    const Plan plan{{.call = "setitimer", .times = test::FOREVER, .swallow = true},
-                    {.call = "pselect", .times = test::FOREVER, .before = [this] { wait(); }}};
+    const Plan plan{{.call = "setitimer", .times = test::kForever, .swallow = true},
+                    {.call = "pselect", .times = test::kForever, .before = [this] { wait(); }}};
     last = add(kReaders);
     set(last, 1);
     enter(last);  // it keeps the loop from starving
-    while (states.size() < OBJECTS)
+    while (states.size() < kObjects)
         add(any_list());
     while (calls <= 30000 && !HasFailure()) {
         EXPECT_EQ(run(true), value) << err;

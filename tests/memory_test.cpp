@@ -101,9 +101,10 @@ TEST(Memory, FollowsItsModel) {
         ASSERT_EQ(header + 1, static_cast<void *>(data));
         element = header->link.next;
     }
-    for (const int32_t flag : {0, 1})
+    for (const int32_t flag : {0, 1}) {
         for (const auto &[data, size, fill] : held[flag])
             CL_free_M(data, flag, "model", 3);
+    }
 }
 
 TEST(Memory, ListsReadTheSameInLogAndOutput) {

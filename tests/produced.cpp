@@ -30,7 +30,7 @@ constexpr uint32_t kLastErrno = 133;
 
 // Null before the program's own initialisation: what the library reports while it is loaded is not
 // noted.
-const char *const notes_file = getenv("QVCL_PRODUCED");
+const char *const kNotesFile = getenv("QVCL_PRODUCED");
 
 // By system calls, because the tests stand in for the functions. One write is one line, whoever
 // else writes.
@@ -38,15 +38,15 @@ void write_line(const char *function, const char *code) {
     char line[100];
     const int length = snprintf(line, sizeof line, "%s %s\n", function, code);
     const auto fd = static_cast<int>(
-        syscall(SYS_openat, AT_FDCWD, notes_file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+        syscall(SYS_openat, AT_FDCWD, kNotesFile, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
     if (fd == -1) return;
     syscall(SYS_write, fd, line, length);
     syscall(SYS_close, fd);
 }
 
-template <size_t count>
-void note(const char *function, uint32_t value, Documented (&errors)[count]) {
-    if (notes_file == nullptr || value == 0) return;
+template <size_t kCount>
+void note(const char *function, uint32_t value, Documented (&errors)[kCount]) {
+    if (kNotesFile == nullptr || value == 0) return;
     for (Documented &error : errors) {
         if (error.value != value && (error.value != 0 || value > kLastErrno)) continue;
         const int saved = errno;
@@ -59,9 +59,8 @@ void note(const char *function, uint32_t value, Documented (&errors)[count]) {
 
 template <class Result>
 bool is_failure(Result result) {
-    if constexpr (std::is_pointer_v<Result>)
-        return result == nullptr;
-    else
+    if constexpr (std::is_pointer_v<Result>) return result == nullptr;
+    if constexpr (!std::is_pointer_v<Result>)
         return result == 0 || result == static_cast<Result>(-1);
 }
 
@@ -71,7 +70,7 @@ bool is_failure(Result result) {
 class Code {
   public:
     explicit Code(const char *function, const CL_ErrInfo *err)
-        : operation_(function[0] == 'C'), err_(notes_file != nullptr ? err : nullptr) {
+        : operation_(function[0] == 'C'), err_(kNotesFile != nullptr ? err : nullptr) {
         if (err_ != nullptr) before_ = *err_;
     }
     template <class Result>

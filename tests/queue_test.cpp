@@ -24,7 +24,7 @@ bool lower_key(const Element *a, const Element *b) {
 int by_key(const void *a, const void *b) {
     const auto *first = *static_cast<Element *const *>(a),
                *second = *static_cast<Element *const *>(b);
-    return lower_key(first, second) ? -1 : lower_key(second, first);
+    return lower_key(first, second) ? -1 : static_cast<int>(lower_key(second, first));
 }
 
 bool is_zero(const CL_QueueLink &link) {
@@ -103,9 +103,10 @@ TEST_F(Queue, RefusesAndChangesNothing) {
     EXPECT_EQ(CL_QUE_BSearch(&queue, &fresh, 0, nullptr, by_key), CL_QUE_ERROR);
     EXPECT_EQ(CL_QUE_BSearch(&queue, &fresh, 4, nullptr, by_key), CL_QUE_ERROR);
 
-    for (const uint32_t flags : {0x30003u, 0x00003u, 0x80020003u})
+    for (const uint32_t flags : {0x30003u, 0x00003u, 0x80020003u}) {
         EXPECT_EQ(CL_QUE_Insert(&queue, &fresh, flags, model[0], nullptr, by_key),
                   uint32_t{CL_QUE_REFUSED});
+    }
     uint32_t status = 77;
     EXPECT_EQ(CL_QUE_Enum(&queue, nullptr, 0x3000, &status), nullptr);
     EXPECT_EQ(status, uint32_t{CL_QUE_BAD_DIRECTION});
@@ -152,7 +153,7 @@ TEST_F(Queue, BorrowsMemoryOnlyForLongQueues) {
         expect_equal(queue, model);
     };
     {
-        Plan plan{{.call = "malloc", .error = ENOMEM, .times = test::FOREVER}};
+        Plan plan{{.call = "malloc", .error = ENOMEM, .times = test::kForever}};
         all(nullptr, true);
         EXPECT_EQ(plan.hits(), 3);
         all(work, false);
@@ -212,8 +213,10 @@ TEST_F(Queue, FollowsItsModel) {
                           uint32_t{holder >= 0 ? CL_QUE_REFUSED
                                    : known     ? CL_QUE_INSERTED
                                                : CL_QUE_BAD_REFERENCE});
-                if (holder < 0 && known)
-                    place(std::find(model.begin(), model.end(), beside) - model.begin() + after);
+                if (holder < 0 && known) {
+                    place(std::find(model.begin(), model.end(), beside) - model.begin() +
+                          static_cast<long>(after));
+                }
                 break;
             }
             case 5:

@@ -229,9 +229,10 @@ TEST_F(Refusals, ArgumentsAreChecked) {
     // clang-format on
     for (const auto &[name_of_call, code, module, call] : rows)
         refused(name_of_call, code, module, call);
-    for (const uint32_t count : {1025u, 2048u, 0x80000000u, UINT32_MAX})
+    for (const uint32_t count : {1025u, 2048u, 0x80000000u, UINT32_MAX}) {
         refused("set", EINVAL, CL_MODULE_USERFD,
                 [&] { return CL_SetFD(fd, count, nullptr, nullptr, &set, &err); });
+    }
     for (const uint32_t kind : {0u, 5u, 12u, 14u, 15u, 255u, 0x101u, UINT32_MAX})
         refused("create", EINVAL, CL_MODULE_FD, [&] { return create(kind) != nullptr ? 1 : 0; });
 }
@@ -282,9 +283,10 @@ TEST_F(Refusals, KindsAreOpenToWhomTheyBelong) {
                 EXPECT_EQ(event_list->tail, object);
                 EXPECT_EQ(object->status, uint32_t{CL_STATUS_READY | CL_STATUS_LISTED});
                 allowed(false, "add twice", EBADF, add);
-                if (lists == kLibrary)
+                if (lists == kLibrary) {
                     allowed(false, "take off", EBADF,
                             [&] { return CL_DelEventList(object, &err); });
+                }
             }
             allowed(listed, "take off", EBADF, take);
             EXPECT_EQ(object->status, uint32_t{CL_STATUS_READY});

@@ -17,7 +17,7 @@ using test::Record;
 std::vector<uint8_t> make_record(uint32_t length, uint32_t number) {
     std::vector<uint8_t> bytes(std::max(length, 32u));
     for (size_t i = 0; i < bytes.size(); ++i)
-        bytes[i] = static_cast<uint8_t>(number * 31 + i * 7);
+        bytes[i] = static_cast<uint8_t>(size_t{number} * 31 + i * 7);
     memcpy(&bytes[offsetof(CL_TrcHead, length)], &length, sizeof length);
     return bytes;
 }
@@ -64,7 +64,7 @@ TEST(Ring, FollowsItsModel) {
                 random.below(20) == 0 ? 0 : std::min(32 + random.below(longest), longest);
             auto record = make_record(length, step);
             const auto original = record;
-            test::set_time(step + 1, step * 2);
+            test::set_time(step + 1, uint64_t{step} * 2);
             const uint32_t needed = entries(length);
             const auto readable =
                 32 + 8 * random.below(static_cast<uint32_t>(record.size()) / 8 - 3);
@@ -80,7 +80,7 @@ TEST(Ring, FollowsItsModel) {
             for (; used + needed > count; model.pop_front())
                 used -= entries(model[0].size());
             if (held) expect_model(*held, model);
-            stops += held.has_value();
+            stops += static_cast<int>(held.has_value());
             model.push_back(record);
             used += needed;
             written += needed;
@@ -115,9 +115,10 @@ TEST(Ring, RefusesInOrder) {
         auto record = make_record(32, 0);
         EXPECT_EQ(CL_TRC_Write_M(nullptr, kind), 14u) << "before the ring is looked for";
         EXPECT_EQ(CL_TRC_Write_M(record.data(), kind), uint32_t{CL_ERR_STATE});
-        for (const auto &[prefix, size, count, result] : rows)
+        for (const auto &[prefix, size, count, result] : rows) {
             EXPECT_EQ(CL_TRC_Init_M(prefix, size, count, callback, kind), result)
                 << kind << " " << size << " " << count;
+        }
         EXPECT_EQ(CL_MainTable->user_ring != nullptr, user);
         EXPECT_EQ(CL_MainTable->library_ring != nullptr, !user);
         EXPECT_EQ(CL_MainTable->dump_callback, user ? callback : nullptr);

@@ -82,7 +82,7 @@ int main(int argc, char **argv) {
             _exit(inherited(numbers(argument(i + 1)), numbers(argument(i + 2))));
         if (step == "environment") {
             const char *value = getenv(argument(i + 1).c_str());
-            _exit(argument(i + 2) != (value != nullptr ? value : "-"));
+            _exit(static_cast<int>(argument(i + 2) != (value != nullptr ? value : "-")));
         }
         if (step == "report") report();
     }

@@ -65,7 +65,7 @@ class Starter : public testing::Test {
             }
             return until && until() ? 1u : 0u;
         };
-        const CL_Program what = {program, arguments.data(), changes, await};
+        const CL_Program what = {program, arguments.data(), changes, static_cast<uint32_t>(await)};
         child.object =
             CL_StartProgram(&what, test::call_action, test::address(&child.on_event), 0, &err);
         return child.object;
@@ -150,9 +150,10 @@ TEST_F(Starter, TheProgramGetsTheChangedEnvironment) {
         {"QVCL_NEW", "new"}, {"QVCL_GONE", nullptr}, {nullptr, nullptr}};
     const std::pair<std::string, std::string> cases[] = {
         {CL_STARTER_SOCKET, path}, {"QVCL_OLD", "old"}, {"QVCL_NEW", "new"}, {"QVCL_GONE", "-"}};
-    for (const auto &[name, value] : cases)
+    for (const auto &[name, value] : cases) {
         EXPECT_EQ(run_to_end({"environment", name, value}, false, changes), Steps{"exited 0"})
             << name;
+    }
     EXPECT_STREQ(getenv("QVCL_GONE"), "here") << "the starter's own environment is as before";
 }
 
@@ -190,10 +191,11 @@ TEST_F(Starter, TwoHundredProgramsReportOrEndWhileNobodyLooks) {
     // 60 end, and 140 report, which is more than the socket holds until the starter accepts.
     std::vector<Child> children(200);
     const auto reports = [](size_t i) { return i % 10 >= 3; };
-    for (size_t i = 0; i < children.size(); ++i)
+    for (size_t i = 0; i < children.size(); ++i) {
         ASSERT_NE(start(children[i], reports(i) ? Steps{"report", "run"} : Steps{"exit", "0"}),
                   nullptr)
             << err;
+    }
     for (size_t i = 0; i < children.size(); ++i) {
         siginfo_t info;
         while (!reports(i) &&
@@ -229,7 +231,7 @@ TEST(Notify, TheServiceManagerIsToldWhereItListens) {
         const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + place.size());
         EXPECT_EQ(bind(manager, reinterpret_cast<const sockaddr *>(&address), length), 0);
         test::set_env("NOTIFY_SOCKET", place.c_str());
-        CL_ErrInfo err = test::UNTOUCHED;
+        CL_ErrInfo err = test::kUntouched;
         EXPECT_EQ(CL_NotifyManager("READY=1\nSTATUS=up", &err), 1u);
         EXPECT_THAT(err, test::IsClear());
         char text[100];
@@ -241,7 +243,7 @@ TEST(Notify, TheServiceManagerIsToldWhereItListens) {
         EXPECT_THAT(err, test::FailsWith(ECONNREFUSED, CL_MODULE_STARTER));
         unlink(place.c_str());
     }
-    CL_ErrInfo err = test::UNTOUCHED;
+    CL_ErrInfo err = test::kUntouched;
     test::set_env("NOTIFY_SOCKET", std::string(200, '/').c_str());
     EXPECT_EQ(CL_NotifyManager("READY=1", &err), 0u);
     EXPECT_THAT(err, test::FailsWith(ENAMETOOLONG, CL_MODULE_STARTER));

@@ -178,8 +178,8 @@ const std::vector<std::string_view> &test::reachable_calls() {
 // The types of a function's result and of its arguments.
 template <class Result, class... Arguments>
 std::tuple<Result, Arguments...> types_of(Result (*)(Arguments...));
-template <size_t index, class Types>
-using Type = std::tuple_element_t<index, Types>;
+template <size_t kIndex, class Types>
+using Type = std::tuple_element_t<kIndex, Types>;
 
 #define P(i, name, argument) Type<i, decltype(types_of(&::name))> argument
 #define PARAMETERS_0(name)
@@ -497,7 +497,7 @@ void Library::refused(const char *what, int code, int module,
     };
     const Balance before = Balance::now();
     const std::string as_they_were = objects();
-    err = UNTOUCHED;
+    err = kUntouched;
     EXPECT_EQ(call(), 0);
     EXPECT_THAT(err, FailsWith(code, module));
     EXPECT_EQ(Balance::now(), before);

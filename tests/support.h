@@ -36,7 +36,7 @@ namespace test {
 
 // ---- Faults
 
-constexpr int FOREVER = INT_MAX;
+constexpr int kForever = INT_MAX;
 
 // What is to happen to calls of one function: to the nth, counted from the moment the plan is in
 // force, and the ones after it, `times` altogether.
@@ -167,7 +167,7 @@ MATCHER(IsClear, "") {
 }
 
 // A record with a value in every field, to see who touches it.
-constexpr CL_ErrInfo UNTOUCHED = {0xa1, 0xa2, 0xa3, 0xa4, 0xa5};
+constexpr CL_ErrInfo kUntouched = {0xa1, 0xa2, 0xa3, 0xa4, 0xa5};
 
 // ---- The library
 
@@ -193,10 +193,10 @@ size_t sorted_place(const std::vector<int64_t> &keys, int64_t key);
 // Initialises the library with room for 50 objects.
 class Library : public testing::Test {
   public:
-    static constexpr uint32_t OBJECTS = 50;
+    static constexpr uint32_t kObjects = 50;
 
   protected:
-    void SetUp() override { ASSERT_EQ(CL_Init(OBJECTS, exec_path, &err), 1u) << err; }
+    void SetUp() override { ASSERT_EQ(CL_Init(kObjects, exec_path, &err), 1u) << err; }
 
     CL_Object *create(uint32_t kind, CL_Callback callback = nullptr, uint64_t arg1 = 0,
                       uint64_t arg2 = 0) {
@@ -212,7 +212,7 @@ class Library : public testing::Test {
     // Makes a CHILD object that of a process, and lists it, as a starter does.
     CL_Object *adopt(CL_Object *child, pid_t pid);
 
-    CL_ErrInfo err = UNTOUCHED;
+    CL_ErrInfo err = kUntouched;
     const char *exec_path = nullptr;  // of the server for reports
 };
 

@@ -24,14 +24,14 @@ using trace_reader::number;
 
 class Transcript : public testing::Test, protected Story {
   protected:
-    Transcript() { std::filesystem::current_path(folder_.path("")); }
+    Transcript() { std::filesystem::current_path(folder.path("")); }
     // Commands and what a user sees of them; words lie between blanks, a "~" is a blank.
     void enter(const std::string &commands) {
         std::istringstream stream(commands);
-        for (std::string command; std::getline(stream, command, ';'); said_ += "\n") {
-            said_ += "$ qvcl-trace " + command + "\n";
+        for (std::string command; std::getline(stream, command, ';'); said += "\n") {
+            said += "$ qvcl-trace " + command + "\n";
             if (const int status = run(command); status != 0)
-                said_ += "status " + std::to_string(status) + "\n";
+                said += "status " + std::to_string(status) + "\n";
         }
     }
     int run(const std::string &command) {
@@ -46,14 +46,14 @@ class Transcript : public testing::Test, protected Story {
         trace_reader::Text out, complaints;
         const int status =
             trace_reader::run(static_cast<int>(words.size()), argv.data(), out, complaints);
-        said_ += out.str() + complaints.str();
+        said += out.str() + complaints.str();
         return status;
     }
     // Without what differs from run to run, or with every edit of a source: addresses get names.
     void expect(const std::string &name) {
         const std::string path = QVCL_TEST_DATA "/" + name;
         const auto mask = [&](const std::string &varying, const std::string &by) {
-            said_ = std::regex_replace(said_, std::regex(varying), by);
+            said = std::regex_replace(said, std::regex(varying), by);
         };
         for (const auto &[address, word] : names) {
             std::ostringstream digits;
@@ -64,15 +64,15 @@ class Transcript : public testing::Test, protected Story {
         mask(R"(((?:cl_\w+(?:\.cpp)?|open_descriptor|\w+\.h):)\d+)", "$1*");
         mask(R"((sender=|descriptor(?:_count)? +|sets +read )\d+)", "$1*");
         const char *wanted = getenv("QVCL_TRANSCRIPTS");
-        if (wanted != nullptr && wanted == std::string_view("write")) std::ofstream(path) << said_;
-        EXPECT_EQ(said_, test::bytes_of(path)) << name;
-        said_.clear();
+        if (wanted != nullptr && wanted == std::string_view("write")) std::ofstream(path) << said;
+        EXPECT_EQ(said, test::bytes_of(path)) << name;
+        said.clear();
     }
     void expect_exact(const std::vector<Record> &records) const;
     void expect_meaning(const trace_reader::Record &record) const;
 
-    test::Folder folder_;
-    std::string said_;
+    test::Folder folder;
+    std::string said;
 };
 
 // A record's length, and that whatever means nothing in it is zero.
@@ -180,7 +180,7 @@ TEST_F(Transcript, OfEveryCommand) {
     odd("odd", 1, 0x7fff00001000, 5);
     odd("same", 2, 0x7fff00002000, 5);
     odd("other", 1, 0x7fff00003000, 6);
-    std::ofstream("empty");
+    const std::ofstream empty("empty");
     enter(
         "show live;show --api timer live;show --api=66 --api 0xff live;show --handle #6 live;"
         "show --handle=0x1234 live;show --failures live;show --slower=0.02ms live;"

@@ -13,7 +13,6 @@ namespace {
 
 using testing::AllOf;
 using testing::HasSubstr;
-using testing::SizeIs;
 using trace_reader::Command;
 using trace_reader::kCommands;
 using trace_reader::kDamaged;
@@ -45,41 +44,41 @@ size_t lines(const std::string &text) {
 class Damage : public testing::Test, protected test::Story {
   protected:
     void SetUp() override {
-        std::filesystem::current_path(folder_.path(""));
+        std::filesystem::current_path(folder.path(""));
         live("live");
         dump("text");
     }
     void dump(const char *text) {
         CL_TRC_Out("dump", text);
-        file_ = test::bytes_of("dump");
-        const std::pair<size_t *, std::string> eyes[] = {{&library_, CL_EYE_LIBTRC},
-                                                         {&user_, CL_EYE_USRTRC},
-                                                         {&main_, CL_EYE_MAIN},
-                                                         {&table_, CL_EYE_FDTBL}};
+        bytes = test::bytes_of("dump");
+        const std::pair<size_t *, std::string> eyes[] = {{&library_at, CL_EYE_LIBTRC},
+                                                         {&user_at, CL_EYE_USRTRC},
+                                                         {&main_at, CL_EYE_MAIN},
+                                                         {&table_at, CL_EYE_FDTBL}};
         for (const auto &[at, eye] : eyes)
-            *at = file_.rfind(eye + std::string(16 - eye.size(), '\0'));
+            *at = bytes.rfind(eye + std::string(16 - eye.size(), '\0'));
     }
     template <class T>
     T &at(size_t offset) {
-        return *reinterpret_cast<T *>(&file_[offset]);
+        return *reinterpret_cast<T *>(&bytes[offset]);
     }
-    CL_MainBlock &main() { return at<CL_MainBlock>(main_); }
-    CL_TraceRing &ring() { return at<CL_TraceRing>(library_); }
+    CL_MainBlock &main() { return at<CL_MainBlock>(main_at); }
+    CL_TraceRing &ring() { return at<CL_TraceRing>(library_at); }
     // The header of the i-th entry, counted from the oldest record; the record follows.
     CL_TraceEntry &entry(uint32_t i) {
         const uint32_t index = (ring().oldest + i) % ring().entry_count;
-        return at<CL_TraceEntry>(library_ + sizeof(CL_TraceRing) +
+        return at<CL_TraceEntry>(library_at + sizeof(CL_TraceRing) +
                                  index * (sizeof(CL_TraceEntry) + ring().entry_size));
     }
     CL_TrcHead &record(uint32_t i) { return *reinterpret_cast<CL_TrcHead *>(&entry(i) + 1); }
     size_t slot(size_t number) const {
-        return table_ + sizeof(CL_TableHeader) + number * sizeof(CL_Object);
+        return table_at + sizeof(CL_TableHeader) + number * sizeof(CL_Object);
     }
     CL_Object &object(size_t number) { return at<CL_Object>(slot(number)); }
 
-    test::Folder folder_;
-    std::string file_;
-    size_t library_ = 0, user_ = 0, main_ = 0, table_ = 0;
+    test::Folder folder;
+    std::string bytes;
+    size_t library_at = 0, user_at = 0, main_at = 0, table_at = 0;
 };
 
 // The objects of the story by slot: 0 server, 1 client, 3 thread, 4 FD, 6 and 7 timers, 8 free.
@@ -124,20 +123,20 @@ TEST_F(Damage, IsNamed) {
         {[&] { record(1).length = 31; }, "of 31 bytes has no whole head"},
         {[&] { record(1).api = 3; }, "a record of no known operation"},
     };
-    const std::string whole = file_;
+    const std::string whole = bytes;
     for (const auto &[damage, complaint] : cases) {
-        file_ = whole;
+        bytes = whole;
         damage();
-        const Result result = tool("check", file_);
+        const Result result = tool("check", bytes);
         EXPECT_EQ(result.status, kDamaged) << complaint;
         EXPECT_THAT(result.err, AllOf(HasSubstr("qvcl-trace: a: offset "), HasSubstr(complaint)));
         EXPECT_THAT(result.out, HasSubstr("problem"));
     }
     // More than are worth printing, and all counted.
-    file_ = whole;
+    bytes = whole;
     for (size_t i = 0; i < 7; ++i)
         object(i).own_address = object(i).kind = object(i).status = 0x77;
-    const Result many = tool("check", file_);
+    const Result many = tool("check", bytes);
     const size_t total = std::stoul(many.out.substr(many.out.find("objects, ") + 9));
     EXPECT_EQ(lines(many.err), 21u);
     EXPECT_THAT(many.err, HasSubstr(": and " + std::to_string(total - 20) + " more\n"));
@@ -148,25 +147,25 @@ TEST_F(Damage, IsNoneInAText) {
     for (const char *text : {"x", "***CL_MAIN***", "dump of ***CL_USRTRC***", "xx***CL_LIBTRC***",
                              "***CL_LIBTRC***"}) {
         dump(text);
-        const Result result = tool("check", file_);
+        const Result result = tool("check", bytes);
         EXPECT_EQ(result.err, "") << text;
         EXPECT_EQ(result.status, kFine) << text;
     }
 }
 
 TEST_F(Damage, OfEveryLengthIsToldAndTheRestIsShown) {
-    const size_t all = lines(tool("show", file_).out);
+    const size_t all = lines(tool("show", bytes).out);
     size_t before = 0;
-    for (size_t length = 0; length < file_.size(); length += length < main_ ? 1 : 7) {
-        const Result check = tool("check", file_.substr(0, length));
+    for (size_t length = 0; length < bytes.size(); length += length < main_at ? 1 : 7) {
+        const Result check = tool("check", bytes.substr(0, length));
         ASSERT_THAT(check.err, HasSubstr("offset ")) << length;
-        const Result show = tool("show", file_.substr(0, length));
+        const Result show = tool("show", bytes.substr(0, length));
         ASSERT_EQ(check.status + show.status, 2 * kDamaged) << length;
-        if (length < user_) continue;
+        if (length < user_at) continue;
         const size_t shown = lines(show.out);  // more and more of the user ring
         ASSERT_GE(shown, before) << length;
         before = shown;
-        ASSERT_TRUE(shown == all || length < main_) << length;
+        ASSERT_TRUE(shown == all || length < main_at) << length;
     }
 }
 
@@ -174,9 +173,9 @@ TEST_F(Damage, OfEveryLengthIsToldAndTheRestIsShown) {
 TEST_F(Damage, IsSkippedAtAnyPlace) {
     for (const size_t offset : {65520u, 65521u, 65530u, 65535u, 65536u, 131000u}) {
         const std::string noise(offset, '?');
-        const Result show = tool("show", noise + file_.substr(library_));
+        const Result show = tool("show", noise + bytes.substr(library_at));
         EXPECT_EQ(show.status, kDamaged);
-        EXPECT_EQ(show.out, tool("show", file_).out) << offset;
+        EXPECT_EQ(show.out, tool("show", bytes).out) << offset;
     }
 }
 
@@ -184,19 +183,19 @@ TEST_F(Damage, IsSkippedAtAnyPlace) {
 class Flips : public Damage, public testing::WithParamInterface<size_t> {};
 TEST_P(Flips, AreSurvived) {
     constexpr size_t kShards = 4;
-    std::vector<bool> structure(file_.size());
+    std::vector<bool> structure(bytes.size());
     const auto mark = [&](size_t from, size_t size) {
         std::fill_n(structure.begin() + static_cast<ptrdiff_t>(from), size, true);
     };
-    for (const size_t block : {library_, user_, main_, table_})
+    for (const size_t block : {library_at, user_at, main_at, table_at})
         mark(block, sizeof(CL_TableHeader));
-    for (const size_t ring : {library_, user_})
+    for (const size_t ring : {library_at, user_at})
         mark(ring + offsetof(CL_TraceRing, entry_size), sizeof(uint32_t) * 4);
-    mark(main_ + offsetof(CL_MainBlock, version), 4);
-    mark(main_ + offsetof(CL_MainBlock, capacity), 8);
-    mark(main_ + offsetof(CL_MainBlock, free_queue),
+    mark(main_at + offsetof(CL_MainBlock, version), 4);
+    mark(main_at + offsetof(CL_MainBlock, capacity), 8);
+    mark(main_at + offsetof(CL_MainBlock, free_queue),
          offsetof(CL_MainBlock, sync_flag) - offsetof(CL_MainBlock, free_queue));
-    mark(main_ + offsetof(CL_MainBlock, timer_list), 5 * sizeof(CL_Queue));
+    mark(main_at + offsetof(CL_MainBlock, timer_list), 5 * sizeof(CL_Queue));
     for (size_t number = 0; number < main().capacity; ++number) {
         mark(slot(number), 2 * sizeof(CL_QueueLink));
         mark(slot(number) + offsetof(CL_Object, own_address), 8);
@@ -204,13 +203,13 @@ TEST_P(Flips, AreSurvived) {
     const size_t end = slot(10);  // the last objects are all alike
     for (size_t bit = GetParam() * 8; bit < end * 8; bit += bit % 8 < 7 ? 1 : 8 * kShards - 7) {
         const size_t byte = bit / 8;
-        const char whole = file_[byte];
-        file_[byte] = static_cast<char>(whole ^ 1 << bit % 8);
-        const int status = tool("check", file_).status;
+        const char whole = bytes[byte];
+        bytes[byte] = static_cast<char>(whole ^ 1 << bit % 8);
+        const int status = tool("check", bytes).status;
         ASSERT_TRUE(status == kDamaged || (status == kFine && !structure[byte])) << bit;
         const Command &other = kCommands[(byte / kShards + bit) % kCommands.size()];
-        ASSERT_LT(tool(other.name, file_).out.size(), 100000u) << bit;
-        file_[byte] = whole;
+        ASSERT_LT(tool(other.name, bytes).out.size(), 100000u) << bit;
+        bytes[byte] = whole;
     }
 }
 INSTANTIATE_TEST_SUITE_P(Quarters, Flips, testing::Range<size_t>(0, 4));

@@ -32,7 +32,7 @@ class Transfer : public test::Messaging {
     // Sets a receive up and lets the steps run on it without the loop.
     void begin() {
         client->connection.receive_buffer = buffer.data();
-        client->connection.receive_capacity = CAPACITY;
+        client->connection.receive_capacity = kCapacity;
         client->connection.received_count = 0;
     }
     uint32_t receive_step() {
@@ -40,7 +40,7 @@ class Transfer : public test::Messaging {
         return cl_recv(client, &event, &err);
     }
     int32_t receive(uint32_t timeout = 0) {
-        return CL_RecvMSGC(client, buffer.data(), CAPACITY, CL_MODE_SYNC, timeout, &err);
+        return CL_RecvMSGC(client, buffer.data(), kCapacity, CL_MODE_SYNC, timeout, &err);
     }
     int32_t send(Block &block, uint32_t mode, uint32_t timeout = 0) {
         return CL_SendMSGC(client, block.get(), block.size(), mode, timeout, &err);
@@ -56,12 +56,12 @@ TEST_F(Transfer, HeadersMayLie) {
     } headers[] = {{0, 0x00010001, EPROTO},
                    {15, 0x00010001, EPROTO},
                    {16, 0x00010001, 0},
-                   {CAPACITY, 0x00010001, 0},
-                   {CAPACITY + 1, 0x00010001, EMSGSIZE},
+                   {kCapacity, 0x00010001, 0},
+                   {kCapacity + 1, 0x00010001, EMSGSIZE},
                    {0x7fffffff, 0x00010001, EMSGSIZE},
                    {0x80000010, 0x00010001, EPROTO},
                    {16, 0x01000100, EPROTO},
-                   {CAPACITY + 1, 0, EMSGSIZE}};
+                   {kCapacity + 1, 0, EMSGSIZE}};
     for (const auto &[length, version, code] : headers) {
         SCOPED_TRACE(testing::Message() << length << " version " << version);
         reconnect(client);
@@ -194,7 +194,7 @@ TEST_F(Sync, WaitsForTheRest) {
     Block block(std::size_t{1} << 20);
     std::string got;
     const Plan plan{
-        {.call = "pselect", .times = test::FOREVER, .before = [&] { got += peer.receive(); }}};
+        {.call = "pselect", .times = test::kForever, .before = [&] { got += peer.receive(); }}};
     EXPECT_EQ(send(block, CL_MODE_SYNC), block.length());
     EXPECT_EQ(err.err, 0u);
     EXPECT_GT(plan.count("pselect"), 1);
@@ -204,22 +204,22 @@ TEST_F(Sync, WaitsForTheRest) {
 
 // A stream is read without waiting for what is there; a request's answer is waited for at once.
 TEST_F(Sync, LooksFirstOnlyWhenThatPays) {
-    constexpr int MANY = 160;
-    for (int i = 0; i < MANY; ++i)
+    constexpr int kMany = 160;
+    for (int i = 0; i < kMany; ++i)
         peer.send(wire_message("stream"));
     {
         const Plan plan;
-        for (int i = 0; i < MANY; ++i)
+        for (int i = 0; i < kMany; ++i)
             EXPECT_EQ(receive(), 22);
-        EXPECT_LT(plan.count("pselect"), MANY / 10);
+        EXPECT_LT(plan.count("pselect"), kMany / 10);
     }
-    const Plan plan{{.call = "pselect", .times = test::FOREVER, .before = [&] {
+    const Plan plan{{.call = "pselect", .times = test::kForever, .before = [&] {
                          peer.send(wire_message("answer"));
                      }}};
-    for (int i = 0; i < MANY; ++i)
+    for (int i = 0; i < kMany; ++i)
         EXPECT_EQ(receive(), 22);
-    EXPECT_EQ(plan.count("pselect"), MANY);
-    EXPECT_LT(plan.count("recv"), 2 * MANY + MANY / 10);
+    EXPECT_EQ(plan.count("pselect"), kMany);
+    EXPECT_LT(plan.count("recv"), 2 * kMany + kMany / 10);
 }
 
 // Also a tick that the application's mask holds back reaches the wait.
@@ -375,7 +375,7 @@ TEST_F(EndWatch, EndsTheWait) {
         if (!late) act();
         {
             const Plan plan{{.call = "pselect", .error = late ? EINTR : 0},
-                            at_wait(late ? 2 : test::FOREVER, act)};
+                            at_wait(late ? 2 : test::kForever, act)};
             EXPECT_EQ(sending ? send(*block, CL_MODE_SYNC, 9) : receive(9),
                       static_cast<int32_t>(answer));
         }

@@ -14,9 +14,10 @@ TEST_F(UserFd, MergesAndMatches) {
     test::Random random;
     const auto random_sets = [&](uint32_t percent) {
         CL_FdSets sets{};
-        for (fd_set *set : {&sets.read, &sets.write, &sets.except})
+        for (fd_set *set : {&sets.read, &sets.write, &sets.except}) {
             for (int fd = 0; fd < FD_SETSIZE; ++fd)
                 if (random.below(100) < percent) FD_SET(fd, set);
+        }
         return sets;
     };
     uint32_t called = 0;

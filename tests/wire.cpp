@@ -133,7 +133,7 @@ std::vector<CL_MsgBlock *> blocks_of(const CL_Queue &queue) {
 
 void Messaging::SetUp() {
     Library::SetUp();
-    buffer.assign(CAPACITY + 16, '#');
+    buffer.assign(kCapacity + 16, '#');
     always_.fill();
     before = Balance::now();
     stopper_ = watch(always_.out(), &stop_, CL_PRIORITY_LAST);
@@ -174,7 +174,7 @@ void Messaging::await(CL_Object *object, int32_t capacity) {
 }
 
 bool Messaging::guard_intact() const {
-    return std::all_of(buffer.begin() + CAPACITY, buffer.end(), [](char c) { return c == '#'; });
+    return std::all_of(buffer.begin() + kCapacity, buffer.end(), [](char c) { return c == '#'; });
 }
 
 uint32_t Messaging::iterate(int turns) {

@@ -86,8 +86,8 @@ class Messaging : public Library {
     void reconnect(CL_Object *object);
     void list(CL_Object *object, uint32_t priority = 20);
     // A deferred receive into `buffer`, which a guard follows.
-    void await(CL_Object *object, int32_t capacity = CAPACITY);
-    std::string received() const { return {buffer.data(), static_cast<size_t>(CAPACITY)}; }
+    void await(CL_Object *object, int32_t capacity = kCapacity);
+    std::string received() const { return {buffer.data(), static_cast<size_t>(kCapacity)}; }
     bool guard_intact() const;
     // Iterations of the loop; what it returned when it is not the one that was asked for.
     uint32_t iterate(int turns = 1);
@@ -95,7 +95,7 @@ class Messaging : public Library {
     // A block that is larger than the socket's room, sent in mode 2 and still queued.
     std::unique_ptr<Block> stuff(CL_Object *object);
 
-    static constexpr int32_t CAPACITY = 64;
+    static constexpr int32_t kCapacity = 64;
     Folder folder;
     std::string path = folder.path("raw");
     Socket listener = Socket::listening(path);

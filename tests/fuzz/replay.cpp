@@ -29,6 +29,6 @@ int main(int argc, char **argv) {
             ++count;
         }
     }
-    std::printf("%zu inputs\n", count);
-    return count ? 0 : 1;
+    printf("%zu inputs\n", count);
+    return count != 0u ? 0 : 1;
 }
