@@ -675,7 +675,7 @@ TEST(FaultCoverage, EveryImportIsKnown) {
     FILE *symbols = popen("nm -D --undefined-only " QVCL_LIBRARY " | sed -n 's/^ *U //p'", "r");
     char name[512];
     int imports = 0;
-    while (fscanf(symbols, "%511[^@\n]%*[^\n] ", name) == 1) {
+    while (fscanf(symbols, " %511[^@\n]%*[^\n]", name) == 1) {
         if (std::regex_match(name, sanitizers)) continue;
         ++imports;
         if (!harmless.contains(name)) {

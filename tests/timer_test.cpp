@@ -85,6 +85,24 @@ TEST_F(Timer, MayRunForVeryLong) {
     EXPECT_EQ(calls, 2);
 }
 
+// What counts is the start that its own callback gave it, not the tick that it was told of.
+TEST_F(Timer, RestartedByItsCallback) {
+    int calls = 0;
+    Action action = [&](CL_Object *self, CL_Event *) {
+        ++calls;
+        EXPECT_EQ(CL_StopTIMER(self, &err), 1u);
+        EXPECT_EQ(CL_StartTIMER(self, 7, CL_TIMER_PERIODIC, &err), 1u);
+        return 0u;
+    };
+    ASSERT_EQ(CL_StartTIMER(timer(&action), 3, CL_TIMER_PERIODIC, &err), 1u);
+    for (const auto &[uptime, expected] : {std::pair{1005L, 1}, {1011L, 1}, {1012L, 2}}) {
+        test::set_uptime(uptime);
+        EXPECT_EQ(cl_TimerCheck(1, &err), expected == calls ? 0u : 1u) << uptime;
+        EXPECT_EQ(cl_TimerCall(&err), 0);
+        EXPECT_EQ(calls, expected) << uptime;
+    }
+}
+
 TEST(Sleep, GoesOnWithWhatIsLeft) {
     Plan plan{{.call = "nanosleep", .error = EINTR, .times = 2},
               {.call = "nanosleep", .nth = 3, .swallow = true}};
