@@ -236,6 +236,9 @@ void Dump::load(const Source &source, bool with_objects) {
     size = source.size();
     Loader loader(*this, source);
     loader.blocks();
+    header = HeaderLines::parse(text);
+    time = header.time.value_or(source.modified());
+    time_from = header.time ? "its header text" : time != 0 ? "the file's modification time" : "";
     for (Ring &ring : rings)
         loader.ring(ring);
     loader.table(with_objects);

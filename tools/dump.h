@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/header.h"
 #include "tools/source.h"
 #include "tools/text.h"
 
@@ -67,11 +68,26 @@ struct QueueView {
 };
 extern const std::span<const QueueView> kQueues;
 
+// What lies at an address of the dumped process, as far as its modules are known.
+class Names {
+  public:
+    virtual ~Names() = default;
+    // "on_line (echo_server.c:120)"; "echo_server+0x1a2b" where only the module is known; empty
+    // where nothing is.
+    virtual std::string name_of(uint64_t address) const = 0;
+};
+
 struct Dump {
     std::string name;
     uint64_t size = 0;
     std::string text;  // header text, in front of the blocks
-    Ring rings[2];     // by CL_RING_USER and CL_RING_LIBRARY
+    HeaderLines header;
+    // When the dump was taken, in microseconds since the epoch, and what says so; 0 and empty when
+    // nothing does. What was open then has been open until then.
+    uint64_t time = 0;
+    std::string_view time_from;
+    std::shared_ptr<const Names> names;  // may be null
+    Ring rings[2];                       // by CL_RING_USER and CL_RING_LIBRARY
     Block main_block;
     CL_MainBlock main{};
     Block table;

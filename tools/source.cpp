@@ -24,6 +24,8 @@ Source::Source(const char *path) {
         failure_ = strerror(errno);
     } else if (S_ISREG(status.st_mode)) {
         total_ = static_cast<uint64_t>(status.st_size);
+        modified_ = static_cast<uint64_t>(std::max<time_t>(status.st_mtim.tv_sec, 0)) * 1000000 +
+                    static_cast<uint64_t>(status.st_mtim.tv_nsec) / 1000;
     } else {
         slurp();
     }
