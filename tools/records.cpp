@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 
 namespace trace_reader {
 
@@ -239,10 +240,14 @@ Trace::Trace(Dump &dump, int ring) {
         records.insert(records.end(), next, library.end());
     }
     pair();
+    if (!records.empty()) until = std::ranges::max(records, {}, &Record::time).time;
+    if (dump.time >= until && dump.time != 0) {
+        until = dump.time;
+        until_from = dump.time_from;
+    }
 }
 
 void Trace::pair() {
-    std::vector<uint32_t> open;
     for (uint32_t i = 0; i < records.size(); ++i) {
         Record &record = records[i];
         if (record.is_call() && record.exit) {
@@ -278,7 +283,28 @@ std::optional<int64_t> Trace::duration(const Record &told) const {
 
 bool Trace::is_bad(const Record &told) const {
     const Record *other = partner(told);
-    return failed(told) || (other != nullptr && failed(*other));
+    return (failed(told) || (other != nullptr && failed(*other))) && !is_consequence(told);
+}
+
+// Whether a change to failed is told already: by the call around it, or by the event that the loop
+// hands over next for that object.
+bool Trace::is_consequence(const Record &status) const {
+    constexpr ptrdiff_t kSearched = 8;
+    if (status.api() != CL_API_STATUS) return false;
+    if (status.parent != kNone && !records[status.parent].is_callback()) {
+        const Record *exit = partner(records[status.parent]);
+        if (exit != nullptr && error_of(*exit).err != 0) return true;
+    }
+    const uint64_t object = object_of(status);
+    const auto from = records.begin() + (&status - records.data());
+    const auto end = from + std::min(kSearched, records.end() - from);
+    return std::any_of(from, end, [&](const Record &record) {
+        return record.is_callback() && object_of(record) == object && error_of(record).err != 0;
+    });
+}
+
+bool Trace::is_open(const Record &told) const {
+    return std::ranges::binary_search(open, static_cast<uint32_t>(&told - records.data()));
 }
 
 uint64_t Trace::object_of(const Record &told) const {
@@ -298,6 +324,20 @@ CL_ErrInfo error_of(const Record &record) {
     return error != nullptr ? load<CL_ErrInfo>(record.bytes, error->offset) : CL_ErrInfo{};
 }
 
+namespace {
+bool event_failed(const CL_TrcCallback &event) {
+    if (event.type == CL_EVENT_CHILD_END) {
+        return event.exit_reason != CL_CHILD_EXITED || event.exit_value != 0;
+    }
+    CL_Queue unsent;
+    static_assert(sizeof unsent == sizeof event.block);
+    memcpy(&unsent, event.block, sizeof unsent);
+    const bool closed = event.type == CL_EVENT_DISCONNECT && event.error.err == EPIPE &&
+                        event.data_length == 0 && unsent.count == 0;
+    return event.error.err != 0 && !closed;
+}
+}  // namespace
+
 bool failed(const Record &record) {
     if (record.operation == nullptr) return false;
     const CL_ErrInfo error = error_of(record);
@@ -307,7 +347,10 @@ bool failed(const Record &record) {
             return (status.status & ~status.old_status & CL_STATUS_FAILED) != 0;
         }
         case CL_API_CALLBACK:
-            return error.err != 0;
+            return event_failed(load<CL_TrcCallback>(record.bytes, 0));
+        case CL_API_RECV_MSGC:
+            return record.exit && error.err != 0 && error.err != CL_ERR_IN_PROGRESS &&
+                   error.err != EPIPE;
         case CL_API_END:  // its error record is what the caller had in it before
             return record.exit && number(record.bytes, record.operation->result) == 0;
         default:

@@ -59,20 +59,30 @@ class Trace {
         const Record *exit = exit_of(told);
         return exit != nullptr && !told.is_callback() ? *exit : told;
     }
-    bool is_bad(const Record &told) const;                      // failed() of either record
-    uint64_t object_of(const Record &told) const;               // the object's address, or 0
+    bool is_bad(const Record &told) const;         // whether it is to be told as a failure
+    uint64_t object_of(const Record &told) const;  // the object's address, or 0
     std::optional<int64_t> duration(const Record &told) const;  // microseconds, with both records
+    bool is_open(const Record &told) const;                     // whether it had not returned
+    // Of a record that is_open: microseconds to the end of the trace.
+    int64_t open_for(const Record &told) const { return static_cast<int64_t>(until - told.time); }
 
     Records records;
+    std::vector<uint32_t> open;  // entry records of the calls that are open, outermost first
+    // The end of the trace in microseconds since the epoch, and what says so: when the dump was
+    // taken, or when its newest record was written if that is later or all that is known.
+    uint64_t until = 0;
+    std::string_view until_from = "its newest record";
 
   private:
     void pair();
+    bool is_consequence(const Record &status) const;
     Joined joined_;
 };
 
 CL_ErrInfo error_of(const Record &record);
 // Whether the record says so: a call that failed, an event with an error, a change of status to
-// failed. Being in progress is no failure.
+// failed, a child that was killed or whose exit status is not 0. Being in progress is no failure,
+// nor is a peer that closed while nothing was under way: what a receive then says, and the event.
 bool failed(const Record &record);
 
 }  // namespace trace_reader

@@ -3,6 +3,9 @@
 
 #include <qvcl/message.h>
 
+#include <csignal>
+#include <cstring>
+
 namespace trace_reader {
 
 namespace {
@@ -16,6 +19,22 @@ void put_address(Text &out, const Dump &dump, uint64_t address, Mask mask) {
         dump.put_handle(out, address);
     } else {
         out << '*';
+    }
+}
+
+// The event of a callback; 0 of any other record.
+uint32_t event_of(const Record &record) {
+    return record.is_callback() ? load<uint32_t>(record.bytes, offsetof(CL_TrcCallback, type)) : 0;
+}
+
+// A callback by its name, where that is known.
+void put_function(Text &out, const Dump &dump, uint64_t address, Mask mask) {
+    const std::string name =
+        dump.names != nullptr && mask == Mask::no ? dump.names->name_of(address) : "";
+    if (name.empty()) {
+        put_address(out, dump, address, mask);
+    } else {
+        out.plain(name);
     }
 }
 
@@ -60,8 +79,13 @@ void put_field(Text &out, const Dump &dump, Bytes bytes, const CL_TrcField &fiel
         case CL_TRC_OCTAL:
             out.octal(value);
             break;
-        case CL_TRC_HANDLE:
         case CL_TRC_ADDRESS:
+            if (field.name == std::string_view("callback")) {
+                put_function(out, dump, value, mask);
+                break;
+            }
+            [[fallthrough]];
+        case CL_TRC_HANDLE:
             put_address(out, dump, value, mask);
             break;
         case CL_TRC_KIND:
@@ -106,9 +130,7 @@ std::string_view name_of(const Record &record) {
 
 void put_title(Text &out, const Record &record) {
     out << name_of(record);
-    if (record.is_callback()) {
-        put_event(out << ' ', load<uint32_t>(record.bytes, offsetof(CL_TrcCallback, type)));
-    }
+    if (record.is_callback()) put_event(out << ' ', event_of(record));
 }
 
 void put_object(Text &out, const Dump &dump, uint64_t address) {
@@ -119,10 +141,36 @@ void put_object(Text &out, const Dump &dump, uint64_t address) {
     }
 }
 
+void put_callback(Text &out, const Dump &dump, const Record &record) {
+    const auto callback = load<uint64_t>(record.bytes, offsetof(CL_TrcCallback, callback));
+    put_function(out, dump, callback, Mask::no);
+}
+
 void put_position(Text &out, const Record &record) {
     const size_t place = offsetof(CL_TrcHead, file);
     out.plain(text_at(record.bytes, place, sizeof CL_TrcHead::file));
     out << ':' << load<uint32_t>(record.bytes, offsetof(CL_TrcHead, line));
+}
+
+void put_signal(Text &out, uint64_t number) {
+    const char *name = number < NSIG ? sigabbrev_np(static_cast<int>(number)) : nullptr;
+    if (name != nullptr) {
+        out << "SIG" << name;
+    } else {
+        out << "signal " << number;
+    }
+}
+
+std::string child_end(const Record &record) {
+    if (event_of(record) != CL_EVENT_CHILD_END) return "";
+    const auto event = load<CL_TrcCallback>(record.bytes, 0);
+    Text out;
+    if (event.exit_reason == CL_CHILD_KILLED) {
+        put_signal(out << "killed by ", event.exit_value);
+    } else {
+        out << "ended with status " << event.exit_value;
+    }
+    return out.str();
 }
 
 Carried carried(const Record &record) {
@@ -140,8 +188,7 @@ Carried carried(const Record &record) {
         {CL_API_WRITE_FILE, "data", CL_TRC_FIELD(CL_TrcFileData, data, CL_TRC_BYTES),
          CL_TRC_FIELD(CL_TrcFileData, length, CL_TRC_UNSIGNED), 0}};
     if (record.is_callback()) {
-        const auto type = load<uint32_t>(record.bytes, offsetof(CL_TrcCallback, type));
-        return {type == CL_EVENT_DESCRIPTOR ? "ready" : "message",
+        return {event_of(record) == CL_EVENT_DESCRIPTOR ? "ready" : "message",
                 part(record.bytes, sizeof(CL_TrcCallback))};
     }
     for (const auto &[api, name, data, count, skipped] : kData) {
@@ -167,6 +214,14 @@ void put_carried(Text &out, const Carried &carried, Mask mask) {
     }
 }
 
+namespace {
+bool told_by_child_end(const Record &record, const CL_TrcField &field) {
+    return event_of(record) == CL_EVENT_CHILD_END &&
+           (field.offset == offsetof(CL_TrcCallback, exit_reason) ||
+            field.offset == offsetof(CL_TrcCallback, exit_value));
+}
+}  // namespace
+
 bool worth_showing(const Record &record, const CL_TrcField &field) {
     switch (field.type) {
         case CL_TRC_BYTES:  // put_carried shows them
@@ -179,8 +234,8 @@ bool worth_showing(const Record &record, const CL_TrcField &field) {
         case CL_TRC_SETS:
             return true;
         default:  // in a callback's record a field that its event does not fill is zero
-            return record.is_callback() ? number(record.bytes, field) != 0
-                                        : std::string_view(field.name) != "err_address";
+            if (!record.is_callback()) return std::string_view(field.name) != "err_address";
+            return number(record.bytes, field) != 0 && !told_by_child_end(record, field);
     }
 }
 

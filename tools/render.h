@@ -16,7 +16,9 @@ void put_field(Text &out, const Dump &dump, Bytes bytes, const CL_TrcField &fiel
 std::string_view name_of(const Record &record);
 void put_title(Text &out, const Record &record);  // the name, and of a callback the event
 void put_object(Text &out, const Dump &dump, uint64_t address);  // #4 TIMER
-void put_position(Text &out, const Record &record);              // server.c:42
+// The callback's name as far as the modules are known, else its address.
+void put_callback(Text &out, const Dump &dump, const Record &record);
+void put_position(Text &out, const Record &record);  // server.c:42
 // CL_Name_M(argument=value, ...), a change of status, or the beginning of a record that is not the
 // library's.
 void put_record(Text &out, const Dump &dump, const Record &record, Mask mask = Mask::no);
@@ -26,6 +28,12 @@ void put_outcome(Text &out, const Dump &dump, const Record &exit, Mask mask = Ma
 // Calls visit(name, write) for each argument that is worth showing; write(text) appends its value.
 template <class Visit>
 void each_argument(const Dump &dump, const Record &record, Mask mask, Visit visit);
+
+// How a child ended, of a callback that reports it: "killed by SIGKILL", "ended with status 3".
+// Empty for all other records.
+std::string child_end(const Record &record);
+// "SIGSEGV"; the number of one that has no name.
+void put_signal(Text &out, uint64_t number);
 
 // What a record carries besides arguments: the beginning of a message, or ready descriptors.
 struct Carried {
@@ -42,6 +50,9 @@ void each_argument(const Dump &dump, const Record &record, Mask mask, Visit visi
         if (worth_showing(record, field)) {
             visit(field.name, [&](Text &out) { put_field(out, dump, record.bytes, field, mask); });
         }
+    }
+    if (const std::string end = child_end(record); !end.empty()) {
+        visit("child", [&](Text &out) { out << end; });
     }
     if (const Carried data = carried(record); !data.bytes.empty()) {
         visit(data.name, [&](Text &out) { put_carried(out, data, mask); });

@@ -1,9 +1,12 @@
-// report: how often, how long, how many failures, by operation and by object; which callbacks were
-// slow, and how long the loop went without calling any.
+// report: what killed the process and what was open; what failed, how often; how often and how long
+// by operation and by object; which callbacks were slow, and how long the loop went without any.
 #include <algorithm>
+#include <cstring>
 #include <map>
+#include <set>
 
 #include "tools/commands.h"
+#include "tools/ending.h"
 #include "tools/render.h"
 
 namespace trace_reader {
@@ -11,6 +14,7 @@ namespace trace_reader {
 namespace {
 
 constexpr size_t kSlowest = 10;
+constexpr size_t kMostFailures = 20;
 constexpr size_t kNameWidth = 28;
 constexpr size_t kNumberWidth = 10;
 
@@ -58,6 +62,74 @@ void put_rows(Text &out, std::string_view title, Rows &rows) {
     }
 }
 
+// Failures that read alike, position included.
+struct Failure {
+    uint64_t count = 0;
+    uint64_t first = 0;
+    uint64_t last = 0;
+    std::set<uint64_t> objects;
+    std::string latest;  // what is known of the last one alone
+};
+using Failures = std::map<std::string, Failure>;
+
+void put_failure(Text &out, const Trace &trace, const Record &record) {
+    put_title(out, record);
+    const Record *exit = trace.exit_of(record);
+    const CL_ErrInfo error = error_of(exit != nullptr && !record.is_callback() ? *exit : record);
+    if (const std::string end = child_end(record); !end.empty()) {
+        out << ": " << end;
+    } else if (record.api() == CL_API_STATUS) {
+        out << " failed";
+    } else if (error.err != 0) {
+        put_error(out << ": ", error);
+    } else {
+        out << ": failed";
+    }
+    put_position(out << "  ", record);
+}
+
+// Which process a CHILD object stood for, and where it was started: as long as its slot has not
+// been taken by another object.
+std::string child_of(const Dump &dump, const Record &record, uint64_t handle) {
+    const auto slot = dump.slot_of(handle);
+    if (child_end(record).empty() || !slot || *slot >= dump.objects.size()) return "";
+    const CL_Object &object = dump.objects[*slot];
+    const uint64_t created = object.created.seconds * 1000000 + object.created.microseconds;
+    if (object.kind != CL_KIND_CHILD || created > record.time) return "";
+    Text out;
+    out << "process " << object.child.pid << ", started at ";
+    out.plain({object.created.file, strnlen(object.created.file, sizeof object.created.file)});
+    return (out << ':' << object.created.line).str();
+}
+
+void put_failures(Text &out, const Dump &dump, const Failures &failures) {
+    if (failures.empty()) return;
+    std::vector<Failures::const_iterator> order;
+    for (auto row = failures.begin(); row != failures.end(); ++row)
+        order.push_back(row);
+    std::ranges::stable_sort(order, std::greater(),
+                             [](const auto &row) { return row->second.count; });
+    const size_t shown = std::min(order.size(), kMostFailures);
+    out << '\n';
+    out.right("failures", kNumberWidth) << "  first            last             what, where\n";
+    for (const auto &row : std::span(order).first(shown)) {
+        const auto &[text, failure] = *row;
+        out.right((Text() << failure.count).str(), kNumberWidth) << "  ";
+        out.clock(failure.first) << "  ";
+        out.clock(failure.last) << "  " << text;
+        if (failure.objects.size() == 1 && *failure.objects.begin() != 0) {
+            put_object(out << "  ", dump, *failure.objects.begin());
+        } else if (failure.objects.size() > 1) {
+            out << "  " << failure.objects.size() << " objects";
+        }
+        if (!failure.latest.empty()) {
+            out << " (" << (failure.count > 1 ? "last: " : "") << failure.latest << ')';
+        }
+        out << '\n';
+    }
+    if (shown < order.size()) out << "  and " << order.size() - shown << " others\n";
+}
+
 void put_slowest(Text &out, const Dump &dump, const Trace &trace) {
     std::vector<std::pair<int64_t, const Record *>> slow;
     for (const Record &record : trace.records) {
@@ -74,7 +146,8 @@ void put_slowest(Text &out, const Dump &dump, const Trace &trace) {
         out.right(Text().duration(duration).str(), kNumberWidth) << "  ";
         out.clock(record->time) << "  ";
         put_title(out, *record);
-        put_object(out << ' ', dump, trace.object_of(*record));
+        put_callback(out << ' ', dump, *record);
+        put_object(out << " of ", dump, trace.object_of(*record));
         out << '\n';
     }
 }
@@ -117,10 +190,20 @@ bool report(Dumps dumps, const Options &, Text &out) {
     const Trace trace(dumps.front());
     uint64_t changes = 0, users = 0;
     Rows by_operation, by_object;
+    Failures failures;
     for (const Record &record : trace.records) {
         if (record.api() == CL_API_STATUS) ++changes;
         if (record.ring == CL_RING_USER) ++users;
-        if (!record.is_call() || !trace.is_told(record)) continue;
+        if (!trace.is_told(record)) continue;
+        if (trace.is_bad(record)) {
+            Failure &failure = failures[text_of([&](Text &t) { put_failure(t, trace, record); })];
+            const uint64_t handle = trace.object_of(record);
+            if (++failure.count == 1) failure.first = record.time;
+            failure.last = record.time;
+            failure.objects.insert(handle);
+            failure.latest = child_of(dump, record, handle);
+        }
+        if (!record.is_call()) continue;
         const auto add = [&](Row &row) {
             ++row.count;
             if (trace.is_bad(record)) ++row.failures;
@@ -130,6 +213,9 @@ bool report(Dumps dumps, const Options &, Text &out) {
         add(by_operation[text_of([&](Text &t) { put_title(t, record); })]);
         if (object != 0) add(by_object[text_of([&](Text &t) { put_object(t, dump, object); })]);
     }
+    put_killed(out, dump, trace);
+    put_origin(out, dump);
+    put_open(out, dump, trace);
     out << trace.records.size() << " records, " << changes << " status changes, " << users
         << " of the application";
     if (!trace.records.empty()) {
@@ -142,6 +228,7 @@ bool report(Dumps dumps, const Options &, Text &out) {
     }
     out << '\n';
     put_longest_gap(out, trace);
+    put_failures(out, dump, failures);
     put_rows(out, "operation", by_operation);
     put_rows(out, "object", by_object);
     put_slowest(out, dump, trace);

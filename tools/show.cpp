@@ -1,9 +1,11 @@
 // show: one line for each call, in the place of its entry record: when it began, how long it took,
-// what was called, what it returned. What happened inside the call follows, indented.
+// what was called, what it returned. What happened inside the call follows, indented. In front
+// stands how the trace ends, unless an option asks for certain lines only.
 #include <algorithm>
 #include <ctime>
 
 #include "tools/commands.h"
+#include "tools/ending.h"
 #include "tools/render.h"
 
 namespace trace_reader {
@@ -46,6 +48,12 @@ class Filter {
     std::optional<uint64_t> handle_;
 };
 
+bool is_selective(const Options &options) {
+    return options.apis.any() || options.slot || options.handle || !options.since.empty() ||
+           !options.until.empty() || options.slower || options.failures || options.ring >= 0 ||
+           options.last != UINT64_MAX;
+}
+
 class Lines {
   public:
     Lines(const Dump &dump, const Trace &trace, Text &out)
@@ -87,7 +95,13 @@ void Lines::put(const Record &record) {
         if (exit != nullptr) {
             put_outcome(out_, dump_, *exit);
         } else {
-            out_ << "? (not finished)";
+            out_ << "? (";
+            if (trace_.is_open(record)) {
+                put_open_for(out_, trace_, record);
+            } else {
+                out_ << "not finished";
+            }
+            out_ << ')';
         }
         if (record.exit) out_ << " (began before the trace)";
     }
@@ -132,6 +146,11 @@ bool show(Dumps dumps, const Options &options, Text &out) {
     for (uint32_t i = 0; i < trace.records.size(); ++i) {
         const Record &record = trace.records[i];
         if (trace.is_told(record) && filter.passes(record)) chosen.push_back(i);
+    }
+    if (!is_selective(options)) {
+        put_killed(out, dump, trace);
+        put_origin(out, dump);
+        put_open(out, dump, trace);
     }
     Lines lines(dump, trace, out);
     const size_t begin = chosen.size() - std::min<size_t>(chosen.size(), options.last);

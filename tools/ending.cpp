@@ -1,0 +1,155 @@
+#include "tools/ending.h"
+
+#include <algorithm>
+#include <csignal>
+
+#include "tools/render.h"
+
+namespace trace_reader {
+
+namespace {
+
+constexpr size_t kDurationWidth = 10;
+constexpr size_t kMostOpen = 20;
+
+// What a signal's code says, in words; empty when that is not known. Codes from 1 on mean something
+// else for each signal.
+std::string_view meaning_of(uint64_t number, int64_t code) {
+    static constexpr struct {
+        int number;
+        int code;
+        std::string_view meaning;
+    } kMeanings[] = {
+        {SIGSEGV, SEGV_MAPERR, "address not mapped"},
+        {SIGSEGV, SEGV_ACCERR, "access not permitted"},
+        {SIGBUS, BUS_ADRALN, "address not aligned"},
+        {SIGBUS, BUS_ADRERR, "nothing there, as behind the end of a mapped file"},
+        {SIGBUS, BUS_OBJERR, "hardware error"},
+        {SIGFPE, FPE_INTDIV, "integer division by zero"},
+        {SIGFPE, FPE_INTOVF, "integer overflow"},
+        {SIGILL, ILL_ILLOPC, "no such instruction"},
+        {SIGILL, ILL_ILLOPN, "no such operand"},
+    };
+    if (code == SI_USER || code == SI_QUEUE) return "sent by a process";
+    if (code == SI_TKILL) return "sent to the thread, as by abort()";
+    for (const auto &row : kMeanings) {
+        if (static_cast<uint64_t>(row.number) == number && row.code == code) return row.meaning;
+    }
+    return number == SIGSEGV && code == SI_KERNEL ? "no valid address" : "";
+}
+
+// "callback MESSAGE on_line (echo_server.c:120) of #4 MSGC", "CL_RecvMSGC_M of #4 MSGC".
+void put_call(Text &out, const Dump &dump, const Trace &trace, const Record &record) {
+    put_title(out, record);
+    if (record.is_callback()) put_callback(out << ' ', dump, record);
+    if (const uint64_t object = trace.object_of(record)) put_object(out << " of ", dump, object);
+    if (!record.is_callback()) put_position(out << ", called at ", record);
+}
+
+// The innermost open record for which the condition holds; null when there is none.
+template <class Condition>
+const Record *innermost(const Trace &trace, Condition condition) {
+    for (auto i = trace.open.rbegin(); i != trace.open.rend(); ++i) {
+        if (condition(trace.records[*i])) return &trace.records[*i];
+    }
+    return nullptr;
+}
+
+bool is_loop(const Record &record) {
+    return record.api() == CL_API_LOOP;
+}
+
+const Record *last_callback(const Trace &trace) {
+    for (auto record = trace.records.rbegin(); record != trace.records.rend(); ++record) {
+        if (record->is_callback()) return &*record;
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+void put_killed(Text &out, const Dump &dump, const Trace &trace) {
+    if (!dump.header.signal) return;
+    const HeaderLines::Signal &signal = *dump.header.signal;
+    out << "killed by ";
+    if (signal.name.empty()) {
+        put_signal(out, signal.number);
+    } else {
+        out.plain(signal.name);
+    }
+    const std::string_view meaning = signal.code ? meaning_of(signal.number, *signal.code) : "";
+    // The address is that of a fault only when the processor found one.
+    if (signal.address && (!signal.code || *signal.code > 0)) {
+        out << " at address ";
+        out.hex(*signal.address);
+    }
+    if (!meaning.empty()) {
+        out << " (" << meaning << ')';
+    } else if (signal.code) {
+        out << " (code " << *signal.code << ')';
+    }
+    if (signal.thread) out << " in thread " << *signal.thread;
+    const bool other = signal.thread && dump.header.pid && *signal.thread != *dump.header.pid;
+    if (other) out << ", not the first of the process";
+    const Record *callback = innermost(trace, [](const Record &r) { return r.is_callback(); });
+    const Record *call =
+        innermost(trace, [](const Record &r) { return !r.is_callback() && !is_loop(r); });
+    if (call != nullptr && callback != nullptr && call < callback) call = nullptr;
+    // The loop may run in another thread than the one that died.
+    const std::string_view in = other ? ", while there ran " : ", in ";
+    for (const Record *record : {call, callback}) {
+        if (record != nullptr) put_call(out << in, dump, trace, *record);
+    }
+    if (call == nullptr && callback == nullptr) out << ", in no callback and no call";
+    out << '\n';
+}
+
+void put_open_for(Text &out, const Trace &trace, const Record &record) {
+    out << "not finished, open for ";
+    out.duration(trace.open_for(record));
+}
+
+void put_open(Text &out, const Dump &dump, const Trace &trace) {
+    if (std::ranges::none_of(trace.records, &Record::is_call)) return;
+    const Record *loop = innermost(trace, is_loop);
+    const size_t others = trace.open.size() - (loop != nullptr ? 1 : 0);
+    out << (others != 0 ? "open at " : "nothing was open at ");
+    out.day(trace.until) << ' ';
+    out.clock(trace.until) << " (by " << trace.until_from << ')';
+    if (loop != nullptr) {
+        out << (others != 0 ? ", in " : " but ");
+        put_title(out, *loop);
+        out << " for ";
+        out.duration(trace.open_for(*loop));
+    }
+    if (const Record *last = last_callback(trace); others == 0 && last != nullptr) {
+        out << ", last callback ";
+        out.duration(static_cast<int64_t>(trace.until - last->time)) << " before";
+    }
+    out << (others != 0 ? ":\n" : "\n");
+    size_t depth = 0;
+    for (const uint32_t i : trace.open) {
+        const Record &record = trace.records[i];
+        if (&record == loop) continue;
+        if (depth == kMostOpen) {
+            out << "  and " << others - depth << " more\n";
+            break;
+        }
+        out.right(Text().duration(trace.open_for(record)).str(), kDurationWidth);
+        out.fill(2 + 2 * depth++);
+        put_call(out, dump, trace, record);
+        out << ", since ";
+        out.clock(record.time) << '\n';
+    }
+}
+
+void put_origin(Text &out, const Dump &dump) {
+    if (!dump.header.command.empty()) {
+        if (dump.header.pid) out << "process " << *dump.header.pid << ": ";
+        out.plain(dump.header.command) << '\n';
+    }
+    for (const std::string &what : dump.header.incomplete)
+        (out << "incomplete: ").plain(what) << '\n';
+}
+
+}  // namespace trace_reader
