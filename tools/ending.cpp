@@ -59,9 +59,10 @@ bool is_loop(const Record &record) {
     return record.api() == CL_API_LOOP;
 }
 
-const Record *last_callback(const Trace &trace) {
+// The exit record that was written last; null when there is none.
+const Record *last_exit(const Trace &trace) {
     for (auto record = trace.records.rbegin(); record != trace.records.rend(); ++record) {
-        if (record->is_callback()) return &*record;
+        if (record->is_call() && record->exit) return &*record;
     }
     return nullptr;
 }
@@ -113,7 +114,11 @@ void put_open(Text &out, const Dump &dump, const Trace &trace) {
     if (std::ranges::none_of(trace.records, &Record::is_call)) return;
     const Record *loop = innermost(trace, is_loop);
     const size_t others = trace.open.size() - (loop != nullptr ? 1 : 0);
-    out << (others != 0 ? "open at " : "nothing was open at ");
+    // A call may be open whose beginning is overwritten by what it did since.
+    const bool wrapped = dump.rings[CL_RING_LIBRARY].head.wrapped != 0;
+    out << (others != 0 ? "open at "
+            : wrapped   ? "nothing that began within the trace was open at "
+                        : "nothing was open at ");
     out.day(trace.until) << ' ';
     out.clock(trace.until) << " (by " << trace.until_from << ')';
     if (loop != nullptr) {
@@ -122,9 +127,11 @@ void put_open(Text &out, const Dump &dump, const Trace &trace) {
         out << " for ";
         out.duration(trace.open_for(*loop));
     }
-    if (const Record *last = last_callback(trace); others == 0 && last != nullptr) {
-        out << ", last callback ";
-        out.duration(static_cast<int64_t>(trace.until - last->time)) << " before";
+    if (const Record *last = last_exit(trace); others == 0 && last != nullptr) {
+        out << "; ";
+        out.duration(trace.open_for(*last)) << " before ended ";
+        const Record *entry = trace.partner(*last);
+        put_call(out, dump, trace, entry != nullptr ? *entry : *last);
     }
     out << (others != 0 ? ":\n" : "\n");
     size_t depth = 0;

@@ -63,8 +63,10 @@ class Trace {
     uint64_t object_of(const Record &told) const;  // the object's address, or 0
     std::optional<int64_t> duration(const Record &told) const;  // microseconds, with both records
     bool is_open(const Record &told) const;                     // whether it had not returned
-    // Of a record that is_open: microseconds to the end of the trace.
-    int64_t open_for(const Record &told) const { return static_cast<int64_t>(until - told.time); }
+    // Microseconds from a record to the end of the trace.
+    int64_t open_for(const Record &record) const {
+        return static_cast<int64_t>(until - record.time);
+    }
 
     Records records;
     std::vector<uint32_t> open;  // entry records of the calls that are open, outermost first

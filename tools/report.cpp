@@ -72,7 +72,7 @@ struct Failure {
 };
 using Failures = std::map<std::string, Failure>;
 
-void put_failure(Text &out, const Trace &trace, const Record &record) {
+void put_failure(Text &out, const Dump &dump, const Trace &trace, const Record &record) {
     put_title(out, record);
     const Record *exit = trace.exit_of(record);
     const CL_ErrInfo error = error_of(exit != nullptr && !record.is_callback() ? *exit : record);
@@ -85,7 +85,11 @@ void put_failure(Text &out, const Trace &trace, const Record &record) {
     } else {
         out << ": failed";
     }
-    put_position(out << "  ", record);
+    if (record.is_callback()) {
+        put_callback(out << "  ", dump, record);
+    } else {
+        put_position(out << "  ", record);
+    }
 }
 
 // Which process a CHILD object stood for, and where it was started: as long as its slot has not
@@ -196,7 +200,8 @@ bool report(Dumps dumps, const Options &, Text &out) {
         if (record.ring == CL_RING_USER) ++users;
         if (!trace.is_told(record)) continue;
         if (trace.is_bad(record)) {
-            Failure &failure = failures[text_of([&](Text &t) { put_failure(t, trace, record); })];
+            Failure &failure =
+                failures[text_of([&](Text &t) { put_failure(t, dump, trace, record); })];
             const uint64_t handle = trace.object_of(record);
             if (++failure.count == 1) failure.first = record.time;
             failure.last = record.time;

@@ -87,6 +87,13 @@ class TimelineWriter {
     When when(const Moment &moment) const {
         return {moment.usec - base_, moment.rank * unit_ / moment.count};
     }
+    // Behind all that ends earlier; a viewer takes what has an end's own time to lie outside.
+    When shortly_before(const Moment &end) const {
+        const uint64_t half = unit_ / end.count / 2;
+        const auto [whole, fraction] = when(end);
+        return fraction >= half || whole == 0 ? When{whole, fraction - std::min(half, fraction)}
+                                              : When{whole - 1, unit_ + fraction - half};
+    }
     void put_time(std::string_view name, const When &time);
     void put_head(std::string_view phase, uint64_t process, uint64_t track);
     void put_text(std::string_view key, std::string_view value);
@@ -289,7 +296,9 @@ void TimelineWriter::put_arrow_end(size_t id, std::string_view phase, const Time
     const auto &[dump, trace, moments, number] = timeline_.processes_[point.process];
     put_head(phase, number,
              tracks_[point.process].of(dump, trace.object_of(trace.records[point.record])));
-    put_time("ts", when(moments.begin(point.record)));
+    put_time("ts", phase == "s" || trace.records[point.record].is_callback()
+                       ? when(moments.begin(point.record))
+                       : shortly_before(moments.end(point.record)));
     out_ << R"(,"id":)" << id << R"(,"cat":"flow","name":)";
     out_.quoted(name, Escape::json) << (phase == "f" ? R"(,"bp":"e"})" : "}");
     out_.spill();

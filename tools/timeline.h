@@ -51,7 +51,8 @@ class Timeline {
 
     // Adds a process. Dump and trace must outlive the timeline.
     void add(const Dump &dump, const Trace &trace);
-    // Adds an arrow between the beginnings of two calls, callbacks or changes.
+    // Adds an arrow from the beginning of a call to that of a callback, or to the end of a call:
+    // one that waited for a message had begun before it was sent.
     void arrow(Point from, Point to, std::string name);
     void write(Text &out) const;
 
