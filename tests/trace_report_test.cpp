@@ -298,7 +298,7 @@ TEST_F(Reading, JoinsProcessesByArrows) {
     trace_reader::Timeline timeline;
     timeline.add(dump, trace);
     timeline.add(dump, trace);
-    timeline.arrow({0, 0}, {1, 2}, "type 7");
+    timeline.arrow({0, 0}, {1, 2, true}, "type 7");
     Text out;
     timeline.write(out);
     const std::string json = out.str();

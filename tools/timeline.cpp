@@ -87,13 +87,7 @@ class TimelineWriter {
     When when(const Moment &moment) const {
         return {moment.usec - base_, moment.rank * unit_ / moment.count};
     }
-    // Behind all that ends earlier; a viewer takes what has an end's own time to lie outside.
-    When shortly_before(const Moment &end) const {
-        const uint64_t half = unit_ / end.count / 2;
-        const auto [whole, fraction] = when(end);
-        return fraction >= half || whole == 0 ? When{whole, fraction - std::min(half, fraction)}
-                                              : When{whole - 1, unit_ + fraction - half};
-    }
+    When when(const Timeline::Point &point) const;
     void put_time(std::string_view name, const When &time);
     void put_head(std::string_view phase, uint64_t process, uint64_t track);
     void put_text(std::string_view key, std::string_view value);
@@ -291,14 +285,22 @@ void TimelineWriter::put_process(size_t index) {
     }
 }
 
+// A viewer binds an arrow to the slice around its point, of which the end is no part any more.
+TimelineWriter::When TimelineWriter::when(const Timeline::Point &point) const {
+    const Moments &moments = timeline_.processes_[point.process].moments;
+    if (!point.end) return when(moments.begin(point.record));
+    When end = when(moments.end(point.record));
+    if (end.fraction == 0) --end.whole;
+    end.fraction = (end.fraction != 0 ? end.fraction : unit_) - 1;
+    return end;
+}
+
 void TimelineWriter::put_arrow_end(size_t id, std::string_view phase, const Timeline::Point &point,
                                    std::string_view name) {
     const auto &[dump, trace, moments, number] = timeline_.processes_[point.process];
     put_head(phase, number,
              tracks_[point.process].of(dump, trace.object_of(trace.records[point.record])));
-    put_time("ts", phase == "s" || trace.records[point.record].is_callback()
-                       ? when(moments.begin(point.record))
-                       : shortly_before(moments.end(point.record)));
+    put_time("ts", when(point));
     out_ << R"(,"id":)" << id << R"(,"cat":"flow","name":)";
     out_.quoted(name, Escape::json) << (phase == "f" ? R"(,"bp":"e"})" : "}");
     out_.spill();

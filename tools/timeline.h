@@ -43,16 +43,17 @@ class Moments {
 
 class Timeline {
   public:
-    // A told record of a process, by the order in which the processes were added.
+    // The beginning or the end of a told record of a process, by the order in which the processes
+    // were added.
     struct Point {
         size_t process;
         uint32_t record;
+        bool end = false;
     };
 
     // Adds a process. Dump and trace must outlive the timeline.
     void add(const Dump &dump, const Trace &trace);
-    // Adds an arrow from the beginning of a call to that of a callback, or to the end of a call:
-    // one that waited for a message had begun before it was sent.
+    // Adds an arrow between two calls, callbacks or changes.
     void arrow(Point from, Point to, std::string name);
     void write(Text &out) const;
 
