@@ -21,11 +21,15 @@ namespace trace_reader {
 
 namespace {
 
+constexpr size_t kMostFiles = 64;
 constexpr Command kTable[] = {
     {"show", show, 1, false, "calls, callbacks and status changes, oldest first"},
     {"tables", tables, 1, true, "main table, lists and queues, descriptor objects"},
     {"report", report, 1, true, "counts, failures and durations by operation and object"},
-    {"export", export_json, 1, true, "the trace as a timeline in trace-event JSON"},
+    {"export", export_json, 1, true, "a timeline of one or more traces in trace-event JSON",
+     kMostFiles},
+    {"flow", flow, 2, true, "which message went where between several traces, how long it lay",
+     kMostFiles},
     {"diff", diff, 2, false, "first difference between two traces"},
     {"check", check, 1, true, "whether the file is whole and consistent"}};
 
@@ -115,6 +119,7 @@ constexpr int kHelp = std::size(kOptions), kVersion = kHelp + 1;
 
 void put_help(Text &out) {
     out << "usage: qvcl-trace COMMAND [OPTION...] FILE\n"
+           "       qvcl-trace export|flow FILE FILE...\n"
            "       qvcl-trace diff FILE FILE\n"
            "Reads trace files of libqvcl; \"-\" is standard input.\n\n";
     for (const Command &command : kTable) {
@@ -209,8 +214,11 @@ Status run(int argc, char **argv, Text &out, Text &err) {
         }
     }
     const std::span names = std::span(line.words).subspan(1);
-    if (names.size() != command->files) {
-        return usage(err, command->files > 1 ? "two files are needed" : "one file is needed");
+    if (names.size() < command->files || names.size() > command->most_files) {
+        Text needed;
+        needed << command->files;
+        if (command->most_files != command->files) needed << " to " << command->most_files;
+        return usage(err, "number of files for this command: ", needed.str());
     }
     std::list<Source> sources;
     std::vector<const Source *> pointers;

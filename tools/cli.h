@@ -14,9 +14,10 @@ enum Status { kFine = 0, kDamaged = 1, kUsage = 2 };
 struct Command {
     std::string_view name;
     bool (*run)(Dumps dumps, const Options &options, Text &out);
-    size_t files;
+    size_t files;  // at least
     bool objects;  // whether it reads the descriptor table
     std::string_view help;
+    size_t most_files = files;
 };
 extern const std::span<const Command> kCommands;
 

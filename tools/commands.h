@@ -31,6 +31,7 @@ bool show(Dumps dumps, const Options &options, Text &out);
 bool tables(Dumps dumps, const Options &options, Text &out);
 bool report(Dumps dumps, const Options &options, Text &out);
 bool export_json(Dumps dumps, const Options &options, Text &out);
+bool flow(Dumps dumps, const Options &options, Text &out);
 bool diff(Dumps dumps, const Options &options, Text &out);
 bool check(Dumps dumps, const Options &options, Text &out);
 

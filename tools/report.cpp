@@ -50,13 +50,9 @@ void put_rows(Text &out, std::string_view title, Rows &rows) {
         out.column(out.size() - name.size(), kNameWidth);
         out.right((Text() << figures.count).str(), kNumberWidth);
         out.right((Text() << figures.failures).str(), kNumberWidth);
-        const size_t n = figures.durations.size();
-        // Percentiles by nearest rank: the smallest value with that share of all at or below it.
         for (const size_t percent : {size_t{50}, size_t{99}, size_t{100}}) {
-            out.right(n != 0
-                          ? Text().duration(figures.durations[(n * percent + 99) / 100 - 1]).str()
-                          : "-",
-                      kNumberWidth);
+            const auto value = percentile(figures.durations, percent);
+            out.right(value ? Text().duration(*value).str() : "-", kNumberWidth);
         }
         out << '\n';
     }

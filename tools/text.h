@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -21,6 +22,12 @@ using Bytes = std::span<const uint8_t>;
 inline Bytes part(Bytes bytes, size_t begin, size_t count = SIZE_MAX) {
     begin = std::min(begin, bytes.size());
     return bytes.subspan(begin, std::min(count, bytes.size() - begin));
+}
+
+// By nearest rank: the smallest value with that share of all at or below it. Nothing for no values.
+inline std::optional<int64_t> percentile(std::span<const int64_t> sorted, size_t percent) {
+    if (sorted.empty()) return {};
+    return sorted[(sorted.size() * percent + 99) / 100 - 1];
 }
 
 enum class Escape { c, json };

@@ -290,6 +290,7 @@ TimelineWriter::When TimelineWriter::when(const Timeline::Point &point) const {
     const Moments &moments = timeline_.processes_[point.process].moments;
     if (!point.end) return when(moments.begin(point.record));
     When end = when(moments.end(point.record));
+    if (end.whole == 0 && end.fraction == 0) return end;
     if (end.fraction == 0) --end.whole;
     end.fraction = (end.fraction != 0 ? end.fraction : unit_) - 1;
     return end;

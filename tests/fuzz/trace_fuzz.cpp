@@ -7,9 +7,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const Source *sources[] = {&source, &source};
     const std::string names[] = {"a", "b"};
     for (const Command &command : kCommands) {
-        Text out, err;
-        run_command(command, {.all = true}, std::span(names).first(command.files),
-                    std::span(sources).first(command.files), out, err);
+        for (size_t files = command.files; files <= std::min<size_t>(command.most_files, 2);
+             ++files) {
+            Text out, err;
+            run_command(command, {.all = true}, std::span(names).first(files),
+                        std::span(sources).first(files), out, err);
+        }
     }
     return 0;
 }
