@@ -15,6 +15,7 @@
 #include <string_view>
 
 #include <qvcl/base.h>
+#include <qvcl/recorder.h>
 #include <qvcl/starter.h>
 
 namespace qvcl {
@@ -44,6 +45,7 @@ inline constexpr Place kSources[] = {
     {CL_MODULE_LOG, 0, "diag/cl_log.cpp"},
     {CL_MODULE_THREAD, 0, "loop/cl_thread.cpp"},
     {CL_MODULE_STARTER, 0, "starter/cl_starter.cpp"},
+    {CL_MODULE_RECORDER, 0, "starter/cl_crash.cpp"},
     {kShared, 10, "loop/loop_policy.h"},
     {kShared, 11, "core/signal_handler.h"},
     {kShared, 12, "msg/socket.h"},

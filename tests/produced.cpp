@@ -8,6 +8,7 @@
 #include <qvcl/conf.h>
 #include <qvcl/loop.h>
 #include <qvcl/qvcl.h>
+#include <qvcl/recorder.h>
 #include <qvcl/starter.h>
 #include <sys/syscall.h>
 #include <unistd.h>

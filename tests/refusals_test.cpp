@@ -3,6 +3,7 @@
 // nothing.
 #include <fcntl.h>
 #include <qvcl/loop.h>
+#include <qvcl/recorder.h>
 #include <qvcl/starter.h>
 #include <sys/mman.h>
 
@@ -225,8 +226,19 @@ TEST_F(Refusals, ArgumentsAreChecked) {
         ROW(EFAULT, STARTER, report_to("/none/x", nullptr)),
         ROW(ENAMETOOLONG, MSGC, report_to(too_long.c_str(), told)),
         ROW(EFAULT, STARTER, CL_NotifyManager(nullptr, &err) != 0),
+        ROW(EFAULT, RECORDER, CL_RecordCrashes(nullptr, &err) != 0),
+        ROW(ENOENT, RECORDER, CL_RecordCrashes("", &err) != 0),
+        ROW(ENOENT, RECORDER, CL_RecordCrashes("/none/x", &err) != 0),
+        ROW(ENOTDIR, RECORDER, CL_RecordCrashes((path + "/x").c_str(), &err) != 0),
+        ROW(EISDIR, RECORDER, CL_RecordCrashes("/tmp", &err) != 0),
+        ROW(ENAMETOOLONG, RECORDER, CL_RecordCrashes(std::string(250, 'x').c_str(), &err) != 0),
+        ROW(ENAMETOOLONG, RECORDER, CL_RecordCrashes(std::string(5000, '/').c_str(), &err) != 0),
+        ROW(ENOMEM, RECORDER, CL_RecordCrashes("x", &err) != 0),   // no memory is mapped
+        ROW(ENOMEM, RECORDER, CL_CrashStack(&err) != 0),
     };
     // clang-format on
+    const test::Plan no_mapping(
+        {.call = "mmap", .error = ENOMEM, .times = test::FOREVER, .from_anyone = true});
     for (const auto &[name_of_call, code, module, call] : rows)
         refused(name_of_call, code, module, call);
     for (const uint32_t count : {1025u, 2048u, 0x80000000u, UINT32_MAX}) {

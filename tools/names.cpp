@@ -4,6 +4,7 @@
 
 #include <qvcl/main.h>
 #include <qvcl/message.h>
+#include <qvcl/recorder.h>
 #include <qvcl/starter.h>
 #include <qvcl/timer.h>
 
@@ -39,11 +40,11 @@ constexpr Name kModes[] = {NAME(CL_MODE_, SYNC), NAME(CL_MODE_, IMMEDIATE),
 constexpr Name kStates[] = {NAME(CL_STATE_, CONSTRUCTED), NAME(CL_STATE_, INITIALISED),
                             NAME(CL_STATE_, ENDED), NAME(CL_STATE_, FAILED)};
 constexpr Name kModules[] = {
-    NAME(CL_MODULE_, MAIN),   NAME(CL_MODULE_, LOOP), NAME(CL_MODULE_, FD),
-    NAME(CL_MODULE_, MSGS),   NAME(CL_MODULE_, MSGC), NAME(CL_MODULE_, TIMER),
-    NAME(CL_MODULE_, FILE),   NAME(CL_MODULE_, SHM),  NAME(CL_MODULE_, USERFD),
-    NAME(CL_MODULE_, CHILD),  NAME(CL_MODULE_, LOG),  NAME(CL_MODULE_, THREAD),
-    NAME(CL_MODULE_, STARTER)};
+    NAME(CL_MODULE_, MAIN),    NAME(CL_MODULE_, LOOP),    NAME(CL_MODULE_, FD),
+    NAME(CL_MODULE_, MSGS),    NAME(CL_MODULE_, MSGC),    NAME(CL_MODULE_, TIMER),
+    NAME(CL_MODULE_, FILE),    NAME(CL_MODULE_, SHM),     NAME(CL_MODULE_, USERFD),
+    NAME(CL_MODULE_, CHILD),   NAME(CL_MODULE_, LOG),     NAME(CL_MODULE_, THREAD),
+    NAME(CL_MODULE_, STARTER), NAME(CL_MODULE_, RECORDER)};
 constexpr Name kErrors[] = {NAME(CL_ERR_, QUEUE), NAME(CL_ERR_, IN_PROGRESS), NAME(CL_ERR_, STATE)};
 constexpr Name kStatusBits[] = {NAME(CL_STATUS_, READY), NAME(CL_STATUS_, LISTED),
                                 NAME(CL_STATUS_, RUNNING), NAME(CL_STATUS_, FAILED)};
