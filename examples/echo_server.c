@@ -13,6 +13,7 @@
  *   echo_server [-r SECONDS] [-d DUMP] SOCKET
  *     -r SECONDS  report clients, messages and bytes every so many seconds (default 5)
  *     -d DUMP     trace file to write when a client asks for it
+ *     CRASH_DUMP  environment variable: trace file that a crash leaves
  */
 #define _GNU_SOURCE
 #include "echo_protocol.h"
@@ -88,7 +89,10 @@ static void drop(Client *client) {
 }
 
 static void dump(void) {
-    if (dump_path) CL_TRC_Out(dump_path, "echo_server, on request");
+    static char text[16384];
+    if (!dump_path) return;
+    CL_DescribeProcess("a client asked for it", text, sizeof text);
+    CL_TRC_Out(dump_path, text);
 }
 
 /* 0 for a failed connection. */
@@ -216,6 +220,7 @@ int main(int argc, char **argv) {
     }
 
     example_begin("echo_server", MAX_CLIENTS + 3, NULL);
+    example_record_crashes();
     CL_QUE_InitQT(&clients, offsetof(Client, link));
     CL_Object *termination = watch_termination(&signals);
     CL_Object *timer = create(CL_KIND_TIMER, on_timer, 0);

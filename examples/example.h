@@ -5,6 +5,7 @@
 #define EXAMPLE_H
 
 #include <qvcl/qvcl.h>
+#include <qvcl/recorder.h>
 
 #include <errno.h>
 #include <stdio.h>
@@ -43,6 +44,13 @@ static inline void example_begin(const char *name, uint32_t objects, const char 
     setvbuf(stdout, NULL, _IOLBF, 0); /* whoever reads along sees every line at once */
     CL_SetLogCallbackFunction(example_log);
     if (!CL_Init(objects, exec_path, &err)) example_fail("CL_Init", &err);
+}
+
+/* A crash leaves a dump where the environment variable CRASH_DUMP says. */
+static inline void example_record_crashes(void) {
+    CL_ErrInfo err;
+    const char *path = getenv("CRASH_DUMP");
+    if (path && !CL_RecordCrashes(path, &err)) example_fail("CL_RecordCrashes", &err);
 }
 
 static inline int example_end(void) {

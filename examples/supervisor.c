@@ -10,7 +10,7 @@
  *
  * SOCKET is where the started programs report. Who does not report within its patience (seconds,
  * default 10) is left alone, and the next one is started. The arguments of a command are separated
- * by blanks.
+ * by blanks. A crash leaves a dump where the environment variable CRASH_DUMP says.
  */
 #define _GNU_SOURCE
 #include "example.h"
@@ -252,6 +252,7 @@ int main(int argc, char **argv) {
         return EXIT_FAILURE;
     }
     example_begin("supervisor", 2 * MAX_PROGRAMS + 2, argv[1]);
+    example_record_crashes();
     if (!commands) read_configuration(argv[2]);
     for (int i = 3; i < argc; ++i)
         add_program(argv[i], argv[i], "10");

@@ -116,6 +116,17 @@ test_echo() {
     expect again.out 'leak report clean'
     [[ ! -e socket ]] || complain 'the socket file is left'
 
+    # Dumps say why; that of a crash as well.
+    CRASH_DUMP=crash.trc "$bin/echo_server" socket >crash.out 2>crash.log &
+    server=$!
+    wait_for crash.out listening
+    kill -SEGV $server
+    ends_with 139 $server 2>/dev/null
+    for line in 'reason: a client asked for it' 'module: .*/echo_server'; do
+        grep -aq "$line" dump.trc || complain "no '$line' in the dump"
+    done
+    grep -aq '^signal: 11 SIGSEGV' crash.trc || complain 'the crash left no dump'
+
     # With more clients than it has descriptors for, the server says so and rests; whoever waits is
     # served when the others are gone.
     (ulimit -n 12; exec "$bin/echo_server" -r 1 socket) >full.out 2>full.log &
