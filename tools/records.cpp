@@ -86,6 +86,7 @@ class RingWalk {
     Joined &joined_;
     uint64_t start_ = 0;
     uint64_t used_ = 0;
+    bool left_over_ = false;  // what is in entries that are not held is no sign of damage
 };
 
 void RingWalk::bounds() {
@@ -102,6 +103,14 @@ void RingWalk::bounds() {
     start_ = head.wrapped != 0 ? head.oldest : 0;
     used_ =
         head.next > start_ || head.wrapped == 0 ? head.next - start_ : head.next + count - start_;
+    // A record that displaces all others was being written: nothing is held, the entries hold a
+    // part of it and what is left of older ones.
+    if (head.wrapped != 0 && head.next == start_ && entry(0) != nullptr &&
+        (head_of(0).flags & CL_ENTRY_FIRST) == 0) {
+        used_ = 0;
+        start_ = 0;
+        left_over_ = true;
+    }
     if (ring_.held < count) {
         dump_.problems.add(ring_.offset_of(ring_.held), count - ring_.held,
                            " entries of a ring are missing");
@@ -187,7 +196,7 @@ void RingWalk::run() {
             take(k, count);
         } else if (!lost && k < used_) {
             dump_.problems.add(ring_.offset_of(index(k)), "no record begins in this entry");
-        } else if (!lost && (head_of(k).flags & CL_ENTRY_FIRST) != 0) {
+        } else if (!lost && !left_over_ && (head_of(k).flags & CL_ENTRY_FIRST) != 0) {
             dump_.problems.add(ring_.offset_of(index(k)), "a record begins in an entry not in use");
         }
         lost = count == 0;
