@@ -31,7 +31,9 @@ constexpr Command kTable[] = {
     {"flow", flow, 2, true, "which message went where between several traces, how long it lay",
      kMostFiles},
     {"diff", diff, 2, false, "first difference between two traces"},
-    {"check", check, 1, true, "whether the file is whole and consistent"}};
+    {"check", check, 1, true, "whether the file is whole and consistent"},
+    {"snap", snap, 1, false, "what was read as a dump file, FILE or one named by process and time",
+     1, true}};
 
 bool parse_number(const char *text, uint64_t &value) {
     const bool hex = text[0] == '0' && (text[1] | 0x20) == 'x';
@@ -90,10 +92,19 @@ bool set_ring(Options &options, const char *text) {
 
 struct Option {
     const char *name;
-    const char *value;         // what the help calls its value; null when it takes none
-    std::string_view command;  // the only one that takes it
+    const char *value;          // what the help calls its value; null when it takes none
+    std::string_view commands;  // those that take it, with blanks between them; empty: all
     bool (*set)(Options &options, const char *value);
     std::string_view help;
+
+    bool belongs_to(std::string_view command) const {
+        for (std::string_view rest = commands; !rest.empty();) {
+            const std::string_view word = rest.substr(0, rest.find(' '));
+            if (word == command) return true;
+            rest.remove_prefix(std::min(rest.size(), word.size() + 1));
+        }
+        return commands.empty();
+    }
 };
 constexpr Option kOptions[] = {
     {"api", "NAME", "show", set_api,
@@ -114,25 +125,41 @@ constexpr Option kOptions[] = {
     {"all", nullptr, "tables", [](Options &o, const char *) { return o.all = true; },
      "also free slots, and where all were used before"},
     {"json", nullptr, "export", [](Options &, const char *) { return true; },
-     "the format, and the only one"}};
+     "the format, and the only one"},
+    {"out", "FILE", "snap", [](Options &o, const char *text) { return !(o.out = text).empty(); },
+     "the file to write; \"-\": standard output"},
+    {"stop", nullptr, "", [](Options &o, const char *) { return o.access.stop = true; },
+     "stop a process for the moment of reading"},
+    {"exe", "FILE", "", [](Options &o, const char *text) { return !(o.access.exe = text).empty(); },
+     "the executable that a core file is of"}};
 constexpr int kHelp = std::size(kOptions), kVersion = kHelp + 1;
 
+void put_options(Text &out, std::string_view command) {
+    for (const Option &option : kOptions) {
+        if (option.commands.empty() != command.empty() || !option.belongs_to(command)) continue;
+        const size_t begin = out.size();
+        out << "    --" << option.name << (option.value != nullptr ? "=" : "")
+            << (option.value != nullptr ? option.value : "");
+        out.column(begin, 26) << option.help << '\n';
+    }
+}
+
 void put_help(Text &out) {
-    out << "usage: qvcl-trace COMMAND [OPTION...] FILE\n"
-           "       qvcl-trace export|flow FILE FILE...\n"
-           "       qvcl-trace diff FILE FILE\n"
-           "Reads trace files of libqvcl; \"-\" is standard input.\n\n";
+    out << "usage: qvcl-trace COMMAND [OPTION...] SOURCE\n"
+           "       qvcl-trace export|flow SOURCE SOURCE...\n"
+           "       qvcl-trace diff SOURCE SOURCE\n"
+           "       qvcl-trace snap SOURCE [FILE]\n"
+           "Reads what libqvcl has recorded: a SOURCE is a trace file (\"-\": standard input), a\n"
+           "core file, or pid:N, a live process.\n\n";
     for (const Command &command : kTable) {
         (out << "  " << command.name).fill(10 - command.name.size()) << command.help << '\n';
-        for (const Option &option : kOptions) {
-            if (option.command != command.name) continue;
-            const size_t begin = out.size();
-            out << "    --" << option.name << (option.value != nullptr ? "=" : "")
-                << (option.value != nullptr ? option.value : "");
-            out.column(begin, 26) << option.help << '\n';
-        }
+        put_options(out, command.name);
     }
-    out << "\nExit status: 0 fine, 1 the file is damaged or the traces differ, 2 wrong usage.\n";
+    out << "\n  every command\n";
+    put_options(out, "");
+    out << "\nExit status: 0 fine, 1 the file is damaged or the traces differ, 2 wrong usage, or "
+           "a\n"
+           "source that cannot be read.\n";
 }
 
 Status usage(Text &err, std::string_view problem, std::string_view what = {}) {
@@ -191,6 +218,8 @@ Status run_command(const Command &command, const Options &options,
     bool fine = command.run(dumps, options, out);
     for (const Dump &dump : dumps) {
         dump.problems.print(err, dump.name);
+        for (const std::string &what : dump.header.incomplete)
+            (err << "qvcl-trace: " << dump.name << ": incomplete: ").plain(what) << '\n';
         fine = fine && dump.problems.count() == 0;
     }
     return fine ? kFine : kDamaged;
@@ -209,21 +238,25 @@ Status run(int argc, char **argv, Text &out, Text &err) {
     const auto command = std::ranges::find(kTable, line.words.front(), &Command::name);
     if (command == std::end(kTable)) return usage(err, "no such command: ", line.words.front());
     for (const Option *option : line.used) {
-        if (option->command != command->name) {
+        if (!option->belongs_to(command->name)) {
             return usage(err, "not an option of this command: --", option->name);
         }
     }
-    const std::span names = std::span(line.words).subspan(1);
+    std::span names = std::span(line.words).subspan(1);
+    if (command->writes && names.size() == command->files + 1) {
+        line.options.out = names.back();
+        names = names.first(command->files);
+    }
     if (names.size() < command->files || names.size() > command->most_files) {
         Text needed;
         needed << command->files;
         if (command->most_files != command->files) needed << " to " << command->most_files;
-        return usage(err, "number of files for this command: ", needed.str());
+        return usage(err, "number of sources for this command: ", needed.str());
     }
     std::list<Source> sources;
     std::vector<const Source *> pointers;
     for (const std::string &name : names) {
-        pointers.push_back(&sources.emplace_back(name.c_str()));
+        pointers.push_back(&sources.emplace_back(name.c_str(), line.options.access));
         if (sources.back().error().empty()) continue;
         err << "qvcl-trace: " << name << ": " << sources.back().error() << '\n';
         return kUsage;

@@ -7,8 +7,8 @@
 
 namespace trace_reader {
 
-// Exit status: kDamaged also when diff finds a difference, kUsage also when a file cannot be
-// opened.
+// Exit status: kDamaged also when diff finds a difference, kUsage also when a source cannot be read
+// or a file not be written.
 enum Status { kFine = 0, kDamaged = 1, kUsage = 2 };
 
 struct Command {
@@ -18,6 +18,7 @@ struct Command {
     bool objects;  // whether it reads the descriptor table
     std::string_view help;
     size_t most_files = files;
+    bool writes = false;  // one more word names the file to write
 };
 extern const std::span<const Command> kCommands;
 

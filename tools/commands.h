@@ -9,6 +9,8 @@
 namespace trace_reader {
 
 struct Options {
+    Access access;
+    std::string out;        // the file to write; empty: as the command thinks best
     std::bitset<256> apis;  // operations to show; all when no bit is set
     std::optional<uint64_t> slot;
     std::optional<uint64_t> handle;
@@ -26,6 +28,10 @@ struct Options {
 // (microseconds since the epoch) falls.
 std::optional<uint64_t> parse_time(const std::string &text, uint64_t day);
 
+// Writes all of the source into a file, mode 0600, that is there whole or not at all. Throws when
+// it cannot be written.
+void write_file(const std::string &path, const Source &source);
+
 using Dumps = std::span<Dump>;
 bool show(Dumps dumps, const Options &options, Text &out);
 bool tables(Dumps dumps, const Options &options, Text &out);
@@ -34,5 +40,6 @@ bool export_json(Dumps dumps, const Options &options, Text &out);
 bool flow(Dumps dumps, const Options &options, Text &out);
 bool diff(Dumps dumps, const Options &options, Text &out);
 bool check(Dumps dumps, const Options &options, Text &out);
+bool snap(Dumps dumps, const Options &options, Text &out);
 
 }  // namespace trace_reader

@@ -11,6 +11,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "tools/modules.h"
+
 namespace trace_reader {
 
 namespace {
@@ -233,12 +235,14 @@ void Problems::print(Text &out, std::string_view file) const {
 }
 
 void Dump::load(const Source &source, bool with_objects) {
+    from = &source;
     size = source.size();
     Loader loader(*this, source);
     loader.blocks();
     header = HeaderLines::parse(text);
     time = header.time.value_or(source.modified());
     time_from = header.time ? "its header text" : time != 0 ? "the file's modification time" : "";
+    names = names_of(header.modules, header.pid);
     for (Ring &ring : rings)
         loader.ring(ring);
     loader.table(with_objects);

@@ -79,6 +79,7 @@ class Names {
 
 struct Dump {
     std::string name;
+    const Source *from = nullptr;  // what was loaded, and must outlive this
     uint64_t size = 0;
     std::string text;  // header text, in front of the blocks
     HeaderLines header;

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <charconv>
 
+#include "tools/text.h"
+
 namespace trace_reader {
 
 namespace {
@@ -121,7 +123,61 @@ constexpr struct {
      }},
 };
 
+std::string escaped(std::string_view text) {
+    std::string out;
+    for (const char c : text) {
+        const auto byte = static_cast<uint8_t>(c);
+        if (byte < 0x20 || byte == 0x7f) {
+            out.append("\\x").push_back("0123456789abcdef"[byte >> 4]);
+            out.push_back("0123456789abcdef"[byte & 15]);
+        } else {
+            out.append(c == '\\' ? "\\\\" : std::string_view(&c, 1));
+        }
+    }
+    return out;
+}
+
+std::string text_of_signal(const HeaderLines::Signal &signal) {
+    Text text;
+    text << "signal: " << signal.number << ' ' << escaped(signal.name) << '\n';
+    if (signal.code) text << "code: " << *signal.code << '\n';
+    if (signal.address) (text << "address: ").hex(*signal.address) << '\n';
+    if (signal.thread) text << "thread: " << *signal.thread << '\n';
+    return text.str();
+}
+
+std::string text_of_module(const HeaderLines::Module &module) {
+    Text text;
+    (text << "module: ").hex(module.base) << ' ';
+    text.hex(module.end) << ' ' << (module.build_id.empty() ? "-" : escaped(module.build_id)) << ' '
+                         << escaped(module.path) << '\n';
+    return text.str();
+}
+
 }  // namespace
+
+std::string HeaderLines::text(size_t limit) const {
+    Text front, back;
+    if (!reason.empty()) front << "reason: " << escaped(reason) << '\n';
+    if (time) {
+        const std::string fraction = std::to_string(kSecond + *time % kSecond).substr(1);
+        front << "time: " << *time / kSecond << '.' << fraction << '\n';
+    }
+    if (pid) front << "process: " << *pid << '\n';
+    if (!command.empty()) {
+        front << "command: " << escaped(std::string_view(command).substr(0, limit / 16)) << '\n';
+    }
+    if (signal) front << text_of_signal(*signal);
+    for (const std::string &what : incomplete)
+        back << "incomplete: " << escaped(what) << '\n';
+    std::string text = front.str();
+    for (const Module &module : modules) {
+        const std::string line = text_of_module(module);
+        if (text.size() + line.size() + back.size() > limit) break;
+        text += line;
+    }
+    return text + back.str();
+}
 
 HeaderLines HeaderLines::parse(std::string_view text) {
     HeaderLines lines;

@@ -37,6 +37,8 @@ struct HeaderLines {
     // Reads a header text. A line whose value is not understood counts as not there; of lines that
     // can be there only once the first one counts. Takes time and memory linear in the text.
     static HeaderLines parse(std::string_view text);
+    // The text that says all this. It is no longer than `limit`: the last modules go first.
+    std::string text(size_t limit) const;
 };
 
 }  // namespace trace_reader

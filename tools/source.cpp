@@ -3,6 +3,7 @@
 // is read whole at the start.
 #include "tools/source.h"
 
+#include <elf.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,14 +12,38 @@
 #include <cerrno>
 #include <cstring>
 
+#include "tools/core.h"
+#include "tools/snapshot.h"
+
 namespace trace_reader {
 
 namespace {
 constexpr size_t kPipeLimit = size_t{1} << 30;
 }
 
-Source::Source(const char *path) {
-    fd_ = strcmp(path, "-") == 0 ? dup(STDIN_FILENO) : open(path, O_RDONLY | O_CLOEXEC);
+Source::Source(const char *name, const Access &access) {
+    constexpr std::string_view kProcess = "pid:";
+    const std::string_view text = name;
+    if (text.starts_with(kProcess)) {
+        take_process(text.substr(kProcess.size()), access);
+        return;
+    }
+    open(name);
+    char magic[SELFMAG];
+    const bool is_core =
+        read(0, magic, sizeof magic) == sizeof magic && memcmp(magic, ELFMAG, SELFMAG) == 0;
+    if (!failure_.empty()) return;
+    if (access.stop) {
+        failure_ = "--stop is for live processes";
+    } else if (is_core) {
+        take_core(access);
+    } else if (!access.exe.empty()) {
+        failure_ = "--exe is for core files, and this is none";
+    }
+}
+
+void Source::open(const char *path) {
+    fd_ = strcmp(path, "-") == 0 ? dup(STDIN_FILENO) : ::open(path, O_RDONLY | O_CLOEXEC);
     struct stat status;
     if (fd_ < 0 || fstat(fd_, &status) != 0) {
         failure_ = strerror(errno);
@@ -46,10 +71,37 @@ void Source::slurp() {
         held_.insert(held_.end(), piece, piece + got);
     }
     if (got < 0) failure_ = strerror(errno);
+    take(std::move(held_));
+}
+
+void Source::take(std::vector<uint8_t> bytes) {
+    held_ = std::move(bytes);
     memory_ = held_;
     total_ = held_.size();
-    close(fd_);
+    if (fd_ >= 0) close(fd_);
     fd_ = -1;
+}
+
+void Source::take_process(std::string_view number, const Access &access) {
+    pid_t pid = 0;
+    const auto [end, error] = std::from_chars(number.begin(), number.end(), pid);
+    if (error != std::errc() || end != number.end() || pid <= 0) {
+        failure_ = "a process is named by its number: pid:1234";
+        return;
+    }
+    Snapshot snapshot = snapshot_of(pid, access.stop);
+    failure_ = snapshot.failure;
+    take(std::move(snapshot.file));
+}
+
+void Source::take_core(const Access &access) {
+    if (fd_ < 0) {
+        failure_ = "a core file cannot be read from a pipe";
+        return;
+    }
+    Snapshot snapshot = snapshot_of_core(fd_, modified_, access.exe);
+    failure_ = snapshot.failure;
+    take(std::move(snapshot.file));
 }
 
 uint64_t Source::read(uint64_t offset, void *to, uint64_t length) const {

@@ -1,4 +1,5 @@
-// The bytes of a dump: a file that is read only where it is needed, or memory.
+// The bytes of a dump: a file that is read only where it is needed, or memory; that of a process or
+// of a core file, too, which is laid out as a dump.
 #pragma once
 
 #include <string>
@@ -8,10 +9,17 @@
 
 namespace trace_reader {
 
+// What besides its name is said of a place to read from.
+struct Access {
+    bool stop = false;  // a live process, for the moment of reading
+    std::string exe;    // the executable of a core file; empty: as the core says
+};
+
 class Source {
   public:
     explicit Source(Bytes bytes) : memory_(bytes), total_(bytes.size()) {}
-    explicit Source(const char *path);  // "-": standard input
+    // "-": standard input; "pid:N": a live process; else a dump or a core file.
+    explicit Source(const char *name, const Access &access = {});
     Source(const Source &) = delete;
     Source &operator=(const Source &) = delete;
     ~Source();
@@ -25,10 +33,14 @@ class Source {
     uint64_t read(uint64_t offset, void *to, uint64_t length) const;
 
   private:
+    void open(const char *path);
     void slurp();
+    void take(std::vector<uint8_t> bytes);
+    void take_process(std::string_view number, const Access &access);
+    void take_core(const Access &access);
 
     int fd_ = -1;
-    std::vector<uint8_t> held_;  // all that came through a pipe
+    std::vector<uint8_t> held_;  // all that came through a pipe, or was made here
     Bytes memory_;               // the dump when there is no file to read from
     uint64_t total_ = 0;
     uint64_t modified_ = 0;

@@ -88,6 +88,12 @@ void put_file(Text &out, const Dump &dump) {
     }
 }
 
+// A function by its name, where that is known.
+void put_code(Text &out, const Dump &dump, uint64_t address) {
+    const std::string name = dump.names != nullptr ? dump.names->name_of(address) : "";
+    name.empty() ? out.hex(address) : out.plain(name);
+}
+
 void put_main(Text &out, const Dump &dump) {
     out << "\nmain table\n";
     label(out, "version");
@@ -97,7 +103,11 @@ void put_main(Text &out, const Dump &dump) {
     out << '\n';
     for (const CL_TrcField &field : kMainFields) {
         label(out, field.name);
-        put_field(out, dump, bytes_of(dump.main), field);
+        if (std::string_view(field.name).ends_with("callback")) {
+            put_code(out, dump, number(bytes_of(dump.main), field));
+        } else {
+            put_field(out, dump, bytes_of(dump.main), field);
+        }
         out << '\n';
     }
 }
@@ -192,7 +202,7 @@ constexpr struct {
     {CL_KIND_SHM, put_memory},     {CL_KIND_FILE, put_open_file}};
 static_assert(std::size(kWaits) == CL_KIND_COUNT, "every kind is shown");
 
-void put_live(Text &out, const CL_Object &object) {
+void put_live(Text &out, const Dump &dump, const CL_Object &object) {
     put_kind(out << ' ', object.kind);
     put_status(out << "  ", object.status);
     if (object.sub_status != 0) put_sub_status(out << ", ", object.sub_status);
@@ -206,7 +216,7 @@ void put_live(Text &out, const CL_Object &object) {
         put_error(out << "    error ", object.error);
         out << '\n';
     }
-    (out << "    callback ").hex(reinterpret_cast<uint64_t>(object.callback));
+    put_code(out << "    callback ", dump, reinterpret_cast<uint64_t>(object.callback));
     (out << "  arg1 ").hex(object.arg1);
     (out << "  arg2 ").hex(object.arg2) << '\n';
 }
@@ -217,7 +227,7 @@ void put_object(Text &out, const Dump &dump, uint64_t slot, bool all) {
     if (!live && !all) return;
     (out << '#' << slot << ' ').hex(dump.address_of(slot));
     if (live) {
-        put_live(out, object);
+        put_live(out, dump, object);
     } else {
         out << " free\n";
     }

@@ -15,6 +15,15 @@ bool printable(uint8_t c) {
 }
 }  // namespace
 
+std::string hex_of(Bytes bytes) {
+    std::string text;
+    for (const uint8_t byte : bytes) {
+        text.push_back("0123456789abcdef"[byte >> 4]);
+        text.push_back("0123456789abcdef"[byte & 15]);
+    }
+    return text;
+}
+
 Text &Text::hex(uint64_t value) {
     return (*this << "0x").number(value, 16);
 }

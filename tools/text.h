@@ -18,6 +18,8 @@ namespace trace_reader {
 
 using Bytes = std::span<const uint8_t>;
 
+std::string hex_of(Bytes bytes);  // two digits for each
+
 // `count` bytes from `begin` on, or as many of them as there are.
 inline Bytes part(Bytes bytes, size_t begin, size_t count = SIZE_MAX) {
     begin = std::min(begin, bytes.size());

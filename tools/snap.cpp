@@ -1,0 +1,67 @@
+// snap: keeps what was read as a dump file. It is written under a name of its own and then given
+// the one that was asked for, so that there is never half a file.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <stdexcept>
+
+#include "tools/commands.h"
+
+namespace trace_reader {
+
+namespace {
+
+constexpr size_t kPiece = 1 << 20;
+
+// "qvcl-4711-20261122-215616.trc"
+std::string name_of(const Dump &dump) {
+    const auto seconds = static_cast<time_t>(dump.time / 1000000);
+    tm broken{};
+    localtime_r(&seconds, &broken);
+    char time[32];
+    strftime(time, sizeof time, "%Y%m%d-%H%M%S", &broken);
+    return (Text() << "qvcl-" << dump.header.pid.value_or(dump.main.pid) << '-' << time << ".trc")
+        .str();
+}
+
+}  // namespace
+
+void write_file(const std::string &path, const Source &source) {
+    std::string name = path + ".XXXXXX";
+    const int fd = mkostemp(name.data(), O_CLOEXEC);  // mode 0600
+    bool fine = fd >= 0;
+    std::vector<uint8_t> piece(kPiece);
+    for (uint64_t at = 0, got = 0; fine && at < source.size(); at += got) {
+        got = source.read(at, piece.data(), piece.size());
+        if (got == 0) break;
+        fine = write(fd, piece.data(), got) == static_cast<ssize_t>(got);
+    }
+    if (fd >= 0) fine = close(fd) == 0 && fine;
+    fine = fine && rename(name.c_str(), path.c_str()) == 0;
+    if (fine) return;
+    const int error = errno;
+    if (fd >= 0) unlink(name.c_str());
+    throw std::runtime_error(path + ": " + strerror(error));
+}
+
+bool snap(Dumps dumps, const Options &options, Text &out) {
+    const Dump &dump = dumps.front();
+    if (options.out == "-") {
+        std::vector<uint8_t> piece(kPiece);
+        for (uint64_t at = 0; const uint64_t got = dump.from->read(at, piece.data(), kPiece);
+             at += got) {
+            out << std::string_view(reinterpret_cast<const char *>(piece.data()), got);
+            out.spill();
+        }
+        return true;
+    }
+    const std::string path = options.out.empty() ? name_of(dump) : options.out;
+    write_file(path, *dump.from);
+    out << path << '\n';
+    return true;
+}
+
+}  // namespace trace_reader
