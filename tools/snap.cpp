@@ -30,8 +30,12 @@ std::string name_of(const Dump &dump) {
 }  // namespace
 
 void write_file(const std::string &path, const Source &source) {
-    std::string name = path + ".XXXXXX";
-    const int fd = mkostemp(name.data(), O_CLOEXEC);  // mode 0600
+    struct stat status;
+    // A device, or a pipe, is not to be replaced.
+    const bool direct = stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+    std::string name = direct ? path : path + ".XXXXXX";
+    const int fd = direct ? open(name.c_str(), O_WRONLY | O_CLOEXEC)
+                          : mkostemp(name.data(), O_CLOEXEC);  // mode 0600
     bool fine = fd >= 0;
     std::vector<uint8_t> piece(kPiece);
     for (uint64_t at = 0, got = 0; fine && at < source.size(); at += got) {
@@ -40,10 +44,10 @@ void write_file(const std::string &path, const Source &source) {
         fine = write(fd, piece.data(), got) == static_cast<ssize_t>(got);
     }
     if (fd >= 0) fine = close(fd) == 0 && fine;
-    fine = fine && rename(name.c_str(), path.c_str()) == 0;
+    fine = fine && (direct || rename(name.c_str(), path.c_str()) == 0);
     if (fine) return;
     const int error = errno;
-    if (fd >= 0) unlink(name.c_str());
+    if (fd >= 0 && !direct) unlink(name.c_str());
     throw std::runtime_error(path + ": " + strerror(error));
 }
 
