@@ -238,7 +238,7 @@ TEST_F(Refusals, ArgumentsAreChecked) {
     };
     // clang-format on
     const test::Plan no_mapping(
-        {.call = "mmap", .error = ENOMEM, .times = test::FOREVER, .from_anyone = true});
+        {.call = "mmap", .error = ENOMEM, .times = test::kForever, .from_anyone = true});
     for (const auto &[name_of_call, code, module, call] : rows)
         refused(name_of_call, code, module, call);
     for (const uint32_t count : {1025u, 2048u, 0x80000000u, UINT32_MAX}) {
