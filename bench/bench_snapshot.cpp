@@ -67,10 +67,10 @@ class Subject {
         CL_Object *last = nullptr;
         while (CL_Object *object = CL_CreateFD(CL_KIND_TIMER, on_event, 0, 0, &err))
             last = object;
-        for (*calls_ = 1; busy; ++*calls_)
-            CL_StopTIMER(last, &err);
-        for (;;)
-            pause();
+        for (*calls_ = 1;; ++*calls_) {
+            if (busy) CL_StopTIMER(last, &err);
+            if (!busy) pause();
+        }
     }
 
     std::atomic<uint64_t> *calls_ = nullptr;

@@ -22,7 +22,6 @@
 
 namespace {
 
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -176,7 +175,8 @@ const Case kCases[] = {
     {.name = "stack overflow", .crash = [] { overflow(); }, .address = Address::stack},
     {.name = "another thread", .crash = [] { std::thread(store).join(); }},
     {.name = "stack overflow in another thread",
-     .crash = [] { std::thread([] { CL_CrashStack(nullptr) ? overflow() : _exit(9); }).join(); },
+     .crash =
+         [] { std::thread([] { CL_CrashStack(nullptr) != 0u ? overflow() : _exit(9); }).join(); },
      .code = SEGV_ACCERR,
      .address = Address::stack},
     {.name = "sent by another process",
@@ -313,9 +313,10 @@ TEST(Crash, TheLastDumpIsReplacedByAWholeOneOnly) {
         folder.put("target", "other");
         std::filesystem::create_symlink("target", "dump");
         const pid_t pid = fork();
-        if (pid == 0)
+        if (pid == 0) {
             live({.name = "",
                   .crash = [=] { limit_files(whole ? RLIM_INFINITY : 50000), store(); }});
+        }
         ASSERT_EQ(waitpid(pid, nullptr, 0), pid);
         EXPECT_EQ(test::bytes_of("target"), "other");
         EXPECT_EQ(std::filesystem::is_symlink("dump"), !whole);

@@ -65,7 +65,7 @@ class Talker {
 
 class Talk : public testing::Test {
   protected:
-    void SetUp() override { std::filesystem::current_path(folder_.path("")); }
+    void SetUp() override { std::filesystem::current_path(folder.path("")); }
     // The client asks, the server replies; what the client says last is never read.
     void talk(const std::vector<Round> &rounds, uint32_t numbers) {
         const Pipe listening, connected;
@@ -95,11 +95,11 @@ class Talk : public testing::Test {
         talker.create(CL_KIND_TIMER);  // what the client said last lies within this trace
         CL_TRC_Out("server", nullptr);
         for (const char *name : {"client", "server"})
-            files_.push_back(test::bytes_of(name));
+            files.push_back(test::bytes_of(name));
     }
 
-    test::Folder folder_;
-    std::vector<std::string> files_;
+    test::Folder folder;
+    std::vector<std::string> files;
 };
 
 // The flow over dumps in memory; the oldest entries of each ring are cut off.
@@ -108,7 +108,7 @@ struct Joined {
         for (size_t i = 0; i < files.size(); ++i) {
             auto &ring = *reinterpret_cast<CL_TraceRing *>(&files[i][files[i].find(CL_EYE_LIBTRC)]);
             ring.oldest = cuts[i];
-            ring.wrapped = cuts[i] != 0;
+            ring.wrapped = cuts[i] != 0 ? 1 : 0;
             const auto *bytes = reinterpret_cast<const uint8_t *>(files[i].data());
             dumps[i].load(trace_reader::Source({bytes, files[i].size()}), true);
             traces.emplace_back(dumps[i]);
@@ -145,7 +145,7 @@ struct Joined {
 
 TEST_F(Talk, IsJoinedWithNothingLeft) {
     talk({{3, 1}, {1, 2}, {40, 4}}, 2);  // most messages look like others
-    Joined whole(files_, {0, 0});
+    Joined whole(files, {0, 0});
     EXPECT_EQ(whole.count(Fate::joined, true), 51u);
     EXPECT_EQ(whole.count(Fate::joined, false), 51u);
     EXPECT_EQ(whole.flow->messages.size(), 103u);
@@ -165,7 +165,7 @@ TEST_F(Talk, IsJoinedWithNothingLeft) {
         EXPECT_EQ(arrows, 51u);
     }
     // Without the other process nothing is lost.
-    Joined one({files_[0]}, {0});
+    Joined one({files[0]}, {0});
     EXPECT_EQ(one.count(Fate::untraced, true), 45u);
     EXPECT_EQ(one.count(Fate::untraced, false), 7u);
 }
@@ -180,21 +180,22 @@ TEST_P(CutTalk, IsJoinedRightOrCalledAmbiguous) {
     for (int i = 0; i < 8; ++i)
         rounds.push_back({random.below(4), random.below(3)});
     talk(rounds, GetParam());
-    const Joined whole(files_, {0, 0});
+    const Joined whole(files, {0, 0});
     const auto truth = whole.pairs(Fate::joined);
     EXPECT_EQ(whole.count(Fate::lost, true) + truth.size(), whole.count(Fate::joined, false) + 1);
     const auto cuts = [&](size_t i) {
         std::vector<uint32_t> entries;
         const auto &ring = whole.dumps[i].rings[CL_RING_LIBRARY];
         const auto &records = whole.traces[i].records;
-        for (size_t k = random.below(kStep); k < records.size(); k += kStep)
+        for (size_t k = random.below(kStep); k < records.size(); k += kStep) {
             entries.push_back(
                 static_cast<uint32_t>((records[k].offset - ring.offset_of(0)) / ring.stride()));
+        }
         return entries;
     };
     for (const uint32_t client : cuts(0)) {
         for (const uint32_t server : cuts(1)) {
-            const Joined cut(files_, {client, server});
+            const Joined cut(files, {client, server});
             for (const auto &[sent, read] : cut.pairs(Fate::joined)) {
                 ASSERT_TRUE(truth.contains(sent)) << client << ' ' << server;
                 ASSERT_EQ(truth.at(sent), read) << client << ' ' << server;

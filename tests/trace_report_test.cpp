@@ -64,15 +64,15 @@ class Reading : public testing::Test {
     static constexpr uint64_t kStart = test::Story::kStart;
 
     Reading() {
-        std::filesystem::current_path(folder_.path(""));
+        std::filesystem::current_path(folder.path(""));
         test::set_env("TZ", "UTC0");
         CL_TRC_End_M(CL_RING_LIBRARY);
         CL_TRC_Init_M(nullptr, CL_TRC_LIB_ENTRY, 1000, nullptr, CL_RING_LIBRARY);
         tick(0);
     }
     void tick(uint64_t microseconds) {
-        now_ += microseconds;
-        test::set_time(kStart + now_ / 1000000, now_ % 1000000);
+        now += microseconds;
+        test::set_time(kStart + now / 1000000, now % 1000000);
     }
     template <class T>
     void put(T record, uint8_t api, uint8_t phase) {
@@ -125,8 +125,8 @@ class Reading : public testing::Test {
         return out.str();
     }
 
-    test::Folder folder_;
-    uint64_t now_ = 0;
+    test::Folder folder;
+    uint64_t now = 0;
 };
 
 TEST_F(Reading, TellsWhatAPersonCallsAFailure) {
@@ -150,7 +150,7 @@ TEST_F(Reading, TellsWhatAPersonCallsAFailure) {
          "killed by SIGKILL"},
     };
     for (const auto &[happens, failures, text] : cases) {
-        for (const size_t times : {1, 3}) {  // those that repeat are one line
+        for (const size_t times : {size_t{1}, size_t{3}}) {  // those that repeat are one line
             CL_TRC_End_M(CL_RING_LIBRARY);
             CL_INTRC_Init();
             for (size_t i = 0; i < times; ++i)

@@ -141,8 +141,8 @@ void FlowText::put_latencies() {
         if (!message.sent || (!Flow::is_joined(message) && message.fate != Fate::lost)) continue;
         Row &row = rows[{end.trace, end.peer, message.header().type}];
         if (const auto lay = flow_.lay(message)) row.lay.push_back(*lay);
-        row.ambiguous += message.fate == Fate::ambiguous;
-        row.lost += message.fate == Fate::lost;
+        if (message.fate == Fate::ambiguous) ++row.ambiguous;
+        if (message.fate == Fate::lost) ++row.lost;
     }
     std::vector<std::pair<std::string, Row *>> lines;
     size_t width = sizeof "messages";
@@ -176,7 +176,7 @@ void FlowText::put_latencies() {
 void FlowText::put_traces() {
     std::vector<std::array<uint64_t, 2>> counts(names_.size());  // read, sent
     for (const Message &message : flow_.messages)
-        ++counts[end_of(message).trace][message.sent];
+        ++counts[end_of(message).trace][message.sent ? 1 : 0];
     for (size_t i = 0; i < names_.size(); ++i) {
         const Flow::Span &span = flow_.spans[i];
         out_.plain(names_[i]) << ": process " << flow_.pids[i];

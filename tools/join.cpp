@@ -384,6 +384,7 @@ std::pair<int64_t, int64_t> Flow::bounds(const End &from, const End &to) const {
 Flow::Shift Flow::shift(const End &from, const End &to) const {
     const auto contents = [&](const std::vector<uint32_t> &list) {
         std::vector<uint32_t> numbers;
+        numbers.reserve(list.size());
         for (const uint32_t i : list)
             numbers.push_back(messages[i].content);
         return numbers;
@@ -508,7 +509,7 @@ void Flow::pair_by_order() {
     for (uint32_t i = 0; i < ends.size(); ++i) {
         const End &end = ends[i];
         if (end.other != kNone || !end.whole || end.path.empty()) continue;
-        by_path[end.path][end.role == End::Role::accepted].push_back(i);
+        by_path[end.path][end.role == End::Role::accepted ? 1 : 0].push_back(i);
     }
     const auto begin = [&](uint32_t i) { return ends[i].begin; };
     for (auto &[path, lists] : by_path) {

@@ -97,7 +97,7 @@ Symbols::Symbols(const Module &module, std::optional<uint64_t> pid) {
 std::string demangled(const char *name) {
     int status = 0;
     char *text = abi::__cxa_demangle(name, nullptr, nullptr, &status);
-    const std::string result = text != nullptr ? text : name;
+    std::string result = text != nullptr ? text : name;
     free(text);
     return result;
 }

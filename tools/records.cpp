@@ -298,7 +298,7 @@ bool Trace::is_bad(const Record &told) const {
 // Whether a change to failed is told already: by the call around it, or by the event that the loop
 // hands over next for that object.
 bool Trace::is_consequence(const Record &status) const {
-    constexpr ptrdiff_t kSearched = 8;
+    constexpr ptrdiff_t kLookedAt = 8;
     if (status.api() != CL_API_STATUS) return false;
     if (status.parent != kNone && !records[status.parent].is_callback()) {
         const Record *exit = partner(records[status.parent]);
@@ -306,7 +306,7 @@ bool Trace::is_consequence(const Record &status) const {
     }
     const uint64_t object = object_of(status);
     const auto from = records.begin() + (&status - records.data());
-    const auto end = from + std::min(kSearched, records.end() - from);
+    const auto end = from + std::min(kLookedAt, records.end() - from);
     return std::any_of(from, end, [&](const Record &record) {
         return record.is_callback() && object_of(record) == object && error_of(record).err != 0;
     });
