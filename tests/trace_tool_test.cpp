@@ -26,7 +26,7 @@ struct Result {
 // One command over a dump in memory, without options; none that writes files.
 Result tool(std::string_view name, std::string_view file) {
     const Command &command = *std::ranges::find(kCommands, name, &Command::name);
-    if (command.writes) return {};
+    if (!command.only_reads()) return {};
     const trace_reader::Source source(
         {reinterpret_cast<const uint8_t *>(file.data()), file.size()});
     const trace_reader::Source *sources[] = {&source, &source};

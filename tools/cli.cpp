@@ -14,6 +14,7 @@
 #include <cstring>
 #include <list>
 
+#include "tools/looks.h"
 #include "tools/names.h"
 #include "tools/records.h"
 
@@ -33,7 +34,11 @@ constexpr Command kTable[] = {
     {"diff", diff, 2, false, "first difference between two traces"},
     {"check", check, 1, true, "whether the file is whole and consistent"},
     {"snap", snap, 1, false, "what was read as a dump file, FILE or one named by process and time",
-     1, true}};
+     1, "FILE"},
+    {"follow", nullptr, 1, false, "lines as they come, of a live process", 1, {}, follow},
+    {"top", nullptr, 1, false, "once a second what a live process does most", 1, {}, top},
+    {"watch", nullptr, 1, false, "snapshots of a live process whenever a callback does not return",
+     1, {}, watch}};
 
 bool parse_number(const char *text, uint64_t &value) {
     const bool hex = text[0] == '0' && (text[1] | 0x20) == 'x';
@@ -70,18 +75,18 @@ bool set_handle(Options &options, const char *text) {
     return true;
 }
 
-bool set_slower(Options &options, const char *text) {
+// "250us", "10ms", "1.5s"; without a unit microseconds.
+std::optional<int64_t> parse_duration(const char *text) {
     char *unit = nullptr;
     const double value = strtod(text, &unit);
     static constexpr std::pair<std::string_view, double> kUnits[] = {
         {"us", 1}, {"ms", 1e3}, {"s", 1e6}, {"", 1}};
     for (const auto &[name, factor] : kUnits) {
         if (unit != text && name == unit && value >= 0 && value < 1e9) {
-            options.slower = static_cast<int64_t>(value * factor);
-            return true;
+            return static_cast<int64_t>(value * factor);
         }
     }
-    return false;
+    return {};
 }
 
 bool set_ring(Options &options, const char *text) {
@@ -107,27 +112,42 @@ struct Option {
     }
 };
 constexpr Option kOptions[] = {
-    {"api", "NAME", "show", set_api,
+    {"api", "NAME", "show follow", set_api,
      "calls whose name holds NAME, or with that number; repeatable"},
-    {"handle", "#N|ADDRESS", "show", set_handle, "calls about the object in slot N, or at ADDRESS"},
+    {"handle", "#N|ADDRESS", "show follow", set_handle,
+     "calls about the object in slot N, or at ADDRESS"},
     {"since", "TIME", "show",
      [](Options &o, const char *text) { return parse_time(o.since = text, 0).has_value(); },
      "[YYYY-MM-DD ]HH:MM[:SS[.FRACTION]], local time"},
     {"until", "TIME", "show",
      [](Options &o, const char *text) { return parse_time(o.until = text, 0).has_value(); },
      "the same, for the end"},
-    {"failures", nullptr, "show", [](Options &o, const char *) { return o.failures = true; },
+    {"failures", nullptr, "show follow", [](Options &o, const char *) { return o.failures = true; },
      "only what failed"},
-    {"slower", "TIME", "show", set_slower, "calls that took at least so long: 250us, 10ms, 1.5s"},
-    {"ring", "NAME", "show", set_ring, "only records of the library or the user ring"},
-    {"last", "N", "show", [](Options &o, const char *text) { return parse_number(text, o.last); },
-     "the last N lines"},
+    {"slower", "TIME", "show follow",
+     [](Options &o, const char *text) { return (o.slower = parse_duration(text)).has_value(); },
+     "calls that took at least so long: 250us, 10ms, 1.5s"},
+    {"ring", "NAME", "show follow", set_ring, "only records of the library or the user ring"},
+    {"last", "N", "show follow",
+     [](Options &o, const char *text) { return parse_number(text, o.last); }, "the last N lines"},
     {"all", nullptr, "tables", [](Options &o, const char *) { return o.all = true; },
      "also free slots, and where all were used before"},
     {"json", nullptr, "export", [](Options &, const char *) { return true; },
      "the format, and the only one"},
-    {"out", "FILE", "snap", [](Options &o, const char *text) { return !(o.out = text).empty(); },
-     "the file to write; \"-\": standard output"},
+    {"out", "FILE|DIR", "snap watch",
+     [](Options &o, const char *text) { return !(o.out = text).empty(); },
+     "where to write; \"-\": standard output"},
+    {"stall", "TIME", "watch",
+     [](Options &o, const char *text) { return (o.stall = parse_duration(text)).has_value(); },
+     "how long a callback may take: 5s (1s without it)"},
+    {"max", "N", "watch", [](Options &o, const char *text) { return parse_number(text, o.max); },
+     "snapshots at most, 10 without it"},
+    {"interval", "TIME", "top",
+     [](Options &o, const char *text) {
+         o.interval = parse_duration(text).value_or(0);
+         return o.interval >= 10000;
+     },
+     "how often, 1s without it"},
     {"stop", nullptr, "", [](Options &o, const char *) { return o.access.stop = true; },
      "stop a process for the moment of reading"},
     {"exe", "FILE", "", [](Options &o, const char *text) { return !(o.access.exe = text).empty(); },
@@ -225,6 +245,24 @@ Status run_command(const Command &command, const Options &options,
     return fine ? kFine : kDamaged;
 }
 
+namespace {
+
+Status run_live(const Command &command, const Options &options, const std::string &name, Text &out,
+                Text &err) {
+    const std::optional<pid_t> pid = process_of(name);
+    if (!pid || options.access.stop || !options.access.exe.empty()) {
+        return usage(err, command.name, " looks at a live process that runs on: pid:N");
+    }
+    Looks looks(*pid);
+    if (!looks.failure().empty()) {
+        err << "qvcl-trace: " << name << ": " << looks.failure() << '\n';
+        return kUsage;
+    }
+    return command.live(looks, options, out, err) ? kFine : kDamaged;
+}
+
+}  // namespace
+
 Status run(int argc, char **argv, Text &out, Text &err) {
     Line line;
     if (const Status status = parse(argc, argv, line, err); status != kFine) return status;
@@ -243,7 +281,7 @@ Status run(int argc, char **argv, Text &out, Text &err) {
         }
     }
     std::span names = std::span(line.words).subspan(1);
-    if (command->writes && names.size() == command->files + 1) {
+    if (!command->writes.empty() && names.size() == command->files + 1) {
         line.options.out = names.back();
         names = names.first(command->files);
     }
@@ -253,6 +291,7 @@ Status run(int argc, char **argv, Text &out, Text &err) {
         if (command->most_files != command->files) needed << " to " << command->most_files;
         return usage(err, "number of sources for this command: ", needed.str());
     }
+    if (command->live != nullptr) return run_live(*command, line.options, names.front(), out, err);
     std::list<Source> sources;
     std::vector<const Source *> pointers;
     for (const std::string &name : names) {

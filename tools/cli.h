@@ -18,7 +18,12 @@ struct Command {
     bool objects;  // whether it reads the descriptor table
     std::string_view help;
     size_t most_files = files;
-    bool writes = false;  // one more word names the file to write
+    std::string_view writes = {};  // one more word that names what to write; empty: takes none
+    // Instead of `run`: looks at a live process for some time.
+    bool (*live)(Looks &looks, const Options &options, Text &out, Text &err) = nullptr;
+
+    // Any dumps, and writes to `out`.
+    bool only_reads() const { return writes.empty() && live == nullptr; }
 };
 extern const std::span<const Command> kCommands;
 

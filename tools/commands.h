@@ -21,6 +21,9 @@ struct Options {
     int ring = -1;  // negative: both
     uint64_t last = UINT64_MAX;
     bool all = false;
+    int64_t interval = 1000000;    // microseconds between two tables of `top`
+    std::optional<int64_t> stall;  // microseconds that a callback may be open
+    uint64_t max = 10;             // snapshots
 };
 
 // Reads "[YYYY-MM-DD ]HH:MM[:SS[.FRACTION]]" as local time. Returns microseconds since the epoch,
@@ -41,5 +44,12 @@ bool flow(Dumps dumps, const Options &options, Text &out);
 bool diff(Dumps dumps, const Options &options, Text &out);
 bool check(Dumps dumps, const Options &options, Text &out);
 bool snap(Dumps dumps, const Options &options, Text &out);
+
+// These go on until the process ends, or a signal comes. They are true if they could do all that
+// they were to do.
+class Looks;
+bool follow(Looks &looks, const Options &options, Text &out, Text &err);
+bool top(Looks &looks, const Options &options, Text &out, Text &err);
+bool watch(Looks &looks, const Options &options, Text &out, Text &err);
 
 }  // namespace trace_reader

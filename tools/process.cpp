@@ -9,6 +9,7 @@
 #include <pwd.h>
 #include <sys/ptrace.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -99,6 +100,12 @@ std::string user_name(uid_t user) {
 }
 
 }  // namespace
+
+uint64_t now() {
+    timeval time;
+    gettimeofday(&time, nullptr);
+    return static_cast<uint64_t>(time.tv_sec) * 1000000 + static_cast<uint64_t>(time.tv_usec);
+}
 
 Process::Process(pid_t pid) : pid_(pid) {
     failure_ = open();

@@ -61,4 +61,6 @@ class Hold {
     std::string failure_;
 };
 
+uint64_t now();  // microseconds since the epoch
+
 }  // namespace trace_reader

@@ -4,9 +4,9 @@
 #include <algorithm>
 #include <ctime>
 
-#include "tools/commands.h"
 #include "tools/ending.h"
 #include "tools/render.h"
+#include "tools/show.h"
 
 namespace trace_reader {
 
@@ -17,66 +17,21 @@ constexpr size_t kDeepest = 48;  // columns of indentation at most
 // Microseconds. Dates change at a quarter of an hour in every time zone.
 constexpr uint64_t kQuarter = 900000000;
 
-class Filter {
-  public:
-    Filter(const Options &options, const Dump &dump, const Trace &trace)
-        : options_(options), trace_(trace) {
-        const uint64_t first = trace_.records.empty() ? 0 : trace_.records.front().time;
-        since_ = parse_time(options_.since, first).value_or(0);
-        until_ = parse_time(options_.until, first).value_or(UINT64_MAX);
-        if (options_.handle) handle_ = *options_.handle;
-        if (options_.slot) handle_ = dump.address_of(*options_.slot);
-    }
-    bool passes(const Record &record) const {
-        const bool of_calls =
-            options_.apis.any() || handle_ || options_.failures || options_.slower;
-        if (record.time < since_ || record.time > until_ ||
-            (of_calls && record.operation == nullptr)) {
-            return false;
-        }
-        if (options_.apis.any() && !options_.apis[record.api()]) return false;
-        if (handle_ && trace_.object_of(record) != *handle_) return false;
-        if (options_.failures && !trace_.is_bad(record)) return false;
-        return !options_.slower || trace_.duration(record).value_or(INT64_MIN) >= *options_.slower;
-    }
-
-  private:
-    const Options &options_;
-    const Trace &trace_;
-    uint64_t since_;
-    uint64_t until_;
-    std::optional<uint64_t> handle_;
-};
-
 bool is_selective(const Options &options) {
     return options.apis.any() || options.slot || options.handle || !options.since.empty() ||
            !options.until.empty() || options.slower || options.failures || options.ring >= 0 ||
            options.last != UINT64_MAX;
 }
 
-class Lines {
-  public:
-    Lines(const Dump &dump, const Trace &trace, Text &out)
-        : dump_(dump), trace_(trace), out_(out) {}
-    void put(const Record &record);
-
-  private:
-    void put_day(uint64_t time);
-
-    const Dump &dump_;
-    const Trace &trace_;
-    Text &out_;
-    uint64_t quarter_ = UINT64_MAX;
-    std::string day_;
-};
+}  // namespace
 
 void Lines::put_day(uint64_t time) {
-    if (time / kQuarter == quarter_) return;
-    quarter_ = time / kQuarter;
+    if (time / kQuarter == day_.quarter) return;
+    day_.quarter = time / kQuarter;
     Text text;
-    if (text.day(time).str() == day_) return;
-    day_ = text.str();
-    out_ << "-- " << day_ << " --\n";
+    if (text.day(time).str() == day_.text) return;
+    day_.text = text.str();
+    out_ << "-- " << day_.text << " --\n";
 }
 
 void Lines::put(const Record &record) {
@@ -116,8 +71,6 @@ void Lines::put(const Record &record) {
     out_.spill();
 }
 
-}  // namespace
-
 std::optional<uint64_t> parse_time(const std::string &text, uint64_t day) {
     for (const char *format : {"%Y-%m-%d %H:%M:%S", "%Y-%m-%d %H:%M", "%H:%M:%S", "%H:%M"}) {
         tm time{};
@@ -152,7 +105,8 @@ bool show(Dumps dumps, const Options &options, Text &out) {
         put_origin(out, dump);
         put_open(out, dump, trace);
     }
-    Lines lines(dump, trace, out);
+    Lines::Day day;
+    Lines lines(dump, trace, out, day);
     const size_t begin = chosen.size() - std::min<size_t>(chosen.size(), options.last);
     for (const uint32_t i : std::span(chosen).subspan(begin))
         lines.put(trace.records[i]);

@@ -12,7 +12,6 @@
 // is, and the process sleeps inside of it, with nothing changed from one try to the next.
 #include "tools/snapshot.h"
 
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -29,12 +28,6 @@ constexpr useconds_t kPause = 1000;         // microseconds, between tries that 
 constexpr uint64_t kLargestRing = 1 << 28;  // bytes
 constexpr size_t kLongestText = 1 << 19;    // half of what a reader takes
 constexpr size_t kTextAlignment = 16;
-
-uint64_t now() {
-    timeval time;
-    gettimeofday(&time, nullptr);
-    return static_cast<uint64_t>(time.tv_sec) * 1000000 + static_cast<uint64_t>(time.tv_usec);
-}
 
 // ---------------------------------------------------------------- rings
 
@@ -312,6 +305,21 @@ Snapshot Snapshots::of_live(const Process &process, bool stop, std::string reaso
     header.command = process.command();
     header.modules = modules_;
     return {{}, file_of(best, std::move(header))};
+}
+
+std::vector<uint8_t> Snapshots::rings_of_live() const {
+    const auto main = memory_.get<CL_MainBlock>(*main_);
+    std::vector<uint8_t> file;
+    if (!main) return file;
+    for (const CL_TraceRing *ring : {main->library_ring, main->user_ring}) {
+        RingCopy copy;
+        for (int i = 0; i < kTries && !copy.whole; ++i)
+            copy = copy_ring(memory_, address(ring), false);
+        if (!copy.whole) return {};
+        append(file, copy.block);
+    }
+    append(file, {reinterpret_cast<const uint8_t *>(&*main), sizeof *main});
+    return file;
 }
 
 Snapshot snapshot_of(pid_t pid, bool stop) {

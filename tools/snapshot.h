@@ -39,6 +39,9 @@ class Snapshots {
     Snapshot of_rest(HeaderLines header) const;
     // Of a process that runs on, or is stopped for the moment of each try. `memory` is its.
     Snapshot of_live(const Process &process, bool stop, std::string reason) const;
+    // A dump of the rings and the main table only, by what can be had at once; empty when a ring
+    // cannot be had.
+    std::vector<uint8_t> rings_of_live() const;
 
   private:
     const Memory &memory_;

@@ -19,13 +19,21 @@ namespace trace_reader {
 
 namespace {
 constexpr size_t kPipeLimit = size_t{1} << 30;
+constexpr std::string_view kProcess = "pid:";
+}  // namespace
+
+std::optional<pid_t> process_of(std::string_view name) {
+    if (!name.starts_with(kProcess)) return {};
+    name.remove_prefix(kProcess.size());
+    pid_t pid = 0;
+    const auto [end, error] = std::from_chars(name.begin(), name.end(), pid);
+    if (error != std::errc() || end != name.end() || pid <= 0) return {};
+    return pid;
 }
 
 Source::Source(const char *name, const Access &access) {
-    constexpr std::string_view kProcess = "pid:";
-    const std::string_view text = name;
-    if (text.starts_with(kProcess)) {
-        take_process(text.substr(kProcess.size()), access);
+    if (std::string_view(name).starts_with(kProcess)) {
+        take_process(name, access);
         return;
     }
     open(name);
@@ -82,14 +90,13 @@ void Source::take(std::vector<uint8_t> bytes) {
     fd_ = -1;
 }
 
-void Source::take_process(std::string_view number, const Access &access) {
-    pid_t pid = 0;
-    const auto [end, error] = std::from_chars(number.begin(), number.end(), pid);
-    if (error != std::errc() || end != number.end() || pid <= 0) {
+void Source::take_process(const char *name, const Access &access) {
+    const std::optional<pid_t> pid = process_of(name);
+    if (!pid) {
         failure_ = "a process is named by its number: pid:1234";
         return;
     }
-    Snapshot snapshot = snapshot_of(pid, access.stop);
+    Snapshot snapshot = snapshot_of(*pid, access.stop);
     failure_ = snapshot.failure;
     take(std::move(snapshot.file));
 }

@@ -2,6 +2,9 @@
 // of a core file, too, which is laid out as a dump.
 #pragma once
 
+#include <sys/types.h>
+
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,6 +17,9 @@ struct Access {
     bool stop = false;  // a live process, for the moment of reading
     std::string exe;    // the executable of a core file; empty: as the core says
 };
+
+// The number in "pid:N".
+std::optional<pid_t> process_of(std::string_view name);
 
 class Source {
   public:
@@ -36,7 +42,7 @@ class Source {
     void open(const char *path);
     void slurp();
     void take(std::vector<uint8_t> bytes);
-    void take_process(std::string_view number, const Access &access);
+    void take_process(const char *name, const Access &access);
     void take_core(const Access &access);
 
     int fd_ = -1;

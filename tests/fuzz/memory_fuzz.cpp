@@ -58,7 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     Options options;
     options.all = true;
     for (const Command &command : kCommands) {
-        if (command.writes) continue;
+        if (!command.only_reads()) continue;
         Text out, err;
         run_command(command, options, std::span(names).first(command.files),
                     std::span(sources).first(command.files), out, err);

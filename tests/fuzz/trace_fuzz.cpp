@@ -7,7 +7,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const Source *sources[] = {&source, &source};
     const std::string names[] = {"a", "b"};
     for (const Command &command : kCommands) {
-        if (command.writes) continue;
+        if (!command.only_reads()) continue;
         for (size_t files = command.files; files <= std::min<size_t>(command.most_files, 2);
              ++files) {
             Text out, err;
