@@ -14,6 +14,7 @@
 #include "tests/folder.h"
 #include "tests/support.h"
 #include "tools/cli.h"
+#include "tools/looks.h"
 #include "tools/modules.h"
 #include "tools/records.h"
 #include "tools/snapshot.h"
@@ -51,6 +52,7 @@ class Child {
             usleep(100);
     }
     uint64_t value() const { return *shared_; }
+    void set(uint64_t value) const { *shared_ = value; }
 
   private:
     std::atomic<uint64_t> *shared_;
@@ -261,6 +263,79 @@ TEST(Live, RefusalsSayWhy) {
     });
     stranger.wait_beyond(0);
     EXPECT_EQ(stranger.value(), 1u);
+}
+
+// ---------------------------------------------------------------- again and again
+
+size_t count_of(const std::string &text, std::string_view what) {
+    size_t count = 0;
+    for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; ++at)
+        ++count;
+    return count;
+}
+
+TEST(Looks, FollowTellsEveryCallOnceAndWhatWasLost) {
+    constexpr uint64_t kCalls = 20000;
+    for (const bool slow : {true, false}) {
+        const Child child([&](std::atomic<uint64_t> &begin) {
+            CL_ErrInfo err{};
+            begin = 1;
+            while (begin == 1)
+                usleep(100);
+            for (uint64_t i = 0; i < kCalls; ++i) {
+                CL_StopTIMER(nullptr, &err);
+                if (slow && i % 50 == 0) usleep(2000);
+            }
+            usleep(200000);
+        });
+        child.wait_beyond(0);
+        trace_reader::Looks looks(child.pid());
+        ASSERT_EQ(looks.failure(), "");
+        child.set(2);
+        std::thread reaper([&] { waitpid(child.pid(), nullptr, 0); });
+        trace_reader::Text out, err;
+        const bool whole = follow(looks, {}, out, err);
+        reaper.join();
+        const size_t told = count_of(out.str(), "CL_StopTIMER_M(");
+        EXPECT_EQ(whole, told == kCalls) << err.str();
+        EXPECT_EQ(whole, count_of(out.str(), "records were lost here") == 0);
+        EXPECT_LE(told, kCalls);
+        EXPECT_GT(told, kCalls / 1000);
+        EXPECT_THAT(err.str(), HasSubstr("it has ended"));
+        printf("%zu of %" PRIu64 " calls\n", told, kCalls);
+    }
+}
+
+TEST(Looks, WatchKeepsEachStallOnce) {
+    const Child child([](std::atomic<uint64_t> &stalls) {
+        CL_ErrInfo err{};
+        CL_Init(10, nullptr, &err);
+        test::Action stall = [&](CL_Object *, CL_Event *) {
+            usleep(++stalls == 1 ? 1000 : 300000);
+            return 0u;
+        };
+        CL_Event event{};
+        CL_Object *object = CL_CreateFD(CL_KIND_FD, test::call_action, 0, 0, &err);
+        for (;;)
+            cl_Callback_M(test::call_action, object, &event, test::address(&stall), 0, CL_HERE);
+    });
+    child.wait_beyond(1);
+    const test::Folder folder;
+    trace_reader::Looks looks(child.pid());
+    trace_reader::Options options;
+    options.stall = 100000;
+    options.out = folder.path("");
+    options.max = 2;
+    trace_reader::Text out, err;
+    EXPECT_TRUE(watch(looks, options, out, err));
+    EXPECT_EQ(folder.files(), 2u);
+    EXPECT_EQ(count_of(out.str(), "open for"), 2u);
+    for (const auto &entry : std::filesystem::directory_iterator(folder.path(""))) {
+        const Source source(entry.path().c_str());
+        Dump dump;
+        dump.load(source, true);
+        EXPECT_EQ(trace_reader::Trace(dump).open.size(), 1u);
+    }
 }
 
 // ---------------------------------------------------------------- cores

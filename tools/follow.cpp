@@ -45,7 +45,7 @@ class Follower {
     const Options &options_;
     Text &out_;
     Lines::Day day_;
-    uint64_t last_ = 0;  // time of the newest record that was taken
+    uint64_t last_ = now();  // time of the newest record that was taken
     uint64_t gaps_ = 0;
     uint64_t lost_time_ = 0;
 };

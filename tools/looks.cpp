@@ -43,11 +43,12 @@ bool Looks::worth_a_look(bool late) {
     if (!main) return true;
     for (const int ring : {CL_RING_LIBRARY, CL_RING_USER}) {
         const auto *place = ring == CL_RING_LIBRARY ? main->library_ring : main->user_ring;
-        const auto head = process_.get<CL_TraceRing>(address(place));
-        if (!head || head->entry_count == 0 || head->next == heads_[ring]) continue;
-        const uint64_t count = head->entry_count;
-        const uint64_t written = (head->next % count + count - heads_[ring] % count) % count;
-        if (late || heads_[ring] == UINT32_MAX || written >= count / 4) return true;
+        const std::vector<uint8_t> mark = mark_of(process_, address(place));
+        if (mark == seen_[ring]) continue;
+        const auto head = load<CL_TraceRing>(mark, 0), before = load<CL_TraceRing>(seen_[ring], 0);
+        const uint64_t count = std::max(head.entry_count, 1u);
+        const uint64_t written = (head.next % count + count - before.next % count) % count;
+        if (late || before.wrapped != head.wrapped || written >= count / 4) return true;
     }
     return false;
 }
@@ -65,6 +66,10 @@ bool Looks::next(int milliseconds) {
 }
 
 void Looks::look() {
+    if (const auto main = process_.get<CL_MainBlock>(snapshots_->main_table())) {
+        seen_[CL_RING_LIBRARY] = mark_of(process_, address(main->library_ring));
+        seen_[CL_RING_USER] = mark_of(process_, address(main->user_ring));
+    }
     std::vector<uint8_t> file = snapshots_->rings_of_live();
     if (file.empty()) {
         process_.look_again();  // a ring may be new, in memory that is
@@ -78,8 +83,6 @@ void Looks::look() {
     dump_->names = names_;
     dump_->time = now();
     dump_->time_from = "the snapshot";
-    for (const int ring : {CL_RING_LIBRARY, CL_RING_USER})
-        heads_[ring] = dump_->rings[ring].head.next;
     trace_ = std::make_unique<Trace>(*dump_);
     find_fresh();
 }
@@ -100,8 +103,11 @@ void Looks::find_fresh() {
             return record.ring == ring && is_marked(record);
         });
         passed[ring] = !there;
-        lost_ = lost_ || (!there && !marks_[ring].head.empty());
+        // Of a ring that was empty nothing is missing until it has been full.
+        const bool was_more = !marks_[ring].head.empty() || dump_->rings[ring].head.wrapped != 0;
+        lost_ = lost_ || (!there && was_more && looked_);
     }
+    looked_ = true;
     for (uint32_t i = 0; i < trace_->records.size(); ++i) {
         const Record &record = trace_->records[i];
         if (passed[record.ring]) {

@@ -44,13 +44,14 @@ class Looks {
     std::string failure_;
     std::optional<Snapshots> snapshots_;
     std::shared_ptr<const Names> names_;
-    uint32_t heads_[2] = {UINT32_MAX, UINT32_MAX};  // `next` of the rings at the last look
+    std::vector<uint8_t> seen_[2];  // the rings' marks at the last look
     std::vector<uint8_t> file_;
     std::unique_ptr<Source> source_;
     std::unique_ptr<Dump> dump_;
     std::unique_ptr<Trace> trace_;
     Mark marks_[2];
     std::vector<uint32_t> fresh_;
+    bool looked_ = false;
     bool lost_ = false;
 };
 

@@ -26,7 +26,13 @@ namespace {
 constexpr size_t kLargestFile = 64 << 20;  // of /proc
 constexpr int kPatience = 1000;            // milliseconds for a thread to stop
 constexpr uint64_t kKernelThread = 0x00200000;
-enum StatField { kState = 0, kFlags = 6, kStart = 19 };  // of /proc/PID/stat, behind the name
+enum StatField {
+    kState = 0,
+    kFlags = 6,
+    kUser = 11,
+    kSystem = 12,
+    kStart = 19
+};  // of /proc/PID/stat, behind the name
 
 std::string place(pid_t pid, std::string_view name) {
     return (Text() << "/proc/" << pid << '/' << name).str();
@@ -204,6 +210,13 @@ bool Process::rests() const {
         const std::string name = (Text() << "task/" << thread << "/stat").str();
         return stat_field(place(pid_, name), kState) == "R";
     });
+}
+
+uint64_t Process::used() const {
+    uint64_t ticks = 0;
+    for (const int field : {kUser, kSystem})
+        ticks += strtoull(stat_field(place(pid_, "stat"), field).c_str(), nullptr, 10);
+    return ticks * 1000000 / static_cast<uint64_t>(sysconf(_SC_CLK_TCK));
 }
 
 // Threads may begin while others are being stopped: once around without a new one, and all are.

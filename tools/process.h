@@ -24,6 +24,7 @@ class Process final : public Memory {
 
     // Whether no thread of it is running, or about to.
     bool rests() const;
+    uint64_t used() const;  // microseconds of processor time
 
   private:
     std::string refusal() const;

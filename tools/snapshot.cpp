@@ -92,20 +92,6 @@ std::optional<RawRing> read_ring(const Memory &memory, uint64_t address) {
     return ring;
 }
 
-// Head and newest entry: what changes with every record.
-std::vector<uint8_t> mark_of(const Memory &memory, uint64_t address) {
-    std::vector<uint8_t> mark;
-    const auto head = memory.get<CL_TraceRing>(address);
-    if (!head || !is_ring(*head, address) || !fits(*head)) return mark;
-    const uint64_t stride = head->entry_size + uint64_t{sizeof(CL_TraceEntry)};
-    const uint64_t newest = (head->next != 0 ? head->next : head->entry_count) - 1;
-    mark.resize(sizeof *head + stride);
-    memcpy(mark.data(), &*head, sizeof *head);
-    mark.resize(sizeof *head +
-                memory.read(address + sizeof *head + newest * stride, &mark[sizeof *head], stride));
-    return mark;
-}
-
 // Whether the oldest record was there from before the first look to behind the last one.
 bool is_proven(const RawRing &ring) {
     if (!fits(ring.before) || !fits(ring.after)) return false;
@@ -253,6 +239,19 @@ std::vector<uint8_t> file_of(const Look &look, HeaderLines header) {
 }
 
 }  // namespace
+
+std::vector<uint8_t> mark_of(const Memory &memory, uint64_t address) {
+    std::vector<uint8_t> mark;
+    const auto head = memory.get<CL_TraceRing>(address);
+    if (!head || !is_ring(*head, address) || !fits(*head)) return mark;
+    const uint64_t stride = head->entry_size + uint64_t{sizeof(CL_TraceEntry)};
+    const uint64_t newest = (head->next != 0 ? head->next : head->entry_count) - 1;
+    mark.resize(sizeof *head + stride);
+    memcpy(mark.data(), &*head, sizeof *head);
+    mark.resize(sizeof *head +
+                memory.read(address + sizeof *head + newest * stride, &mark[sizeof *head], stride));
+    return mark;
+}
 
 RingCopy copy_ring(const Memory &memory, uint64_t address, bool at_rest) {
     RingCopy copy;

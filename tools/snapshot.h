@@ -19,6 +19,10 @@ struct RingCopy {
     std::vector<uint8_t> mark;   // what changes with every record
 };
 
+// The head of a ring and its newest entry: what changes with every record. Empty when there is
+// none.
+std::vector<uint8_t> mark_of(const Memory &memory, uint64_t address);
+
 // Reads the ring at `address` once; 0: there is none. at_rest: nobody writes to it.
 RingCopy copy_ring(const Memory &memory, uint64_t address, bool at_rest);
 

@@ -62,18 +62,18 @@ class Keys {
 
 class Counts {
   public:
-    void begin(uint64_t time) { *this = Counts(time); }
     uint64_t began() const { return began_; }
     void add(Looks &looks);
     void put_summary(Text &out, Looks &looks, bool brief) const;
     void put_rows(Text &out, Order order) const;
-    explicit Counts(uint64_t time) : began_(time) {}
+    explicit Counts(const Process &process) : began_(now()), used_(process.used()) {}
 
   private:
     void add_call(Looks &looks, const Record &exit);
     int64_t open_time(const Looks &looks) const;
 
     uint64_t began_;
+    uint64_t used_;  // processor time at the beginning
     uint64_t calls_ = 0, callbacks_ = 0, records_ = 0, failures_ = 0;
     bool lost_ = false;
     int64_t in_callbacks_ = 0, in_calls_ = 0;
@@ -159,7 +159,9 @@ void Counts::put_summary(Text &out, Looks &looks, bool brief) const {
         << " callbacks/s, " << rate(failures_) << " failures/s" << (lost_ ? " (some lost)" : "")
         << between;
     out << callbacks << "% in callbacks, " << calls << "% in calls outside, "
-        << 100 - callbacks - calls << "% waiting" << between;
+        << 100 - callbacks - calls << "% waiting or elsewhere; "
+        << (looks.process().used() - used_) * 100 / static_cast<uint64_t>(elapsed)
+        << "% of a processor" << between;
     out << "objects:";
     put_lists(out, main);
     out << between << "memory: " << main.user_bytes << " (peak " << main.user_peak
@@ -197,7 +199,7 @@ bool top(Looks &looks, const Options &options, Text &out, Text &err) {
     const bool whole = isatty(STDOUT_FILENO) != 0;
     const Keys keys;
     Order order = Order::count;
-    Counts counts(now());
+    Counts counts(looks.process());
     looks.take(looks.fresh().size());  // of the time before
     bool fine = true;
     while (fine && looks.next(kWait)) {
@@ -217,7 +219,7 @@ bool top(Looks &looks, const Options &options, Text &out, Text &err) {
         counts.put_summary(out, looks, !whole);
         if (whole) counts.put_rows(out, order);
         fine = out.flush();
-        if (key == 0) counts.begin(now());
+        if (key == 0) counts = Counts(looks.process());
     }
     if (const std::string failure = looks.process().failure(); !failure.empty()) {
         err << "qvcl-trace: pid:" << looks.process().pid() << ": " << failure << '\n';
