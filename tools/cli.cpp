@@ -37,8 +37,14 @@ constexpr Command kTable[] = {
      1, "FILE"},
     {"follow", nullptr, 1, false, "lines as they come, of a live process", 1, {}, follow},
     {"top", nullptr, 1, false, "once a second what a live process does most", 1, {}, top},
-    {"watch", nullptr, 1, false, "snapshots of a live process whenever a callback does not return",
-     1, {}, watch}};
+    {"watch",
+     nullptr,
+     1,
+     false,
+     "snapshots of a live process whenever a callback does not return",
+     1,
+     {},
+     watch}};
 
 bool parse_number(const char *text, uint64_t &value) {
     const bool hex = text[0] == '0' && (text[1] | 0x20) == 'x';

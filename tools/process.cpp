@@ -141,7 +141,7 @@ std::string Process::open() {
     const std::string stat = place(pid_, "stat");
     start_ = stat_field(stat, kStart);
     if (start_.empty()) return "no such process";
-    if (strtoull(stat_field(stat, kFlags).c_str(), nullptr, 10) & kKernelThread) {
+    if ((strtoull(stat_field(stat, kFlags).c_str(), nullptr, 10) & kKernelThread) != 0) {
         return "a thread of the kernel, not a process";
     }
     if (stat_field(stat, kState) == "Z") {

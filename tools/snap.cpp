@@ -54,12 +54,9 @@ void write_file(const std::string &path, const Source &source) {
 bool snap(Dumps dumps, const Options &options, Text &out) {
     const Dump &dump = dumps.front();
     if (options.out == "-") {
-        std::vector<uint8_t> piece(kPiece);
-        for (uint64_t at = 0; const uint64_t got = dump.from->read(at, piece.data(), kPiece);
-             at += got) {
-            out << std::string_view(reinterpret_cast<const char *>(piece.data()), got);
-            out.spill();
-        }
+        std::vector<uint8_t> bytes(dump.from->size());
+        const uint64_t got = dump.from->read(0, bytes.data(), bytes.size());
+        out << std::string_view(reinterpret_cast<const char *>(bytes.data()), got);
         return true;
     }
     const std::string path = options.out.empty() ? name_of(dump) : options.out;

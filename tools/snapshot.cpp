@@ -208,7 +208,7 @@ Look look_at(const Memory &memory, uint64_t main_table, bool at_rest) {
 // The better of both: with as many whole rings as can be had.
 void take_better(Look &best, Look &&look) {
     const auto rank = [](const Look &l) {
-        return 4 * int{l.whole()} + 2 * int{l.library.whole} + int{l.user.whole};
+        return (l.whole() ? 4 : 0) + (l.library.whole ? 2 : 0) + (l.user.whole ? 1 : 0);
     };
     if (best.time == 0 || rank(look) >= rank(best)) best = std::move(look);
 }

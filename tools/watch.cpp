@@ -26,8 +26,7 @@ const Record *open_callback(const Trace &trace) {
 // A name that no file has yet.
 std::string free_name(const std::string &folder, pid_t pid, uint64_t &number) {
     for (;; ++number) {
-        const std::string name =
-            (Text() << folder << "/qvcl-" << pid << '-' << number << ".trc").str();
+        std::string name = (Text() << folder << "/qvcl-" << pid << '-' << number << ".trc").str();
         if (access(name.c_str(), F_OK) != 0) return name;
     }
 }
