@@ -60,7 +60,7 @@ void crash_in_callback() {
 }
 
 // malloc finds the size of the heap's last piece impossible, and aborts with its lock held.
-void corrupt_heap() {
+[[maybe_unused]] void corrupt_heap() {
     auto *last = static_cast<char *>(malloc(100000));
     memset(last, 0xff, malloc_usable_size(last) + 8);
     free(malloc(100000));

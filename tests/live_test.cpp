@@ -363,7 +363,8 @@ std::string core_of(const Process &process) {
             ++count;
         }
         const uint64_t whole = mapping.end - mapping.begin;
-        const uint64_t size = mapping.writable ? whole : mapping.offset == 0 ? 4096 : 0;
+        const bool kept = mapping.writable && whole < 1 << 30;  // not a sanitizer's shadow
+        const uint64_t size = kept ? whole : mapping.offset == 0 ? 4096 : 0;
         std::string bytes(size, '\0');
         bytes.resize(process.read(mapping.begin, bytes.data(), size));
         Elf64_Phdr header{PT_LOAD,

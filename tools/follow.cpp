@@ -19,11 +19,9 @@ size_t complete(const Looks &looks) {
     for (const uint32_t i : trace.open) {
         const Record &record = trace.records[i];
         if (record.api() == CL_API_LOOP) continue;
-        const auto before = std::ranges::lower_bound(fresh, i) - fresh.begin();
-        const bool too_many = fresh.size() > trace.records.size() / 4;
-        if (static_cast<int64_t>(now() - record.time) < kPatience && !too_many) {
-            return static_cast<size_t>(before);
-        }
+        const auto before = static_cast<size_t>(std::ranges::lower_bound(fresh, i) - fresh.begin());
+        const bool too_many = fresh.size() - before > trace.records.size() / 4;
+        if (static_cast<int64_t>(now() - record.time) < kPatience && !too_many) return before;
         break;
     }
     return fresh.size();
