@@ -7,6 +7,7 @@
 
 #ifdef QVCL_ELFUTILS
 #include <cxxabi.h>
+#include <elfutils/libdw.h>
 #include <elfutils/libdwelf.h>
 #include <elfutils/libdwfl.h>
 #include <fcntl.h>
@@ -51,6 +52,8 @@ class Symbols {
     std::string name_of(uint64_t address) const;
 
   private:
+    Dwarf_Line *line_of(uint64_t address) const;
+
     Dwfl *dwfl_ = nullptr;
     Dwfl_Module *module_ = nullptr;
 };
@@ -113,12 +116,23 @@ std::string Symbols::name_of(uint64_t address) const {
     text.plain(demangled(name));
     if (offset != 0) (text << '+').hex(offset);
     int line = 0;
-    Dwfl_Line *place = dwfl_module_getsrc(module_, address);
-    const char *file = place != nullptr
-                           ? dwfl_lineinfo(place, nullptr, &line, nullptr, nullptr, nullptr)
-                           : nullptr;
-    if (file != nullptr) (text << " (").plain(base_name(file)) << ':' << line << ')';
+    Dwarf_Line *place = line_of(address);
+    const char *file = place != nullptr ? dwarf_linesrc(place, nullptr, nullptr) : nullptr;
+    if (file != nullptr && dwarf_lineno(place, &line) == 0) {
+        (text << " (").plain(base_name(file)) << ':' << line << ')';
+    }
     return text.str();
+}
+
+// Every unit is asked whether the address is its own: the table of addresses that would say so is
+// one that not all compilers write.
+Dwarf_Line *Symbols::line_of(uint64_t address) const {
+    Dwarf_Addr bias = 0;
+    Dwarf_Die *unit = nullptr;
+    while ((unit = dwfl_module_nextcu(module_, unit, &bias)) != nullptr) {
+        if (dwarf_haspc(unit, address - bias) == 1) return dwarf_getsrc_die(unit, address - bias);
+    }
+    return nullptr;
 }
 
 #else
