@@ -154,9 +154,16 @@ TEST_F(Talk, IsJoinedWithNothingLeft) {
                   ->header()
                   .type,
               kUnread);
-    trace_reader::Text text, json;
+    trace_reader::Text text, later, json;
     EXPECT_TRUE(flow(whole.dumps, {}, text));
     EXPECT_THAT(text.str(), testing::HasSubstr("51 joined\n         1 sent and not read\n"));
+    EXPECT_THAT(text.str(), Not(testing::HasSubstr("quiet")));
+    for (Dump &dump : whole.dumps) {
+        dump.time = whole.flow->spans[1].end + 5000000;
+        dump.time_from = trace_reader::TimeFrom::snapshot;
+    }
+    EXPECT_TRUE(flow(whole.dumps, {}, later));
+    EXPECT_THAT(later.str(), testing::ContainsRegex("quiet for 5[^\n]* bytes, not read\n"));
     EXPECT_TRUE(export_json(whole.dumps, {}, json));
     for (const char *phase : {R"("ph":"s")", R"("ph":"f")"}) {
         size_t arrows = 0;

@@ -182,7 +182,7 @@ TEST_F(Reading, BeginsWithHowTheTraceEnded) {
     put(CL_TrcHandle{}, CL_API_STOP_TIMER, 0);
     const std::string at = "time: 1790000002.500000\nprocess: 7\n",
                       open =
-                          "open at 2026-09-21 14:13:22.500000 (by its header text), in "
+                          "not returned at 2026-09-21 14:13:22.500000 (by its time stamp), in "
                           "CL_EventLoop_M for 2.500s:\n"
                           "    1.500s  callback TIMER 0x1234, since 14:13:21.000000\n"
                           "    1.250s    CL_StopTIMER_M, called at d.c:0, since ",
@@ -204,7 +204,8 @@ TEST_F(Reading, BeginsWithHowTheTraceEnded) {
         {at + "signal: 999 \ncode: 77\n", "killed by signal 999 (code 77), in "},
         // A clock that is behind the records is not asked.
         {"time: 1790000000.000001\n",
-         "open at 2026-09-21 14:13:21.250000 (by its newest record), in CL_EventLoop_M for 1.250s"},
+         "not returned at 2026-09-21 14:13:21.250000 (by its newest record), in CL_EventLoop_M for "
+         "1.250s"},
     };
     for (const auto &[header, begins] : cases) {
         CL_TRC_Out("dump", header.c_str());
@@ -213,8 +214,8 @@ TEST_F(Reading, BeginsWithHowTheTraceEnded) {
     }
     EXPECT_THAT(tool({"show", "--failures", "dump"}), Not(HasSubstr("open")));
     EXPECT_THAT(tool({"report", "waits"}),
-                testing::StartsWith("nothing was open at 2026-09-21 14:13:22.500000 (by its header "
-                                    "text) but CL_EventLoop_M for 2.500s\n"));
+                testing::StartsWith("in no callback at 2026-09-21 14:13:22.500000 (by its time "
+                                    "stamp), in CL_EventLoop_M for 2.500s\n"));
 }
 
 // ---- Timelines

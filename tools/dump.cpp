@@ -234,6 +234,22 @@ void Problems::print(Text &out, std::string_view file) const {
     }
 }
 
+std::string_view name_of(TimeFrom from) {
+    switch (from) {
+        case TimeFrom::nothing:
+            return "";
+        case TimeFrom::header:
+            return "its time stamp";
+        case TimeFrom::file:
+            return "the file's modification time";
+        case TimeFrom::snapshot:
+            return "the snapshot";
+        case TimeFrom::newest_record:
+            return "its newest record";
+    }
+    return "";
+}
+
 void Dump::load(const Source &source, bool with_objects) {
     from = &source;
     size = source.size();
@@ -241,7 +257,7 @@ void Dump::load(const Source &source, bool with_objects) {
     loader.blocks();
     header = HeaderLines::parse(text);
     time = header.time.value_or(source.modified());
-    time_from = header.time ? "its header text" : time != 0 ? "the file's modification time" : "";
+    time_from = header.time ? TimeFrom::header : time != 0 ? TimeFrom::file : TimeFrom::nothing;
     names = names_of(header.modules, header.pid);
     for (Ring &ring : rings)
         loader.ring(ring);

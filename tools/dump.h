@@ -77,16 +77,20 @@ class Names {
     virtual std::string name_of(uint64_t address) const = 0;
 };
 
+// What says when a dump was taken, or how far a trace reaches.
+enum class TimeFrom { nothing, header, file, snapshot, newest_record };
+std::string_view name_of(TimeFrom from);  // "its time stamp"
+
 struct Dump {
     std::string name;
     const Source *from = nullptr;  // what was loaded, and must outlive this
     uint64_t size = 0;
     std::string text;  // header text, in front of the blocks
     HeaderLines header;
-    // When the dump was taken, in microseconds since the epoch, and what says so; 0 and empty when
-    // nothing does. What was open then has been open until then.
+    // When the dump was taken, in microseconds since the epoch, and what says so; 0 when nothing
+    // does. What was open then has been open until then.
     uint64_t time = 0;
-    std::string_view time_from;
+    TimeFrom time_from = TimeFrom::nothing;
     std::shared_ptr<const Names> names;  // may be null
     Ring rings[2];                       // by CL_RING_USER and CL_RING_LIBRARY
     Block main_block;

@@ -38,14 +38,6 @@ std::string_view meaning_of(uint64_t number, int64_t code) {
     return number == SIGSEGV && code == SI_KERNEL ? "no valid address" : "";
 }
 
-// "callback MESSAGE on_line (echo_server.c:120) of #4 MSGC", "CL_RecvMSGC_M of #4 MSGC".
-void put_call(Text &out, const Dump &dump, const Trace &trace, const Record &record) {
-    put_title(out, record);
-    if (record.is_callback()) put_callback(out << ' ', dump, record);
-    if (const uint64_t object = trace.object_of(record)) put_object(out << " of ", dump, object);
-    if (!record.is_callback()) put_position(out << ", called at ", record);
-}
-
 // The innermost open record for which the condition holds; null when there is none.
 template <class Condition>
 const Record *innermost(const Trace &trace, Condition condition) {
@@ -68,6 +60,13 @@ const Record *last_exit(const Trace &trace) {
 }
 
 }  // namespace
+
+void put_call(Text &out, const Dump &dump, const Trace &trace, const Record &record) {
+    put_title(out, record);
+    if (record.is_callback()) put_callback(out << ' ', dump, record);
+    if (const uint64_t object = trace.object_of(record)) put_object(out << " of ", dump, object);
+    if (!record.is_callback()) put_position(out << ", called at ", record);
+}
 
 void put_killed(Text &out, const Dump &dump, const Trace &trace) {
     if (!dump.header.signal) return;
@@ -114,24 +113,26 @@ void put_open(Text &out, const Dump &dump, const Trace &trace) {
     if (std::ranges::none_of(trace.records, &Record::is_call)) return;
     const Record *loop = innermost(trace, is_loop);
     const size_t others = trace.open.size() - (loop != nullptr ? 1 : 0);
-    // A call may be open whose beginning is overwritten by what it did since.
+    const Record *last = last_exit(trace);
+    // A call may be open whose beginning is overwritten by what it did since: such as the loop.
     const bool wrapped = dump.rings[CL_RING_LIBRARY].head.wrapped != 0;
-    out << (others != 0 ? "open at "
-            : wrapped   ? "nothing that began within the trace was open at "
-                        : "nothing was open at ");
+    const bool in_loop = loop != nullptr || (last != nullptr && last->is_callback());
+    out << (others != 0 ? "not returned at "
+            : in_loop   ? "in no callback at "
+            : wrapped   ? "in nothing that began within the trace, at "
+                        : "in no call at ");
     out.day(trace.until) << ' ';
-    out.clock(trace.until) << " (by " << trace.until_from << ')';
+    out.clock(trace.until) << " (by " << name_of(trace.until_from) << ')';
     if (loop != nullptr) {
-        out << (others != 0 ? ", in " : " but ");
-        put_title(out, *loop);
+        put_title(out << ", in ", *loop);
         out << " for ";
         out.duration(trace.open_for(*loop));
     }
-    if (const Record *last = last_exit(trace); others == 0 && last != nullptr) {
-        out << "; ";
-        out.duration(trace.open_for(*last)) << " before ended ";
+    if (others == 0 && last != nullptr) {
         const Record *entry = trace.partner(*last);
-        put_call(out, dump, trace, entry != nullptr ? *entry : *last);
+        put_call(out << "; the last was ", dump, trace, entry != nullptr ? *entry : *last);
+        out << ", which ended ";
+        out.duration(trace.open_for(*last)) << " before";
     }
     out << (others != 0 ? ":\n" : "\n");
     size_t depth = 0;

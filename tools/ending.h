@@ -5,6 +5,9 @@
 
 namespace trace_reader {
 
+// "callback MESSAGE on_line (echo_server.c:120) of #4 MSGC",
+// "CL_RecvMSGC_M of #4 MSGC, called at echo_client.c:87".
+void put_call(Text &out, const Dump &dump, const Trace &trace, const Record &record);
 // "killed by SIGSEGV ... in callback ..."; nothing unless the header text tells a fatal signal.
 void put_killed(Text &out, const Dump &dump, const Trace &trace);
 // What was open when the dump was taken, outermost first, and for how long. The event loop is open

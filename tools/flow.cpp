@@ -1,11 +1,12 @@
-// flow: the messages between the processes of several traces, one line each in order of sending,
-// and behind them how long they lay, by pair of processes and type. Messages that only one trace
-// can tell of are counted.
+// flow: what became of the messages between the processes of several traces, and which connections
+// are quiet; then the messages, one line each in order of sending, and how long they lay, by pair
+// of processes and type. Messages that only one trace can tell of are counted.
 #include <algorithm>
 #include <map>
 #include <tuple>
 
 #include "tools/commands.h"
+#include "tools/ending.h"
 #include "tools/join.h"
 #include "tools/render.h"
 
@@ -15,16 +16,23 @@ namespace {
 
 constexpr size_t kDurationWidth = 8;
 constexpr size_t kNumberWidth = 10;
+constexpr int64_t kQuiet = 1000000;  // microseconds without a message that are worth a line
+constexpr size_t kMostQuiet = 5;
 
 class FlowText {
   public:
-    FlowText(Dumps dumps, const Flow &flow, Text &out);
+    FlowText(Dumps dumps, std::span<const Trace> traces, const Flow &flow, Text &out);
     void put_messages();
     void put_latencies();
     void put_traces();
     void put_counts();
+    void put_quiet();
 
   private:
+    struct Quiet {  // a connection that is open, and its last message
+        int64_t duration;
+        const Message *last;
+    };
     struct Row {
         uint64_t ambiguous = 0, lost = 0;
         std::vector<int64_t> lay;
@@ -34,18 +42,23 @@ class FlowText {
     const Message &other(const Message &message) const { return flow_.messages[message.other]; }
     void put_end(Text &out, const End &end) const;
     void put_other_end(Text &out, const End &end, bool with_object) const;
+    std::optional<Quiet> quiet(uint32_t number) const;
+    bool is_open(uint32_t number) const;
+    void put_route(const Message &message);
+    void put_quiet(const Quiet &quiet);
     void put_message(const Message &message);
     void put_fate(const Message &message);
 
     Dumps dumps_;
+    std::span<const Trace> traces_;
     const Flow &flow_;
     Text &out_;
     std::vector<std::string> names_;  // of the traces
 };
 
 // A file is named without its folder where that is enough to tell it from the others.
-FlowText::FlowText(Dumps dumps, const Flow &flow, Text &out)
-    : dumps_(dumps), flow_(flow), out_(out) {
+FlowText::FlowText(Dumps dumps, std::span<const Trace> traces, const Flow &flow, Text &out)
+    : dumps_(dumps), traces_(traces), flow_(flow), out_(out) {
     for (const Dump &dump : dumps)
         names_.push_back(dump.name.substr(dump.name.rfind('/') + 1));
     const std::vector<std::string> brief = names_;
@@ -96,15 +109,9 @@ void FlowText::put_fate(const Message &message) {
     }
 }
 
-void FlowText::put_message(const Message &message) {
+// "server #3 -> client #0  type 2, 80 bytes"
+void FlowText::put_route(const Message &message) {
     const End &end = end_of(message);
-    const CL_MsgHeader header = message.header();
-    const auto lay = flow_.lay(message);
-    const bool lost = message.fate == Fate::lost;
-    out_.colour(Colour::dim).clock(message.time).colour(Colour::none) << ' ';
-    out_.right(lay ? Text().duration(*lay).str() : "", kDurationWidth);
-    out_.colour(lost ? Colour::red : Colour::none);
-    out_ << (lost ? " ! " : message.fate == Fate::ambiguous ? " ? " : "   ");
     if (message.sent) {
         put_end(out_, end);
         put_other_end(out_ << " -> ", end, true);
@@ -112,8 +119,20 @@ void FlowText::put_message(const Message &message) {
         put_other_end(out_, end, true);
         put_end(out_ << " -> ", end);
     }
+    const CL_MsgHeader header = message.header();
     out_ << "  type " << header.type << ", " << header.length << " bytes";
-    if (const Bytes payload = part(part(message.bytes, 0, header.length), sizeof header);
+}
+
+void FlowText::put_message(const Message &message) {
+    const auto lay = flow_.lay(message);
+    const bool lost = message.fate == Fate::lost;
+    out_.colour(Colour::dim).clock(message.time).colour(Colour::none) << ' ';
+    out_.right(lay ? Text().duration(*lay).str() : "", kDurationWidth);
+    out_.colour(lost ? Colour::red : Colour::none);
+    out_ << (lost ? " ! " : message.fate == Fate::ambiguous ? " ? " : "   ");
+    put_route(message);
+    if (const Bytes payload =
+            part(part(message.bytes, 0, message.header().length), sizeof(CL_MsgHeader));
         !payload.empty()) {
         (out_ << "  ").dump(payload);
     }
@@ -217,6 +236,81 @@ void FlowText::put_counts() {
     }
 }
 
+// Whether the connection was there when the dump was taken.
+bool FlowText::is_open(uint32_t number) const {
+    const End &end = flow_.ends[number];
+    const Dump &dump = dumps_[end.trace];
+    const auto slot = dump.slot_of(end.handle);
+    const bool was_later = std::ranges::any_of(
+        std::span(flow_.ends).subspan(number + 1),
+        [&](const End &e) { return e.trace == end.trace && e.handle == end.handle; });
+    return !was_later && slot && *slot < dump.objects.size() && dump.is_live(*slot);
+}
+
+// Of both ends of a connection the first one answers.
+std::optional<FlowText::Quiet> FlowText::quiet(uint32_t number) const {
+    const End &end = flow_.ends[number];
+    if (end.other == kNone || end.other < number || !is_open(number) || !is_open(end.other)) {
+        return {};
+    }
+    const Message *last = nullptr;
+    for (const End *e : {&end, &flow_.ends[end.other]}) {
+        for (const auto *messages : {&e->sent, &e->read}) {
+            if (messages->empty()) continue;
+            const Message &message = flow_.messages[messages->back()];
+            if (last == nullptr || message.time > last->time) last = &message;
+        }
+    }
+    const uint64_t until =
+        std::min(flow_.spans[end.trace].end, flow_.spans[flow_.ends[end.other].trace].end);
+    if (last == nullptr || until < last->time) return {};
+    const auto duration = static_cast<int64_t>(until - last->time);
+    if (duration < kQuiet) return {};
+    return Quiet{duration, !last->sent && Flow::is_joined(*last) ? &other(*last) : last};
+}
+
+void FlowText::put_quiet(const Quiet &quiet) {
+    const Message &message = *quiet.last;
+    out_ << "quiet for ";
+    out_.duration(quiet.duration) << ": ";
+    put_route(message);
+    if (const auto lay = flow_.lay(message)) {
+        out_ << ", read after ";
+        out_.duration(*lay);
+        const uint32_t reader = end_of(other(message)).trace;
+        const Record &record = traces_[reader].records[other(message).record];
+        if (record.is_callback()) put_callback(out_ << " by ", dumps_[reader], record);
+    } else if (message.fate == Fate::lost && message.sent) {
+        out_ << ", not read";
+    }
+    out_ << '\n';
+    const End &end = end_of(message);
+    for (const uint32_t number : {end.trace, flow_.ends[end.other].trace}) {
+        const Trace &trace = traces_[number];
+        const auto open = std::ranges::find_if(
+            trace.open, [&](uint32_t i) { return trace.records[i].api() != CL_API_LOOP; });
+        if (open == trace.open.end()) continue;
+        const Record &record = trace.records[*open];
+        (out_ << "    ").plain(names_[number]) << " is in ";
+        put_call(out_, dumps_[number], trace, record);
+        out_ << ", for ";
+        out_.duration(trace.open_for(record)) << '\n';
+    }
+}
+
+void FlowText::put_quiet() {
+    std::vector<Quiet> all;
+    for (uint32_t i = 0; i < flow_.ends.size(); ++i) {
+        if (const auto one = quiet(i)) all.push_back(*one);
+    }
+    // Those that began to be quiet last come last: where many wait, they wait for the first.
+    std::ranges::stable_sort(all, std::greater(), &Quiet::duration);
+    const size_t shown = std::min(all.size(), kMostQuiet);
+    for (const Quiet &one : std::span(all).first(shown))
+        put_quiet(one);
+    if (shown < all.size()) out_ << "and " << all.size() - shown << " other connections\n";
+}
+
 }  // namespace
 
 bool flow(Dumps dumps, const Options &, Text &out) {
@@ -224,13 +318,13 @@ bool flow(Dumps dumps, const Options &, Text &out) {
     for (Dump &dump : dumps)
         traces.emplace_back(dump, CL_RING_LIBRARY);
     const Flow flow(dumps, traces);
-    FlowText text(dumps, flow, out);
-    text.put_messages();
-    out << '\n';
+    FlowText text(dumps, traces, flow, out);
     text.put_traces();
-    text.put_latencies();
-    out << '\n';
     text.put_counts();
+    text.put_quiet();
+    out << '\n';
+    text.put_messages();
+    text.put_latencies();
     return true;
 }
 

@@ -80,9 +80,7 @@ void Gathering::span() {
     }
     // Until the dump there would have been more records. A file's own time says nothing of that:
     // copying changes it.
-    if (dump_.time_from != "the file's modification time") {
-        span.end = std::max(span.end, dump_.time);
-    }
+    if (dump_.time_from != TimeFrom::file) span.end = std::max(span.end, dump_.time);
 }
 
 const CL_Object *Gathering::object_at(uint64_t handle) const {

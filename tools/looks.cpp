@@ -82,7 +82,7 @@ void Looks::look() {
     dump_->load(*source_, false);
     dump_->names = names_;
     dump_->time = now();
-    dump_->time_from = "the snapshot";
+    dump_->time_from = TimeFrom::snapshot;
     trace_ = std::make_unique<Trace>(*dump_);
     find_fresh();
 }

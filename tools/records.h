@@ -73,7 +73,7 @@ class Trace {
     // The end of the trace in microseconds since the epoch, and what says so: when the dump was
     // taken, or when its newest record was written if that is later or all that is known.
     uint64_t until = 0;
-    std::string_view until_from = "its newest record";
+    TimeFrom until_from = TimeFrom::newest_record;
 
   private:
     void pair();

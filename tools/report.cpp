@@ -145,9 +145,7 @@ void put_slowest(Text &out, const Dump &dump, const Trace &trace) {
     for (const auto &[duration, record] : std::span(slow).first(shown)) {
         out.right(Text().duration(duration).str(), kNumberWidth) << "  ";
         out.clock(record->time) << "  ";
-        put_title(out, *record);
-        put_callback(out << ' ', dump, *record);
-        put_object(out << " of ", dump, trace.object_of(*record));
+        put_call(out, dump, trace, *record);
         out << '\n';
     }
 }
@@ -181,6 +179,59 @@ void put_longest_gap(Text &out, const Trace &trace) {
     out << "longest gap between two iterations that called back: ";
     out.duration(gap) << ", from ";
     out.clock(longest->time) << '\n';
+}
+
+// How much of the time went into the callbacks of the loop, those included that are open, and which
+// of those that ended took longest: while it ran, nothing else did.
+void put_busy(Text &out, const Dump &dump, const Trace &trace) {
+    if (trace.records.empty()) return;
+    const Record *slowest = nullptr;
+    int64_t longest = 0;
+    double busy = 0;  // no sum of times is too large for it
+    // A file's own time may be that of its copy.
+    const uint64_t end =
+        trace.until_from == TimeFrom::file ? trace.records.back().time : trace.until;
+    for (const Record &record : trace.records) {
+        const bool is_outermost =
+            record.parent == kNone || trace.records[record.parent].api() == CL_API_LOOP;
+        if (!record.is_callback() || record.exit || !is_outermost) continue;
+        const auto duration = trace.duration(record);
+        busy += static_cast<double>(duration.value_or(static_cast<int64_t>(end - record.time)));
+        if (!duration || (slowest != nullptr && *duration <= longest)) continue;
+        slowest = &record;
+        longest = *duration;
+    }
+    const auto whole = static_cast<double>(end) - static_cast<double>(trace.records.front().time);
+    if (slowest == nullptr || whole <= 0) return;
+    out << "callbacks took " << static_cast<int64_t>(std::clamp(busy * 100 / whole, 0., 100.))
+        << " % of the time, the slowest that returned ";
+    out.duration(longest) << ": ";
+    put_call(out, dump, trace, *slowest);
+    out << ", at ";
+    out.clock(slowest->time) << '\n';
+}
+
+// A connection that is listed, but neither receives nor sends nor connects: the loop does not watch
+// it, and what the other end sends stays where it is. One whose callback runs may yet be told to.
+void put_unwatched(Text &out, const Dump &dump, const Trace &trace) {
+    size_t count = 0;
+    std::string first;
+    for (uint64_t slot = 0; slot < dump.objects.size(); ++slot) {
+        const CL_Object &object = dump.objects[slot];
+        const uint64_t handle = dump.address_of(slot);
+        const bool runs = std::ranges::any_of(
+            trace.open, [&](uint32_t i) { return trace.object_of(trace.records[i]) == handle; });
+        if (!dump.is_live(slot) || object.kind != CL_KIND_MSGC || runs ||
+            (object.status & (CL_STATUS_LISTED | CL_STATUS_FAILED)) != CL_STATUS_LISTED ||
+            object.sub_status != 0) {
+            continue;
+        }
+        if (++count == 1) first = text_of([&](Text &t) { put_object(t, dump, handle); });
+    }
+    if (count == 0) return;
+    out << "listed, but not watched, as nothing is pending: " << first;
+    if (count > 1) out << " and " << count - 1 << " other connections";
+    out << '\n';
 }
 
 }  // namespace
@@ -228,6 +279,8 @@ bool report(Dumps dumps, const Options &, Text &out) {
         out.duration(static_cast<int64_t>(last - first)) << ')';
     }
     out << '\n';
+    put_busy(out, dump, trace);
+    put_unwatched(out, dump, trace);
     put_longest_gap(out, trace);
     put_failures(out, dump, failures);
     put_rows(out, "operation", by_operation);

@@ -73,9 +73,17 @@ void put_ring(Text &out, const Dump &dump, const Ring &ring) {
     out << '\n';
 }
 
+void put_header_text(Text &out, std::string_view text) {
+    for (std::string_view name = "header text"; !text.empty(); name = "") {
+        const std::string_view line = text.substr(0, text.find('\n'));
+        label(out, name).quoted(line) << '\n';
+        text.remove_prefix(std::min(line.size() + 1, text.size()));
+    }
+}
+
 void put_file(Text &out, const Dump &dump) {
     out << "file of " << dump.size << " bytes\n";
-    if (!dump.text.empty()) label(out, "header text").quoted(dump.text) << '\n';
+    put_header_text(out, dump.text);
     put_ring(out, dump, dump.rings[CL_RING_LIBRARY]);
     put_ring(out, dump, dump.rings[CL_RING_USER]);
     for (const Block *block : {&dump.main_block, &dump.table}) {

@@ -214,7 +214,7 @@ void TimelineWriter::put_arguments(const Timeline::Process &process, const Recor
             duration << "began before the trace";
         } else if (trace.is_open(record)) {
             put_open_for(duration, trace, record);
-            duration << " by " << trace.until_from;
+            duration << " by " << name_of(trace.until_from);
         } else {
             duration << "left by a jump";
         }
