@@ -16,6 +16,7 @@
 
 #include "tools/looks.h"
 #include "tools/names.h"
+#include "tools/progress.h"
 #include "tools/records.h"
 
 namespace trace_reader {
@@ -146,7 +147,8 @@ constexpr Option kOptions[] = {
     {"stall", "TIME", "watch",
      [](Options &o, const char *text) { return (o.stall = parse_duration(text)).has_value(); },
      "how long a callback may take: 5s (1s without it)"},
-    {"max", "N", "watch", [](Options &o, const char *text) { return parse_number(text, o.max); },
+    {"max", "N", "watch",
+     [](Options &o, const char *text) { return parse_number(text, o.max) && o.max != 0; },
      "snapshots at most, 10 without it"},
     {"interval", "TIME", "top",
      [](Options &o, const char *text) {
@@ -236,6 +238,7 @@ constinit const std::span<const Command> kCommands = kTable;
 Status run_command(const Command &command, const Options &options,
                    std::span<const std::string> names, std::span<const Source *const> sources,
                    Text &out, Text &err) {
+    Progress::begin_command();
     std::vector<Dump> dumps(sources.size());
     for (size_t i = 0; i < dumps.size(); ++i) {
         dumps[i].name = names[i];
@@ -287,7 +290,8 @@ Status run(int argc, char **argv, Text &out, Text &err) {
         }
     }
     std::span names = std::span(line.words).subspan(1);
-    if (!command->writes.empty() && names.size() == command->files + 1) {
+    const bool writes = !command->writes.empty() && line.options.out.empty();
+    if (writes && names.size() == command->files + 1) {
         line.options.out = names.back();
         names = names.first(command->files);
     }

@@ -11,6 +11,8 @@
 #include <array>
 #include <cerrno>
 
+#include "tools/progress.h"
+
 namespace trace_reader {
 
 namespace {
@@ -186,7 +188,9 @@ void RingWalk::run() {
     bounds();
     out_.reserve(std::min(used_, ring_.held));
     bool lost = false;
+    Progress progress("reading records", ring_.head.entry_count);
     for (uint64_t k = 0; k < ring_.head.entry_count;) {
+        progress.at(k);
         if (entry(k) == nullptr) {
             k += ring_.head.entry_count - index(k);
             continue;

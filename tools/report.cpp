@@ -7,6 +7,7 @@
 
 #include "tools/commands.h"
 #include "tools/ending.h"
+#include "tools/progress.h"
 #include "tools/render.h"
 
 namespace trace_reader {
@@ -242,7 +243,9 @@ bool report(Dumps dumps, const Options &, Text &out) {
     uint64_t changes = 0, users = 0;
     Rows by_operation, by_object;
     Failures failures;
+    Progress progress("counting records", trace.records.size());
     for (const Record &record : trace.records) {
+        progress.at(static_cast<uint64_t>(&record - trace.records.data()));
         if (record.api() == CL_API_STATUS) ++changes;
         if (record.ring == CL_RING_USER) ++users;
         if (!trace.is_told(record)) continue;

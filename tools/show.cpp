@@ -5,6 +5,7 @@
 #include <ctime>
 
 #include "tools/ending.h"
+#include "tools/progress.h"
 #include "tools/render.h"
 #include "tools/show.h"
 
@@ -108,8 +109,11 @@ bool show(Dumps dumps, const Options &options, Text &out) {
     Lines::Day day;
     Lines lines(dump, trace, out, day);
     const size_t begin = chosen.size() - std::min<size_t>(chosen.size(), options.last);
-    for (const uint32_t i : std::span(chosen).subspan(begin))
-        lines.put(trace.records[i]);
+    Progress progress("writing lines", chosen.size() - begin, true);
+    for (size_t i = begin; i < chosen.size(); ++i) {
+        progress.at(i - begin);
+        lines.put(trace.records[chosen[i]]);
+    }
     return true;
 }
 

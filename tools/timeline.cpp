@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "tools/ending.h"
+#include "tools/progress.h"
 #include "tools/render.h"
 
 namespace trace_reader {
@@ -267,7 +268,9 @@ void TimelineWriter::put_process(size_t index) {
     const auto &[dump, trace, moments, number] = process;
     put_name("process_name", number, 0, name_of(dump));
     put_order("process_sort_index", number, 0, index + 1);
+    Progress progress("writing records", trace.records.size(), true);
     for (uint32_t i = 0; i < trace.records.size(); ++i) {
+        progress.at(i);
         const Record &record = trace.records[i];
         if (trace.is_told(record)) {
             put_event(process, i, tracks_[index].of(dump, trace.object_of(record)));

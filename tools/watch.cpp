@@ -69,7 +69,7 @@ bool watch(Looks &looks, const Options &options, Text &out, Text &err) {
         put_stall(out, looks, *callback, path);
         ++told;
     } while (told < options.max && looks.next(kWait));
-    if (told >= options.max) err << "qvcl-trace: " << told << " snapshots, and no more\n";
+    if (told >= options.max) err << "qvcl-trace: ended, as --max=" << told << " says\n";
     return true;
 }
 
