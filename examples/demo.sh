@@ -94,6 +94,31 @@ kill -TERM $server
 succeeds echo_server $server
 show server2.out 'clients|leak'
 
+if [[ -x $trace ]]; then
+    title 'A server hangs: nobody reads what it prints. It is looked into without its help'
+    mkfifo unread
+    exec 8<>unread
+    "$bin/echo_server" -r 1 stuck.socket >&8 2>stuck.log &
+    stuck=$!
+    read -rt 20 -u 8 _ # listening
+    dd if=/dev/zero of=unread bs=4096 count=64 oflag=nonblock 2>/dev/null || true # until it is full
+    for ((i = 0; i < 60; ++i)); do
+        "$trace" report pid:$stuck >stuck.out 2>&1 || true
+        ! grep -Eq '^ +[1-9][0-9.]*s  callback TIMER|not permitted' stuck.out || break
+        sleep 0.1
+    done
+    echo "    \$ qvcl-trace report pid:$stuck"
+    if grep -q 'not permitted' stuck.out; then
+        show stuck.out 'not permitted'
+    else
+        grep -q 'callback TIMER .*#1 TIMER' stuck.out || { echo 'demo: it does not hang'; exit 1; }
+        head -n 4 stuck.out | sed "s|$build/||; s/^/    /"
+    fi
+    disown $stuck
+    kill -KILL $stuck
+    exec 8>&-
+fi
+
 title 'A supervisor and three programs: one crashes once, one never reports'
 cat >programs.conf <<END
 [1-steady]

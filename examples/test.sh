@@ -128,6 +128,26 @@ test_echo() {
     done
     grep -aq '^signal: 11 SIGSEGV' crash.trc || complain 'the crash left no dump'
 
+    # Where nobody reads what it prints, it hangs in the callback that prints, and the reader of its
+    # memory says so, where it is built and allowed to look.
+    local trace=$bin/../tools/qvcl-trace
+    mkfifo unread
+    exec 8<>unread
+    "$bin/echo_server" -r 1 stuck.socket >&8 2>stuck.log &
+    server=$!
+    read -rt 20 -u 8 _ # listening
+    dd if=/dev/zero of=unread bs=4096 count=64 oflag=nonblock 2>/dev/null || true # until it is full
+    for ((i = 0; i < 200; ++i)); do
+        [[ -x $trace ]] || break
+        "$trace" report pid:$server >stuck.out 2>&1 || true
+        ! grep -Eq '^ .* callback TIMER .*#1 TIMER, since|not permitted' stuck.out || break
+        sleep 0.05
+    done
+    [[ ! -x $trace ]] || expect stuck.out '^ .* callback TIMER .*#1 TIMER, since|not permitted'
+    disown $server
+    kill -KILL $server
+    exec 8>&-
+
     # With more clients than it has descriptors for, the server says so and rests; whoever waits is
     # served when the others are gone.
     (ulimit -n 12; exec "$bin/echo_server" -r 1 socket) >full.out 2>full.log &
