@@ -54,6 +54,8 @@ class FlowText {
     const Flow &flow_;
     Text &out_;
     std::vector<std::string> names_;  // of the traces
+    // The connection that an object of a trace stood for last.
+    std::map<std::pair<uint32_t, uint64_t>, uint32_t> newest_;
 };
 
 // A file is named without its folder where that is enough to tell it from the others.
@@ -61,6 +63,8 @@ FlowText::FlowText(Dumps dumps, std::span<const Trace> traces, const Flow &flow,
     : dumps_(dumps), traces_(traces), flow_(flow), out_(out) {
     for (const Dump &dump : dumps)
         names_.push_back(dump.name.substr(dump.name.rfind('/') + 1));
+    for (uint32_t i = 0; i < flow.ends.size(); ++i)
+        newest_[{flow.ends[i].trace, flow.ends[i].handle}] = i;
     const std::vector<std::string> brief = names_;
     for (size_t i = 0; i < names_.size(); ++i) {
         if (std::ranges::count(brief, brief[i]) > 1) names_[i] = dumps[i].name;
@@ -241,10 +245,8 @@ bool FlowText::is_open(uint32_t number) const {
     const End &end = flow_.ends[number];
     const Dump &dump = dumps_[end.trace];
     const auto slot = dump.slot_of(end.handle);
-    const bool was_later = std::ranges::any_of(
-        std::span(flow_.ends).subspan(number + 1),
-        [&](const End &e) { return e.trace == end.trace && e.handle == end.handle; });
-    return !was_later && slot && *slot < dump.objects.size() && dump.is_live(*slot);
+    return newest_.at({end.trace, end.handle}) == number && slot && *slot < dump.objects.size() &&
+           dump.is_live(*slot);
 }
 
 // Of both ends of a connection the first one answers.

@@ -3,6 +3,7 @@
 // is anything new for some time. A record is known again by its place and by its head.
 #include "tools/looks.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -19,6 +20,13 @@ constexpr uint64_t kLate = 50000;   // microseconds: then a single record is wor
 constexpr size_t kKnown = 32;       // bytes that a record is known by
 
 volatile sig_atomic_t interrupted = 0;
+
+// Whether nobody reads the output any more: `head` has its lines, and the process may be silent for
+// hours until the next one meets the closed pipe.
+bool is_unread() {
+    pollfd output = {STDOUT_FILENO, 0, 0};
+    return poll(&output, 1, 0) == 1 && (output.revents & (POLLERR | POLLHUP)) != 0;
+}
 
 }  // namespace
 
@@ -54,6 +62,7 @@ bool Looks::worth_a_look(bool late) {
 }
 
 bool Looks::next(int milliseconds) {
+    if (is_unread()) return false;
     const uint64_t begin = now();
     const uint64_t end = begin + 1000 * static_cast<uint64_t>(milliseconds);
     for (uint64_t time = begin; time < end; time = now()) {

@@ -11,7 +11,8 @@ namespace trace_reader {
 
 class Looks {
   public:
-    // What ends the looks besides the end of the process: a signal to this one (SIGINT, SIGTERM).
+    // What ends the looks besides the end of the process: a signal to this one (SIGINT, SIGTERM),
+    // and that nobody reads its output any more.
     explicit Looks(pid_t pid);
 
     const std::string &failure() const { return failure_; }

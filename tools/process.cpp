@@ -176,7 +176,8 @@ std::string Process::failure() const {
     const std::string start = stat_field(place(pid_, "stat"), kStart);
     if (start == start_) {
         const std::string state = stat_field(place(pid_, "stat"), kState);
-        return state == "Z" || state == "X" ? "it has ended" : "";
+        // Between the two looks it may have vanished.
+        return state.empty() || state == "Z" || state == "X" ? "it has ended" : "";
     }
     return start.empty() ? "it has ended" : "it has ended, and its number is another's now";
 }
