@@ -20,18 +20,18 @@ int64_t milliseconds() {
 
 }  // namespace
 
-int64_t Progress::patience_ends = 0;
+int64_t Progress::patience_ends_ = 0;
 
 void Progress::begin_command() {
-    patience_ends = milliseconds() + kPatience;
+    patience_ends_ = milliseconds() + kPatience;
 }
 
 Progress::Progress(std::string_view what, uint64_t total, bool prints)
     : what_(what),
       total_(std::max<uint64_t>(total, 1)),
-      shown_(patience_ends != 0 && isatty(STDERR_FILENO) != 0 &&
+      shown_(patience_ends_ != 0 && isatty(STDERR_FILENO) != 0 &&
              !(prints && isatty(STDOUT_FILENO) != 0)),
-      next_(patience_ends) {}
+      next_(patience_ends_) {}
 
 Progress::~Progress() {
     if (told_) fputs("\r\33[K", stderr);

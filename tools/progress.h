@@ -23,7 +23,7 @@ class Progress {
     }
 
   private:
-    static int64_t patience_ends;            // in milliseconds; 0: never
+    static int64_t patience_ends_;           // in milliseconds; 0: never
     static constexpr uint64_t kMask = 1023;  // a clock is read so seldom
     void tell(uint64_t done);
 
