@@ -15,6 +15,7 @@
 #include <string_view>
 
 #include <qvcl/base.h>
+#include <qvcl/nest.h>
 #include <qvcl/recorder.h>
 #include <qvcl/starter.h>
 
@@ -46,6 +47,12 @@ inline constexpr Place kSources[] = {
     {CL_MODULE_THREAD, 0, "loop/cl_thread.cpp"},
     {CL_MODULE_STARTER, 0, "starter/cl_starter.cpp"},
     {CL_MODULE_RECORDER, 0, "starter/cl_crash.cpp"},
+    {CL_MODULE_NEST, 0, "starter/cl_nest.cpp"},
+    {CL_MODULE_NEST, 1, "starter/cl_nest_timer.cpp"},
+    {CL_MODULE_NEST, 2, "starter/cl_nest_watch.cpp"},
+    {CL_MODULE_NEST, 3, "starter/cl_nest_post.cpp"},
+    {CL_MODULE_NEST, 4, "starter/cl_nest_signal.cpp"},
+    {CL_MODULE_NEST, 5, "starter/cl_nest_process.cpp"},
     {kShared, 10, "loop/loop_policy.h"},
     {kShared, 11, "core/signal_handler.h"},
     {kShared, 12, "msg/socket.h"},

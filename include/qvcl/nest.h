@@ -103,8 +103,7 @@ typedef uint32_t (*CL_NestTimerCallback)(CL_NestTimer *timer, uint64_t missed, u
 
 /* A timer that does not run yet. callback, arg1, arg2: what it calls, and with what. The handle, or
  * null on failure.
- * Errors: CL_ERR_STATE (there is no nest), EFAULT (callback null), ENOMEM (no memory), errno
- * (timerfd_create, epoll_ctl). */
+ * Errors: CL_ERR_STATE (there is no nest), EFAULT (callback null), ENOMEM (no memory). */
 CL_NestTimer *CL_CreateNestTimer_M(uint32_t priority, CL_NestTimerCallback callback, uint64_t arg1,
                                    uint64_t arg2, CL_ErrInfo *err, uint8_t callerFlag,
                                    const char *file, uint32_t line);
