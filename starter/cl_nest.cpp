@@ -20,6 +20,7 @@ namespace {
 
 constexpr Failure fail{place(__FILE__)};
 constexpr SourceName kFile = source_name(__FILE__);
+constexpr uint32_t kFirstOwners = 64;
 
 }  // namespace
 
@@ -137,32 +138,77 @@ void renew_epoll(Nest &nest) {
     cl_u_close(fresh);
 }
 
+// Room for the owner of this number.
+bool reserve_owner(Nest &nest, int fd) {
+    const auto number = static_cast<uint32_t>(fd);
+    if (number < nest.owners_size) return true;
+    uint32_t size = nest.owners_size != 0 ? nest.owners_size : kFirstOwners;
+    while (size <= number)
+        size *= 2;
+    auto **owners = static_cast<Handle **>(CL_malloc_M(sizeof(Handle *) * size, 0, CL_FILE_LINE));
+    if (owners == nullptr) return false;
+    if (nest.owners != nullptr) {
+        memcpy(owners, nest.owners, sizeof(Handle *) * nest.owners_size);
+        CL_free_M(nest.owners, 0, CL_FILE_LINE);
+    }
+    nest.owners = owners;
+    nest.owners_size = size;
+    return true;
+}
+
+// Epoll does not know this one's descriptor any more.
+void disown(Nest &nest, Handle &handle) {
+    nest.owners[handle.source.fd] = nullptr;
+    handle.source.events = 0;
+}
+
+void not_ready(Nest &nest, Handle &handle) {
+    if (handle.source.pending != 0) nest.ready[handle.source.pending - 1].handle = nullptr;
+    handle.source.pending = 0;
+}
+
+// Epoll has taken this descriptor. If it knew another by the same number, that was closed.
+void own(Nest &nest, Handle &handle, int fd, uint32_t events) {
+    Handle *&owner = nest.owners[fd];
+    if (owner != nullptr) {
+        owner->source.events = 0;
+        not_ready(nest, *owner);
+    }
+    owner = &handle;
+    handle.source.fd = fd;
+    handle.source.events = events;
+}
+
 }  // namespace
 
 bool attach(Nest &nest, Handle &handle, int fd, uint32_t events) {
     if (control(nest.epoll, EPOLL_CTL_ADD, handle, fd, events) != 0) return false;
-    handle.source.fd = fd;
-    handle.source.events = events;
+    if (!reserve_owner(nest, fd)) {
+        control(nest.epoll, EPOLL_CTL_DEL, handle, fd, 0);
+        errno = ENOMEM;
+        return false;
+    }
+    own(nest, handle, fd, events);
     return true;
 }
 
 bool change(Nest &nest, Handle &handle, uint32_t events) {
     Source &source = handle.source;
     if (events == source.events) return true;
-    const int operation = events == 0          ? EPOLL_CTL_DEL
-                          : source.events == 0 ? EPOLL_CTL_ADD
-                                               : EPOLL_CTL_MOD;
+    if (source.events == 0) return attach(nest, handle, source.fd, events);
+    const int operation = events == 0 ? EPOLL_CTL_DEL : EPOLL_CTL_MOD;
     if (control(nest.epoll, operation, handle, source.fd, events) != 0) return false;
     source.events = events;
+    if (events == 0) disown(nest, handle);
     return true;
 }
 
 void detach(Nest &nest, Handle &handle) {
-    Source &source = handle.source;
-    if (source.events != 0) control(nest.epoll, EPOLL_CTL_DEL, handle, source.fd, 0);
-    source.events = 0;
-    if (source.pending != 0) nest.ready[source.pending - 1].handle = nullptr;
-    source.pending = 0;
+    if (handle.source.events != 0) {
+        if (nest.epoll != -1) control(nest.epoll, EPOLL_CTL_DEL, handle, handle.source.fd, 0);
+        disown(nest, handle);
+    }
+    not_ready(nest, handle);
 }
 
 void release_source(Nest &nest, Handle &source) {
@@ -234,7 +280,7 @@ void find_ready(Nest &nest) {
         const uint64_t key = nest.events[i].data.u64;
         Handle *handle =
             nest.handles.find(static_cast<uint32_t>(key), static_cast<uint32_t>(key >> 32));
-        if (handle == nullptr) {
+        if (handle == nullptr || handle->source.events == 0) {
             nest.stale = true;
         } else if (handle->kind == kClock) {
             clock_rang(nest, *handle);
@@ -312,9 +358,9 @@ uint32_t open_epoll(Nest &nest, CL_ErrInfo *err) {
     return 1;
 }
 
-void free_nest(Nest *nest) {
-    if (nest->epoll != -1) cl_u_close(nest->epoll);
-    CL_free_M(nest, 0, CL_FILE_LINE);
+void close_epoll(Nest &nest) {
+    if (nest.epoll != -1) cl_u_close(nest.epoll);
+    nest.epoll = -1;
 }
 
 // 1 when the library has no object of the nest's any more.
@@ -353,7 +399,8 @@ extern "C" uint32_t CL_CreateNest_M(uint32_t priority, uint32_t most, CL_ErrInfo
     Nest *nest = allocate(most != 0 ? most : uint32_t{CL_NEST_DEFAULT_MOST}, file, line);
     if (nest == nullptr) return fail(report, ENOMEM);
     if (!open_epoll(*nest, report) || !list(*nest, priority, report, callerFlag, file, line)) {
-        free_nest(nest);
+        close_epoll(*nest);
+        CL_free_M(nest, 0, CL_FILE_LINE);
         return 0;
     }
     current = nest;
@@ -369,13 +416,15 @@ extern "C" uint32_t CL_DeleteNest_M(CL_ErrInfo *err, uint8_t callerFlag, const c
     *static_cast<CL_ErrInfo *>(report) = {};
     current = nullptr;
     ++deleted;
+    close_epoll(*nest);  // first: then no descriptor need be taken out of it
     for (uint32_t i = 0; i < nest->handles.count(); ++i) {
         Handle *handle = nest->handles.at(i);
         if (handle->kind != kFree) remove(*nest, *handle);
     }
     for (Clock &clock : nest->clocks)
         if (clock.heap != nullptr) CL_free_M(clock.heap, 0, CL_FILE_LINE);
+    if (nest->owners != nullptr) CL_free_M(nest->owners, 0, CL_FILE_LINE);
     nest->handles.free_all();
-    free_nest(nest);
+    CL_free_M(nest, 0, CL_FILE_LINE);
     return 1;
 }

@@ -135,7 +135,9 @@ bool wind(Nest &nest, uint32_t which, uint64_t at) {
     for (;;) {
         struct itimerspec setting = {};
         if (at != kNever) {
-            setting.it_value = {static_cast<time_t>(at / kSecond), static_cast<long>(at % kSecond)};
+            const uint64_t time = at != 0 ? at : 1;  // 0 would stop it
+            setting.it_value = {static_cast<time_t>(time / kSecond),
+                                static_cast<long>(time % kSecond)};
         }
         if (timerfd_settime(clock.source->source.fd, flags, &setting, nullptr) == 0) break;
         if (errno != ECANCELED) return false;

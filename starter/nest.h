@@ -134,6 +134,8 @@ struct Nest {
     Ready *ready;
     uint32_t ready_count;
     Handles handles;
+    Handle **owners;  // by number of the descriptor: whose events epoll tells
+    uint32_t owners_size;
 
     Clock clocks[2];
     uint32_t timers;    // live

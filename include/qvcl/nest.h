@@ -52,7 +52,7 @@ enum {
 
 enum {
     CL_NEST_DEFAULT_MOST = 256, /* callbacks of a turn, each sort */
-    CL_NEST_LIMIT_MOST = 65536
+    CL_NEST_LIMIT_MOST = 4096
 };
 
 /* Handles. */
@@ -139,9 +139,8 @@ uint64_t CL_NestTime(uint32_t mode);
  *
  * A watch tells when one of the application's descriptors is ready, again in every turn while it
  * is. Readiness is a hint: use descriptors that do not block. Delete the watch before the
- * descriptor is closed. One that was closed first is not told any more; if a duplicate keeps its
- * file open, the first event of the file that finds no watch makes the nest set up its epoll
- * descriptor anew. */
+ * descriptor is closed. The watch of one that was closed first still tells what happens to its file
+ * while a duplicate keeps that open, until the watch is deleted or another one takes its number. */
 
 /* Bits of `events` and `ready`. */
 enum {
@@ -159,8 +158,8 @@ typedef uint32_t (*CL_NestWatchCallback)(CL_NestWatch *watch, uint32_t ready, ui
  * nothing is told. The descriptor stays the application's. The handle, or null on failure.
  * Errors: CL_ERR_STATE (there is no nest), EFAULT (callback null), EINVAL (events; the nest's own
  * descriptor), EBADF (not an open descriptor), EPERM (a file of a sort that is always ready, as
- * regular files are), EEXIST (it has a watch; watch a duplicate), ENOMEM (no memory), ENOSPC (the
- * user's limit of watches), errno (epoll_ctl). */
+ * regular files are), EEXIST (it has a watch; watch a duplicate), ENOMEM (no memory), errno
+ * (epoll_ctl). */
 CL_NestWatch *CL_CreateNestWatch_M(int fd, uint32_t events, uint32_t priority,
                                    CL_NestWatchCallback callback, uint64_t arg1, uint64_t arg2,
                                    CL_ErrInfo *err, uint8_t callerFlag, const char *file,
@@ -170,8 +169,8 @@ CL_NestWatch *CL_CreateNestWatch_M(int fd, uint32_t events, uint32_t priority,
 
 /* Tells other events from now on, also in the turn that runs. 1 on success, 0 on failure.
  * Errors: CL_ERR_STATE (there is no nest), EBADF (not a live handle, or its descriptor was closed),
- * ENOENT (its descriptor was closed, and the number is another file's), EINVAL (events), ENOMEM (no
- * memory), ENOSPC (the user's limit of watches), errno (epoll_ctl). */
+ * ENOENT, EEXIST (its descriptor was closed, and the number is another file's, another watch's),
+ * EINVAL (events), errno (epoll_ctl). */
 uint32_t CL_ChangeNestWatch_M(CL_NestWatch *watch, uint32_t events, CL_ErrInfo *err,
                               uint8_t callerFlag, const char *file, uint32_t line);
 #define CL_ChangeNestWatch(watch, events, err) \
@@ -198,8 +197,8 @@ typedef void (*CL_NestDrop)(CL_NestWork work, uint64_t arg1, uint64_t arg2);
 /* A queue for posts. capacity: posts that it holds at a time, up to 2^20, rounded up to a power of
  * two; 0: it grows. drop: called for each post that is left at the end; may be null. The handle, or
  * null on failure.
- * Errors: CL_ERR_STATE (there is no nest), EINVAL (capacity), ENOMEM (no memory), ENOSPC (the
- * user's limit of watches), errno (eventfd, epoll_ctl). */
+ * Errors: CL_ERR_STATE (there is no nest), EINVAL (capacity), ENOMEM (no memory), errno
+ * (eventfd, epoll_ctl). */
 CL_NestPosts *CL_CreateNestPosts_M(uint32_t capacity, uint32_t priority, CL_NestDrop drop,
                                    CL_ErrInfo *err, uint8_t callerFlag, const char *file,
                                    uint32_t line);
@@ -272,8 +271,8 @@ typedef uint32_t (*CL_NestProcessCallback)(CL_NestProcess *process, const CL_Nes
 /* Watches for the end of a process. The handle, to be deleted also after the event; null on
  * failure.
  * Errors: CL_ERR_STATE (there is no nest), EFAULT (callback null), EINVAL (pid below 1, or that of
- * a thread), ESRCH (there is no such process), ENOMEM (no memory), ENOSPC (the user's limit of
- * watches), errno (pidfd_open, epoll_ctl). */
+ * a thread), ESRCH (there is no such process), ENOMEM (no memory), errno (pidfd_open,
+ * epoll_ctl). */
 CL_NestProcess *CL_CreateNestProcess_M(pid_t pid, uint32_t priority,
                                        CL_NestProcessCallback callback, uint64_t arg1,
                                        uint64_t arg2, CL_ErrInfo *err, uint8_t callerFlag,
