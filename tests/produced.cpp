@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <qvcl/conf.h>
 #include <qvcl/loop.h>
+#include <qvcl/nest.h>
 #include <qvcl/qvcl.h>
 #include <qvcl/recorder.h>
 #include <qvcl/starter.h>
