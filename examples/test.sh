@@ -246,6 +246,21 @@ test_pool() {
     done
 }
 
+test_nest() {
+    mkfifo fifo
+    "$bin/nest" -i 50 <fifo >nest.out 2>&1 &
+    local nest=$!
+    exec 7>fifo
+    wait_for nest.out '^worst of [1-9]' 3
+    echo hello >&7
+    wait_for nest.out '^somebody says: hello$'
+    exec 7>&-
+    wait_for nest.out '^nobody says any more$'
+    kill -TERM $nest
+    ends_with 0 $nest
+    in_order nest.out "^SIGTERM from process $$\$" 'leak report clean'
+}
+
 test_recorder() {
     local segment=/qvcl-example-$$
     mkfifo fifo
