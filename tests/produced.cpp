@@ -11,6 +11,7 @@
 #include <qvcl/qvcl.h>
 #include <qvcl/recorder.h>
 #include <qvcl/starter.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -39,8 +40,13 @@ const char *const kNotesFile = getenv("QVCL_PRODUCED");
 void write_line(const char *function, const char *code) {
     char line[100];
     const int length = snprintf(line, sizeof line, "%s %s\n", function, code);
+    struct rlimit of_test;  // which may leave no descriptor
+    getrlimit(RLIMIT_NOFILE, &of_test);
+    const struct rlimit most = {of_test.rlim_max, of_test.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &most);
     const auto fd = static_cast<int>(
         syscall(SYS_openat, AT_FDCWD, kNotesFile, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+    setrlimit(RLIMIT_NOFILE, &of_test);
     if (fd == -1) return;
     syscall(SYS_write, fd, line, length);
     syscall(SYS_close, fd);
