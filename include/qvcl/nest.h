@@ -1,4 +1,5 @@
-/* Companion of libqvcl: the nest, which brings more to the loop (libqvcl-starter.a).
+/* Companion of libqvcl: the nest, which brings finer timers, all descriptors, posts and signals to
+ * the loop (libqvcl-starter.a).
  *
  * Timers by the nanosecond, descriptors of any number, work posted from other threads, signals as
  * events, the exit of any process. All of it hangs on one epoll descriptor, which is one FD object
