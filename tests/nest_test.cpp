@@ -653,6 +653,22 @@ TEST_F(Nest, ThreadsPost) {
     EXPECT_EQ(CL_DeleteNest(&err), 1u) << err;
 }
 
+// Two posts that come when the loop has found the queue empty, and before it says so: their thread
+// believes it awake, and the turn ends between them.
+TEST_F(Nest, PostsAreNotForgottenAtTheLastMoment) {
+    ASSERT_EQ(CL_CreateNest(CL_PRIORITY_FIRST, 1, &err), 1u) << err;
+    CL_NestPosts *queue = CL_CreateNestPosts(0, 0, nullptr, &err);
+    static int called;
+    const auto post = [&] {
+        const auto work = [](uint64_t, uint64_t) { return ++called == 3 ? kDone : 0; };
+        EXPECT_EQ(CL_NestPost(queue, work, 0, 0, &err), 1u) << err;
+    };
+    post();
+    const test::Plan plan({.call = "read", .before = [&] { post(), post(); }});
+    EXPECT_EQ(CL_EventLoop(&err), kDone) << err;
+    EXPECT_EQ(CL_DeleteNest(&err), 1u) << err;
+}
+
 // Descriptors that are closed before their watch is deleted: of one a duplicate stays open, and the
 // number goes to another pipe, whose watch must be told, and no other one.
 TEST_F(Nest, ClosedFirst) {
