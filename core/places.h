@@ -15,6 +15,7 @@
 #include <string_view>
 
 #include <qvcl/base.h>
+#include <qvcl/channel.h>
 #include <qvcl/nest.h>
 #include <qvcl/recorder.h>
 #include <qvcl/starter.h>
@@ -53,6 +54,8 @@ inline constexpr Place kSources[] = {
     {CL_MODULE_NEST, 3, "starter/cl_nest_post.cpp"},
     {CL_MODULE_NEST, 4, "starter/cl_nest_signal.cpp"},
     {CL_MODULE_NEST, 5, "starter/cl_nest_process.cpp"},
+    {CL_MODULE_CHANNEL, 0, "starter/cl_channel.cpp"},
+    {CL_MODULE_CHANNEL, 1, "starter/cl_channel_listener.cpp"},
     {kShared, 10, "loop/loop_policy.h"},
     {kShared, 11, "core/signal_handler.h"},
     {kShared, 12, "msg/socket.h"},

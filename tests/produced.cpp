@@ -5,6 +5,7 @@
 // nothing is noted.
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <qvcl/channel.h>
 #include <qvcl/conf.h>
 #include <qvcl/loop.h>
 #include <qvcl/nest.h>

@@ -2,6 +2,7 @@
 // differ.
 #include "tools/names.h"
 
+#include <qvcl/channel.h>
 #include <qvcl/main.h>
 #include <qvcl/message.h>
 #include <qvcl/nest.h>
@@ -30,13 +31,28 @@ constexpr Name kKinds[] = {
     CL_KINDS(KIND_NAME)
 #undef KIND_NAME
 };
-constexpr Name kEvents[] = {
-    NAME(CL_EVENT_, CONNECTION),  NAME(CL_EVENT_, CONNECTED),   NAME(CL_EVENT_, MESSAGE),
-    NAME(CL_EVENT_, SENT),        NAME(CL_EVENT_, DISCONNECT),  NAME(CL_EVENT_, EXEC_COMPLETE),
-    NAME(CL_EVENT_, CHILD_END),   NAME(CL_EVENT_, TIMER),       NAME(CL_EVENT_, END),
-    NAME(CL_EVENT_, DESCRIPTOR),  NAME(CL_EVENT_, FAILED),      NAME(CL_EVENT_, WAKE),
-    NAME(CL_EVENT_, NEST_TIMER),  NAME(CL_EVENT_, NEST_WATCH),  NAME(CL_EVENT_, NEST_POST),
-    NAME(CL_EVENT_, NEST_SIGNAL), NAME(CL_EVENT_, NEST_PROCESS)};
+constexpr Name kEvents[] = {NAME(CL_EVENT_, CONNECTION),
+                            NAME(CL_EVENT_, CONNECTED),
+                            NAME(CL_EVENT_, MESSAGE),
+                            NAME(CL_EVENT_, SENT),
+                            NAME(CL_EVENT_, DISCONNECT),
+                            NAME(CL_EVENT_, EXEC_COMPLETE),
+                            NAME(CL_EVENT_, CHILD_END),
+                            NAME(CL_EVENT_, TIMER),
+                            NAME(CL_EVENT_, END),
+                            NAME(CL_EVENT_, DESCRIPTOR),
+                            NAME(CL_EVENT_, FAILED),
+                            NAME(CL_EVENT_, WAKE),
+                            NAME(CL_EVENT_, NEST_TIMER),
+                            NAME(CL_EVENT_, NEST_WATCH),
+                            NAME(CL_EVENT_, NEST_POST),
+                            NAME(CL_EVENT_, NEST_SIGNAL),
+                            NAME(CL_EVENT_, NEST_PROCESS),
+                            NAME(CL_EVENT_, CHANNEL_READ),
+                            NAME(CL_EVENT_, CHANNEL_WRITE),
+                            NAME(CL_EVENT_, CHANNEL_DRAINED),
+                            NAME(CL_EVENT_, CHANNEL_CLOSED),
+                            NAME(CL_EVENT_, CHANNEL_WAITING)};
 constexpr Name kModes[] = {NAME(CL_MODE_, SYNC), NAME(CL_MODE_, IMMEDIATE),
                            NAME(CL_MODE_, DEFERRED), NAME(CL_TIMER_, ONESHOT),
                            NAME(CL_TIMER_, PERIODIC)};
@@ -47,7 +63,8 @@ constexpr Name kModules[] = {
     NAME(CL_MODULE_, MSGS),    NAME(CL_MODULE_, MSGC),     NAME(CL_MODULE_, TIMER),
     NAME(CL_MODULE_, FILE),    NAME(CL_MODULE_, SHM),      NAME(CL_MODULE_, USERFD),
     NAME(CL_MODULE_, CHILD),   NAME(CL_MODULE_, LOG),      NAME(CL_MODULE_, THREAD),
-    NAME(CL_MODULE_, STARTER), NAME(CL_MODULE_, RECORDER), NAME(CL_MODULE_, NEST)};
+    NAME(CL_MODULE_, STARTER), NAME(CL_MODULE_, RECORDER), NAME(CL_MODULE_, NEST),
+    NAME(CL_MODULE_, CHANNEL)};
 constexpr Name kErrors[] = {NAME(CL_ERR_, QUEUE), NAME(CL_ERR_, IN_PROGRESS), NAME(CL_ERR_, STATE)};
 constexpr Name kStatusBits[] = {NAME(CL_STATUS_, READY), NAME(CL_STATUS_, LISTED),
                                 NAME(CL_STATUS_, RUNNING), NAME(CL_STATUS_, FAILED)};
