@@ -26,7 +26,7 @@
  * A handle is valid until it is deleted. Creating allocates (tracked memory of the application);
  * nothing else does. All functions belong to the loop's thread. A call that fails changes nothing.
  * Channels need the nest: when that is deleted they can only be deleted. Failures carry
- * CL_MODULE_CHANNEL. */
+ * CL_MODULE_CHANNEL, or CL_MODULE_NEST where the nest found them. */
 #ifndef QVCL_CHANNEL_H
 #define QVCL_CHANNEL_H
 
@@ -106,9 +106,10 @@ CL_Channel *CL_CreateChannel_M(int fd, const CL_ChannelOptions *options, uint64_
 
 /* Connects to the socket at `path` (at most 107 characters), where a channel listener or a message
  * server listens; at once, without retry. The handle, or null on failure.
- * Errors: as CL_CreateChannel; CL_ERR_STATE (there is no nest), EFAULT (path, options, message or
+ * Errors: CL_ERR_STATE (there is no nest), EFAULT (path, options, message or
  * closed null), ENAMETOOLONG (path too long), EINVAL (a size or a limit of the options), ENOMEM (no
- * memory), EAGAIN (the backlog is full), errno (socket, connect, epoll_ctl). */
+ * memory), EAGAIN (the backlog is full), errno (socket, connect, and
+ * those of CL_CreateChannel). */
 CL_Channel *CL_ConnectChannel_M(const char *path, const CL_ChannelOptions *options, uint64_t arg1,
                                 uint64_t arg2, CL_ErrInfo *err, uint8_t callerFlag,
                                 const char *file, uint32_t line);
@@ -194,9 +195,10 @@ CL_ChannelListener *CL_CreateChannelListener_M(const char *path, uint32_t backlo
 
 /* Accepts a connection that waits as a new channel. The handle, or null on failure: the connection
  * keeps waiting after EMFILE and ENFILE, and is closed after any other.
- * Errors: as CL_CreateChannel; CL_ERR_STATE (there is no nest), EBADF (not a live handle), EFAULT
+ * Errors: CL_ERR_STATE (there is no nest), EBADF (not a live handle), EFAULT
  * (options, message or closed null), EINVAL (a size or a limit of the options), EAGAIN (nobody
- * waits), EMFILE (no descriptor left), ENOMEM (no memory), errno (accept4, epoll_ctl). */
+ * waits), EMFILE (no descriptor left), ENOMEM (no memory), errno (accept4, and those of
+ * CL_CreateChannel). */
 CL_Channel *CL_AcceptChannel_M(CL_ChannelListener *listener, const CL_ChannelOptions *options,
                                uint64_t arg1, uint64_t arg2, CL_ErrInfo *err, uint8_t callerFlag,
                                const char *file, uint32_t line);
