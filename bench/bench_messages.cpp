@@ -3,9 +3,6 @@
 // The floor is a bare program that waits in pselect, reads 16 bytes and then the rest, and writes.
 // The library goes the same way twice, in the loop and with synchronous calls; other libraries
 // stand beside it. All exchange the same bytes over a local stream socket.
-#include <fcntl.h>
-#include <sys/select.h>
-#include <cerrno>
 #include <cstring>
 
 #include <qvcl/qvcl.h>
@@ -44,67 +41,6 @@ void *realloc(void *ptr, size_t size) {
 }
 
 namespace {
-
-// ---------------------------------------------------------------- the floor
-
-// `kTriesFirst`: reads before it waits, which saves the wait in a stream and costs a read in a
-// round trip.
-template <bool kTriesFirst>
-struct BarePort {
-    int fd;
-    alignas(CL_MsgHeader) char buffer[bench::kLargest] = {};
-
-    explicit BarePort(int socket) : fd(socket) { fcntl(fd, F_SETFL, O_NONBLOCK); }
-
-    CL_MsgHeader &header() { return *reinterpret_cast<CL_MsgHeader *>(buffer); }
-
-    void wait(bool to_write) const {
-        fd_set set;
-        FD_ZERO(&set);
-        FD_SET(fd, &set);
-        pselect(fd + 1, to_write ? nullptr : &set, to_write ? &set : nullptr, nullptr, nullptr,
-                nullptr);
-    }
-    void send() const {
-        const auto *from = reinterpret_cast<const CL_MsgHeader *>(buffer);
-        for (size_t sent = 0; sent < from->length;) {
-            const ssize_t written = ::send(fd, buffer + sent, from->length - sent, MSG_NOSIGNAL);
-            if (written > 0) {
-                sent += static_cast<size_t>(written);
-            } else {
-                bench::check(errno == EAGAIN, "send");
-                wait(true);
-            }
-        }
-    }
-    void receive() {
-        bool wait_first = !kTriesFirst;
-        size_t wanted = sizeof(CL_MsgHeader);
-        for (size_t got = 0; got < wanted;) {
-            if (wait_first) wait(false);
-            const ssize_t more = recv(fd, buffer + got, wanted - got, MSG_NOSIGNAL);
-            if (more == 0) _exit(0);
-            wait_first = more < 0;
-            if (more < 0) continue;
-            got += static_cast<size_t>(more);
-            if (got == sizeof(CL_MsgHeader)) wanted = header().length;
-        }
-    }
-};
-
-template <bool kTriesFirst>
-constexpr Transport kBare = {
-    kTriesFirst ? "pselect, read first" : "pselect",
-    [](const std::string &path, const std::function<void()> &ready) {
-        const int listening = bench::listen_at(path);
-        ready();
-        static BarePort<kTriesFirst> port(accept(listening, nullptr, nullptr));
-        bench::serve_port(port);
-    },
-    [](const std::string &path) -> std::function<void(const Order &)> {
-        static BarePort<kTriesFirst> port(bench::connect_to(path));
-        return [](const Order &order) { bench::run_order(port, order); };
-    }};
 
 // ---------------------------------------------------------------- the library
 
@@ -242,8 +178,9 @@ constexpr Transport kLoop = {"qvcl loop", serve_in_loop, connect_in_loop};
 
 // ---------------------------------------------------------------- what is asked
 
-const Transport *const kTransports[] = {&kSync,         &kBare<false>, &kLoop,         &kBare<true>,
-                                        &bench::kLibuv, &bench::kNng,  &bench::kZeroMq};
+const Transport *const kTransports[] = {
+    &kSync,         &bench::kBare, &kLoop,         &bench::kBareReadsFirst,
+    &bench::kLibuv, &bench::kNng,  &bench::kZeroMq};
 
 Comparison exchange(Order order, const Placement &placement) {
     Comparison comparison;

@@ -192,7 +192,15 @@ inline int connect_to(const std::string &path) {
 
 // ---------------------------------------------------------------- the peers (exchange_peers.cpp)
 
+// They send and receive one message at a time: a plain loop, one that reads before it waits, libuv.
+extern const Transport kBare;
+extern const Transport kBareReadsFirst;
 extern const Transport kLibuv;
+// They gather what they send, and read whatever is there.
+extern const Transport kBareGathers;
+extern const Transport kLibuvGathers;
+extern const Transport kLibevent;
+extern const Transport kLibevent;
 extern const Transport kNng;
 extern const Transport kZeroMq;
 
