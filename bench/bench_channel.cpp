@@ -47,6 +47,7 @@ uint32_t accept_one(CL_ChannelListener *listener, uint64_t /*arg1*/, uint64_t /*
     CL_ChannelOptions options = {};
     options.message = answer;
     options.closed = leave;
+    if (getenv("SZ")) options.send_size = options.receive_size = uint32_t(atoi(getenv("SZ")));
     fine(CL_AcceptChannel(listener, &options, 0, 0, &err) != nullptr, "CL_AcceptChannel");
     return 0;
 }
@@ -95,6 +96,7 @@ std::function<void(const Order &)> connect(const std::string &path) {
     options.message = on_answer;
     options.drained = on_drained;
     options.closed = leave;
+    if (getenv("SZ")) options.send_size = options.receive_size = uint32_t(atoi(getenv("SZ")));
     channel = CL_ConnectChannel(path.c_str(), &options, 0, 0, &err);
     fine(channel != nullptr, "CL_ConnectChannel");
     return [](const Order &given) {

@@ -4,6 +4,7 @@
 // before the next read. Bytes to be written are `used` bytes of the ring `out` from head on.
 //
 // What the socket takes is asked for once it has said no (`blocked`), and only then.
+#include <pthread.h>
 #include <qvcl/qvcl.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -42,11 +43,25 @@ struct Channel : Member {
     uint32_t head;
     uint32_t used;
     uint32_t gathered;  // messages since the last write
-    uint32_t sender;
 };
 
 CL_Channel *handle_of(const Channel &channel) {
     return reinterpret_cast<CL_Channel *>(channel.handle);
+}
+
+// --- The sender ---
+
+// Asked for once, and again after a fork.
+uint32_t own_pid;
+
+void forget_pid() {
+    own_pid = 0;
+}
+
+uint32_t sender() {
+    static const bool told_of_forks = pthread_atfork(nullptr, nullptr, forget_pid) == 0;
+    if (own_pid == 0 || !told_of_forks) own_pid = CL_GetPid();
+    return own_pid;
 }
 
 // --- Turns ---
@@ -317,32 +332,37 @@ void break_off(Channel &channel) {
     channel.used = 0;
 }
 
-void write_gathered(Channel &channel) {
-    if (channel.used == 0 || channel.blocked || channel.broken.err != 0) return;
-    const uint32_t size = channel.options.send_size;
-    const uint32_t first = channel.used < size - channel.head ? channel.used : size - channel.head;
-    struct iovec parts[2] = {{channel.out + channel.head, first},
-                             {channel.out, channel.used - first}};
+ssize_t write_ring(const Channel &channel) {
+    char *from = channel.out + channel.head;
+    const uint32_t behind = channel.options.send_size - channel.head;
+    constexpr int kFlags = MSG_DONTWAIT | MSG_NOSIGNAL;
+    if (channel.used <= behind) return send(channel.fd, from, channel.used, kFlags);
+    struct iovec parts[2] = {{from, behind}, {channel.out, channel.used - behind}};
     struct msghdr message = {};
     message.msg_iov = parts;
-    message.msg_iovlen = first < channel.used ? 2 : 1;
+    message.msg_iovlen = 2;
+    return sendmsg(channel.fd, &message, kFlags);
+}
+
+void write_gathered(Channel &channel) {
+    if (channel.used == 0 || channel.blocked || channel.broken.err != 0) return;
     nest::Told batch = told(channel, CL_EVENT_CHANNEL_WRITE, nullptr);
     batch.length(channel.used).exit(0, channel.gathered).call([&] {
-        const ssize_t written = sendmsg(channel.fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+        const ssize_t written = write_ring(channel);
         batch.length(written);
-        if (written < 0) {
-            if (errno == EAGAIN) {
-                channel.blocked = true;
-            } else if (errno != EINTR) {
-                break_off(channel);
-            }
-            return 0u;
+        if (written >= 0) {
+            const uint32_t size = channel.options.send_size;
+            channel.used -= static_cast<uint32_t>(written);
+            channel.head =
+                static_cast<uint32_t>((channel.head + static_cast<uint64_t>(written)) % size);
+            if (channel.used == 0) channel.head = 0;
+            channel.blocked = channel.used != 0;
+            channel.gathered = 0;
+        } else if (errno == EAGAIN) {
+            channel.blocked = true;
+        } else if (errno != EINTR) {
+            break_off(channel);
         }
-        const auto done = static_cast<uint32_t>(written);
-        channel.used -= done;
-        channel.blocked = channel.used != 0;
-        channel.head = channel.used == 0 ? 0 : (channel.head + done) % size;
-        channel.gathered = 0;
         return 0u;
     });
 }
@@ -351,7 +371,7 @@ uint32_t room(const Channel &channel) {
     return channel.options.send_size - channel.used;
 }
 
-void put(Channel &channel, const void *from, uint32_t length) {
+void put_bytes(Channel &channel, const void *from, uint32_t length) {
     const uint32_t size = channel.options.send_size;
     uint32_t at = channel.head + channel.used;
     if (at >= size) at -= size;
@@ -360,6 +380,18 @@ void put(Channel &channel, const void *from, uint32_t length) {
     if (first < length)
         memcpy(channel.out, static_cast<const char *>(from) + first, length - first);
     channel.used += length;
+}
+
+void put(Channel &channel, const CL_MsgHeader &header, const void *payload, uint32_t size) {
+    const uint32_t at = channel.head + channel.used;
+    if (at + uint64_t{header.length} <= channel.options.send_size) {
+        memcpy(channel.out + at, &header, sizeof header);
+        if (size != 0) memcpy(channel.out + at + sizeof header, payload, size);
+        channel.used += header.length;
+    } else {
+        put_bytes(channel, &header, sizeof header);
+        if (size != 0) put_bytes(channel, payload, size);
+    }
 }
 
 // --- The end of a turn ---
@@ -632,11 +664,8 @@ extern "C" uint32_t CL_SendChannel_M(CL_Channel *handle, uint32_t type, const vo
         channel->refused = static_cast<uint32_t>(length);
         return fail(report, EAGAIN);
     }
-    if (channel->used == 0) channel->sender = CL_GetPid();
-    const CL_MsgHeader header = {static_cast<uint32_t>(length), CL_MSG_VERSION, channel->sender,
-                                 type};
-    put(*channel, &header, sizeof header);
-    if (size != 0) put(*channel, payload, size);
+    const CL_MsgHeader header = {static_cast<uint32_t>(length), CL_MSG_VERSION, sender(), type};
+    put(*channel, header, payload, size);
     ++channel->gathered;
     return 1;
 }
