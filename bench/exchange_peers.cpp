@@ -136,8 +136,8 @@ class BulkPort {
     size_t held_ = 0, at_ = 0, filled_ = 0;
     CL_MsgHeader header_ = {};
     char payload_[kLargest] = {};
-    char incoming_[65536];
-    char outgoing_[65536];
+    char incoming_[131072];
+    char outgoing_[131072];
 };
 
 void bulk_serve(const std::string &path, const std::function<void()> &ready) {
@@ -291,7 +291,7 @@ std::function<void(const Order &)> uv_connect_to(const std::string &path) {
 // One end of a socket with libevent's buffers, which gather by themselves.
 class EvEnd {
   public:
-    static constexpr size_t kMost = 65536;  // bytes waiting to be written
+    static constexpr size_t kMost = 131072;  // bytes waiting to be written
     std::function<void(const CL_MsgHeader &)> on_message;
     std::function<void()> on_written;
 
