@@ -676,6 +676,7 @@ extern "C" uint32_t CL_FlushChannel_M(CL_Channel *handle, CL_ErrInfo *err, uint8
     Channel *channel = open_channel(handle, report);
     if (channel == nullptr) return 0;
     if (channel->used != 0 && !enlist(*channel, report)) return 0;
+    channel->blocked = false;  // unless the socket says so again
     write_gathered(*channel);
     if (channel->broken.err != 0) return fail(report, EPIPE);
     if (channel->used != 0) return fail(report, EAGAIN);

@@ -166,9 +166,9 @@ uint32_t CL_GetChannelPeer_M(CL_Channel *channel, CL_ChannelPeer *peer, CL_ErrIn
                              uint8_t callerFlag, const char *file, uint32_t line);
 #define CL_GetChannelPeer(channel, peer, err) CL_GetChannelPeer_M((channel), (peer), (err), CL_HERE)
 
-/* Deletes a channel, and closes its socket; what was not written or not told is dropped. No
- * callback follows. Also without the nest. 1 on success, 0 on failure. Errors: EBADF (not a live
- * handle). */
+/* Deletes a channel, and closes its socket; what was not written or not told is dropped. Also
+ * without the nest. 1 on success, 0 on failure.
+ * Errors: EBADF (not a live handle). */
 uint32_t CL_DeleteChannel_M(CL_Channel *channel, CL_ErrInfo *err, uint8_t callerFlag,
                             const char *file, uint32_t line);
 #define CL_DeleteChannel(channel, err) CL_DeleteChannel_M((channel), (err), CL_HERE)
