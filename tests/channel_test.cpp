@@ -641,6 +641,10 @@ TEST_F(Channel, RefusesWhatIsWrong) {
     REFUSED(EFAULT, LISTEN(at.c_str(), nullptr));
     REFUSED(ENAMETOOLONG, LISTEN(longest.c_str(), waiting));
     REFUSED(ENOENT, LISTEN((nobody + "/x").c_str(), waiting));
+    {
+        const test::Plan plan({.call = "malloc", .error = ENOMEM});
+        REFUSED(ENOMEM, LISTEN(nobody.c_str(), waiting));
+    }
     REFUSED(EBADF, ACCEPT(no_listener, &good));
     REFUSED(EFAULT, CL_SendChannel(line.handle, 1, nullptr, 1, &err));
     REFUSED(EMSGSIZE, CL_SendChannel(line.handle, 1, at.data(), 65521, &err));
