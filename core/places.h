@@ -18,6 +18,7 @@
 #include <qvcl/channel.h>
 #include <qvcl/nest.h>
 #include <qvcl/recorder.h>
+#include <qvcl/source.h>
 #include <qvcl/starter.h>
 
 namespace qvcl {
@@ -56,6 +57,7 @@ inline constexpr Place kSources[] = {
     {CL_MODULE_NEST, 5, "starter/cl_nest_process.cpp"},
     {CL_MODULE_CHANNEL, 0, "starter/cl_channel.cpp"},
     {CL_MODULE_CHANNEL, 1, "starter/cl_channel_listener.cpp"},
+    {CL_MODULE_SOURCE, 0, "starter/cl_source.cpp"},
     {kShared, 10, "loop/loop_policy.h"},
     {kShared, 11, "core/signal_handler.h"},
     {kShared, 12, "msg/socket.h"},

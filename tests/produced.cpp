@@ -11,6 +11,7 @@
 #include <qvcl/nest.h>
 #include <qvcl/qvcl.h>
 #include <qvcl/recorder.h>
+#include <qvcl/source.h>
 #include <qvcl/starter.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>

@@ -7,6 +7,7 @@
 #include <qvcl/message.h>
 #include <qvcl/nest.h>
 #include <qvcl/recorder.h>
+#include <qvcl/source.h>
 #include <qvcl/starter.h>
 #include <qvcl/timer.h>
 
@@ -64,7 +65,7 @@ constexpr Name kModules[] = {
     NAME(CL_MODULE_, FILE),    NAME(CL_MODULE_, SHM),      NAME(CL_MODULE_, USERFD),
     NAME(CL_MODULE_, CHILD),   NAME(CL_MODULE_, LOG),      NAME(CL_MODULE_, THREAD),
     NAME(CL_MODULE_, STARTER), NAME(CL_MODULE_, RECORDER), NAME(CL_MODULE_, NEST),
-    NAME(CL_MODULE_, CHANNEL)};
+    NAME(CL_MODULE_, CHANNEL), NAME(CL_MODULE_, SOURCE)};
 constexpr Name kErrors[] = {NAME(CL_ERR_, QUEUE), NAME(CL_ERR_, IN_PROGRESS), NAME(CL_ERR_, STATE)};
 constexpr Name kStatusBits[] = {NAME(CL_STATUS_, READY), NAME(CL_STATUS_, LISTED),
                                 NAME(CL_STATUS_, RUNNING), NAME(CL_STATUS_, FAILED)};
