@@ -285,5 +285,80 @@ test_recorder() {
     ! timeout 20 "$bin/recorder_reader" $segment records >gone.out 2>&1 || complain 'read what is gone'
 }
 
+# Against the real bus, and clients that are not ours.
+test_bus() {
+    dbus-daemon --session --nofork --address="unix:path=$work/bus.socket" --print-address=1 >bus.out 2>bus.log &
+    wait_for bus.out '^unix:'
+    local bus=$!
+    export DBUS_SESSION_BUS_ADDRESS=unix:path=$work/bus.socket
+    local peer server
+    "$bin/bus" example.Peer >peer.out 2>peer.log &
+    peer=$!
+    wait_for peer.out serving
+    "$bin/bus" example.Server example.Peer >server.out 2>server.log &
+    server=$!
+    wait_for server.out '^example.Peer: answers'
+    dbus-monitor "interface='example.Reminder'" >monitor.out 2>&1 &
+    wait_for monitor.out NameAcquired
+    for i in {1..20}; do
+        dbus-send --print-reply --dest=example.Server / example.Reminder.Remind \
+            uint32:$((600 - 20 * i)) string:"text $i" >>calls.out
+    done
+    wait_for monitor.out 'string "text [0-9]+"' 40 # the calls and the signals
+    [[ $(grep -c 'uint32' calls.out) == 20 ]] || complain 'not every call was answered'
+    # Whoever came last is due first.
+    awk '/member=Due/ { due = 1 } due && /string/ { print $3 + 0; due = 0 }' monitor.out >due
+    [[ $(tail -n 5 due) == $'5\n4\n3\n2\n1' ]] || complain 'not in the order of their times'
+
+    # A peer that is stopped, and one that is gone.
+    kill -STOP $peer
+    wait_for server.out '^example.Peer: .*(NoReply|Timeout|TimedOut)'
+    disown $peer
+    kill -KILL $peer
+    wait_for server.out '^example.Peer: .*ServiceUnknown'
+    before=$(ticks $server)
+    sleep 1
+    (($(ticks $server) - before < 30)) || complain 'does not rest'
+    kill -TERM $server
+    ends_with 0 $server
+    expect server.out 'leak report clean'
+
+    # Without its bus it ends, and says why.
+    "$bin/bus" example.Server >lost.out 2>lost.log &
+    server=$!
+    wait_for lost.out serving
+    kill $bus
+    ends_with 1 $server
+    expect lost.log 'the bus is lost'
+    expect lost.out 'leak report clean'
+}
+
+test_fetch() {
+    mkdir files
+    head -c 3000000 /dev/zero >files/large
+    echo small >files/small
+    # Python serves on a port that it chooses; and one that takes connections and says nothing.
+    python3 -u -m http.server --bind 127.0.0.1 --directory files 0 >server.out 2>server.log &
+    wait_for server.out 'port [0-9]+'
+    local port silent
+    port=$(grep -Eo 'port [0-9]+' server.out | cut -d' ' -f2)
+    python3 -uc 'import socket, time; s = socket.create_server(("127.0.0.1", 0))
+print("port", s.getsockname()[1]); time.sleep(60)' >silent.out &
+    wait_for silent.out port
+    silent=$(cut -d' ' -f2 silent.out)
+    local urls=()
+    for i in {1..30}; do
+        urls+=("http://127.0.0.1:$port/large?$i" "http://127.0.0.1:$port/small?$i")
+    done
+    timeout 60 "$bin/fetch" -t 30 "${urls[@]}" >fetch.out 2>fetch.log || complain 'failed'
+    [[ $(grep -c 'large.*: 200, 3000000 bytes' fetch.out) == 30 ]] || complain 'large ones are missing'
+    [[ $(grep -c 'small.*: 200, 6 bytes' fetch.out) == 30 ]] || complain 'small ones are missing'
+    in_order fetch.out '^60 fetched, 0 failed' 'leak report clean'
+    timeout 20 "$bin/fetch" -t 1 "http://127.0.0.1:$silent/" http://127.0.0.1:1/ \
+        "http://127.0.0.1:$port/none" >bad.out 2>bad.log || complain 'failed'
+    in_order bad.out 'none: 404' "$silent/: Timeout was reached" '^1 fetched, 2 failed' 'leak report clean'
+    expect bad.out '127.0.0.1:1/: Couldn'
+}
+
 declare -a clients
 "test_$name"
