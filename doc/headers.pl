@@ -290,7 +290,7 @@ sub page {
         map { (@{ $_->{functions} // [] }, @{ $_->{macros} // [] }, @{ $_->{variables} // [] }) }
         @{ $header->{items} };
     my ($what) = join(' ', @{ $header->{about} }) =~ /^(.*?)[.:](?: |$)/;
-    my $library = $header->{name} =~ /^(nest|recorder|starter)$/ ? 'libqvcl-starter, -lqvcl-starter -lqvcl' : 'libqvcl, -lqvcl';
+    my $library = $header->{name} =~ /^(channel|nest|recorder|source|starter)$/ ? 'libqvcl-starter, -lqvcl-starter -lqvcl' : 'libqvcl, -lqvcl';
     my @errors;
     my $description = descriptions($header, \@errors);
     return ".\\\" Made from <qvcl/$header->{name}.h>: change that, not this.\n"
