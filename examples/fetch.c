@@ -1,4 +1,4 @@
-/* Fetches documents over HTTP, all at a time, by the multi interface of libcurl.
+/* Fetches documents over HTTP, many at a time, by the multi interface of libcurl.
  *
  * libcurl tells by itself which of its sockets wait for what, and when it wants to be called: so
  * each of its sockets gets a watch of the nest, and its time-out is a timer of the nest. Neither
@@ -16,6 +16,7 @@
 
 enum { DONE = 1 }; /* value that ends the loop */
 enum { MILLISECOND = 1000000 };
+enum { CONNECTIONS = 4 }; /* with one server; the other documents wait */
 
 static CURLM *multi;
 static CL_NestTimer *timer;
@@ -137,6 +138,7 @@ int main(int argc, char **argv) {
     if (!multi) example_fail_errno("curl_multi_init");
     curl_multi_setopt(multi, CURLMOPT_SOCKETFUNCTION, on_socket);
     curl_multi_setopt(multi, CURLMOPT_TIMERFUNCTION, on_time_out);
+    curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, (long)CONNECTIONS);
     for (int i = optind; i < argc; ++i)
         add(argv[i], seconds);
 

@@ -65,10 +65,10 @@ CL_Source *CL_CreateSource_M(uint32_t limit, uint32_t priority, CL_SourcePrepare
 #define CL_CreateSource(limit, priority, prepare, dispatch, arg1, arg2, err) \
     CL_CreateSource_M((limit), (priority), (prepare), (dispatch), (arg1), (arg2), (err), CL_HERE)
 
-/* Asks the library again, because the application has called it. 1 on success, 0 on failure; when a
- * descriptor could not be watched, everything else is as the library wants it, and dispatch tells
- * it a second later. Errors: CL_ERR_STATE (there is no nest), EBADF (not a live handle), EBUSY
- * (called by prepare), errno (of the first watch or timer that could not be set). */
+/* Asks the library again, because the application has called it. 1 on success, 0 on failure: what
+ * could not be watched is told by dispatch a second later; the rest is as the library wants it.
+ * Errors: CL_ERR_STATE (there is no nest), EBADF (not a live handle), EBUSY (called by prepare),
+ * errno (of the first watch or timer that could not be set). */
 uint32_t CL_UpdateSource_M(CL_Source *source, CL_ErrInfo *err, uint8_t callerFlag, const char *file,
                            uint32_t line);
 #define CL_UpdateSource(source, err) CL_UpdateSource_M((source), (err), CL_HERE)
