@@ -78,6 +78,7 @@ class BridgeTest(unittest.TestCase):
     def client(self):
         def connect():
             one = socket.socket(socket.AF_UNIX)
+            one.settimeout(30)  # rather than for ever, when nothing moves
             self.clients.append(one)
             one.connect(self.path("from"))
             return one
@@ -136,7 +137,11 @@ class BridgeTest(unittest.TestCase):
                 except OSError:
                     return
                 host, port = target[6:].split(":")
-                far = socket.create_connection((host, int(port)))
+                try:
+                    far = socket.create_connection((host, int(port)))
+                except OSError:  # it is not up yet
+                    near.close()
+                    continue
                 back = threading.Thread(target=pump, args=(far, near, 1 << 40), daemon=True)
                 back.start()
                 pump(near, far, dice.randrange(1000, 400000) if broken < 8 else 1 << 40)
@@ -217,7 +222,15 @@ class BridgeTest(unittest.TestCase):
     def test_others_at_the_port_do_no_harm(self):
         receiver = self.bridge("to")
         port = int(self.endpoint.rsplit(":", 1)[1])
-        time.sleep(0.3)
+
+        def is_up():
+            try:
+                socket.create_connection(("127.0.0.1", port)).close()
+                return True
+            except OSError:
+                return False
+
+        self.wait_for(is_up)
         dice = random.Random(3)
         for _ in range(20):
             with socket.create_connection(("127.0.0.1", port)) as stranger:
