@@ -4,7 +4,6 @@
 // loop with one object: what the nest adds to both is what is asked about. Both watch the same
 // descriptors, all idle but one eventfd that stays ready.
 #include <ev.h>
-constexpr int kEvRead = EV_READ;
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
@@ -508,7 +507,7 @@ int main(int argc, char **argv) {
     files.rlim_cur = files.rlim_max;
     setrlimit(RLIMIT_NOFILE, &files);
     check(CL_Init(10, nullptr, nullptr) == 1, "CL_Init");
-    for (const size_t idle : {10, 1'000, 10'000, 18'000})
+    for (const size_t idle : {10u, 1'000u, 10'000u, 18'000u})
         bench::compare("one ready of " + std::to_string(idle),
                        [idle, &iterations] { return one_of(idle, iterations); });
     bench::compare(

@@ -145,10 +145,10 @@ bool reserve_owner(Nest &nest, int fd) {
     uint32_t size = nest.owners_size != 0 ? nest.owners_size : kFirstOwners;
     while (size <= number)
         size *= 2;
-    auto **owners = static_cast<Handle **>(CL_malloc_M(sizeof(Handle *) * size, 0, CL_FILE_LINE));
+    auto *owners = static_cast<Owner *>(CL_malloc_M(sizeof(Owner) * size, 0, CL_FILE_LINE));
     if (owners == nullptr) return false;
     if (nest.owners != nullptr) {
-        memcpy(owners, nest.owners, sizeof(Handle *) * nest.owners_size);
+        memcpy(owners, nest.owners, sizeof(Owner) * nest.owners_size);
         CL_free_M(nest.owners, 0, CL_FILE_LINE);
     }
     nest.owners = owners;
@@ -158,7 +158,7 @@ bool reserve_owner(Nest &nest, int fd) {
 
 // Epoll does not know this one's descriptor any more.
 void disown(Nest &nest, Handle &handle) {
-    nest.owners[handle.source.fd] = nullptr;
+    nest.owners[handle.source.fd].handle = nullptr;
     handle.source.events = 0;
 }
 
@@ -169,7 +169,7 @@ void not_ready(Nest &nest, Handle &handle) {
 
 // Epoll has taken this descriptor. If it knew another by the same number, that was closed.
 void own(Nest &nest, Handle &handle, int fd, uint32_t events) {
-    Handle *&owner = nest.owners[fd];
+    Handle *&owner = nest.owners[fd].handle;
     if (owner != nullptr) {
         owner->source.events = 0;
         not_ready(nest, *owner);

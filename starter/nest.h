@@ -125,6 +125,11 @@ struct Ready {
     uint32_t events;
 };
 
+// Whose events epoll tells of a descriptor.
+struct Owner {
+    Handle *handle;
+};
+
 struct Nest {
     CL_Object *object;
     int epoll;
@@ -134,7 +139,7 @@ struct Nest {
     Ready *ready;
     uint32_t ready_count;
     Handles handles;
-    Handle **owners;  // by number of the descriptor: whose events epoll tells
+    Owner *owners;  // by number of the descriptor
     uint32_t owners_size;
 
     Clock clocks[2];
@@ -172,18 +177,18 @@ struct KindRow {
 extern const KindRow kRows[kKinds];
 
 uint32_t watch_ready(Nest &nest, Handle &watch, uint32_t events);
-uint32_t posts_ready(Nest &nest, Handle &posts, uint32_t events);
+uint32_t posts_ready(Nest &nest, Handle &handle, uint32_t events);
 uint32_t signals_ready(Nest &nest, Handle &signals, uint32_t events);
 uint32_t process_ready(Nest &nest, Handle &process, uint32_t events);
 void release_timer(Nest &nest, Handle &timer);
 void release_source(Nest &nest, Handle &source);      // leaves the descriptor open
 void release_descriptor(Nest &nest, Handle &source);  // closes it
-void release_posts(Nest &nest, Handle &posts);
+void release_posts(Nest &nest, Handle &handle);
 void release_watcher(Nest &nest, Handle &watcher);
 
 // Timers' part in a turn: a timerfd is readable; what is due is called, up to the bound; the
 // timerfds are set anew.
-void clock_rang(Nest &nest, Handle &clock);
+void clock_rang(Nest &nest, Handle &source);
 uint32_t call_timers(Nest &nest);
 void wind_clocks(Nest &nest);
 
@@ -194,9 +199,9 @@ bool change(Nest &nest, Handle &handle, uint32_t events);
 void detach(Nest &nest, Handle &handle);
 
 // The nest, when it is there and the library in use; or null, and the failure is told.
-Nest *existing(const Failure &fail, CL_ErrInfo *err, uint32_t line = __builtin_LINE());
+Nest *existing(const Failure &told, CL_ErrInfo *err, uint32_t line = __builtin_LINE());
 // The same where the handle is one of this kind.
-Nest *owner(const Failure &fail, const void *handle, Kind kind, CL_ErrInfo *err,
+Nest *owner(const Failure &told, const void *handle, Kind kind, CL_ErrInfo *err,
             uint32_t line = __builtin_LINE());
 
 // A public handle's entry.
@@ -220,7 +225,7 @@ class Report {
     operator CL_ErrInfo *() const { return err_; }
 
   private:
-    CL_ErrInfo own_;
+    CL_ErrInfo own_ = {};
     CL_ErrInfo *err_;
 };
 

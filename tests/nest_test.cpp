@@ -641,7 +641,7 @@ TEST_F(Nest, ThreadsPost) {
         threads.emplace_back([&, i] {
             CL_ErrInfo own;
             for (uint64_t number = 0; number < kEach; ++number)
-                for (uint64_t queue : {0, 1})
+                for (const uint64_t queue : {UINT64_C(0), UINT64_C(1)})
                     while (CL_NestPost(queues[queue], work, 2 * i + queue, number, &own) == 0) {
                         EXPECT_EQ(own.err, static_cast<uint32_t>(EAGAIN));
                         std::this_thread::yield();
