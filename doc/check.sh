@@ -24,10 +24,10 @@ case $check in
 lint)
     dir=$1
     shift
-    mandoc -T lint -W warning "$dir"/*.3 "$@" ;;
+    mandoc -T lint -W warning "$dir"/qvcl_*.3 "$@" ;;
 agreement)
     # A name is declared in the synopsis, and explained where it stands in a tag with text behind.
-    for page in "$1"/*.3; do
+    for page in "$1"/qvcl_*.3; do
         awk -v page="${page##*/}" '
             /^\.Sh/ { section = $2 }
             section == "SYNOPSIS" && $1 == ".Fo" { print "declared", $2, page }

@@ -2,7 +2,8 @@
 # What the public headers say, for readers other than the compiler.
 #
 #   headers.pl man DIR OVERVIEW HEADER...   DIR/qvcl_NAME.3 for every header whose page the page
-#                                           OVERVIEW lists, with the date of that one
+#                                           OVERVIEW lists, with the date of that one, and a page that
+#                                           is a reference to it for every name declared there
 #   headers.pl errors HEADER...             "FUNCTION CODE" for every documented error
 #   headers.pl calls HEADER...              CALL(RESULT, FUNCTION, (PARAMETERS), (ARGUMENTS), CODE,
 #                                           ERRORS) for every function with documented errors: CODE
@@ -75,6 +76,7 @@ sub read_header {
     local $/;
     my $text = <$file>;
     close $file;
+    my $whole = $text;
     my ($name) = $path =~ m{([^/]+)\.h$} or die "$path: no header\n";
     $text =~ s{^(/\*.*?\*/)\n}{}s or die "$path: does not open with a comment\n";
     my $header = { name => $name, about => [ comment_lines($1) ], items => [] };
@@ -95,6 +97,7 @@ sub read_header {
             }
         }
     }
+    $header->{includes} = [ $whole =~ m{^#include <qvcl/(\w+)\.h>}mg ];
     return $header;
 }
 
@@ -284,11 +287,55 @@ sub error_section {
     return $out;
 }
 
-sub page {
-    my ($header, $date) = @_;
-    my @names = map { $_->{name} }
+# Functions, macros that stand for them, and variables.
+sub names_called {
+    my ($header) = @_;
+    return map { $_->{name} }
         map { (@{ $_->{functions} // [] }, @{ $_->{macros} // [] }, @{ $_->{variables} // [] }) }
         @{ $header->{items} };
+}
+
+# Types, enumerators and constants.
+sub names_declared {
+    my ($header) = @_;
+    my %names;
+    for my $item (@{ $header->{items} }) {
+        my $code = $item->{code} =~ s{/\*.*?\*/}{}gsr =~ s{\\\n}{ }gr;
+        $names{$_} = 1 for $code =~ /^#define (CL_\w+)/mg;
+        $names{"CL_KIND_$_"} = 1 for $code =~ /\bKIND\(\d+, (\w+),/g;
+        $code =~ s/^#.*\n//mg;
+        while ($code =~ /\benum\s*\w*\s*\{(.*?)\}/gs) {
+            $names{$_} = 1 for map { /(CL_\w+)\s*(?:=.*)?$/s ? $1 : () } split /,/, $1;
+        }
+        $names{$_} = 1 for $code =~ /\b(?:struct|union|enum) (CL_\w+)\s*[{;]/g;
+        $names{$_} = 1 for $code =~ /^[^{}\n]* const \w+ (CL_\w+)\[\] = /mg;
+        $names{$_} = 1 for $code =~ /^(?:typedef [^{}]*?|\} )(?:\(\*)?(CL_\w+)(?:\)\([^;]*)?;/mg;
+    }
+    return sort keys %names;
+}
+
+# The pages that the page in markdown leads to, those of the headers that this one stands on, and the
+# written ones that lead here.
+sub see_also {
+    my ($header, $pages, $listed) = @_;
+    my %to = map { $_ => 1 } @{ $header->{includes} };
+    if (open my $file, '<', "$pages/../$header->{name}.md") {
+        local $/;
+        $to{$_} = 1 for <$file> =~ /\]\((\w+)\.md/g;
+    }
+    my @to = map { "qvcl_$_ 3" } grep { $listed->{$_} && $_ ne $header->{name} } keys %to;
+    for my $path (glob "$pages/*.[15]") {
+        open my $file, '<', $path or die "$path: $!\n";
+        local $/;
+        push @to, $path =~ s{^.*/(.*)\.(\d)$}{$1 $2}r if <$file> =~ /^\.Xr qvcl_$header->{name} 3/m;
+    }
+    my @sorted = sort { substr($a, -1) <=> substr($b, -1) || $a cmp $b } @to, 'qvcl 7';
+    return ".Sh SEE ALSO\n" . join(" ,\n", map { ".Xr $_" } @sorted) . "\n";
+}
+
+sub page {
+    my ($header, $date, $see_also) = @_;
+    my @names = names_called($header);
     my ($what) = join(' ', @{ $header->{about} }) =~ /^(.*?)[.:](?: |$)/;
     my $library = $header->{name} =~ /^(channel|nest|recorder|source|starter)$/ ? 'libqvcl-starter, -lqvcl-starter -lqvcl' : 'libqvcl, -lqvcl';
     my @errors;
@@ -298,7 +345,14 @@ sub page {
         . join(" ,\n", map { ".Nm $_" } "qvcl_$header->{name}", @names)
         . "\n.Nd " . lcfirst($what) . "\n.Sh LIBRARY\n($library)\n.Sh SYNOPSIS\n" . synopsis($header)
         . ".Sh DESCRIPTION\n$description" . error_section(\@errors)
-        . ".Sh SEE ALSO\n.Xr qvcl 7\n";
+        . $see_also;
+}
+
+sub write_file {
+    my ($path, $text) = @_;
+    open my $file, '>', $path or die "$path: $!\n";
+    print $file $text;
+    close $file or die "$path: $!\n";
 }
 
 sub write_pages {
@@ -308,11 +362,12 @@ sub write_pages {
     close $file;
     my ($date) = map { /^\.Dd (.*)/ } @lines or die "$overview: no date\n";
     my %listed = map { $_ => 1 } map { /^\.It Xr qvcl_(\w+) 3/ } @lines;
+    my $pages = $overview =~ s{/[^/]*$}{}r;
     for my $header (grep { $listed{ $_->{name} } } map { read_header($_) } @headers) {
-        my $path = "$directory/qvcl_$header->{name}.3";
-        open my $page, '>', $path or die "$path: $!\n";
-        print $page page($header, $date);
-        close $page or die "$path: $!\n";
+        my $name = "qvcl_$header->{name}.3";
+        write_file("$directory/$name", page($header, $date, see_also($header, $pages, \%listed)));
+        write_file("$directory/$_.3", ".so man3/$name\n")
+            for names_called($header), names_declared($header);
     }
 }
 
