@@ -21,7 +21,9 @@ QVCL_BEGIN
 enum { CL_STATE_CONSTRUCTED = 1, CL_STATE_INITIALISED = 2, CL_STATE_ENDED = 3 };
 #define CL_STATE_FAILED 0xffffffffu /* CL_Init_M failed half-way; only CL_End_M remains useful */
 
-/* The table: CL_EM_MainTable is its storage, and everything reaches it through CL_MainTable. */
+/* The table: CL_EM_MainTable is its storage, and everything reaches it through CL_MainTable. The
+ * storage keeps its size for as long as the library keeps its major version: the loader may have to
+ * copy it into a program that names it, where there is as much room as when it was linked. */
 QVCL_API extern CL_MainBlock CL_EM_MainTable;
 QVCL_API extern CL_MainBlock *CL_MainTable;
 
