@@ -62,6 +62,7 @@ sub markdown {
     my $body = output_of('pandoc', '-f', 'gfm', '-t', 'html', '--no-highlight', '--wrap=none', "$tree/$source");
     $body =~ s{<a\s+href="([^"]*)">(.*?)</a>}{my $to = target($source, $1); defined $to ? qq(<a href="$to">$2</a>) : $2}ges;
     $body =~ s{(<img\s+src=")([^"]*)"}{$1 . target($source, $2) . '"'}ge;
+    $body =~ s{<colgroup>.*?</colgroup>}{}gs;    # widths of the columns as they were typed
     my $title = $body =~ m{<h1[^>]*>(.*?)</h1>}s ? plain($1) : $source;
     $names{$title} = $page;
     $names{ plain($2) . " ($title)" } = "$page#$1" while $body =~ m{<h[23] id="([^"]*)">(.*?)</h[23]>}gs;
