@@ -2,7 +2,11 @@
 // without a system call and loses no signal between the two.
 #pragma once
 
+#include <stdint.h>
+
 namespace qvcl {
+
+static_assert(__atomic_always_lock_free(sizeof(uint64_t), nullptr), "a handler must not wait");
 
 // Reads and resets a field. The plain load keeps the common case, nothing there, off the bus.
 template <class Field>

@@ -45,6 +45,7 @@
 #define CL_LAYOUT_SIZE(type, size) static_assert(sizeof(type) == (size), #type " has a fixed size")
 
 static_assert(sizeof(void *) == 8, "the layouts are those of a 64-bit process");
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "messages and dumps are little-endian");
 
 /* The base name of this source file; positions keep 16 characters of it. */
 #ifdef __FILE_NAME__
