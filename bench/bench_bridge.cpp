@@ -153,9 +153,9 @@ int main() {
                 "%.2f\n",
                 size, median(ours), median(ours) * size / 1e6, median(direct), median(ratio));
         }
-        std::vector<double> once;
-        for (int i = 0; i < 1000; ++i)
-            once.push_back(bridge.carry(1, 64));
+        std::vector<double> once(1000);
+        for (double &time : once)
+            time = bridge.carry(1, 64);
         printf("   64 bytes, one at a time: %.0f us under way\n", median(once) * 1e6);
     }
     rmdir(folder);

@@ -200,7 +200,6 @@ extern const Transport kLibuv;
 extern const Transport kBareGathers;
 extern const Transport kLibuvGathers;
 extern const Transport kLibevent;
-extern const Transport kLibevent;
 extern const Transport kNng;
 extern const Transport kZeroMq;
 
