@@ -6,12 +6,12 @@ include(CMakePackageConfigHelpers)
 set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/qvcl")
 set(targets qvcl)
 if(TARGET qvcl-starter)
-    list(APPEND targets qvcl-starter)
+    list(APPEND targets qvcl-starter qvcl-cpp)
 endif()
 install(TARGETS ${targets} EXPORT qvcl-targets
     LIBRARY COMPONENT runtime NAMELINK_COMPONENT development
     ARCHIVE COMPONENT development)
-install(DIRECTORY include/qvcl TYPE INCLUDE COMPONENT development FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY include/qvcl TYPE INCLUDE COMPONENT development FILES_MATCHING PATTERN "*.h" PATTERN "*.hpp")
 
 # Nothing has to be found first, so the exported targets are the whole package file.
 install(EXPORT qvcl-targets FILE qvcl-config.cmake NAMESPACE qvcl:: DESTINATION "${package_dir}"

@@ -19,4 +19,17 @@ for header in "$include"/qvcl/*.h; do
         }
     done
 done
+# Those of the layer for C++, in both standards, with exceptions and without.
+strict=(-fsyntax-only -pedantic-errors -Wall -Wextra -Wconversion -Wold-style-cast -Wshadow -Werror -I "$include")
+for header in "$include"/qvcl/*.hpp "$include"/qvcl/cpp/*.hpp; do
+    name=${header#"$include"/}
+    for options in -std=c++20 '-std=c++2b -fno-exceptions -fno-rtti'; do
+        read -ra options <<<"$options"
+        printf '#include <%s>\n#include <%s>\nextern int not_empty;\n' "$name" "$name" |
+            "$cxx" -x c++ "${options[@]}" "${strict[@]}" - || {
+            echo "$name does not compile alone with ${options[*]}"
+            failed=1
+        }
+    done
+done
 exit $failed

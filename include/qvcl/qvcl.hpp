@@ -1,0 +1,10 @@
+// qvcl for C++20: the library's loop with tasks, everything that has a handle as an object, errors
+// as values. All of it; the headers in cpp/ can be included one by one.
+#pragma once
+
+#include <qvcl/cpp/descriptor.hpp>
+#include <qvcl/cpp/location.hpp>
+#include <qvcl/cpp/result.hpp>
+#include <qvcl/cpp/runtime.hpp>
+#include <qvcl/cpp/task.hpp>
+#include <qvcl/cpp/time.hpp>

@@ -1,0 +1,238 @@
+// The layer for C++: tasks and what ends them, and that nothing is left behind.
+#include <qvcl/qvcl.hpp>
+
+#include <csignal>
+#include <stdexcept>
+#include <thread>
+
+#include "tests/support.h"
+
+namespace {
+
+using namespace qvcl;
+using namespace std::chrono_literals;
+
+// A runtime whose end finds nothing left.
+class CppTest : public testing::Test {
+  protected:
+    ~CppTest() override {
+        test::capture_log();
+        rt.reset();
+        for (const std::string &line : test::log_lines())
+            EXPECT_EQ(line.find("not released"), std::string::npos) << line;
+    }
+    // Runs the task to its end.
+    template <class T>
+    auto run(Task<T> task) {
+        return rt->run(std::move(task));
+    }
+
+    std::vector<int> before = test::descriptors();
+    std::unique_ptr<Runtime> rt = std::make_unique<Runtime>(RuntimeOptions{.objects = 300});
+};
+
+// Counts those of it that are alive.
+struct Counted {
+    explicit Counted(int &alive) : count(&alive) { ++alive; }
+    Counted(Counted &&other) noexcept : count(std::exchange(other.count, nullptr)) {}
+    ~Counted() {
+        if (count != nullptr) --*count;
+    }
+    int *count;
+};
+
+Task<int> later(int value, std::chrono::milliseconds time = 1ms) {
+    co_await after(time);
+    co_return value;
+}
+
+Task<int> at_once(int value) {
+    co_return value;
+}
+
+Task<> hold(Counted /*held*/) {
+    co_await after(1h);
+}
+
+TEST_F(CppTest, ValuesAndExceptionsReachWhoAwaits) {
+    const auto task = [](Runtime &runtime) -> Task<std::string> {
+        int sum = 0;
+        for (int i = 0; i < 100000; ++i)  // no stack grows
+            sum += co_await at_once(1);
+        const auto throws = []() -> Task<> {
+            co_await after(1ms);
+            throw std::runtime_error("inner");
+        };
+        std::string text;
+        try {
+            co_await throws();
+        } catch (const std::runtime_error &error) {
+            text = error.what();
+        }
+        Running<int> beside = runtime.start(later(7));
+        Running<> failing = runtime.start(throws());
+        sum += co_await later(10);
+        sum += co_await std::move(beside);
+        try {
+            co_await std::move(failing);
+        } catch (const std::runtime_error &error) {
+            text += error.what();
+        }
+        co_return text + std::to_string(sum);
+    };
+    EXPECT_EQ(run(task(*rt)).value(), "innerinner100017");
+}
+
+TEST_F(CppTest, WhatNobodyCatchesComesOutOfRun) {
+    rt->spawn([]() -> Task<> {
+        co_await after(1ms);
+        throw std::runtime_error("spawned");
+    });
+    EXPECT_THROW(static_cast<void>(rt->run()), std::runtime_error);
+    EXPECT_TRUE(rt->post([] { throw std::logic_error("posted"); }));
+    EXPECT_THROW(static_cast<void>(rt->run()), std::logic_error);
+    EXPECT_EQ(run(later(3)).value(), 3);
+}
+
+TEST_F(CppTest, DestroyingCancelsWhereverTheTaskStands) {
+    int alive = 0;
+    const auto outer = [](Counted counted) -> Task<> { co_await hold(std::move(counted)); };
+    rt->spawn(hold(Counted(alive)));
+    Running<> kept = rt->start(outer(Counted(alive)));
+    static_cast<void>(hold(Counted(alive)));  // never started
+    EXPECT_EQ(alive, 2);
+    EXPECT_EQ(run(later(1)).value(), 1);
+    kept.cancel();
+    EXPECT_EQ(alive, 1);
+    Running<> survivor = rt->start(outer(Counted(alive)));
+    rt.reset();
+    EXPECT_EQ(alive, 0);
+    EXPECT_FALSE(survivor);
+}
+
+TEST_F(CppTest, TaskThatDestroysItselfRunsOnToItsNextWait) {
+    int alive = 0, steps = 0;
+    Running<> self;
+    const auto inner = [](Running<> &own, int &count) -> Task<> {
+        own.cancel();
+        ++count;
+        co_await after(0ms);
+        ++count;
+    };
+    const auto outer = [inner](Counted, Running<> &own, int &count) -> Task<> {
+        co_await inner(own, count);
+    };
+    self = rt->start(outer(Counted(alive), self, steps));
+    EXPECT_EQ(run(later(1, 5ms)).value(), 1);
+    EXPECT_EQ(steps, 1);
+    EXPECT_EQ(alive, 0);
+}
+
+TEST_F(CppTest, AnyWaitCanHaveADeadline) {
+    const test::Pipe pipe;
+    int alive = 0;
+    const auto task = [](const test::Pipe &ends, int &count) -> Task<> {
+        const auto start = std::chrono::steady_clock::now();
+        Ticker slow(1h);
+        Event never;
+        Signals none{SIGWINCH};
+        Watch watch(ends.out());
+        EXPECT_EQ((co_await with_deadline(2ms, slow.next())).error(), ETIMEDOUT);
+        EXPECT_EQ((co_await with_deadline(2ms, never.wait())).error(), ETIMEDOUT);
+        EXPECT_EQ((co_await with_deadline(2ms, none.next())).error(), ETIMEDOUT);
+        EXPECT_EQ((co_await with_deadline(2ms, watch.readable())).error(), ETIMEDOUT);
+        EXPECT_EQ((co_await with_deadline(start, hold(Counted(count)))).error(), ETIMEDOUT);
+        EXPECT_EQ(count, 0);
+        EXPECT_EQ((co_await with_deadline(1h, later(5))).value(), 5);
+        ends.fill();
+        EXPECT_EQ((co_await with_deadline(1h, watch.readable())).value(), CL_NEST_READ);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
+    };
+    EXPECT_TRUE(run(task(pipe, alive)));
+}
+
+TEST_F(CppTest, TickersKeepTheirPhase) {
+    const auto task = []() -> Task<> {
+        Ticker ticker(10ms);
+        const auto start = std::chrono::steady_clock::now();
+        uint64_t turns = 0;
+        for (int i = 0; i < 5; ++i) {
+            turns += (co_await ticker.next()).value();
+            std::this_thread::sleep_for(i == 1 ? 35ms : 3ms);
+        }
+        const auto passed = std::chrono::steady_clock::now() - start;
+        EXPECT_GE(turns, 7u);  // those that passed meanwhile count
+        EXPECT_GE(passed, 10ms * turns);
+        EXPECT_LT(passed, 10ms * (turns + 5));
+        EXPECT_EQ((co_await Ticker(0ms).next()).error(), EINVAL);
+    };
+    EXPECT_TRUE(run(task()));
+}
+
+TEST_F(CppTest, PostsFromAnyThreadRunOnTheLoops) {
+    int count = 0;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&] {
+            for (int j = 0; j < 2500; ++j)
+                rt->post([&, keep = std::make_unique<int>(j)] {
+                      if (++count == 10000) rt->stop(17);
+                  }).value();
+        });
+    }
+    EXPECT_EQ(rt->run().value(), 17);
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_TRUE(rt->post([keep = std::make_unique<int>(1)] {}));  // is dropped
+}
+
+TEST_F(CppTest, SignalsAreWaitedFor) {
+    const auto task = []() -> Task<> {
+        EXPECT_EQ((co_await Signals{SIGCHLD}.next()).error(), EBUSY);
+        Signals signals{SIGTERM, SIGHUP};
+        raise(SIGHUP);
+        raise(SIGTERM);
+        raise(SIGHUP);
+        std::vector<int> told;
+        for (int i = 0; i < 2; ++i)
+            told.push_back((co_await signals.next()).value().number);
+        EXPECT_THAT(told, testing::UnorderedElementsAre(SIGTERM, SIGHUP));
+    };
+    EXPECT_TRUE(run(task()));
+}
+
+TEST_F(CppTest, WhatGoesAwayEndsTheWaitsForIt) {
+    const auto wait = [](std::unique_ptr<Event> &event) -> Task<int> {
+        const auto result = co_await event->wait();
+        co_return result ? 0 : result.error().code().value();
+    };
+    const auto task = [wait](Runtime &runtime) -> Task<> {
+        auto event = std::make_unique<Event>();
+        Running<int> first = runtime.start(wait(event));
+        Running<int> second = runtime.start(wait(event));
+        co_await after(0ms);
+        event->set();   // both are ready,
+        event.reset();  // and what they would look at is gone
+        EXPECT_EQ(co_await std::move(first), ECANCELED);
+        EXPECT_EQ(co_await std::move(second), ECANCELED);
+    };
+    EXPECT_TRUE(run(task(*rt)));
+}
+
+TEST_F(CppTest, CallsAndWaitsShowTheApplicationsLines) {
+    const test::Tape tape;
+    const auto task = [](Runtime &runtime) -> Task<std::string> {
+        co_await after(0ms);
+        co_return runtime.waiting_tasks();
+    };
+    int alive = 0;
+    rt->spawn(hold(Counted(alive)));
+    const auto text = run(task(*rt)).value();
+    rt->run(later(0)).value();
+    EXPECT_THAT(text, testing::ContainsRegex("task: spawned cpp_test.cpp:[0-9]+, waits "
+                                             "cpp_test.cpp:[0-9]+ after since 0\\.0"));
+    for (const test::Record &record : tape.records(CL_API_LOOP))
+        EXPECT_STREQ(std::string(record.head().file, 12).c_str(), "cpp_test.cpp");
+}
+
+}  // namespace
