@@ -360,5 +360,30 @@ print("port", s.getsockname()[1]); time.sleep(60)' >silent.out &
     expect bad.out '127.0.0.1:1/: Couldn'
 }
 
+# The clients of the C example cannot tell. One that floods and does not read stops nobody else.
+test_cpp_echo() {
+    "$bin/cpp_echo" socket dump.trc >server.out 2>server.log &
+    local server=$! flood
+    wait_for server.out listening
+    timeout 20 "$bin/echo_client" -n 20000000 socket >flood.out 2>&1 &
+    flood=$!
+    kill -STOP $flood
+    for size in 0 1 64 4096; do
+        "$bin/echo_client" -n 200 -s $size -d socket >client$size.out 2>&1 &
+        clients[size]=$!
+    done
+    for client in "${clients[@]}"; do ends_with 0 "$client"; done
+    expect client4096.out '^200 round trips of 4096 bytes in [0-9.]+ s: [0-9]+ a second, 822400 bytes'
+    for line in 'reason: a client asked for it' 'task: spawned echo.cpp:[0-9]*, waits echo.cpp:[0-9]* Ticker::next'; do
+        grep -aq "$line" dump.trc || complain "no '$line' in the dump"
+    done
+    wait_for server.out '^[1-9][0-9]* messages'
+    kill -TERM $server
+    ends_with 0 $server
+    kill -KILL $flood
+    ! grep 'not released' server.log || complain 'something is left'
+    [[ ! -e socket ]] || complain 'the socket file is left'
+}
+
 declare -a clients
 "test_$name"

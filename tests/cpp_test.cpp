@@ -5,12 +5,15 @@
 #include <stdexcept>
 #include <thread>
 
+#include "tests/folder.h"
 #include "tests/support.h"
+#include "tests/wire.h"
 
 namespace {
 
 using namespace qvcl;
 using namespace std::chrono_literals;
+using test::table;
 
 // A runtime whose end finds nothing left.
 class CppTest : public testing::Test {
@@ -233,6 +236,174 @@ TEST_F(CppTest, CallsAndWaitsShowTheApplicationsLines) {
                                              "cpp_test.cpp:[0-9]+ after since 0\\.0"));
     for (const test::Record &record : tape.records(CL_API_LOOP))
         EXPECT_STREQ(std::string(record.head().file, 12).c_str(), "cpp_test.cpp");
+}
+
+// ---------------------------------------------------------------- messages
+
+struct Pair {
+    int32_t a;
+    uint64_t b;
+};
+
+Task<> echo(Connection connection) {
+    for (;;) {
+        auto message = co_await connection.receive();
+        if (!message || !co_await connection.send(message->type + 1, message->payload)) co_return;
+    }
+}
+
+Task<> serve(Runtime &rt, Server server, Limits limits) {
+    for (;;) {
+        auto connection = co_await server.accept(limits);
+        if (!connection) co_return;
+        EXPECT_EQ(connection->peer()->pid, getpid());
+        rt.spawn(echo(std::move(*connection)));
+    }
+}
+
+class CppMessageTest : public CppTest {
+  protected:
+    void serve_echo(Limits limits = {}) {
+        rt->spawn(serve(*rt, Server::listen(path.c_str(), {.backlog = 500}).value(), limits));
+    }
+
+    const test::Folder folder;
+    const std::string path = folder.path("socket");
+};
+
+TEST_F(CppMessageTest, TypedMessagesThereAndBack) {
+    serve_echo();
+    const auto task = [](const char *where) -> Task<> {
+        Connection c = (co_await Connection::connect(where)).value();
+        (co_await c.send(10, Pair{-1, 2})).value();
+        const Message message = (co_await c.receive()).value();
+        EXPECT_EQ(message.type, 11u);
+        EXPECT_EQ(message.sender, getpid());
+        EXPECT_EQ(message.as<Pair>()->b, 2u);
+        EXPECT_EQ(message.as<int>().error(), EBADMSG);
+        (co_await c.send(20, "text")).value();
+        (co_await c.send(30)).value();
+        EXPECT_EQ((co_await c.receive())->text(), "text");
+        EXPECT_EQ((co_await c.receive())->payload.size(), 0u);
+
+        // What cannot be sent changes nothing; a receive that was given up is taken up again.
+        EXPECT_EQ((co_await c.send(1, std::string(4097, 'x'))).error(), EMSGSIZE);
+        EXPECT_EQ((co_await with_deadline(2ms, c.receive())).error(), ETIMEDOUT);
+        (co_await c.send(40, std::string_view("later"))).value();
+        EXPECT_EQ((co_await c.receive())->text(), "later");
+        EXPECT_EQ((co_await Connection{}.receive()).error(), EBADF);
+        EXPECT_EQ((co_await Connection::connect("/nowhere/at/all")).error(), ENOENT);
+        EXPECT_EQ((co_await Connection::connect(nullptr)).error(), EFAULT);
+        EXPECT_EQ((co_await Connection::connect(where, {.blocks = 0})).error(), EINVAL);
+    };
+    EXPECT_TRUE(run(task(path.c_str())));
+    EXPECT_EQ(Server::listen(folder.path("none/socket").c_str()).error(), ENOENT);
+    EXPECT_EQ(Server::listen(path.c_str(), {.priority = 1}).error(), EINVAL);
+}
+
+TEST_F(CppMessageTest, SendersWaitForRoomAndGoInOrder) {
+    Server server = Server::listen(path.c_str()).value();
+    constexpr uint32_t kMessages = 300;
+    const std::string big(4000, 'x');
+    const auto send = [&](Connection &c, uint32_t from) -> Task<> {
+        for (uint32_t i = from; i < kMessages; i += 2)
+            (co_await c.send(i, big)).value();
+    };
+    const auto task = [&]() -> Task<> {
+        Running<Result<Connection>> connecting = rt->start([&]() -> Task<Result<Connection>> {
+            co_return co_await Connection::connect(path.c_str());
+        });
+        Connection there = (co_await server.accept()).value();
+        Connection here = (co_await std::move(connecting)).value();
+        Running<> even = rt->start(send(here, 0));
+        Running<> odd = rt->start(send(here, 1));
+        co_await after(5ms);
+        EXPECT_FALSE(even.finished());  // nobody reads
+        EXPECT_EQ((co_await with_deadline(2ms, here.flush())).error(), ETIMEDOUT);
+        for (uint32_t next[] = {0, 1}, i = 0; i < kMessages; ++i) {
+            const Message message = (co_await there.receive()).value();
+            EXPECT_EQ(message.type, next[message.type % 2]);
+            next[message.type % 2] += 2;
+            EXPECT_EQ(message.text(), big);
+        }
+        (co_await here.flush()).value();
+        EXPECT_TRUE(even.finished() && odd.finished());
+    };
+    EXPECT_TRUE(run(task()));
+}
+
+// Peers that break the rules, in one way each, while a good one is served.
+TEST_F(CppMessageTest, MisbehavingPeersHurtNobodyElse) {
+    serve_echo({.message = 64, .blocks = 2});
+    std::vector<test::Socket> peers;
+    const auto good = [&]() -> Task<> {
+        Connection c = (co_await Connection::connect(path.c_str(), {.message = 64})).value();
+        for (int i = 0; i < 200; ++i) {
+            (co_await c.send(1, i)).value();
+            EXPECT_EQ((co_await with_deadline(5s, c.receive()))->as<int>().value(), i);
+            if (i < 60) peers.push_back(test::Socket::connected(path));
+            const std::string payload(i % 7 == 0 ? 200 : 48, 'x');
+            CL_MsgHeader header = {static_cast<uint32_t>(16 + payload.size()), CL_MSG_VERSION, 0,
+                                   1};
+            if (i % 7 == 1) header.version = 7;
+            if (i % 7 == 2) header.length = 3;
+            constexpr int kFlags = MSG_DONTWAIT | MSG_NOSIGNAL;
+            for (const test::Socket &peer : peers) {  // those of before flood
+                (void)!::send(peer.fd(), &header, i % 7 == 3 ? 5 : sizeof header, kFlags);
+                (void)!::send(peer.fd(), payload.data(), payload.size(), kFlags);
+            }
+            if (i % 5 == 0 && !peers.empty()) peers.pop_back();
+        }
+    };
+    EXPECT_TRUE(run(good()));
+    EXPECT_LT(table().kind_queues[CL_KIND_QUEUE_MSGC].count, 40u);  // the closed ones are gone
+}
+
+TEST_F(CppMessageTest, WhoeverComesWhenThereIsNoRoomWaits) {
+    serve_echo();
+    const auto task = [&]() -> Task<> {
+        std::vector<test::Socket> peers;
+        for (int i = 0; i < 320; ++i)  // the runtime has 300 objects
+            peers.push_back(test::Socket::connected(path));
+        while (table().kind_queues[CL_KIND_QUEUE_MSGC].count < 300)
+            co_await after(1ms);
+        co_await after(5ms);
+        peers.clear();
+        co_await after(250ms);
+        EXPECT_EQ(table().kind_queues[CL_KIND_QUEUE_MSGC].count, 0u);
+        Connection c = (co_await Connection::connect(path.c_str())).value();
+        (co_await c.send(1, "still there")).value();
+        EXPECT_TRUE(co_await with_deadline(5s, c.receive()));
+    };
+    EXPECT_TRUE(run(task()));
+}
+
+TEST_F(CppMessageTest, ConnectionsMayGoWhileTasksWaitForThem) {
+    Server server = Server::listen(path.c_str()).value();
+    const auto code = [](auto result) { return result ? 0 : result.error().code().value(); };
+    const auto receive = [&](Connection &c) -> Task<int> { co_return code(co_await c.receive()); };
+    const auto task = [&]() -> Task<> {
+        Running<int> nobody =
+            rt->start([&]() -> Task<int> { co_return code(co_await server.accept()); }());
+        co_await after(0ms);
+        Connection a = (co_await Connection::connect(path.c_str())).value();
+        EXPECT_EQ(co_await std::move(nobody), 0);
+        Connection b = (co_await Connection::connect(path.c_str())).value();
+        Running<int> first = rt->start(receive(b)), second = rt->start(receive(b));
+        Running<int> closed = rt->start(receive(a));
+        Running<int> accepting = rt->start([&]() -> Task<int> {
+            (co_await server.accept()).value();  // b's other end, which goes at once
+            co_return code(co_await server.accept());
+        });
+        EXPECT_EQ(co_await std::move(second), EINPROGRESS);
+        EXPECT_EQ(co_await std::move(closed), EPIPE);
+        EXPECT_EQ(a.object(), nullptr);
+        EXPECT_EQ(co_await std::move(first), EPIPE);
+        EXPECT_EQ(code(co_await b.send(1)), EPIPE);
+        server = Server();
+        EXPECT_EQ(co_await std::move(accepting), ECANCELED);
+    };
+    EXPECT_TRUE(run(task()));
 }
 
 }  // namespace

@@ -4,6 +4,8 @@
 
 #include <qvcl/cpp/descriptor.hpp>
 #include <qvcl/cpp/location.hpp>
+#include <qvcl/cpp/log.hpp>
+#include <qvcl/cpp/message.hpp>
 #include <qvcl/cpp/result.hpp>
 #include <qvcl/cpp/runtime.hpp>
 #include <qvcl/cpp/task.hpp>

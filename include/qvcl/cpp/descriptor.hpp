@@ -11,6 +11,7 @@
 #include <qvcl/cpp/task.hpp>
 
 #include <array>
+#include <csignal>
 
 namespace qvcl {
 inline namespace cpp {
@@ -26,7 +27,7 @@ class Watch : private detail::Node {
         watch_ = CL_CreateNestWatch_M(fd, 0, 0, on_ready, reinterpret_cast<uint64_t>(this), 0,
                                       &error_, 0, at.file(), at.line());
     }
-    ~Watch() { release(); }
+    ~Watch() override { stop(); }
 
     /// Waits until it can be read. Gives CL_NEST_... bits: data may be there, the other side gone.
     Ready readable(Location at = {});
@@ -39,9 +40,12 @@ class Watch : private detail::Node {
         reinterpret_cast<Watch *>(self)->tell(ready);
         return detail::scheduler.drain();
     }
-    void release() override {
+    void stop() {
         if (watch_ != nullptr) CL_DeleteNestWatch_M(watch_, nullptr, 0, at_.file(), at_.line());
         watch_ = nullptr;
+    }
+    void release() override {
+        stop();
         error_ = detail::record(CL_ERR_STATE);
         cancel_all(error_);
     }
@@ -179,7 +183,7 @@ class Signals : private detail::Node {
             if (signal != 0) watch(signal, at);
         if (error_.err != 0) release_watchers();
     }
-    ~Signals() { release_watchers(); }
+    ~Signals() override { release_watchers(); }
 
     /// Waits for the next signal; those that came first in the list go first.
     Next next(Location at = {});

@@ -67,6 +67,10 @@ class Runtime {
     Running<T> start(Task<T> task, Location at = {}) {
         return Running<T>(detail::adopt(task.release(), false, at));
     }
+    /// The same for a function that makes the task, which lives as long as that.
+    template <class Function>
+    requires std::is_invocable_v<Function &>
+    auto start(Function function, Location at = {}) { return start(keep(std::move(function)), at); }
 
     /// Runs the loop until stop(), and returns its value; or the Error of the loop. An exception
     /// that no task has caught ends it too, and comes out here. May be called again.
@@ -123,8 +127,8 @@ class Runtime {
 
   private:
     template <class Function>
-    static Task<> keep(Function function) {
-        co_await function();
+    static std::invoke_result_t<Function &> keep(Function function) {
+        co_return co_await function();
     }
 
     template <class T>
