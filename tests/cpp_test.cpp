@@ -228,7 +228,7 @@ TEST_F(CppTest, CallsAndWaitsShowTheApplicationsLines) {
         co_await after(0ms);
         co_return runtime.waiting_tasks();
     };
-    int alive = 0;
+    static int alive;
     rt->spawn(hold(Counted(alive)));
     const auto text = run(task(*rt)).value();
     rt->run(later(0)).value();
@@ -384,7 +384,7 @@ TEST_F(CppMessageTest, ConnectionsMayGoWhileTasksWaitForThem) {
     const auto receive = [&](Connection &c) -> Task<int> { co_return code(co_await c.receive()); };
     const auto task = [&]() -> Task<> {
         Running<int> nobody =
-            rt->start([&]() -> Task<int> { co_return code(co_await server.accept()); }());
+            rt->start([&]() -> Task<int> { co_return code(co_await server.accept()); });
         co_await after(0ms);
         Connection a = (co_await Connection::connect(path.c_str())).value();
         EXPECT_EQ(co_await std::move(nobody), 0);
