@@ -1,7 +1,11 @@
 // The layer for C++: tasks and what ends them, and that nothing is left behind.
 #include <qvcl/qvcl.hpp>
 
+#include <sys/mman.h>
+
+#include <array>
 #include <csignal>
+#include <list>
 #include <stdexcept>
 #include <thread>
 
@@ -404,6 +408,177 @@ TEST_F(CppMessageTest, ConnectionsMayGoWhileTasksWaitForThem) {
         EXPECT_EQ(co_await std::move(accepting), ECANCELED);
     };
     EXPECT_TRUE(run(task()));
+}
+
+// ---------------------------------------------------------------- callbacks
+
+TEST_F(CppMessageTest, CallbacksWithCapturesMayDestroyThemselves) {
+    Server server = Server::listen(path.c_str()).value();
+    std::vector<std::string> told;
+    std::list<std::pair<Connection, Callback>> clients;
+    int ticks = 0;
+    Callback tick = every(1ms, [&, keep = std::string(100, 'k')] {
+        if (++ticks == 3) tick.cancel();
+        EXPECT_EQ(keep.size(), 100u);
+    });
+    const Callback serving = on_connection(server, {}, [&](Connection connection) {
+        auto client = clients.emplace(clients.end(), std::move(connection), Callback());
+        client->second = on_message(
+            client->first,
+            [&, client](const Message &message) {
+                told.emplace_back(message.text());
+                EXPECT_TRUE(client->first.try_send(1, message.payload));
+            },
+            [&, client](const Error &why) {
+                EXPECT_EQ(why, EPIPE);
+                clients.erase(client);  // this function is in there
+            });
+    });
+    const Callback hup = on_signal(SIGHUP, [&](const Signal &signal) {
+        EXPECT_EQ(signal.pid, getpid());
+        if (ticks == 3 && clients.empty()) rt->stop(9);
+    });
+    const Callback ring = every(5ms, [] { raise(SIGHUP); });
+    rt->spawn([&]() -> Task<> {
+        Connection c = (co_await Connection::connect(path.c_str())).value();
+        (co_await c.send(1, "one")).value();
+        (co_await c.receive()).value();
+    });
+    EXPECT_EQ(rt->run().value(), 9);
+    EXPECT_THAT(told, testing::ElementsAre("one"));
+    const Callback throws = call_after(0ms, [] { throw std::runtime_error("called"); });
+    EXPECT_THROW(static_cast<void>(rt->run()), std::runtime_error);
+    const Callback fails = on_signal(SIGALRM, [](const Signal &) {});
+    EXPECT_THROW(static_cast<void>(rt->run()), std::system_error);
+}
+
+// ---------------------------------------------------------------- programs
+
+TEST_F(CppTest, ProgramsEndByThemselvesByRequestAndByForce) {
+    const auto shell = [](const char *script) {
+        return Process::start({"/bin/sh", "-c", script},
+                              {.environment = {{"GIVEN", "7"}, {"HOME", std::nullopt}}});
+    };
+    const auto task = [&]() -> Task<> {
+        Process exits = shell("exit $GIVEN$HOME").value();
+        Process polite = shell("exec sleep 100").value();
+        Process deaf = shell("trap '' TERM; while :; do sleep 0.01; done").value();
+        Process left = shell("trap '' TERM ABRT; kill -STOP $$").value();
+        EXPECT_EQ((co_await with_deadline(1ms, polite.exit())).error(), ETIMEDOUT);
+        EXPECT_EQ((co_await polite.ready()).error(), EINVAL);
+        EXPECT_EQ((co_await exits.exit())->value, 7u);
+        EXPECT_EQ((co_await exits.exit())->value, 7u);
+        EXPECT_EQ(exits.signal(SIGTERM).error(), ESRCH);
+        EXPECT_EQ((co_await polite.end(10s))->value, uint32_t{SIGTERM});
+        co_await after(50ms);
+        EXPECT_EQ((co_await deaf.end(20ms))->value, uint32_t{SIGKILL});
+        EXPECT_TRUE(left.is_running());
+        EXPECT_EQ(Process::start({"/no/such/program"}).error(), ENOENT);
+        EXPECT_EQ(Process::start({}).error(), EINVAL);
+        EXPECT_EQ((co_await Process().exit()).error(), EBADF);
+    };
+    EXPECT_TRUE(run(task()));
+}
+
+// ---------------------------------------------------------------- the rest
+
+TEST_F(CppMessageTest, FilesSegmentsAndMemoryGiveBackWhatTheyTake) {
+    const std::string name = folder.path("file");
+    {
+        File file = File::open(name.c_str(), O_RDWR | O_CREAT).value();
+        EXPECT_TRUE(file.write("0123456789"));
+        EXPECT_TRUE(file.flush());
+        EXPECT_EQ(file.seek(4, SEEK_SET).value(), 4u);
+        std::byte bytes[20];
+        EXPECT_EQ(file.read(bytes).value(), 6u);
+        EXPECT_EQ(bytes[0], std::byte{'4'});
+        EXPECT_EQ(file.seek(-1, SEEK_SET).error(), EINVAL);
+        EXPECT_TRUE(file.close());
+        EXPECT_EQ(file.read(bytes).error(), EBADF);
+        EXPECT_EQ(File::open(folder.path("none").c_str(), O_RDONLY).error(), ENOENT);
+    }
+    const std::string segment = "/qvcl-cpp-" + std::to_string(getpid());
+    const int fd = shm_open(segment.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+    ASSERT_EQ(ftruncate(fd, 64), 0);
+    close(fd);
+    EXPECT_EQ(SharedMemory::open(segment.c_str(), 8192).error(), ENOSPC);
+    {
+        SharedMemory writer = SharedMemory::open(segment.c_str(), 64, true).value();
+        SharedMemory reader = SharedMemory::open(segment.c_str(), 64).value();
+        writer.writable_bytes()[5] = std::byte{3};
+        EXPECT_EQ(reader.bytes()[5], std::byte{3});
+        EXPECT_TRUE(reader.writable_bytes().empty());
+        EXPECT_EQ((reader.as<std::array<char, 65>>()), nullptr);
+        writer.unlink_on_close();
+    }
+    EXPECT_EQ(SharedMemory::open(segment.c_str(), 64).error(), ENOENT);
+
+    const uint64_t before_memory = table().user_bytes;
+    {
+        TrackedMemory memory;
+        std::pmr::vector<int> numbers(1000, 7, &memory);
+        EXPECT_GE(table().user_bytes, before_memory + 4000);
+        void *aligned = memory.allocate(100, 4096);
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(aligned) % 4096, 0u);
+        memory.deallocate(aligned, 100, 4096);
+        CL_memlimit(table().user_bytes + 1000);
+        EXPECT_THROW(static_cast<void>(memory.allocate(2000)), std::bad_alloc);
+    }
+    EXPECT_EQ(table().user_bytes, before_memory);
+}
+
+TEST_F(CppMessageTest, ConfigurationHasTypesAndDefaults) {
+    const std::string good = folder.put("good", "[a]\nnumber = 12\nflag = yes\nodd = 12x\n[b]\n");
+    const Conf conf = Conf::read(good.c_str()).value();
+    EXPECT_THAT(conf.sections(), testing::ElementsAre("a", "b"));
+    EXPECT_THAT(conf.keys("a"), testing::ElementsAre("flag", "number", "odd"));
+    EXPECT_EQ(conf.get("a", "number", 1).value(), 12);
+    EXPECT_EQ(conf.get("a", "number", uint8_t{1}).value(), 12);
+    EXPECT_EQ(conf.get("a", "none", 1.5).value(), 1.5);
+    EXPECT_TRUE(conf.get("a", "flag", false).value());
+    EXPECT_EQ(conf.get("a", "odd", "-"), std::string("12x"));
+    EXPECT_EQ(conf.get("a", "odd", 1).error().record().line, 4u);
+    EXPECT_EQ(conf.get("a", "odd", true).error(), EINVAL);
+    const std::string bad = folder.put("bad", "[a]\n[a]\n");
+    const Error error = Conf::read(bad.c_str()).error();
+    EXPECT_EQ(error.record().detail, uint32_t{CL_CONF_SECTION_TWICE});
+    EXPECT_EQ(error.record().line, 2u);
+    EXPECT_EQ(Conf::read(folder.path("none").c_str()).error(), ENOENT);
+}
+
+TEST_F(CppMessageTest, DumpsTellWhatTasksWaitForAndWhatTheApplicationRecorded) {
+    UserRing ring(folder.path("user").c_str(), 64, 100);
+    EXPECT_TRUE(ring.write(Pair{7, 0x1122334455667788}));
+    EXPECT_EQ(ring.write(std::array<char, 8000>{}).error(), E2BIG);
+    EXPECT_THROW(UserRing("again", 64, 100), std::system_error);
+    const auto task = [&]() -> Task<> {
+        rt->dump(folder.path("dump").c_str(), "a test");
+        co_return;
+    };
+    serve_echo();
+    EXPECT_TRUE(run(later(0)));
+    EXPECT_TRUE(run(task()));
+    const std::string dump = test::bytes_of(folder.path("dump"));
+    for (const char *part : {"reason: a test\n", "\nprocess: ", "\ntask: spawned cpp_test.cpp:"})
+        EXPECT_NE(dump.find(part), std::string::npos) << part;
+    EXPECT_NE(dump.find("\x88\x77\x66\x55\x44\x33\x22\x11"), std::string::npos);
+}
+
+TEST_F(CppTest, ErrorsNameTheOperationAndCarryTheRecord) {
+    try {
+        Server::listen("/no/such/directory/socket").value();
+        FAIL();
+    } catch (const std::system_error &error) {
+        EXPECT_EQ(error.code(), std::errc::no_such_file_or_directory);
+        EXPECT_EQ(std::string(error.what()).substr(0, 11), "CL_OpenMSGS");
+    }
+    const Error error = Server::listen("/no/such/directory/socket").error();
+    EXPECT_EQ(error.record().module, uint32_t{CL_MODULE_MSGS});
+    EXPECT_NE(error.record().line, 0u);
+    Result<> status;
+    const Runtime second({}, status);
+    EXPECT_EQ(status.error(), EPERM);
+    EXPECT_EQ(run(later(2)).value(), 2);  // the first one is as it was
 }
 
 }  // namespace

@@ -307,6 +307,14 @@ class Connection {
     /// Sends a message without payload.
     detail::Send send(uint32_t type, Location at = {}) { return {node_.get(), type, {}, at}; }
 
+    /// Sends without waiting: EAGAIN when all blocks are lent, or somebody waits to send.
+    template <detail::Sendable T>
+    Result<> try_send(uint32_t type, const T &payload, Location at = {}) {
+        detail::Send send(node_.get(), type, detail::bytes_of(payload), at);
+        if (send.start()) return send.finish();
+        return detail::failure("try_send", EAGAIN);
+    }
+
     /// Waits until all that was sent is in the kernel's hands. Result<>.
     detail::Flush flush(Location at = {}) { return {node_.get(), at}; }
 

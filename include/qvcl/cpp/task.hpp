@@ -101,6 +101,7 @@ class Promise : public Linked<InReady>,
     OwnerBase *owner = nullptr;  // of a task that was started
     const char *file = nullptr;  // where it was spawned or started
     uint32_t line = 0;
+    bool escapes = false;   // its exception comes out of run(), whoever has its handle
     bool detached = false;  // spawned: nobody awaits it
     bool finished = false;
 #if QVCL_EXCEPTIONS
@@ -380,12 +381,13 @@ struct Final {
         task.finished = true;
         if (task.awaiter != nullptr) {
             scheduler.run_next(*task.awaiter);
-        } else if (task.detached) {
-#if QVCL_EXCEPTIONS
-            if (task.thrown) scheduler.escape(std::move(task.thrown));
-#endif
-            scheduler.doomed.push_back(task);
+            return;
         }
+#if QVCL_EXCEPTIONS
+        if (task.thrown && (task.detached || task.escapes))
+            scheduler.escape(std::exchange(task.thrown, nullptr));
+#endif
+        if (task.detached) scheduler.doomed.push_back(task);
     }
     void await_resume() noexcept {}
 };
