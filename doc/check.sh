@@ -8,6 +8,7 @@
 #   check.sh snippets CC INCLUDE LIBRARY FILE...
 #                                     C in markdown compiles; a block "```c program" is also run, and
 #                                     prints the block that follows it
+#   check.sh cpp CXX INCLUDE FILE...  C++ in markdown compiles, behind the header and its namespace
 set -euo pipefail
 export LC_ALL=C
 check=$1
@@ -57,10 +58,24 @@ links)
         [[ $page == README.md ]] || grep -qF "]($page" README.md || complain "README.md does not lead to $page"
         while read -r target; do
             [[ -e ${target%%#*} ]] || complain "$page leads to $target"
-        done < <(grep -oE '\]\([^)#:]+[^):]*\)' "$page" | sed 's/^](//; s/)$//')
+        done < <(awk '/^```/ { code = !code } !code' "$page" | grep -oE '\]\([^)#:]+[^):]*\)' | sed 's/^](//; s/)$//')
     done
     for header in ../include/qvcl/*.h; do
         grep -qF "<qvcl/${header##*/}>" ./*.md || complain "${header##*/} has no page"
+    done ;;
+cpp)
+    cxx=$1 include=$2
+    shift 2
+    for file; do
+        awk -v base="$work/$(basename "$file" .md)" '
+            /^```cpp$/ { out = base "." ++n ".cpp"
+                         print "#include <qvcl/qvcl.hpp>\nusing namespace qvcl;\nusing namespace std::chrono_literals;" > out
+                         next }
+            /^```/ { out = "" }
+            out { print > out }' "$file"
+    done
+    for source in "$work"/*.cpp; do
+        "$cxx" -std=c++20 -Wall -Wextra -Wno-unused -Wno-missing-field-initializers -Werror -fsyntax-only -I "$include" "$source" || failed=1
     done ;;
 snippets)
     cc=$1 include=$2 library=$3
