@@ -386,5 +386,32 @@ test_cpp_echo() {
     [[ ! -e socket ]] || complain 'the socket file is left'
 }
 
+# get REQUEST: sends it as it is, and prints the answer. The port is in $port.
+get() {
+    exec 9<>"/dev/tcp/127.0.0.1/$port"
+    printf "$1" >&9
+    timeout 10 cat <&9
+    exec 9>&-
+}
+test_cpp_metrics() {
+    "$bin/cpp_metrics" >server.out 2>server.log &
+    local server=$! port
+    wait_for server.out '^http:'
+    port=$(sed 's/.*:\([0-9]*\).*/\1/' server.out)
+    exec 8<>"/dev/tcp/127.0.0.1/$port" # says nothing, and stops nobody
+    get 'GET /metrics HTTP/1.1\r\nHost: here\r\n\r\n' >page.out
+    get 'GET / HTTP/1.1\r\n\r\n' >other.out
+    expect other.out '^HTTP/1.1 404'
+    get 'GET /metrics HTTP/1.1\r\n\r\n' >again.out
+    in_order again.out '^HTTP/1.1 200 OK' '^daemon_pages_total 2$' '^daemon_refused_total 1$' '^qvcl_objects '
+    get "$(printf 'x%.0s' {1..9000})" >endless.out 2>&1 || true
+    [[ ! -s endless.out ]] || complain 'answered what is no request'
+    timeout 10 cat <&8 >silent.out || complain 'who says nothing is not closed'
+    exec 8>&-
+    kill -TERM $server
+    ends_with 0 $server
+    ! grep 'not released' server.log || complain 'something is left'
+}
+
 declare -a clients
 "test_$name"

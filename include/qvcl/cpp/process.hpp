@@ -27,9 +27,9 @@ struct Variable {
 
 /// How a program is started.
 struct ProcessOptions {
-    bool reports = false;               ///< it will say that it is up (RuntimeOptions::reports)
-    const char *path = nullptr;         ///< of the program; null: the first argument
-    std::vector<Variable> environment;  ///< changes to that of the starter
+    bool reports = false;                 ///< it will say that it is up (RuntimeOptions::reports)
+    const char *path = nullptr;           ///< of the program; null: the first argument
+    std::vector<Variable> environment{};  ///< changes to that of the starter
 };
 
 /// How a program ended.
