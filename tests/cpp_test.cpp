@@ -98,7 +98,18 @@ TEST_F(CppTest, WhatNobodyCatchesComesOutOfRun) {
     EXPECT_THROW(static_cast<void>(rt->run()), std::runtime_error);
     EXPECT_TRUE(rt->post([] { throw std::logic_error("posted"); }));
     EXPECT_THROW(static_cast<void>(rt->run()), std::logic_error);
-    EXPECT_EQ(run(later(3)).value(), 3);
+    {
+        Running<> dropped = rt->start([]() -> Task<> {
+            co_await after(0ms);
+            throw std::runtime_error("nobody awaits it");
+        });
+        EXPECT_EQ(run(later(3)).value(), 3);
+    }
+    EXPECT_THROW(static_cast<void>(rt->run()), std::runtime_error);
+    const auto nested = [](Runtime &runtime) -> Task<bool> {
+        co_return runtime.run().error() == EDEADLK;
+    };
+    EXPECT_TRUE(run(nested(*rt)).value());
 }
 
 TEST_F(CppTest, DestroyingCancelsWhereverTheTaskStands) {
@@ -410,6 +421,59 @@ TEST_F(CppMessageTest, ConnectionsMayGoWhileTasksWaitForThem) {
     EXPECT_TRUE(run(task()));
 }
 
+TEST_F(CppMessageTest, ChannelsAreUsedAsConnectionsAre) {
+    ChannelServer server(path.c_str());
+    rt->spawn([&]() -> Task<> {
+        while (auto channel = co_await server.accept({.message = 5000})) {
+            EXPECT_EQ(channel->peer()->pid, getpid());
+            rt->spawn([c = std::make_shared<Channel>(std::move(*channel))]() -> Task<> {
+                for (;;) {
+                    auto message = co_await c->receive();
+                    if (!message) co_return;
+                    if (message->type % 7 == 0) co_await after(0ms);  // others wait meanwhile
+                    if (!co_await c->send(message->type, message->payload)) co_return;
+                }
+            });
+        }
+    });
+    constexpr uint32_t kMessages = 3000;
+    const auto payload = [](uint32_t i) { return std::string(i % 11 * 300, static_cast<char>(i)); };
+    const auto task = [&]() -> Task<> {
+        Channel c = Channel::connect(path.c_str()).value();
+        Running<> sending = rt->start([&]() -> Task<> {
+            for (uint32_t i = 0; i < kMessages; ++i)
+                (co_await c.send(i, payload(i))).value();  // more than all buffers hold
+        });
+        for (uint32_t i = 0; i < kMessages; ++i) {
+            const Message message = (co_await with_deadline(10s, c.receive())).value();
+            EXPECT_EQ(message.type, i);
+            EXPECT_EQ(message.text(), payload(i));
+        }
+        co_await std::move(sending);
+        EXPECT_EQ((co_await with_deadline(2ms, c.receive())).error(), ETIMEDOUT);
+        EXPECT_EQ((co_await c.send(1, std::string(70000, 'x'))).error(), EMSGSIZE);
+
+        // A connection at the other end; a message that is too long; one's own end.
+        Connection plain = (co_await Connection::connect(path.c_str(), {.message = 6000})).value();
+        (co_await plain.send(1, "plain")).value();
+        EXPECT_EQ((co_await plain.receive())->text(), "plain");
+        (co_await plain.send(1, std::string(5001, 'x'))).value();
+        EXPECT_THAT((co_await plain.receive()).error().code().value(),
+                    testing::AnyOf(EPIPE, ECONNRESET));
+        Running<int> waiting = rt->start([&]() -> Task<int> {
+            const auto end = co_await c.receive();
+            co_return end ? 0 : end.error().code().value();
+        });
+        co_await after(0ms);
+        c = Channel();
+        EXPECT_EQ(co_await std::move(waiting), ECANCELED);
+        EXPECT_EQ(Channel::connect("/nowhere/at/all").error(), ENOENT);
+        ChannelServer nowhere("/nowhere/at/all");
+        EXPECT_EQ((co_await nowhere.accept()).error(), ENOENT);
+    };
+    EXPECT_TRUE(run(task()));
+}
+
 // ---------------------------------------------------------------- callbacks
 
 TEST_F(CppMessageTest, CallbacksWithCapturesMayDestroyThemselves) {
@@ -438,6 +502,15 @@ TEST_F(CppMessageTest, CallbacksWithCapturesMayDestroyThemselves) {
         EXPECT_EQ(signal.pid, getpid());
         if (ticks == 3 && clients.empty()) rt->stop(9);
     });
+    const test::Pipe pipe;
+    const Callback readable = on_readable(pipe.out(), [&](uint32_t ready) {
+        char byte;
+        EXPECT_EQ(ready, uint32_t{CL_NEST_READ});
+        EXPECT_EQ(read(pipe.out(), &byte, 1), 1);
+        told.emplace_back(1, byte);
+    });
+    pipe.fill('1');
+    pipe.fill('2');
     const Callback ring = every(5ms, [] { raise(SIGHUP); });
     rt->spawn([&]() -> Task<> {
         Connection c = (co_await Connection::connect(path.c_str())).value();
@@ -445,7 +518,7 @@ TEST_F(CppMessageTest, CallbacksWithCapturesMayDestroyThemselves) {
         (co_await c.receive()).value();
     });
     EXPECT_EQ(rt->run().value(), 9);
-    EXPECT_THAT(told, testing::ElementsAre("one"));
+    EXPECT_THAT(told, testing::UnorderedElementsAre("one", "1", "2"));
     const Callback throws = call_after(0ms, [] { throw std::runtime_error("called"); });
     EXPECT_THROW(static_cast<void>(rt->run()), std::runtime_error);
     const Callback fails = on_signal(SIGALRM, [](const Signal &) {});

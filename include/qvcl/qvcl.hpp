@@ -3,6 +3,7 @@
 #pragma once
 
 #include <qvcl/cpp/callback.hpp>
+#include <qvcl/cpp/channel.hpp>
 #include <qvcl/cpp/conf.hpp>
 #include <qvcl/cpp/descriptor.hpp>
 #include <qvcl/cpp/file.hpp>

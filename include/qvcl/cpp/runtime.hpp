@@ -73,11 +73,13 @@ class Runtime {
     auto start(Function function, Location at = {}) { return start(keep(std::move(function)), at); }
 
     /// Runs the loop until stop(), and returns its value; or the Error of the loop. An exception
-    /// that no task has caught ends it too, and comes out here. May be called again.
+    /// that no task has caught ends it too, and comes out here. May be called again; EDEADLK
+    /// when it is called by a task.
     Result<int> run(Location at = {}) {
         detail::Scheduler &scheduler = detail::scheduler;
-        scheduler.stopped = false;
+        if (scheduler.draining) return detail::failure("run", EDEADLK);
         CL_ErrInfo err = {};
+        scheduler.stopped = scheduler.stopping();
         uint32_t ended = scheduler.drain();
         if (ended == 0) ended = CL_EventLoop_M(&err, 0, at.file(), at.line());
 #if QVCL_EXCEPTIONS
@@ -185,6 +187,7 @@ class Runtime {
 
     void end() {
         if (!begun_) return;
+        assert(!detail::scheduler.draining);  // no task may end what it runs in
         detail::Scheduler &scheduler = detail::scheduler;
         scheduler.again = nullptr;
         while (detail::Promise *task = scheduler.roots.first())

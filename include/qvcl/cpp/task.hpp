@@ -159,6 +159,14 @@ class Scheduler {
         stop_value = value;
     }
 
+    // Whether an exception is on its way out of run().
+    bool stopping() const {
+#if QVCL_EXCEPTIONS
+        return escaped != nullptr;
+#else
+        return false;
+#endif
+    }
 #if QVCL_EXCEPTIONS
     // The exception comes out of run().
     void escape(std::exception_ptr thrown) {
@@ -513,7 +521,9 @@ class [[nodiscard]] Running : private detail::OwnerBase {
     /// The wait for its end.
     class Awaiter {
       public:
-        explicit Awaiter(Running &&running) : running_(std::move(running)) {}
+        explicit Awaiter(Running &&running) : running_(std::move(running)) {
+            assert(running_.task_ != nullptr);
+        }
         bool await_ready() const { return running_.task_->finished; }
         template <std::derived_from<detail::Promise> P>
         void await_suspend(std::coroutine_handle<P> awaiter) {
