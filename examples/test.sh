@@ -413,5 +413,23 @@ test_cpp_metrics() {
     ! grep 'not released' server.log || complain 'something is left'
 }
 
+test_cpp_collector() {
+    "$bin/cpp_collector" socket lines 15000 >server.out 2>server.log &
+    local server=$!
+    wait_for server.out listening
+    for i in 0 1 2 3; do
+        "$bin/cpp_collector" -c socket 1000 >client$i.out 2>&1 &
+        clients[i]=$!
+    done
+    for client in "${clients[@]}"; do ends_with 0 "$client"; done
+    "$bin/cpp_collector" -c socket 1 >last.out 2>&1
+    expect last.out '^4001 lines, [0-9]+ bytes, [4-6] files, 0 failures, 1 clients'
+    [[ $(cat lines* | wc -l) == 4001 ]] || complain "not all lines: $(wc -l lines*)"
+    for file in lines*; do (($(wc -c <"$file") <= 15000)) || complain "$file is too long"; done
+    kill -TERM $server
+    ends_with 0 $server
+    ! grep 'not released' server.log || complain 'something is left'
+}
+
 declare -a clients
 "test_$name"

@@ -119,7 +119,7 @@ class ChannelNode final : public Node {
     ChannelNode **alive_ = nullptr;  // of the callback that tells a message
 };
 
-class ChannelReceive : public Operation<ChannelReceive> {
+class [[nodiscard]] ChannelReceive : public Operation<ChannelReceive> {
   public:
     static constexpr char kOperation[] = "receive";
     ChannelReceive(ChannelNode *node, const Location &where)
@@ -146,7 +146,7 @@ class ChannelReceive : public Operation<ChannelReceive> {
     ChannelNode *node_;
 };
 
-class ChannelSend : public Operation<ChannelSend> {
+class [[nodiscard]] ChannelSend : public Operation<ChannelSend> {
   public:
     static constexpr char kOperation[] = "send";
     ChannelSend(ChannelNode *node, uint32_t type, std::span<const std::byte> payload,
@@ -336,7 +336,7 @@ class ChannelServer : private detail::Node {
 };
 
 /// The wait for somebody who connects.
-class ChannelServer::Accept : public detail::Operation<Accept> {
+class [[nodiscard]] ChannelServer::Accept : public detail::Operation<Accept> {
   public:
     static constexpr char kOperation[] = "accept";
     Accept(ChannelServer &server, const ChannelLimits &limits, const Location &at)

@@ -65,7 +65,7 @@ class Watch : private detail::Node {
 };
 
 /// The wait for a descriptor to be ready.
-class Watch::Ready : public detail::Operation<Ready> {
+class [[nodiscard]] Watch::Ready : public detail::Operation<Ready> {
   public:
     static constexpr char kOperation[] = "ready";
     Ready(Watch &watch, uint32_t events, const Location &at)
@@ -113,7 +113,7 @@ inline void Watch::tell(uint32_t ready) {
 namespace detail {
 
 // A watch for one wait.
-class ReadyOnce : public Operation<ReadyOnce> {
+class [[nodiscard]] ReadyOnce : public Operation<ReadyOnce> {
   public:
     static constexpr char kOperation[] = "ready";
     ReadyOnce(int fd, uint32_t events, const Location &at)
@@ -225,7 +225,7 @@ class Signals : private detail::Node {
 };
 
 /// The wait for a signal.
-class Signals::Next : public detail::Operation<Next> {
+class [[nodiscard]] Signals::Next : public detail::Operation<Next> {
   public:
     static constexpr char kOperation[] = "Signals::next";
     Next(Signals &signals, const Location &at) : Operation(kOperation, at), signals_(signals) {}

@@ -201,7 +201,7 @@ class ConnectionNode final : public Node {
     CL_Queue free_ = {};
 };
 
-class Receive : public Operation<Receive> {
+class [[nodiscard]] Receive : public Operation<Receive> {
   public:
     static constexpr char kOperation[] = "receive";
     Receive(ConnectionNode *node, const Location &where)
@@ -226,7 +226,7 @@ class Receive : public Operation<Receive> {
     ConnectionNode *node_;
 };
 
-class Send : public Operation<Send> {
+class [[nodiscard]] Send : public Operation<Send> {
   public:
     static constexpr char kOperation[] = "send";
     Send(ConnectionNode *node, uint32_t type, std::span<const std::byte> payload,
@@ -260,7 +260,7 @@ class Send : public Operation<Send> {
     std::span<const std::byte> payload_;
 };
 
-class Flush : public Operation<Flush> {
+class [[nodiscard]] Flush : public Operation<Flush> {
   public:
     static constexpr char kOperation[] = "flush";
     Flush(ConnectionNode *node, const Location &where)
@@ -340,7 +340,7 @@ class Connection {
 
 namespace detail {
 
-class Connect : public Operation<Connect> {
+class [[nodiscard]] Connect : public Operation<Connect> {
   public:
     static constexpr char kOperation[] = "connect";
     Connect(const char *path, const Limits &limits, const Location &where)
@@ -495,7 +495,7 @@ class Server {
 
 namespace detail {
 
-class Accept : public Operation<Accept> {
+class [[nodiscard]] Accept : public Operation<Accept> {
   public:
     static constexpr char kOperation[] = "accept";
     Accept(ServerNode *node, const Limits &limits, const Location &where)

@@ -115,7 +115,7 @@ inline bool wait_for(ProcessNode *node, Wait &wait, CL_ErrInfo &error) {
     return false;
 }
 
-class Up : public Operation<Up> {
+class [[nodiscard]] Up : public Operation<Up> {
   public:
     static constexpr char kOperation[] = "ready";
     Up(ProcessNode *node, const Location &where) : Operation(kOperation, where), node_(node) {}
@@ -133,7 +133,7 @@ class Up : public Operation<Up> {
     ProcessNode *node_;
 };
 
-class Exited : public Operation<Exited> {
+class [[nodiscard]] Exited : public Operation<Exited> {
   public:
     static constexpr char kOperation[] = "exit";
     Exited(ProcessNode *node, const Location &where) : Operation(kOperation, where), node_(node) {}
@@ -147,7 +147,7 @@ class Exited : public Operation<Exited> {
     ProcessNode *node_;
 };
 
-class Ended : public Operation<Ended> {
+class [[nodiscard]] Ended : public Operation<Ended> {
   public:
     static constexpr char kOperation[] = "end";
     Ended(ProcessNode *node, std::chrono::nanoseconds grace, const Location &where)
@@ -282,7 +282,7 @@ class Starter : private detail::Node {
 };
 
 /// The wait to be asked to end.
-class Starter::Asked : public detail::Operation<Asked> {
+class [[nodiscard]] Starter::Asked : public detail::Operation<Asked> {
   public:
     static constexpr char kOperation[] = "asked_to_end";
     Asked(Starter &starter, const Location &at) : Operation(kOperation, at), starter_(starter) {}

@@ -593,7 +593,7 @@ class Event : private detail::Node {
 };
 
 /// The wait for an Event.
-class Event::Wait : public detail::Operation<Wait> {
+class [[nodiscard]] Event::Wait : public detail::Operation<Wait> {
   public:
     static constexpr char kOperation[] = "Event::wait";
     Wait(Event &event, const Location &at) : Operation(kOperation, at), event_(event) {}

@@ -60,7 +60,7 @@ class Timer {
     CL_NestTimer *timer_ = nullptr;
 };
 
-class After : public Operation<After> {
+class [[nodiscard]] After : public Operation<After> {
   public:
     static constexpr char kOperation[] = "after";
 
@@ -214,7 +214,7 @@ class Ticker : private detail::Node {
 };
 
 /// The wait for a turn.
-class Ticker::Next : public detail::Operation<Next> {
+class [[nodiscard]] Ticker::Next : public detail::Operation<Next> {
   public:
     static constexpr char kOperation[] = "Ticker::next";
     Next(Ticker &ticker, const Location &at) : Operation(kOperation, at), ticker_(ticker) {}

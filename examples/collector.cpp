@@ -1,0 +1,135 @@
+// Collects lines from many clients into a file that is rotated, and tells how it stands on request.
+//
+// A client's line is in the file when it gets the reply: what was said is there, whatever happens
+// to the client next. When the disk is full the reply says so, and the collector goes on.
+//
+//   cpp_collector SOCKET FILE [BYTES]          FILE, FILE.1 to FILE.4; BYTES: of each (default 1
+//   MB) cpp_collector -c SOCKET LINES              a client: says so many lines, then asks for the
+//   status
+#include <qvcl/qvcl.hpp>
+
+#include <string>
+
+using namespace qvcl;
+using namespace std::chrono_literals;
+
+enum : uint32_t { kLine = 1, kStored = 2, kStatus = 3 };
+static constexpr int kGenerations = 4;
+
+struct Status {
+    uint64_t lines, bytes, rotations, failures;
+    uint32_t clients;
+};
+
+class Collector {
+  public:
+    Collector(std::string path, uint64_t most) : path_(std::move(path)), most_(most) {}
+
+    Result<> store(std::string_view line) {
+        if (file_.object() == nullptr || written_ + line.size() + 1 > most_) {
+            if (const auto fresh = rotate(); !fresh) return fresh;
+        }
+        const Result<> stored = file_.write(std::string(line) + '\n');
+        if (stored) {
+            written_ += line.size() + 1;
+            status.bytes += line.size() + 1;
+            ++status.lines;
+        } else {
+            ++status.failures;
+        }
+        return stored;
+    }
+
+    Status status = {};
+
+  private:
+    std::string generation(int number) const {
+        return number == 0 ? path_ : path_ + '.' + std::to_string(number);
+    }
+    Result<> rotate() {
+        file_ = File();
+        for (int i = kGenerations; i > 0; --i)
+            rename(generation(i - 1).c_str(), generation(i).c_str());
+        auto file = File::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND);
+        if (!file) return file.error();
+        file_ = std::move(*file);
+        written_ = 0;
+        ++status.rotations;
+        return {};
+    }
+
+    std::string path_;
+    uint64_t most_;
+    uint64_t written_ = 0;
+    File file_;
+};
+
+static Task<> client(Collector &collector, Connection connection) {
+    struct Here {
+        explicit Here(Collector &in) : status(in.status) { ++status.clients; }
+        ~Here() { --status.clients; }
+        Status &status;
+    } const here(collector);
+    for (;;) {
+        auto message = co_await with_deadline(60s, connection.receive());
+        if (!message) co_return;
+        Result<> sent;
+        if (message->type == kLine) {
+            const Result<> stored = collector.store(message->text());
+            sent = co_await connection.send(kStored, stored.error().code().value());
+        } else {
+            sent = co_await connection.send(kStatus, collector.status);
+        }
+        if (!sent) co_return;
+    }
+}
+
+static Task<> serve(Runtime &rt, Server server, Collector &collector) {
+    for (;;) {
+        auto connection = (co_await server.accept({.message = 1000})).value();
+        rt.spawn(client(collector, std::move(connection)));
+    }
+}
+
+static Task<> stop(Runtime &rt) {
+    Signals signals{SIGTERM, SIGINT};
+    (co_await signals.next()).value();
+    rt.stop(EXIT_SUCCESS);
+}
+
+static Task<> say(const char *path, uint32_t lines) {
+    auto c = (co_await Connection::connect(path, {.message = 1000})).value();
+    for (uint32_t i = 0; i < lines; ++i) {
+        (co_await c.send(kLine, std::to_string(getpid()) + " says " + std::to_string(i))).value();
+        const int code = (co_await with_deadline(5s, c.receive())).value().as<int>().value();
+        if (code != 0) throw std::runtime_error(category().message(code));
+    }
+    (co_await c.send(kStatus)).value();
+    const auto status = (co_await with_deadline(5s, c.receive())).value().as<Status>().value();
+    printf("%lu lines, %lu bytes, %lu files, %lu failures, %u clients\n", status.lines,
+           status.bytes, status.rotations, status.failures, status.clients);
+}
+
+int main(int argc, char **argv) try {
+    const bool is_client = argc == 4 && std::string_view(argv[1]) == "-c";
+    if (argc < 3 || argc > 4) {
+        fprintf(stderr, "usage: %s SOCKET FILE [BYTES] | -c SOCKET LINES\n", argv[0]);
+        return EXIT_FAILURE;
+    }
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    log_to_stderr();
+    // The tasks that the runtime destroys at its end refer to it.
+    Collector collector(argv[2], argc > 3 ? strtoull(argv[3], nullptr, 10) : 1000000);
+    Runtime rt({.objects = 300});
+    if (is_client) {
+        rt.run(say(argv[2], static_cast<uint32_t>(strtoul(argv[3], nullptr, 10)))).value();
+        return EXIT_SUCCESS;
+    }
+    rt.spawn(serve(rt, Server::listen(argv[1]).value(), collector));
+    rt.spawn(stop(rt));
+    printf("listening\n");
+    return rt.run().value();
+} catch (const std::exception &error) {
+    fprintf(stderr, "%s: %s\n", argv[0], error.what());
+    return EXIT_FAILURE;
+}
