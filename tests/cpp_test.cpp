@@ -8,6 +8,7 @@
 #include <list>
 #include <stdexcept>
 #include <thread>
+#include <tuple>
 
 #include "tests/folder.h"
 #include "tests/support.h"
@@ -192,10 +193,11 @@ TEST_F(CppTest, PostsFromAnyThreadRunOnTheLoops) {
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([&] {
-            for (int j = 0; j < 2500; ++j)
+            for (int j = 0; j < 2500; ++j) {
                 rt->post([&, keep = std::make_unique<int>(j)] {
                       if (++count == 10000) rt->stop(17);
                   }).value();
+            }
         });
     }
     EXPECT_EQ(rt->run().value(), 17);
@@ -364,8 +366,8 @@ TEST_F(CppMessageTest, MisbehavingPeersHurtNobodyElse) {
             if (i % 7 == 2) header.length = 3;
             constexpr int kFlags = MSG_DONTWAIT | MSG_NOSIGNAL;
             for (const test::Socket &peer : peers) {  // those of before flood
-                (void)!::send(peer.fd(), &header, i % 7 == 3 ? 5 : sizeof header, kFlags);
-                (void)!::send(peer.fd(), payload.data(), payload.size(), kFlags);
+                std::ignore = ::send(peer.fd(), &header, i % 7 == 3 ? 5 : sizeof header, kFlags);
+                std::ignore = ::send(peer.fd(), payload.data(), payload.size(), kFlags);
             }
             if (i % 5 == 0 && !peers.empty()) peers.pop_back();
         }
@@ -437,7 +439,9 @@ TEST_F(CppMessageTest, ChannelsAreUsedAsConnectionsAre) {
         }
     });
     constexpr uint32_t kMessages = 3000;
-    const auto payload = [](uint32_t i) { return std::string(i % 11 * 300, static_cast<char>(i)); };
+    const auto payload = [](uint32_t i) {
+        return std::string(size_t{i % 11} * 300, static_cast<char>(i));
+    };
     const auto task = [&]() -> Task<> {
         Channel c = Channel::connect(path.c_str()).value();
         Running<> sending = rt->start([&]() -> Task<> {

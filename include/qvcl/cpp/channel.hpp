@@ -125,12 +125,13 @@ class [[nodiscard]] ChannelReceive : public Operation<ChannelReceive> {
     ChannelReceive(ChannelNode *node, const Location &where)
         : Operation(kOperation, where), node_(node) {}
     bool start() {
-        if (node_ == nullptr)
+        if (node_ == nullptr) {
             error_ = record(EBADF);
-        else if (node_->has<ChannelReceive>())
+        } else if (node_->has<ChannelReceive>()) {
             error_ = record(EINPROGRESS);
-        else if (!node_->held && node_->end.err != 0)
+        } else if (!node_->held && node_->end.err != 0) {
             error_ = node_->end;
+        }
         if (failed()) return true;
         node_->waits.push_back(*this);
         if (node_->held) return true;
@@ -153,12 +154,13 @@ class [[nodiscard]] ChannelSend : public Operation<ChannelSend> {
                 const Location &where)
         : Operation(kOperation, where), node_(node), type_(type), payload_(payload) {}
     bool start() {
-        if (node_ == nullptr)
+        if (node_ == nullptr) {
             error_ = record(EBADF);
-        else if (node_->end.err != 0)
+        } else if (node_->end.err != 0) {
             error_ = node_->end;
-        else if (payload_.size() > node_->limits.send_size)
+        } else if (payload_.size() > node_->limits.send_size) {
             error_ = record(EMSGSIZE);
+        }
         if (failed() || (node_->first<ChannelSend>() == nullptr && put())) return true;
         node_->waits.push_back(*this);
         return false;

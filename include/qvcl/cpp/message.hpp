@@ -207,12 +207,13 @@ class [[nodiscard]] Receive : public Operation<Receive> {
     Receive(ConnectionNode *node, const Location &where)
         : Operation(kOperation, where), node_(node) {}
     bool start() {
-        if (node_ == nullptr)
+        if (node_ == nullptr) {
             error_ = record(EBADF);
-        else if (node_->has<Receive>())
+        } else if (node_->has<Receive>()) {
             error_ = record(EINPROGRESS);
-        else if (!node_->held && node_->end.err != 0)
+        } else if (!node_->held && node_->end.err != 0) {
             error_ = node_->end;
+        }
         if (failed()) return true;
         node_->waits.push_back(*this);
         return node_->held || !node_->ask(at());
@@ -233,12 +234,13 @@ class [[nodiscard]] Send : public Operation<Send> {
          const Location &where)
         : Operation(kOperation, where), node_(node), type_(type), payload_(payload) {}
     bool start() {
-        if (node_ == nullptr)
+        if (node_ == nullptr) {
             error_ = record(EBADF);
-        else if (node_->end.err != 0)
+        } else if (node_->end.err != 0) {
             error_ = node_->end;
-        else if (payload_.size() > node_->limits.message)
+        } else if (payload_.size() > node_->limits.message) {
             error_ = record(EMSGSIZE);
+        }
         if (failed()) return true;
         if (node_->can_send() && node_->first<Send>() == nullptr) {
             error_ = node_->put(type_, payload_, at());
@@ -266,10 +268,11 @@ class [[nodiscard]] Flush : public Operation<Flush> {
     Flush(ConnectionNode *node, const Location &where)
         : Operation(kOperation, where), node_(node) {}
     bool start() {
-        if (node_ == nullptr)
+        if (node_ == nullptr) {
             error_ = record(EBADF);
-        else if (node_->end.err != 0)
+        } else if (node_->end.err != 0) {
             error_ = node_->end;
+        }
         if (failed() || node_->all_sent()) return true;
         node_->waits.push_back(*this);
         return false;
@@ -504,10 +507,11 @@ class [[nodiscard]] Accept : public Operation<Accept> {
         error_ = server_ == nullptr ? record(EBADF) : server_->end;
         if (failed()) return true;
         if (limits_.priority < CL_PRIORITY_FIRST || limits_.priority > CL_PRIORITY_LAST ||
-            limits_.blocks == 0 || limits_.message > INT32_MAX - sizeof(CL_MsgBlock))
+            limits_.blocks == 0 || limits_.message > INT32_MAX - sizeof(CL_MsgBlock)) {
             error_ = record(EINVAL);
-        else
+        } else {
             error_ = server_->list();
+        }
         server_->waits.push_back(*this);
         return failed();
     }
@@ -519,10 +523,11 @@ class [[nodiscard]] Accept : public Operation<Accept> {
     void accept() {
         std::unique_ptr<ConnectionNode> node(new (std::nothrow) ConnectionNode(limits_, at()));
         CL_ErrInfo err = node != nullptr ? node->prepare() : record(ENOMEM);
-        if (err.err == 0)
+        if (err.err == 0) {
             node->object = CL_AcceptMSGS_M(server_->object, ConnectionNode::on_event,
                                            reinterpret_cast<uint64_t>(node.get()), 0, &err, 0,
                                            at().file(), at().line());
+        }
         if (err.err == EAGAIN || err.err == ECONNABORTED) return;
         if (err.err == 0) err = node->list();
         if (err.err != 0) {

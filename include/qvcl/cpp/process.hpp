@@ -62,9 +62,10 @@ class ProcessNode final : public Node {
             argv.push_back(const_cast<char *>(argument.c_str()));
         argv.push_back(nullptr);
         std::vector<CL_EnvChange> changes;
-        for (const Variable &variable : options.environment)
+        for (const Variable &variable : options.environment) {
             changes.push_back(
                 {variable.name.c_str(), variable.value ? variable.value->c_str() : nullptr});
+        }
         changes.push_back({nullptr, nullptr});
         const CL_Program program = {options.path != nullptr ? options.path : argv[0], argv.data(),
                                     changes.data(), options.reports ? 1u : 0u};
@@ -106,10 +107,11 @@ class ProcessNode final : public Node {
 
 // What a wait for a process begins with. True when it need not begin.
 inline bool wait_for(ProcessNode *node, Wait &wait, CL_ErrInfo &error) {
-    if (node == nullptr)
+    if (node == nullptr) {
         error = record(EBADF);
-    else if (!node->exit && node->object == nullptr)
+    } else if (!node->exit && node->object == nullptr) {
         error = record(CL_ERR_STATE);
+    }
     if (error.err != 0) return true;
     node->waits.push_back(wait);
     return false;

@@ -324,9 +324,10 @@ class Node : public Linked<InNodes> {
     // The first unfinished wait of this sort, or null.
     template <class Sort>
     Sort *first() {
-        for (Wait *wait = waits.first(); wait != nullptr; wait = waits.after(*wait))
+        for (Wait *wait = waits.first(); wait != nullptr; wait = waits.after(*wait)) {
             if (!wait->finished() && wait->operation() == Sort::kOperation)
                 return static_cast<Sort *>(wait);
+        }
         return nullptr;
     }
     // Whether there is one that has not been taken back by its task.
