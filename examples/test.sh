@@ -303,7 +303,7 @@ test_bus() {
     wait_for monitor.out NameAcquired
     for i in {1..20}; do
         dbus-send --print-reply --dest=example.Server / example.Reminder.Remind \
-            uint32:$((600 - 20 * i)) string:"text $i" >>calls.out
+            uint32:$((4000 - 150 * i)) string:"text $i" >>calls.out
     done
     wait_for monitor.out 'string "text [0-9]+"' 40 # the calls and the signals
     [[ $(grep -c 'uint32' calls.out) == 20 ]] || complain 'not every call was answered'
