@@ -66,10 +66,10 @@ qvcl::Task<> serve_in_time(qvcl::Server server, qvcl::Runtime &rt) {
     rt.stop();
 }
 
-template <auto serve>
+template <auto kServe>
 void serve_coroutines(const std::string &path, const std::function<void()> &ready) {
     qvcl::Runtime rt;
-    rt.spawn(serve(qvcl::Server::listen(path.c_str()).value(), rt));
+    rt.spawn(kServe(qvcl::Server::listen(path.c_str()).value(), rt));
     ready();
     rt.run().value();
 }
@@ -114,10 +114,10 @@ uint32_t on_connection(CL_Object *server, CL_Event * /*event*/, uint64_t /*arg1*
     return 0;
 }
 
-template <uint32_t mode>
+template <uint32_t kMode>
 void serve_plain(const std::string &path, const std::function<void()> &ready) {
     CL_ErrInfo err = {};
-    plain.mode = mode;
+    plain.mode = kMode;
     CL_QUE_InitQT(&plain.free, offsetof(CL_MsgBlock, link));
     for (auto &reply : plain.replies)
         CL_QUE_PutTail(&plain.free, &reply);
@@ -179,7 +179,9 @@ qvcl::Task<> wait(qvcl::Event &event) {
     static_cast<void>(co_await event.wait());
 }
 
-qvcl::Task<> tell_sizes(qvcl::Runtime &rt, const std::string path) {
+qvcl::Task<> tell_sizes(
+    qvcl::Runtime &rt,
+    std::string path) {  // NOLINT(performance-unnecessary-value-param): its own in the frame
     constexpr int kConnections = 200, kTasks = 10000;
     qvcl::Server server = qvcl::Server::listen(path.c_str()).value();
     size_t before = mallinfo2().uordblks;
@@ -202,7 +204,7 @@ qvcl::Task<> tell_sizes(qvcl::Runtime &rt, const std::string path) {
 
 }  // namespace
 
-int main(int argc, char **argv) {
+int main(int argc, char **argv) {  // NOLINT(bugprone-exception-escape): ends it, as intended
     const int first = bench::processor(0);
     const int second = bench::processor(1);
     static const Placement placements[] = {{"two processors", first, second},

@@ -76,10 +76,11 @@ struct Watching {
         const auto on_ready = [](CL_NestWatch *, uint32_t, uint64_t arg1, uint64_t) {
             return --*reinterpret_cast<size_t *>(arg1) == 0 ? kDone : 0;
         };
-        for (const int fd : descriptors.all)
+        for (const int fd : descriptors.all) {
             check(CL_CreateNestWatch(fd, CL_NEST_READ, 0, on_ready, address(&left), 0, &err) !=
                       nullptr,
                   "CL_CreateNestWatch");
+        }
     }
 };
 
@@ -262,9 +263,10 @@ struct UvTimers {
     }
     void start(uint64_t first, uint64_t last) {
         uv_update_time(&loop);
-        for (size_t i = 0; i < kTimers; ++i)
+        for (size_t i = 0; i < kTimers; ++i) {
             uv_timer_start(
                 &all[i], [](uv_timer_t *) {}, spread(i, first, last), 0);
+        }
     }
     void stop() {
         for (uv_timer_t &timer : all)
@@ -450,11 +452,12 @@ Side rate(const char *name, const std::function<std::shared_ptr<Loop>()> &make) 
                 loop->left = n * kThreads;
                 std::vector<std::thread> threads;
                 const auto start = Clock::now();
-                for (size_t i = 0; i < kThreads; ++i)
+                for (size_t i = 0; i < kThreads; ++i) {
                     threads.emplace_back([&loop, n] {
                         for (size_t left = n; left != 0; --left)
                             loop->post(0);
                     });
+                }
                 loop->run();
                 const double seconds = bench::since(start);
                 for (std::thread &thread : threads)
@@ -507,9 +510,10 @@ int main(int argc, char **argv) {
     files.rlim_cur = files.rlim_max;
     setrlimit(RLIMIT_NOFILE, &files);
     check(CL_Init(10, nullptr, nullptr) == 1, "CL_Init");
-    for (const size_t idle : {10u, 1'000u, 10'000u, 18'000u})
+    for (const size_t idle : {10u, 1'000u, 10'000u, 18'000u}) {
         bench::compare("one ready of " + std::to_string(idle),
                        [idle, &iterations] { return one_of(idle, iterations); });
+    }
     bench::compare(
         "100,000 timers started", [] { return timers(Part::start); }, 15);
     bench::compare(

@@ -51,9 +51,10 @@ void begin(uint32_t objects, std::function<void()> on_stop) {
         when_stopped();
         return verdict;
     };
-    for (const int signal : {SIGTERM, SIGINT})
+    for (const int signal : {SIGTERM, SIGINT}) {
         if (CL_CreateNestSignal(signal, on_signal, 0, 0, &err) == nullptr)
             fail("CL_CreateNestSignal", err);
+    }
 }
 
 void end() {

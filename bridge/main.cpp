@@ -28,16 +28,16 @@ uint32_t number(const char *text, unsigned long least, unsigned long most) {
 }  // namespace
 
 int main(int argc, char **argv) {
-    static const option kLong[] = {{"queue", required_argument, nullptr, 'q'},
-                                   {"message", required_argument, nullptr, 'm'},
-                                   {"clients", required_argument, nullptr, 'c'},
-                                   {"linger", required_argument, nullptr, 'l'},
-                                   {"help", no_argument, nullptr, 'h'},
-                                   {"version", no_argument, nullptr, 'v'},
-                                   {nullptr, 0, nullptr, 0}};
+    static const option long_options[] = {{"queue", required_argument, nullptr, 'q'},
+                                          {"message", required_argument, nullptr, 'm'},
+                                          {"clients", required_argument, nullptr, 'c'},
+                                          {"linger", required_argument, nullptr, 'l'},
+                                          {"help", no_argument, nullptr, 'h'},
+                                          {"version", no_argument, nullptr, 'v'},
+                                          {nullptr, 0, nullptr, 0}};
     bridge::Options options;
     int letter;
-    while ((letter = getopt_long(argc, argv, "", kLong, nullptr)) != -1) {
+    while ((letter = getopt_long(argc, argv, "", long_options, nullptr)) != -1) {
         switch (letter) {
             case 'q':
                 options.queue = number(optarg, 1, 1000000);

@@ -90,10 +90,11 @@ bool Receiver::turn() {
 Peer &Receiver::peer_of(const std::string &name) {
     if (peers_.size() >= kMostPeers && !peers_.contains(name)) {
         auto oldest = peers_.end();
-        for (auto at = peers_.begin(); at != peers_.end(); ++at)
+        for (auto at = peers_.begin(); at != peers_.end(); ++at) {
             if (at->second.held == 0 &&
                 (oldest == peers_.end() || at->second.heard < oldest->second.heard))
                 oldest = at;
+        }
         if (oldest != peers_.end()) peers_.erase(oldest);
     }
     Peer &peer = peers_[name];
@@ -196,12 +197,13 @@ void Receiver::deliver() {
         auto *block = reinterpret_cast<CL_MsgBlock *>(held_.front().block.data());
         block->link = {};
         block->sent = 0;
-        if (CL_SendMSGC(daemon_, block, held_.front().size, CL_MODE_IMMEDIATE, 0, &err) >= 0)
+        if (CL_SendMSGC(daemon_, block, held_.front().size, CL_MODE_IMMEDIATE, 0, &err) >= 0) {
             delivered_one();
-        else if (err.err == CL_ERR_IN_PROGRESS)
+        } else if (err.err == CL_ERR_IN_PROGRESS) {
             lent_ = true;
-        else
+        } else {
             disconnect();
+        }
     }
 }
 

@@ -84,7 +84,7 @@ void Sender::rest() {
     CL_ErrInfo err;
     const bool room = clients_.size() < options_.clients;
     if (room == accepting_) return;
-    if (!(room ? CL_AddEventList(server_, 60, &err) : CL_DelEventList(server_, &err)))
+    if ((room ? CL_AddEventList(server_, 60, &err) : CL_DelEventList(server_, &err)) == 0)
         fail("the local server", err);
     accepting_ = room;
 }
@@ -124,7 +124,7 @@ void Sender::receive(Client &client) {
 }
 
 void Sender::on_client(Client &client, CL_Event &event) {
-    receiving_ -= client.receiving;
+    if (client.receiving) --receiving_;
     client.receiving = false;
     if (event.type != CL_EVENT_MESSAGE) return drop(client);
     const auto *header = reinterpret_cast<const CL_MsgHeader *>(client.buffer.data());
@@ -167,10 +167,11 @@ bool Sender::turn() {
         if (!engine_.send({}, head, message.payload)) break;
         ++sent_;
     }
-    if (stopping_)
+    if (stopping_) {
         verdict = kept_.empty() ? kStop : kGoOn;
-    else if (answers != 0)
+    } else if (answers != 0) {
         let_go_on();
+    }
     return !engine_.is_readable() && (sent_ == next() || !engine_.is_writable());
 }
 

@@ -115,7 +115,7 @@ static int on_remind(sd_bus_message *call, void *data, sd_bus_error *error) {
     return sd_bus_reply_method_return(call, "u", reminder->number);
 }
 
-static const sd_bus_vtable interface[] = {
+static const sd_bus_vtable kInterface[] = {
     SD_BUS_VTABLE_START(0),
     SD_BUS_METHOD("Remind", "us", "u", on_remind, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_SIGNAL("Due", "us", 0),
@@ -164,7 +164,7 @@ int main(int argc, char **argv) {
         example_fail("CL_CreateNestSignal", &err);
 
     check(sd_bus_open_user(&bus), "sd_bus_open_user");
-    check(sd_bus_add_object_vtable(bus, NULL, "/", INTERFACE, interface, NULL),
+    check(sd_bus_add_object_vtable(bus, NULL, "/", INTERFACE, kInterface, NULL),
           "sd_bus_add_object_vtable");
     check(sd_bus_request_name(bus, argv[1], 0), "sd_bus_request_name");
     source = CL_CreateSource(1, 0, prepare, dispatch, 0, 0, &err);

@@ -38,10 +38,11 @@ static void finish(CURL *easy, CURLcode result) {
     curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &url);
     curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
     curl_easy_getinfo(easy, CURLINFO_PRIVATE, (char **)&total);
-    if (result == CURLE_OK)
+    if (result == CURLE_OK) {
         printf("%s: %ld, %zu bytes\n", url, status, *total);
-    else
+    } else {
         printf("%s: %s\n", url, curl_easy_strerror(result));
+    }
     ++*(result == CURLE_OK ? &fetched : &failed);
     curl_multi_remove_handle(multi, easy);
     curl_easy_cleanup(easy);

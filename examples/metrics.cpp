@@ -73,10 +73,11 @@ static Task<> serve(Runtime &rt, Socket listener) {
     Watch watch(listener.get());
     while (co_await watch.readable()) {
         Socket socket(accept4(listener.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-        if (socket.get() >= 0)
+        if (socket.get() >= 0) {
             rt.spawn(answer(std::move(socket)));
-        else if (errno != EAGAIN)
+        } else if (errno != EAGAIN) {
             co_await after(100ms);  // no descriptor left, say
+        }
     }
     rt.stop(EXIT_FAILURE);
 }

@@ -46,10 +46,11 @@ static Task<> keep_running(Program &program) {
             program.process = std::move(*process);
             printf("%s: started as %d\n", name, program.process.pid());
             const std::chrono::seconds patience(program.patience);
-            if (const auto up = co_await with_deadline(patience, program.process.ready()))
+            if (const auto up = co_await with_deadline(patience, program.process.ready())) {
                 printf("%s: up\n", name);
-            else if (up.error() == ETIMEDOUT)
+            } else if (up.error() == ETIMEDOUT) {
                 printf("%s: has not reported in %u s, going on without\n", name, program.patience);
+            }
             program.come_up.set();
             tell_end(program, (co_await program.process.exit()).value());
         } else {
@@ -95,9 +96,10 @@ static Task<> supervise(Runtime &rt, std::list<Program> &programs) {
 static std::list<Program> read_programs(const char *path) {
     std::list<Program> programs;
     const Conf conf = Conf::read(path).value();
-    for (const std::string &name : conf.sections())
+    for (const std::string &name : conf.sections()) {
         programs.emplace_back(name, conf.get(name.c_str(), "command", ""),
                               conf.get(name.c_str(), "patience", 10u).value());
+    }
     return programs;
 }
 

@@ -43,17 +43,17 @@ inline bool gone(const Member &member) {
 }
 
 // Makes a zeroed member of `size` bytes, with a handle. Null with err filled.
-Member *make_member(const Failure &fail, nest::Kind kind, size_t size, CL_ErrInfo *err,
+Member *make_member(const Failure &told, nest::Kind kind, size_t size, CL_ErrInfo *err,
                     const char *file, uint32_t line);
 // Closes its descriptor and deletes its watch and its timer.
 void release(Member &member);
 void delete_member(Member &member);
 
 // The member behind a public handle, or null with err filled; also without its nest.
-Member *any_member(const Failure &fail, const void *handle, nest::Kind kind, CL_ErrInfo *err,
+Member *any_member(const Failure &told, const void *handle, nest::Kind kind, CL_ErrInfo *err,
                    uint32_t line = __builtin_LINE());
 // The same where the nest is there.
-Member *live_member(const Failure &fail, const void *handle, nest::Kind kind, CL_ErrInfo *err,
+Member *live_member(const Failure &told, const void *handle, nest::Kind kind, CL_ErrInfo *err,
                     uint32_t line = __builtin_LINE());
 
 void begin_turn();

@@ -647,86 +647,86 @@ extern "C" CL_Channel *CL_ConnectChannel_M(const char *path, const CL_ChannelOpt
     return channel;
 }
 
-extern "C" uint32_t CL_SendChannel_M(CL_Channel *handle, uint32_t type, const void *payload,
+extern "C" uint32_t CL_SendChannel_M(CL_Channel *channel, uint32_t type, const void *payload,
                                      uint32_t size, CL_ErrInfo *err, uint8_t /*callerFlag*/,
                                      const char * /*file*/, uint32_t /*line*/) {
     const Report report(err);
-    Channel *channel = open_channel(handle, report);
-    if (channel == nullptr) return 0;
+    Channel *self = open_channel(channel, report);
+    if (self == nullptr) return 0;
     if (payload == nullptr && size != 0) return fail(report, EFAULT);
     const uint64_t length = uint64_t{size} + kHeader;
-    if (length > channel->options.send_size) return fail(report, EMSGSIZE);
-    if (room(*channel) < length) write_gathered(*channel);
-    const bool watched = channel->blocked && (channel->events & CL_NEST_WRITE) != 0;
-    if (!watched && !enlist(*channel, report)) return 0;
-    if (channel->broken.err != 0) return fail(report, EPIPE);
-    if (room(*channel) < length) {
-        channel->refused = static_cast<uint32_t>(length);
+    if (length > self->options.send_size) return fail(report, EMSGSIZE);
+    if (room(*self) < length) write_gathered(*self);
+    const bool watched = self->blocked && (self->events & CL_NEST_WRITE) != 0;
+    if (!watched && !enlist(*self, report)) return 0;
+    if (self->broken.err != 0) return fail(report, EPIPE);
+    if (room(*self) < length) {
+        self->refused = static_cast<uint32_t>(length);
         return fail(report, EAGAIN);
     }
     const CL_MsgHeader header = {static_cast<uint32_t>(length), CL_MSG_VERSION, sender(), type};
-    put(*channel, header, payload, size);
-    ++channel->gathered;
+    put(*self, header, payload, size);
+    ++self->gathered;
     return 1;
 }
 
-extern "C" uint32_t CL_FlushChannel_M(CL_Channel *handle, CL_ErrInfo *err, uint8_t /*callerFlag*/,
+extern "C" uint32_t CL_FlushChannel_M(CL_Channel *channel, CL_ErrInfo *err, uint8_t /*callerFlag*/,
                                       const char * /*file*/, uint32_t /*line*/) {
     const Report report(err);
-    Channel *channel = open_channel(handle, report);
-    if (channel == nullptr) return 0;
-    if (channel->used != 0 && !enlist(*channel, report)) return 0;
-    channel->blocked = false;  // unless the socket says so again
-    write_gathered(*channel);
-    if (channel->broken.err != 0) return fail(report, EPIPE);
-    if (channel->used != 0) return fail(report, EAGAIN);
+    Channel *self = open_channel(channel, report);
+    if (self == nullptr) return 0;
+    if (self->used != 0 && !enlist(*self, report)) return 0;
+    self->blocked = false;  // unless the socket says so again
+    write_gathered(*self);
+    if (self->broken.err != 0) return fail(report, EPIPE);
+    if (self->used != 0) return fail(report, EAGAIN);
     return 1;
 }
 
-extern "C" uint32_t CL_PauseChannel_M(CL_Channel *handle, CL_ErrInfo *err, uint8_t /*callerFlag*/,
+extern "C" uint32_t CL_PauseChannel_M(CL_Channel *channel, CL_ErrInfo *err, uint8_t /*callerFlag*/,
                                       const char * /*file*/, uint32_t /*line*/) {
     const Report report(err);
-    Channel *channel = open_channel(handle, report);
-    if (channel == nullptr) return 0;
-    const bool before = std::exchange(channel->paused, true);
-    if (set_watch(*channel, report)) return 1;
-    channel->paused = before;
+    Channel *self = open_channel(channel, report);
+    if (self == nullptr) return 0;
+    const bool before = std::exchange(self->paused, true);
+    if (set_watch(*self, report)) return 1;
+    self->paused = before;
     return 0;
 }
 
-extern "C" uint32_t CL_ResumeChannel_M(CL_Channel *handle, CL_ErrInfo *err, uint8_t /*callerFlag*/,
+extern "C" uint32_t CL_ResumeChannel_M(CL_Channel *channel, CL_ErrInfo *err, uint8_t /*callerFlag*/,
                                        const char * /*file*/, uint32_t /*line*/) {
     const Report report(err);
-    Channel *channel = open_channel(handle, report);
-    if (channel == nullptr) return 0;
-    const bool before = std::exchange(channel->paused, false);
-    if ((reads_again(*channel) && !enlist(*channel, report)) || !set_watch(*channel, report)) {
-        channel->paused = before;
+    Channel *self = open_channel(channel, report);
+    if (self == nullptr) return 0;
+    const bool before = std::exchange(self->paused, false);
+    if ((reads_again(*self) && !enlist(*self, report)) || !set_watch(*self, report)) {
+        self->paused = before;
         return 0;
     }
-    if (before && has_limit(*channel)) {
-        channel->heard = CL_NestTime(CL_NEST_MONOTONIC);
-        if (channel->begun != 0) channel->begun = channel->heard;
+    if (before && has_limit(*self)) {
+        self->heard = CL_NestTime(CL_NEST_MONOTONIC);
+        if (self->begun != 0) self->begun = self->heard;
     }
     return 1;
 }
 
-extern "C" uint32_t CL_GetChannelPeer_M(CL_Channel *handle, CL_ChannelPeer *peer, CL_ErrInfo *err,
+extern "C" uint32_t CL_GetChannelPeer_M(CL_Channel *channel, CL_ChannelPeer *peer, CL_ErrInfo *err,
                                         uint8_t /*callerFlag*/, const char * /*file*/,
                                         uint32_t /*line*/) {
     const Report report(err);
-    const auto *channel = static_cast<Channel *>(live_member(fail, handle, kChannel, report));
-    if (channel == nullptr) return 0;
+    const auto *self = static_cast<Channel *>(live_member(fail, channel, kChannel, report));
+    if (self == nullptr) return 0;
     if (peer == nullptr) return fail(report, EFAULT);
-    *peer = channel->peer;
+    *peer = self->peer;
     return 1;
 }
 
-extern "C" uint32_t CL_DeleteChannel_M(CL_Channel *handle, CL_ErrInfo *err, uint8_t /*callerFlag*/,
+extern "C" uint32_t CL_DeleteChannel_M(CL_Channel *channel, CL_ErrInfo *err, uint8_t /*callerFlag*/,
                                        const char * /*file*/, uint32_t /*line*/) {
     const Report report(err);
-    Member *channel = any_member(fail, handle, kChannel, report);
-    if (channel == nullptr) return 0;
-    delete_member(*channel);
+    Member *self = any_member(fail, channel, kChannel, report);
+    if (self == nullptr) return 0;
+    delete_member(*self);
     return 1;
 }

@@ -112,32 +112,32 @@ extern "C" CL_ChannelListener *CL_CreateChannelListener_M(const char *path, uint
     return nullptr;
 }
 
-extern "C" CL_Channel *CL_AcceptChannel_M(CL_ChannelListener *handle,
+extern "C" CL_Channel *CL_AcceptChannel_M(CL_ChannelListener *listener,
                                           const CL_ChannelOptions *options, uint64_t arg1,
                                           uint64_t arg2, CL_ErrInfo *err, uint8_t callerFlag,
                                           const char *file, uint32_t line) {
     const Report report(err);
-    auto *listener = static_cast<Listener *>(live_member(fail, handle, kListener, report));
-    if (listener == nullptr) return nullptr;
-    const int fd = accept_one(listener->fd);
+    auto *self = static_cast<Listener *>(live_member(fail, listener, kListener, report));
+    if (self == nullptr) return nullptr;
+    const int fd = accept_one(self->fd);
     if (fd == -1) return fail.sys(report);
     CL_Channel *channel =
         CL_CreateChannel_M(fd, options, arg1, arg2, report, callerFlag, file, line);
     if (channel == nullptr) {
         cl_u_close(fd);
     } else {
-        listener->accepted = true;
+        self->accepted = true;
     }
     return channel;
 }
 
-extern "C" uint32_t CL_DeleteChannelListener_M(CL_ChannelListener *handle, CL_ErrInfo *err,
+extern "C" uint32_t CL_DeleteChannelListener_M(CL_ChannelListener *listener, CL_ErrInfo *err,
                                                uint8_t /*callerFlag*/, const char * /*file*/,
                                                uint32_t /*line*/) {
     const Report report(err);
-    auto *listener = static_cast<Listener *>(any_member(fail, handle, kListener, report));
-    if (listener == nullptr) return 0;
-    cl_u_unlink(listener->path);
-    delete_member(*listener);
+    auto *self = static_cast<Listener *>(any_member(fail, listener, kListener, report));
+    if (self == nullptr) return 0;
+    cl_u_unlink(self->path);
+    delete_member(*self);
     return 1;
 }

@@ -110,10 +110,11 @@ uint32_t unite(CL_SourceFD *all, uint32_t count) {
     uint32_t united = 0;
     for (uint32_t i = 0; i < count; ++i) {
         CL_SourceFD *before = find(all, united, all[i].fd);
-        if (before != nullptr)
+        if (before != nullptr) {
             before->events |= all[i].events;
-        else
+        } else {
             all[united++] = all[i];
+        }
     }
     return united;
 }

@@ -179,11 +179,12 @@ void Model::make() {
 void Model::drop(Modelled &line) {
     EXPECT_EQ(CL_DeleteChannel(line.handle, &err_), 1u) << err_;
     line.handle = nullptr;
-    for (auto &one : lines_)
+    for (auto &one : lines_) {
         if (one.get() == &line) {
             std::swap(one, lines_.back());
             break;
         }
+    }
     gone_.push_back(std::move(lines_.back()));  // its callback may run
     lines_.pop_back();
 }

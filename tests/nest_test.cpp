@@ -21,7 +21,6 @@
 
 using test::address;
 using test::Balance;
-using testing::ElementsAre;
 
 namespace {
 
@@ -234,10 +233,11 @@ bool Model::before(const Timed &a, const Timed &b) const {
 
 Timed *Model::due() const {
     Timed *first = nullptr;
-    for (const auto &timer : timers_)
+    for (const auto &timer : timers_) {
         if (ran_[timer->clock] && timer->running && timer->at <= now[timer->clock] &&
             (first == nullptr || before(*timer, *first)))
             first = timer.get();
+    }
     return first;
 }
 
@@ -565,10 +565,11 @@ void Model::end_turn() {
         queue->found = !queue->left.empty();
         queue->called = 0;
     }
-    for (uint32_t clock = 0; clock < 2; ++clock)
+    for (uint32_t clock = 0; clock < 2; ++clock) {
         ran_[clock] = std::any_of(timers_.begin(), timers_.end(), [=](const auto &timer) {
             return timer->running && timer->clock == clock;
         });
+    }
     phase_ = Phase::timers;
     timers_called_ = 0;
     last_priority_ = 0;
@@ -637,16 +638,19 @@ TEST_F(Nest, ThreadsPost) {
         return ++called == 2 * kThreads * kEach ? kDone : 0;
     };
     std::vector<std::thread> threads;
-    for (uint64_t i = 0; i < kThreads; ++i)
+    for (uint64_t i = 0; i < kThreads; ++i) {
         threads.emplace_back([&, i] {
             CL_ErrInfo own;
-            for (uint64_t number = 0; number < kEach; ++number)
-                for (const uint64_t queue : {UINT64_C(0), UINT64_C(1)})
+            for (uint64_t number = 0; number < kEach; ++number) {
+                for (const uint64_t queue : {UINT64_C(0), UINT64_C(1)}) {
                     while (CL_NestPost(queues[queue], work, 2 * i + queue, number, &own) == 0) {
                         EXPECT_EQ(own.err, static_cast<uint32_t>(EAGAIN));
                         std::this_thread::yield();
                     }
+                }
+            }
         });
+    }
     EXPECT_EQ(CL_EventLoop(&err), kDone) << err;
     for (std::thread &thread : threads)
         thread.join();
@@ -814,8 +818,8 @@ class NestRefuses : public Nest {
         return CL_CreateNestWatch(fd, events, 0, on_watch, 0, 0, &err);
     }
 
-    test::Pipe pipe_;
-    int ends[2] = {pipe_.out(), pipe_.in()};
+    test::Pipe pipe;
+    int ends[2] = {pipe.out(), pipe.in()};
 };
 
 TEST_F(NestRefuses, WithoutNestAndStaleHandles) {
