@@ -195,7 +195,7 @@ TEST(Lifecycle, ReportsLeaks) {
             expected.emplace_back(testing::MatchesRegex("CLLIB:second\\(2\\) .* 200 byte"));
             void *first = CL_malloc_M(100, 0, "first", 1);
             void *second = CL_malloc_M(200, 0, "second", 2);
-            test::capture_log();
+            CL_KitKeepLog();
             EXPECT_EQ(CL_End(&err), 1u);
             EXPECT_THAT(test::log_lines(), testing::ElementsAreArray(expected));
             EXPECT_EQ(CL_free(first) + CL_free(second), 2u);

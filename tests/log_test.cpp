@@ -19,7 +19,7 @@ class Log : public testing::Test {
     void SetUp() override {
         test::set_env("TZ", "UTC");
         ASSERT_EQ(CL_LOG_Init_M("tester", "primary", "secondary", "/nowhere/log", &err), 1u);
-        test::capture_log();
+        CL_KitKeepLog();
         text_is(nullptr);
     }
     // Every message of the catalogue has this text.
@@ -29,7 +29,7 @@ class Log : public testing::Test {
     // The one line that came since the last look.
     std::string line() {
         const auto lines = log_lines();
-        test::raw_log().clear();
+        CL_KitForgetLog();
         EXPECT_EQ(lines.size(), 1u);
         return lines.empty() ? "" : lines[0];
     }
@@ -76,7 +76,7 @@ TEST(LogSetup, ChecksItsArgumentsInOrder) {
 }
 
 TEST(LogSetup, NothingIsSentBefore) {
-    test::capture_log();
+    CL_KitKeepLog();
     EXPECT_EQ(CL_LOG_Out(7, CL_LOG_ERROR, 0, 1, ""), 0u);
     Plan plan;
     EXPECT_EQ(cl_log_lotate(), 0);
@@ -116,7 +116,7 @@ TEST_F(Log, PrintsHostileCatalogueTexts) {
         {"\xff\x80\n\t%s", "\xff\x80\n\tone"}};
     for (const auto &[text, message] : rows) {
         text_is(text.c_str());
-        test::raw_log().clear();
+        CL_KitForgetLog();
         EXPECT_EQ(CL_LOG_Out(CL_LOG_INTERNAL, CL_LOG_INFO, 0, 1, "ss", "one", "two"), 1u);
         ASSERT_EQ(test::raw_log().size(), 1u);
         // A line ends at 1023 characters, the stamp's 28 included.
@@ -177,7 +177,7 @@ TEST_F(Log, SendsToWhatIsAskedFor) {
                 {9, 1, "3"}, {8, 1, ""},  {7, 0, ""},  {7, 4, ""}};
     text_is("text");
     for (const auto &[destinations, severity, priority] : rows) {
-        test::raw_log().clear();
+        CL_KitForgetLog();
         test::system_log().clear();
         testing::internal::CaptureStderr();
         const uint32_t sent = *priority != '\0' ? destinations : 0;
@@ -193,9 +193,9 @@ TEST_F(Log, SendsToWhatIsAskedFor) {
 }
 
 TEST_F(Log, StampsEveryLine) {
-    test::set_time(1794852345, 123456);  // 2026-11-16 18:05:45 UTC
+    CL_KitSetTime(1794852345, 123456);  // 2026-11-16 18:05:45 UTC
     cl_inlog_write("text");
-    test::set_time(0, 7008);
+    CL_KitSetTime(0, 7008);
     cl_inlog_write("");
     EXPECT_THAT(test::raw_log(), ElementsAre("2026/11/16 18:05:45:123.456 text\n",
                                              "1970/01/01 00:00:00:007.008 \n"));
@@ -212,7 +212,7 @@ TEST_F(Log, LooksIntoBothCatalogues) {
     } rows[] = {{real.c_str(), nullptr, "E 00042 value 7 name abc"},
                 {missing.c_str(), real.c_str(), "E 00042 value 7 name abc"},
                 {missing.c_str(), missing.c_str(), "E 00042 catalog(id) not found:7,abc"}};
-    test::use_real_catalogue();
+    CL_KitRealCatalogue();
     for (const auto &[primary, secondary, text] : rows) {
         ASSERT_EQ(CL_LOG_Init_M("n", primary, secondary, "p", &err), 1u);
         const test::Balance before = test::Balance::now();

@@ -33,7 +33,7 @@ class Loop : public test::Library {
     void SetUp() override {
         Library::SetUp();
         pipe.fill();
-        test::set_uptime(uptime);
+        CL_KitSetUptime(uptime);
     }
     uint32_t run(bool threaded = false) {
         err = test::kUntouched;
@@ -57,7 +57,7 @@ class Loop : public test::Library {
     }
     // A second goes by.
     void tick() {
-        test::set_uptime(++uptime);
+        CL_KitSetUptime(++uptime);
         raise(SIGALRM);
     }
 
@@ -539,7 +539,7 @@ TEST_F(Loop, ANestedLoopLeavesNoTimerDue) {
     });
     timer(nesting, CL_TIMER_PERIODIC, 3);
     watch(pipe.out(), note('z', [&] { return turns++ == 0 ? 0u : 1u; }), 20);
-    test::set_uptime(uptime += 3);
+    CL_KitSetUptime(uptime += 3);
     EXPECT_EQ(run(), 1u);
     EXPECT_EQ(trail, "TTzz");
 }

@@ -110,10 +110,10 @@ TEST(Memory, FollowsItsModel) {
 TEST(Memory, ListsReadTheSameInLogAndOutput) {
     test::set_env("TZ", "UTC");
     test::set_env("CLLIB_DEBUG", nullptr);
-    test::capture_log();
+    CL_KitKeepLog();
     cl_memdisp();
     EXPECT_THAT(log_lines(), ElementsAre()) << "no user block, no line";
-    test::set_time(kSeconds, 123);
+    CL_KitSetTime(kSeconds, 123);
     void *block = CL_malloc_M(8432, 0, "a_file_name_of_more_than_16", 42);
     const std::string title = "CLLIB:usr memory list";
     const std::string line = std::string("CLLIB:a_file_name_of_m(42)") + kStamp + "8432 byte";
@@ -150,8 +150,8 @@ TEST(Memory, GuardSeesOverruns) {
     test::set_env("CL_MEM_CHECK", "1");
     test::set_env("TZ", "UTC");
     IN_NEW_PROCESS({
-        test::capture_log();
-        test::set_time(kSeconds, 123);
+        CL_KitKeepLog();
+        CL_KitSetTime(kSeconds, 123);
         const std::string name(300, 'n');
         auto *sound = static_cast<char *>(CL_malloc(10));
         auto *block = static_cast<char *>(CL_malloc_M(33, 0, "name_of_16_chars", 12));

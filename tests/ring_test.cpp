@@ -64,7 +64,7 @@ TEST(Ring, FollowsItsModel) {
                 random.below(20) == 0 ? 0 : std::min(32 + random.below(longest), longest);
             auto record = make_record(length, step);
             const auto original = record;
-            test::set_time(step + 1, uint64_t{step} * 2);
+            CL_KitSetTime(step + 1, uint64_t{step} * 2);
             const uint32_t needed = entries(length);
             const auto readable =
                 32 + 8 * random.below(static_cast<uint32_t>(record.size()) / 8 - 3);

@@ -1,10 +1,5 @@
-// What the tests share: faults in the C library's functions, the reader of trace rings, captured
-// log lines, seeded randomness and the balance of resources.
-//
-// The test program defines the C library's functions itself (support.cpp); the library's calls
-// reach them, because the program comes first in the search order, and pass through unless a test
-// wants otherwise. Only calls that come from the library's own code count, so that a plan never
-// hits the test or its framework.
+// What the tests share, on top of the test kit: seeded randomness, matchers, processes and the
+// fixture that has the library.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -12,17 +7,13 @@
 #include <qvcl/qvcl.h>
 #include <qvcl/trace_records.h>
 #include <unistd.h>
+#include <qvcl/kit.hpp>
 
-#include <climits>
 #include <cstdint>
 #include <functional>
-#include <initializer_list>
-#include <map>
 #include <ostream>
 #include <random>
-#include <set>
 #include <string>
-#include <string_view>
 #include <vector>
 
 // Defined here because an argument-dependent lookup of `==` looks in the global namespace.
@@ -34,110 +25,24 @@ std::ostream &operator<<(std::ostream &out, const CL_ErrInfo &error);
 
 namespace test {
 
-// ---- Faults
+using qvcl::kit::Balance;
+using qvcl::kit::Fault;
+using qvcl::kit::kForever;
+using qvcl::kit::log_lines;
+using qvcl::kit::Plan;
+using qvcl::kit::raw_log;
+using qvcl::kit::reachable_calls;
+using qvcl::kit::Record;
+using qvcl::kit::records;
+using qvcl::kit::Tape;
 
-constexpr int kForever = INT_MAX;
-
-// What is to happen to calls of one function: to the nth, counted from the moment the plan is in
-// force, and the ones after it, `times` altogether.
-struct Fault {
-    std::string_view call;
-    int error = 0;  // not 0: the call is not made, and fails with this errno
-    int nth = 1;
-    int times = 1;
-    size_t at_most = SIZE_MAX;  // read, write, send and recv move no more bytes than that
-    bool swallow = false;       // the call is not made, and its result is 0
-    std::function<void()> before = nullptr;  // runs first
-    bool from_anyone = false;                // also calls that do not come from the library
-};
-
-// A plan in force as long as it lives, one at a time.
-class Plan {
-  public:
-    Plan(std::initializer_list<Fault> faults = {});
-    explicit Plan(const Fault &fault) : Plan({fault}) {}
-    ~Plan();
-    Plan(const Plan &) = delete;
-    Plan &operator=(const Plan &) = delete;
-
-    // Names of the library's calls so far, and how often one was called.
-    const std::vector<std::string_view> &calls() const;
-    int count(std::string_view call) const;
-    // Calls that a fault of this plan changed.
-    int hits() const;
-};
-
-// Every function that a plan can reach.
-const std::vector<std::string_view> &reachable_calls();
-
-// From now on the library's clocks stand at these times; its catalogue holds what `text` returns
-// (null: no text for this id, null function: no catalogue), until the real ones are asked again.
-void set_uptime(long seconds);
-void set_time(uint64_t seconds, uint64_t microseconds);
+// The library's catalogue holds what `text` returns.
 void set_catalogue(std::function<const char *(int id)> text);
-void use_real_catalogue();
 
-// What the library asked nanosleep for. A sleep that fails with EINTR leaves half of it.
-std::vector<timespec> &sleeps();
-
-// What went to the system log, as "identity/options/facility/priority/text"; nothing gets there.
+// What went to the system log; nothing gets there.
 std::vector<std::string> &system_log();
 
-// ---- Trace records
-
-struct Record {
-    std::vector<uint8_t> bytes;
-
-    template <class T>
-    T as() const {
-        T record{};
-        memcpy(&record, bytes.data(), std::min(sizeof record, bytes.size()));
-        return record;
-    }
-    CL_TrcHead head() const { return as<CL_TrcHead>(); }
-};
-std::ostream &operator<<(std::ostream &out, const Record &record);
-
-// All records of a ring, oldest first; a test failure when the ring is not in order.
-std::vector<Record> records(const CL_TraceRing *ring);
-
-// The library ring's records since the tape began to run.
-class Tape {
-  public:
-    Tape() { restart(); }
-    void restart() { start_ = CL_MainTable->library_ring->next; }
-    std::vector<Record> records() const;
-    // Those of one operation.
-    std::vector<Record> records(uint8_t api) const;
-
-  private:
-    uint32_t start_;
-};
-
-// ---- Log
-
-// Captures the internal log from now on; the line that announces the callback is dropped.
-void capture_log();
-// Lines captured, as they came and without stamp and newline; both are emptied together.
-std::vector<std::string> &raw_log();
-std::vector<std::string> log_lines();
-
-// ---- Resources
-
 std::vector<int> descriptors();
-
-// What must be the same before and after something that leaves nothing behind.
-struct Balance {
-    // Objects (live, free, by kind, on one of the five lists), memory of both owners, and the
-    // test's catalogues that are open.
-    std::map<std::string, uint64_t> counts;
-    uint64_t blocked_signals = 0;
-    std::vector<int> descriptors;
-
-    static Balance now();
-    bool operator==(const Balance &other) const = default;
-};
-std::ostream &operator<<(std::ostream &out, const Balance &balance);
 
 // ---- Randomness
 

@@ -27,7 +27,7 @@ class TraceFile : public test::Library {
     void SetUp() override {
         test::set_env("TZ", "UTC");
         test::set_env("CL_TRC_GEN", nullptr);
-        test::capture_log();
+        CL_KitKeepLog();
     }
     void TearDown() override { user_ring(false); }
 
@@ -46,7 +46,7 @@ class TraceFile : public test::Library {
     }
     // Dumps; the rings are afterwards as they were before, and nothing stays open.
     std::vector<std::string> dump(const char *to, const char *text = nullptr) {
-        test::raw_log().clear();
+        CL_KitForgetLog();
         const test::Balance before = test::Balance::now();
         const std::string content = rings();
         CL_TRC_Out(to, text);

@@ -72,7 +72,7 @@ class Reading : public testing::Test {
     }
     void tick(uint64_t microseconds) {
         now += microseconds;
-        test::set_time(kStart + now / 1000000, now % 1000000);
+        CL_KitSetTime(kStart + now / 1000000, now % 1000000);
     }
     template <class T>
     void put(T record, uint8_t api, uint8_t phase) {

@@ -27,7 +27,7 @@ class Story {
 
     Story() {
         set_env("TZ", "UTC0");
-        set_uptime(100);
+        CL_KitSetUptime(100);
         tick(0);
         CL_MainTable->pid = 4242;
     }
@@ -285,7 +285,7 @@ class Story {
     }
     void tick(uint64_t microseconds) {
         now_ += microseconds;
-        set_time(kStart + now_ / 1000000, now_ % 1000000);
+        CL_KitSetTime(kStart + now_ / 1000000, now_ % 1000000);
     }
     static void twice(auto call) {
         call();

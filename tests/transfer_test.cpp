@@ -149,7 +149,7 @@ class Sync : public Transfer {
   protected:
     void SetUp() override {
         Transfer::SetUp();
-        test::set_uptime(kUptime);
+        CL_KitSetUptime(kUptime);
     }
     void TearDown() override {
         CL_MainTable->sync_flag = 0;
@@ -166,7 +166,7 @@ class Sync : public Transfer {
         }
     }
     static void tick(long uptime) {
-        test::set_uptime(uptime);
+        CL_KitSetUptime(uptime);
         raise(SIGALRM);
     }
     // No timer is left, and the mask is as before.
@@ -230,7 +230,7 @@ TEST_F(Sync, TimesOut) {
     sigaddset(&alarm, SIGALRM);
     for (const int how : {SIG_UNBLOCK, SIG_BLOCK}) {
         sigprocmask(how, &alarm, nullptr);
-        test::set_uptime(kUptime);
+        CL_KitSetUptime(kUptime);
         const Plan plan{at_wait(1, [] { tick(kUptime + 2); }),
                         at_wait(2, [] { tick(kUptime + 3); })};
         EXPECT_EQ(receive(3), -1);
