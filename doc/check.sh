@@ -50,7 +50,7 @@ errors)
     sort "$work/errors" | uniq -d >"$work/twice"
     [[ ! -s $work/twice ]] || complain "said twice: $(<"$work/twice")"
     # The companion's functions are none of the library's exports.
-    perl headers.pl errors "$1"/{channel,nest,recorder,source,starter}.h | cut -d' ' -f1 | cat - "$2" | sort -u >"$work/names"
+    perl headers.pl errors "$1"/{channel,kit,nest,recorder,source,starter}.h | cut -d' ' -f1 | cat - "$2" | sort -u >"$work/names"
     cut -d' ' -f1 "$work/errors" | sort -u | comm -23 - "$work/names" >"$work/unknown"
     [[ ! -s $work/unknown ]] || complain "not exported: $(<"$work/unknown")" ;;
 links)

@@ -1,8 +1,8 @@
 /* Records lines: appends each to a file, and shows the latest on a board in shared memory, where
  * recorder_reader looks at any time without disturbing it.
  *
- * The library maps segments that exist; creating and sizing one is the program's business. Removing
- * the name can be left to the object (unlink_on_close).
+ * The library maps segments that exist; creating, sizing and removing one is the program's
+ * business.
  *
  *   recorder SEGMENT FILE < LINES       SEGMENT begins with a slash: /board
  */
@@ -20,6 +20,7 @@ enum { FLUSH_EVERY = 100 };
 static CL_Object *file;
 static Board *board;
 static int32_t offset; /* where the next record goes */
+static const char *segment_name;
 static char input[BOARD_TEXT];
 static size_t input_length;
 
@@ -78,16 +79,25 @@ static uint32_t on_input(CL_Object *object, CL_Event *event, uint64_t arg1, uint
     (void)object, (void)arg1, (void)arg2;
     if (event->type != CL_EVENT_DESCRIPTOR || !FD_ISSET(STDIN_FILENO, &event->sets.read)) return 0;
     const ssize_t count = read(STDIN_FILENO, input + input_length, sizeof input - input_length);
-    if (count < 0) return FAILED;
+    if (count < 0) return errno == EINTR || errno == EAGAIN ? 0 : FAILED; /* it comes again */
     if (count == 0) /* the last line may lack its end */
         return input_length == 0 || record_line(input, input_length) ? END_OF_INPUT : FAILED;
     input_length += (size_t)count;
     return take_lines() ? 0 : FAILED;
 }
 
+/* However the recorder ends, its segment goes. */
+static void remove_segment(void) {
+    shm_unlink(segment_name);
+}
+
 static void create_segment(const char *name) {
     const int fd = shm_open(name, O_RDWR | O_CREAT | O_EXCL, 0600);
-    if (fd < 0 || ftruncate(fd, sizeof(Board)) != 0) example_fail_errno(name);
+    if (fd < 0) example_fail_errno(name);
+    segment_name = name;
+    atexit(remove_segment);
+    while (ftruncate(fd, sizeof(Board)) != 0)
+        if (errno != EINTR) example_fail_errno(name);
     close(fd);
 }
 
@@ -96,7 +106,6 @@ static CL_Object *open_board(const char *name) {
     create_segment(name);
     CL_Object *segment = cl_openshm(name, O_RDWR, sizeof(Board), &err, CL_FILE_NAME, __LINE__);
     if (!segment) example_fail("cl_openshm", &err);
-    segment->memory.unlink_on_close = 1;
     board = CL_MapSHM(segment, &err);
     if (!board) example_fail("CL_MapSHM", &err);
     return segment;

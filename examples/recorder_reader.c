@@ -7,6 +7,7 @@
 #include "recorder_board.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 /* A whole state: the version was even, and the same before and after the copy. */
@@ -49,6 +50,11 @@ int main(int argc, char **argv) {
     example_begin("recorder_reader", 2, NULL);
     CL_Object *segment = cl_openshm(argv[1], O_RDONLY, sizeof(Board), &err, CL_FILE_NAME, __LINE__);
     if (!segment) example_fail("cl_openshm", &err);
+    /* A recorder that has only just begun has not given it its size yet. */
+    struct stat status;
+    if (fstat(segment->descriptor, &status) != 0) example_fail_errno("fstat");
+    errno = EAGAIN;
+    if (status.st_size < (off_t)sizeof(Board)) example_fail_errno(argv[1]);
     const Board *board = CL_MapSHM(segment, &err);
     if (!board) example_fail("CL_MapSHM", &err);
 

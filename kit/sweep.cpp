@@ -77,8 +77,7 @@ struct Outcome {
     std::string detail;
     int status = 0;
     double seconds = 0;
-    std::multiset<std::string> leaks, left;
-    std::vector<std::string> crashes;
+    std::multiset<std::string> leaks, left, crashes;
     bool hangs = false;
     bool met = false;
 };
@@ -244,7 +243,7 @@ class Run {
             std::string reason = "ends after a fault";
             if (halt.signal != 0) {
                 reason = std::string("SIG") + sigabbrev_np(halt.signal) + " in " + program;
-                outcome.crashes.push_back(reason);
+                outcome.crashes.insert(reason);
             }
             snap(halt.pid, "qvcl-kit: " + reason, halt.signal != 0);
             halt.state = Halt::kSeen;
@@ -355,7 +354,8 @@ std::vector<Place> places_of(const Page &seen, const Options &options) {
 void save(const Baseline &baseline, const fs::path &path) {
     std::ofstream file(path);
     file << baseline.outcome.status << '\t' << baseline.outcome.seconds << '\n';
-    for (const auto &list : {baseline.outcome.leaks, baseline.outcome.left}) {
+    for (const auto &list :
+         {baseline.outcome.leaks, baseline.outcome.left, baseline.outcome.crashes}) {
         file << list.size() << '\n';
         for (const std::string &line : list)
             file << line << '\n';
@@ -380,7 +380,8 @@ bool load(Baseline &baseline, const fs::path &path) {
     if (!std::getline(file, line)) return false;
     baseline.outcome.status = atoi(fields(line)[0].c_str());
     baseline.outcome.seconds = atof(fields(line)[1].c_str());
-    for (auto *list : {&baseline.outcome.leaks, &baseline.outcome.left}) {
+    for (auto *list :
+         {&baseline.outcome.leaks, &baseline.outcome.left, &baseline.outcome.crashes}) {
         std::getline(file, line);
         for (int left = atoi(line.c_str()); left > 0 && std::getline(file, line); --left)
             list->insert(line);
@@ -400,6 +401,7 @@ Baseline take_baseline(const Options &options) {
     for (const bool notes : {true, false}) {
         Run run(options, 0, options.limit > 0 ? options.limit : 120);
         run.page().note_sites = notes;
+        run.page().halt_at_ends = true;
         const int status = baseline.outcome.status;
         baseline.outcome = run.go();
         if (baseline.outcome.hangs)
@@ -478,7 +480,8 @@ void judge_outcome(Outcome &outcome, const Outcome &baseline, const Place &place
     if (!added.empty()) set(kLeft, added);
     if (!leaks.empty()) set(kLeak, leaks);
     if (outcome.hangs) set(kHang, still);
-    if (!outcome.crashes.empty()) set(kCrash, outcome.crashes.front());
+    const std::string crashes = more(outcome.crashes, baseline.crashes);
+    if (!crashes.empty()) set(kCrash, crashes);
     const int ended_by = WIFSIGNALED(outcome.status) ? WTERMSIG(outcome.status) : 0;
     if (ended_by != 0 && differs && ended_by != SIGKILL && ended_by != SIGTERM && !outcome.hangs)
         set(kCrash, status_text(outcome.status));
@@ -520,7 +523,7 @@ class Sweep {
         cases_ = cases_of(baseline_.places);
         results_.resize(cases_.size());
         if (goes_on) load_results();
-        limit_ = options_.limit > 0 ? options_.limit : 3 + 4 * baseline_.outcome.seconds;
+        limit_ = options_.limit > 0 ? options_.limit : 10 + 4 * baseline_.outcome.seconds;
         fprintf(stderr, "qvcl-kit: %zu call sites, %zu runs of about %.1f s (at most %.1f s)%s\n",
                 baseline_.places.size(), cases_.size(), baseline_.outcome.seconds, limit_,
                 done_ > 0 ? (", " + std::to_string(done_) + " done before").c_str() : "");
@@ -566,7 +569,7 @@ class Sweep {
             Outcome outcome = run.go();
             judge_outcome(outcome, baseline_.outcome, place);
             line = std::to_string(index) + '\t' + kVerdicts[outcome.verdict] + '\t' +
-                   outcome.detail + '\n';
+                   outcome.detail + '\t' + describe(place, one) + '\n';
             if (outcome.verdict <= kUnmet) {
                 fs::remove(options_.out / (std::to_string(index + 1) + ".trc"));
                 fs::remove(options_.out / (std::to_string(index + 1) + ".out"));
