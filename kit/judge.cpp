@@ -190,6 +190,7 @@ Verdict judge(Call call, const void *caller, int fd) {
         if (fault.before != nullptr) fault.before(fault.context);
         verdict.fail = verdict.fail || fault.error != 0;
         verdict.swallow = verdict.swallow || fault.swallow;
+        verdict.made = verdict.made || fault.made;
         verdict.at_most = std::min(verdict.at_most, fault.at_most);
         if (fault.error != 0) errno = fault.error;
     }

@@ -14,6 +14,7 @@ namespace kit {
 struct Verdict {
     bool fail = false;  // with the errno that is set
     bool swallow = false;
+    bool made = false;  // and yet fails
     uint64_t at_most = UINT64_MAX;
     bool fewer_ready = false;
     uint32_t dice = 0;

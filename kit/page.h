@@ -19,6 +19,7 @@ struct Fault {
     Call call;
     uint8_t from;
     bool swallow;
+    bool made;  // the call is made all the same, and then fails
     int32_t error;
     int32_t nth;
     int32_t times;

@@ -34,6 +34,7 @@ bool copy(Fault &to, const CL_KitFault &from) {
     to.call = call;
     to.from = static_cast<uint8_t>(from.from != 0 ? from.from : uint32_t{CL_KIT_LIBRARY});
     to.swallow = from.swallow != 0;
+    to.made = from.made != 0;
     to.error = from.error;
     to.nth = from.nth;
     to.times = from.times;

@@ -46,6 +46,7 @@ void add_fault(Page &to, const std::string &text) {
     if (fault.error == 0) throw std::invalid_argument("--fail=" + text + ": which errno?");
     if (fault.nth < 1) throw std::invalid_argument("--fail=" + text + ": calls count from 1");
     fault.times = 1;
+    fault.made = fault.call == kCall_close;  // it closes, whatever it returns
     fault.at_most = UINT64_MAX;
     fault.from = CL_KIT_LIBRARY | CL_KIT_PROGRAM;
 }

@@ -53,6 +53,14 @@ int fd_of(Other) {
     return -1;
 }
 
+// The call is made, and fails with the errno that is set.
+template <class Call>
+void make(const Call &call) {
+    const int error = errno;
+    call();
+    errno = error;
+}
+
 // Of two processes that make the same segment at once one may go unnoticed.
 void note_segment(const char *name, bool made) {
     char(*free)[sizeof page->segments[0]] = nullptr;
@@ -95,6 +103,7 @@ void note_segment(const char *name, bool made) {
 #define DEFINE(count, name, failure, ...)                                                      \
     P(0, name, name)(PARAMETERS_##count(name)) noexcept(noexcept(::name(ARGUMENTS_##count))) { \
         JUDGE(name, fd_of(FIRST_##count));                                                     \
+        if (verdict.made) make([&] { KIT_REAL(name)(ARGUMENTS_##count); });                    \
         if (verdict.fail) return failure;                                                      \
         __VA_ARGS__;                                                                           \
         if (verdict.swallow) return {};                                                        \

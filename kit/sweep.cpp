@@ -587,6 +587,7 @@ class Sweep {
         fault.call = place.call;
         fault.from = CL_KIT_LIBRARY | CL_KIT_PROGRAM;
         fault.error = one.error;
+        fault.made = place.call == kCall_close;  // it closes, whatever it returns
         fault.at_most = one.error != 0 ? UINT64_MAX : 1;
         fault.nth = 1;
         fault.times = one.times();

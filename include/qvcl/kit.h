@@ -42,6 +42,7 @@ typedef struct CL_KitFault {
     uint64_t at_most; /* limited not 0: a transfer moves no more bytes */
     uint32_t swallow; /* not 0: the call is not made, and its result is 0 */
     uint32_t limited;
+    uint32_t made; /* not 0: the call is made, and fails all the same, as close does */
     void (*before)(void *context); /* null, or runs first, whatever else happens to the call */
     void *context;
 } CL_KitFault;
@@ -139,6 +140,7 @@ typedef struct CL_KitBalance {
     uint64_t descriptors[CL_KIT_MAX_DESCRIPTORS / 64]; /* open: bit number % 64 */
 } CL_KitBalance;
 
+/* Looks at the library's tables, the calling thread's signal mask and the process's descriptors. */
 void CL_KitGetBalance(CL_KitBalance *balance);
 
 /* What is different, as "live: 2, was 1; descriptor 5 is open". text, size: receive as much of it
