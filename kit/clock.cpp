@@ -336,22 +336,24 @@ int fewer(uint32_t dice, int count, fd_set *sets[3], int found) {
     const int kept = static_cast<int>(dice % static_cast<uint32_t>(found));
     int seen = 0;
     for (int set = 0; set < 3; ++set) {
-        for (int fd = 0; sets[set] != nullptr && fd < count; ++fd)
+        for (int fd = 0; sets[set] != nullptr && fd < count; ++fd) {
             if (FD_ISSET(fd, sets[set]) && seen++ != kept && (dice >> (seen % 24) & 1) != 0) {
                 FD_CLR(fd, sets[set]);
                 --found;
             }
+        }
     }
     return found;
 }
 int fewer(uint32_t dice, pollfd *fds, nfds_t count, int found) {
     const int kept = static_cast<int>(dice % static_cast<uint32_t>(found));
     int seen = 0;
-    for (nfds_t i = 0; i < count; ++i)
+    for (nfds_t i = 0; i < count; ++i) {
         if (fds[i].revents != 0 && seen++ != kept && (dice >> (seen % 24) & 1) != 0) {
             fds[i].revents = 0;
             --found;
         }
+    }
     return found;
 }
 

@@ -61,9 +61,10 @@ class Text {
 };
 
 void compare(Text &text, const char *name, uint64_t before, uint64_t after) {
-    if (before != after)
+    if (before != after) {
         text.add("%s: %llu, was %llu", name, static_cast<unsigned long long>(after),
                  static_cast<unsigned long long>(before));
+    }
 }
 
 void compare_bits(Text &text, const char *name, const char *gone, const char *come, int number,
@@ -161,14 +162,16 @@ uint32_t CL_KitSame(const CL_KitBalance *before, const CL_KitBalance *after, cha
     compare(out, "library bytes", before->library_bytes, after->library_bytes);
     compare(out, "user bytes", before->user_bytes, after->user_bytes);
     compare(out, "catalogues", before->catalogues, after->catalogues);
-    for (int signal = 1; signal < NSIG; ++signal)
+    for (int signal = 1; signal < NSIG; ++signal) {
         compare_bits(out, "signal", "open", "blocked", signal,
                      (before->blocked_signals >> (signal - 1) & 1) != 0,
                      (after->blocked_signals >> (signal - 1) & 1) != 0);
-    for (int fd = 0; fd < CL_KIT_MAX_DESCRIPTORS; ++fd)
+    }
+    for (int fd = 0; fd < CL_KIT_MAX_DESCRIPTORS; ++fd) {
         compare_bits(out, "descriptor", "closed", "open", fd,
                      (before->descriptors[fd / 64] >> (fd % 64) & 1) != 0,
                      (after->descriptors[fd / 64] >> (fd % 64) & 1) != 0);
+    }
     return out.any() ? 0 : 1;
 }
 

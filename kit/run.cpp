@@ -54,11 +54,12 @@ void add_fault(Page &to, const std::string &text) {
 // "+10d", "+2h", "+90s"
 int64_t microseconds_ahead(const std::string &text) {
     const std::string units = "smhdy";
-    const int64_t seconds[] = {1, 60, 3600, 86400, 365 * 86400};
+    const int64_t seconds[] = {1, 60, 3600, 86400, 31536000};
     const size_t unit = text.size() > 2 ? units.find(text.back()) : std::string::npos;
-    if (text[0] != '+' || unit == std::string::npos)
+    if (text[0] != '+' || unit == std::string::npos) {
         throw std::invalid_argument("--clock=" + text +
                                     ": virtual, +10d (s, m, h, d, y) or virtual+10d");
+    }
     return static_cast<int64_t>(number(text.substr(1, text.size() - 2), text)) * seconds[unit] *
            1'000'000;
 }
@@ -123,6 +124,7 @@ void SharedPage::become(const std::vector<std::string> &command) const {
     setenv("LD_PRELOAD", preloaded.c_str(), 1);
     setenv(kPageVariable, path_.c_str(), 1);
     std::vector<char *> arguments;
+    arguments.reserve(command.size() + 1);
     for (const std::string &word : command)
         arguments.push_back(const_cast<char *>(word.c_str()));
     arguments.push_back(nullptr);
@@ -163,9 +165,10 @@ int run_command(const std::vector<std::string> &arguments) {
         shared->faults[i].times = CL_KIT_FOREVER;
     const bool is_virtual = clock.starts_with("virtual");
     const std::string ahead = is_virtual ? clock.substr(7) : clock;
-    if (!clock.empty())
+    if (!clock.empty()) {
         begin_clock(shared->clock, is_virtual ? kVirtual : kAhead,
                     ahead.empty() ? 0 : microseconds_ahead(ahead), settle);
+    }
 
     for (const int signal : {SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGUSR1, SIGUSR2})
         (void)::signal(signal, pass_on);
@@ -183,9 +186,10 @@ int run_command(const std::vector<std::string> &arguments) {
     }
     for (uint32_t i = 0; i < shared->fault_count; ++i) {
         const Fault &fault = shared->faults[i];
-        if (fault.seen.load() < fault.nth)
+        if (fault.seen.load() < fault.nth) {
             fprintf(stderr, "qvcl-kit: %s was called %d times, so nothing failed\n",
                     name_of(fault.call), fault.seen.load());
+        }
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }

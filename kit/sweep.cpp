@@ -277,9 +277,10 @@ class Run {
             outcome.left.insert("segment " + without_numbers(segment));
             shm_unlink(segment);
         }
-        for (const auto &item : fs::recursive_directory_iterator(folder_))
+        for (const auto &item : fs::recursive_directory_iterator(folder_)) {
             outcome.left.insert("file " +
                                 without_numbers(fs::relative(item.path(), folder_).string()));
+        }
     }
 
     const Options &options_;
@@ -305,18 +306,20 @@ class FrameNames {
         if (!name.empty()) return name;
         auto &module = modules_[path];
         constexpr uint64_t kBase = 0x10000000;
-        if (module == nullptr)
+        if (module == nullptr) {
             module = trace_reader::names_of(
                 {{kBase, kBase + UINT32_MAX, trace_reader::build_id_of_file(path), path}}, {});
+        }
         return name = plain(module->name_of(kBase + offset));
     }
 
   private:
     // What tells a place, without what only a linker wants to know.
     static std::string plain(std::string name) {
-        for (const std::string_view noise : {"(anonymous namespace)::", "qvcl::"})
+        for (const std::string_view noise : {"(anonymous namespace)::", "qvcl::"}) {
             for (size_t at = 0; (at = name.find(noise)) != std::string::npos;)
                 name.erase(at, noise.size());
+        }
         const size_t offset = name.find("+0x"), line = name.find(" (");
         const size_t parameters = name.find('(');
         if (line == std::string::npos) return name;
@@ -360,9 +363,10 @@ void save(const Baseline &baseline, const fs::path &path) {
         for (const std::string &line : list)
             file << line << '\n';
     }
-    for (const Place &place : baseline.places)
+    for (const Place &place : baseline.places) {
         file << place.key << '\t' << kit::name_of(place.call) << '\t' << place.program << '\t'
              << place.count << '\t' << place.open << '\n';
+    }
 }
 
 std::vector<std::string> fields(const std::string &line) {
@@ -404,10 +408,11 @@ Baseline take_baseline(const Options &options) {
         run.page().halt_at_ends = true;
         const int status = baseline.outcome.status;
         baseline.outcome = run.go();
-        if (baseline.outcome.hangs)
+        if (baseline.outcome.hangs) {
             throw std::runtime_error(
                 "the program does not end by itself: give sweep a script that "
                 "ends what it starts");
+        }
         if (notes) baseline.places = places_of(run.page(), options);
         if (notes && run.page().library[0] == '\0')
             throw std::runtime_error("the program does not use libqvcl");
@@ -714,9 +719,10 @@ int sweep_command(const std::vector<std::string> &arguments) {
         } else if (option(argument, "calls", value)) {
             std::istringstream names(value);
             for (std::string name; std::getline(names, name, ',');) {
-                if (call_named(name.c_str()) == kCallCount)
+                if (call_named(name.c_str()) == kCallCount) {
                     throw std::invalid_argument("--calls: no such call can be made to fail: " +
                                                 name);
+                }
                 options.calls.insert(name);
             }
         } else if (argument == "--strict") {

@@ -101,7 +101,7 @@ std::vector<ssize_t> pieces(uint64_t seed) {
 
 TEST(Disorder, IsThatOfItsSeed) {
     std::vector<std::string> runs;
-    for (const uint64_t seed : {1, 1, 2}) {
+    for (const uint64_t seed : {1U, 1U, 2U}) {
         test::Pipe pipe;
         const pid_t pid = fork();  // where nobody has thrown the dice yet
         if (pid == 0) {
