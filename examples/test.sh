@@ -389,7 +389,7 @@ test_cpp_echo() {
 # get REQUEST: sends it as it is, and prints the answer. The port is in $port.
 get() {
     exec 9<>"/dev/tcp/127.0.0.1/$port"
-    printf "$1" >&9
+    printf '%b' "$1" >&9
     timeout 10 cat <&9
     exec 9>&-
 }
