@@ -374,6 +374,11 @@ using namespace kit;
 
 #define JUDGE(name, fd) const Verdict verdict = judge(kCall_##name, KIT_CALLER, fd)
 
+// A test program may have its own of these, which then stand in.
+#pragma weak clock_gettime
+#pragma weak timerfd_settime
+#pragma weak epoll_wait
+
 extern "C" {
 
 int gettimeofday(struct timeval *time, void *zone) noexcept {

@@ -24,7 +24,7 @@ using test::table;
 class CppTest : public testing::Test {
   protected:
     ~CppTest() override {
-        test::capture_log();
+        CL_KitKeepLog();
         rt.reset();
         for (const std::string &line : test::log_lines())
             EXPECT_EQ(line.find("not released"), std::string::npos) << line;

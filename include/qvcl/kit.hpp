@@ -7,6 +7,8 @@
 #include <qvcl/trace_records.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <initializer_list>
@@ -17,6 +19,17 @@
 #include <vector>
 
 namespace qvcl::kit {
+
+// Throws; without exceptions the program ends here, as the test is wrong.
+template <class Error>
+[[noreturn]] void refuse(const std::string &text) {
+#ifdef __cpp_exceptions
+    throw Error(text);
+#else
+    fprintf(stderr, "%s\n", text.c_str());
+    abort();
+#endif
+}
 
 constexpr int kForever = CL_KIT_FOREVER;
 
@@ -56,8 +69,9 @@ class Plan {
             };
             one.context = &fault.before;
         }
-        if (CL_KitPlan(plan.data(), plan.size()) == 0)
-            throw std::invalid_argument("no such plan is possible");
+        if (CL_KitPlan(plan.data(), plan.size()) == 0) {
+            refuse<std::invalid_argument>("no such plan is possible");
+        }
     }
     explicit Plan(const Fault &fault) : Plan({fault}) {}
     ~Plan() { CL_KitEndPlan(); }
@@ -120,7 +134,7 @@ inline std::vector<Record> records_from(const CL_TraceRing *ring, uint32_t at) {
         records.push_back(
             {{buffer.data(), buffer.data() + std::min<size_t>(length, buffer.size())}});
     if (at != ring->next)
-        throw std::runtime_error("the ring is not in order at entry " + std::to_string(at));
+        refuse<std::runtime_error>("the ring is not in order at entry " + std::to_string(at));
     return records;
 }
 
