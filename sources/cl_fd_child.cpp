@@ -44,6 +44,12 @@ bool stop_waiting(CL_Object *child) {
     return CL_QUE_Isinque(list, child) == 0 || CL_QUE_GetData(list, child) != nullptr;
 }
 
+// A deletion that failed has taken the object off the queue of its kind; when one after it has
+// reaped the child all the same, nothing is left to kill: the process id may be another's by now.
+bool reaped_before(const CL_Object *child) {
+    return child->kind_link.owner == nullptr && child->child_link.owner == nullptr;
+}
+
 CL_Event end_event(int status) {
     CL_Event event = {};
     event.type = CL_EVENT_CHILD_END;
@@ -117,7 +123,7 @@ uint32_t cl_ChildCall(CL_ErrInfo *err) {
 }
 
 uint32_t cl_DeleteCHILD_M(CL_Object *child, CL_ErrInfo *err) {
-    if ((child->status & CL_STATUS_READY) == 0) return 1;
+    if ((child->status & CL_STATUS_READY) == 0 || reaped_before(child)) return 1;
     if (cl_u_kill(pid_of(child), SIGABRT) != 0 && errno != ESRCH) {
         return fail.both(err, CL_ERR_QUEUE, static_cast<uint32_t>(errno));
     }
