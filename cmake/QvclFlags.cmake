@@ -22,9 +22,22 @@ if(QVCL_SANITIZE)
         add_compile_options($<$<C_COMPILER_ID:GNU>:-Wno-tsan>)
     endif()
 endif()
+if(QVCL_FUZZ)
+    # clang's: the fuzzer sees which branches an input reaches. Its main program is linked in tests/.
+    add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
 if(QVCL_COVERAGE)
     add_compile_options(--coverage -fprofile-update=atomic)
     add_link_options(--coverage)
+    set(counters "${CMAKE_CURRENT_LIST_DIR}/coverage_exit.c")
+    add_library(coverage-exit SHARED "${counters}")
+    add_library(coverage-module OBJECT "${counters}")
+    target_compile_definitions(coverage-module PRIVATE QVCL_COVERAGE_MODULE)
+    foreach(part IN ITEMS exit module)
+        set_target_properties(coverage-${part} PROPERTIES
+            COMPILE_OPTIONS "" LINK_OPTIONS "" POSITION_INDEPENDENT_CODE ON C_EXTENSIONS ON)
+    endforeach()
+    link_libraries("$<BUILD_INTERFACE:coverage-exit>" "$<BUILD_INTERFACE:$<TARGET_OBJECTS:coverage-module>>")
 endif()
 
 # What distributions build with. Not for the tests: they replace functions of the C library, which
