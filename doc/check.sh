@@ -4,7 +4,7 @@
 #   check.sh agreement DIR LIST       every name in LIST is declared on one page in DIR, and explained
 #   check.sh errors DIR LIST          the error list of the headers in DIR is whole and about names in LIST
 #   check.sh links                    markdown leads to files that exist, README.md to every page, and
-#                                     every public header has a page
+#                                     every public header has a page, and the threats' tests are there
 #   check.sh snippets CC INCLUDE LIBRARY FILE...
 #                                     C in markdown compiles; a block "```c program" is also run, and
 #                                     prints the block that follows it
@@ -62,7 +62,11 @@ links)
     done
     for header in ../include/qvcl/*.h; do
         grep -qF "<qvcl/${header##*/}>" ./*.md || complain "${header##*/} has no page"
-    done ;;
+    done
+    while IFS=./ read -r suite test; do
+        grep -qE "TEST(_F|_P)?\\($suite, $test\\)|^ *fuzz_test\\($test " ../tests/*_test.cpp ../tests/CMakeLists.txt ||
+            complain "SECURITY.md names $suite.$test"
+    done < <(sed -n '/^|/s/`/\n/gp' ../SECURITY.md | grep -xE 'fuzz/[a-z]+|[A-Z][A-Za-z]+\.[A-Z][A-Za-z]+') ;;
 cpp)
     cxx=$1 include=$2
     shift 2

@@ -1,5 +1,6 @@
 // Reading a process that does not help: nothing torn is ever shown, and nothing happens to it.
 #include <elf.h>
+#include <pty.h>
 #include <sys/mman.h>
 #include <sys/procfs.h>
 #include <sys/ptrace.h>
@@ -336,6 +337,42 @@ TEST(Looks, WatchKeepsEachStallOnce) {
         dump.load(source, true);
         EXPECT_EQ(trace_reader::Trace(dump).open.size(), 1u);
     }
+}
+
+// On a terminal it shows what was called, in the order of the last key.
+TEST(Looks, TopCountsWhatIsCalled) {
+    const Child child([](std::atomic<uint64_t> &calls) {
+        CL_ErrInfo err{};
+        CL_Init(10, nullptr, &err);
+        test::Action wait = [](CL_Object *, CL_Event *) { return usleep(1000) == 0 ? 0u : 1u; };
+        CL_Event event{};
+        for (;; ++calls) {
+            CL_Object *object = CL_CreateFD(CL_KIND_FD, test::call_action, 0, 0, &err);
+            cl_Callback_M(test::call_action, object, &event, test::address(&wait), 0, CL_HERE);
+            CL_AddEventList(object, 1, &err);
+            CL_DeleteFD(object, &err);
+        }
+    });
+    child.wait_beyond(1);
+    int keys, terminal;
+    ASSERT_EQ(openpty(&keys, &terminal, nullptr, nullptr, nullptr), 0);
+    const int before[] = {dup(STDIN_FILENO), dup(STDOUT_FILENO)};
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO})
+        dup2(terminal, fd);
+    trace_reader::Looks looks(child.pid());
+    trace_reader::Options options;
+    options.interval = 100000;
+    std::thread user([&] {
+        for (const char *key : {"t", "m", "c", "q"})
+            usleep(300000), static_cast<void>(write(keys, key, 1) > 0);
+    });
+    trace_reader::Text out, err;
+    EXPECT_TRUE(top(looks, options, out, err));
+    user.join();
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO})
+        dup2(before[fd], fd);
+    for (const char *told : {"keys: ", "CL_AddEventList_M", "CL_CreateFD_M", "slowest callbacks"})
+        EXPECT_THAT(out.str(), HasSubstr(told)) << err.str();
 }
 
 // ---------------------------------------------------------------- cores

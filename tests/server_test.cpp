@@ -42,6 +42,7 @@ TEST_F(Server, OpensWhereItCan) {
         {"a link", address, [&] { std::filesystem::create_symlink(target, address); }, 0},
         {"a directory", address, [&] { std::filesystem::create_directory(address); }, EISDIR},
         {"in no directory", folder.path("none/x"), nullptr, ENOENT},
+        {"somebody else's file", "/proc/version", nullptr, geteuid() == 0 ? EPERM : EACCES},
     };
     const Balance none = Balance::now();
     for (const auto &[what, at, prepare, code] : places) {

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <qvcl/shm.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 
 #include <tuple>
 
@@ -76,6 +77,30 @@ TEST_F(SharedMemory, IsMappedAsItWasOpened) {
     }
     EXPECT_EQ(own[kSize - 1], 'x');
     EXPECT_TRUE(exists(name));
+}
+
+// Anybody may make a name before its owner does. A link is not followed, what is no memory is not
+// mapped, and how long a segment is, and whose, can be asked before it is touched.
+TEST_F(SharedMemory, ASquattedNameIsFoundOut) {
+    const std::string at = "/dev/shm" + name;
+    close(make(name + "target"));
+    std::filesystem::create_symlink("/dev/shm" + name + "target", at);
+    EXPECT_EQ(cl_openshm(name.c_str(), O_RDWR, kSize, &err, "open", 7), nullptr);
+    EXPECT_THAT(err, test::FailsWith(ELOOP, CL_MODULE_SHM));
+    std::filesystem::remove(at);
+    std::filesystem::create_directory(at);
+    CL_Object *directory = open(name, O_RDONLY);
+    EXPECT_EQ(CL_MapSHM(directory, &err), nullptr);
+    EXPECT_THAT(err, test::FailsWith(ENODEV, CL_MODULE_SHM));
+    EXPECT_EQ(CL_CloseSHM(directory, &err), 1u);
+    std::filesystem::remove(at);
+    ASSERT_EQ(ftruncate(make(name), 5), 0);
+    CL_Object *segment = open(name);
+    struct stat found = {};
+    EXPECT_EQ(fstat(segment->descriptor, &found), 0);
+    EXPECT_EQ(found.st_size, 5);
+    EXPECT_EQ(found.st_uid, geteuid());
+    EXPECT_EQ(CL_CloseSHM(segment, &err), 1u);
 }
 
 // A name longer than its field is not known any more: no other segment may go in its place.

@@ -12,6 +12,7 @@ namespace {
 using namespace std::string_literals;
 using test::bytes_of;
 using test::Plan;
+using testing::_;
 using testing::ElementsAre;
 
 constexpr size_t kTraceFdAt = offsetof(CL_MainBlock, trace_fd);
@@ -177,6 +178,23 @@ TEST_F(TraceFile, FullDisk) {
         EXPECT_EQ(plan.count("fdatasync"), size == 24 ? 1 : 0);
         whole += size;
     }
+}
+
+// Whoever may write to its directory decides where a dump goes: a link leads it to another file,
+// and a FIFO to whoever reads it. A disk that is full ends it with one line.
+TEST_F(TraceFile, GoesWhereItsPathLeads) {
+    const std::string target = folder.put("target", "content"), fifo = folder.path("fifo");
+    std::filesystem::create_symlink(target, file);
+    EXPECT_EQ(dump(file.c_str()).size(), 1u);
+    EXPECT_EQ(bytes_of(target).size(), tables().size());
+    EXPECT_TRUE(std::filesystem::is_symlink(file));
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    FILE *reader = popen(("cat " + fifo + " >" + target).c_str(), "re");
+    EXPECT_EQ(dump(fifo.c_str()).size(), 2u) << "a FIFO is on no disk";
+    EXPECT_EQ(pclose(reader), 0);
+    EXPECT_EQ(bytes_of(target).size(), tables().size());
+    EXPECT_THAT(dump("/dev/full"),
+                ElementsAre(_, "CLLIB:trc file write err(-1:" + std::to_string(ENOSPC) + ")"));
 }
 
 // What a dump callback may do; a dump inside a dump does not enter it again.
