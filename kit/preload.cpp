@@ -133,7 +133,7 @@ void attach() {
     const auto fd = static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, O_RDWR | O_CLOEXEC));
     if (fd >= 0) {
         const long place =
-            syscall(SYS_mmap, nullptr, sizeof(Page), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+            syscall(SYS_mmap, nullptr, sizeof(Page), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0L);
         syscall(SYS_close, fd);
         void *memory = nullptr;
         memcpy(&memory, &place, sizeof memory);
