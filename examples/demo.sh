@@ -94,6 +94,15 @@ kill -TERM $server
 succeeds echo_server $server
 show server2.out 'clients|leak'
 
+title 'The same server in C++, as coroutines; the clients cannot tell'
+"$bin/cpp_echo" socket >cpp.out 2>cpp.log &
+server=$!
+wait_for cpp.out listening
+"$bin/echo_client" -n 10000 -s 64 socket >cpp_client.out 2>&1
+show cpp_client.out 'round trips'
+kill -TERM $server
+succeeds cpp_echo $server
+
 if [[ -x $trace ]]; then
     title 'A server hangs: nobody reads what it prints. It is looked into without its help'
     mkfifo unread
