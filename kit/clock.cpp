@@ -295,7 +295,7 @@ uint64_t limit_of(int milliseconds) {
 
 // ---- Looking at clocks
 
-enum class Which { kMonotonic, kReal };
+enum class Which { monotonic, real };
 
 // Whether that clock is one of ours.
 bool ours(clockid_t clock, Which &which) {
@@ -303,13 +303,13 @@ bool ours(clockid_t clock, Which &which) {
         case CLOCK_REALTIME:
         case CLOCK_REALTIME_COARSE:
         case CLOCK_TAI:
-            which = Which::kReal;
+            which = Which::real;
             return true;
         case CLOCK_MONOTONIC:
         case CLOCK_MONOTONIC_RAW:
         case CLOCK_MONOTONIC_COARSE:
         case CLOCK_BOOTTIME:
-            which = Which::kMonotonic;
+            which = Which::monotonic;
             return true;
         default:
             return false;
@@ -326,9 +326,9 @@ int64_t read_clock(Which which) {
     Page::Clock &clock = page->clock;
     if (clock.mode == kVirtual) {
         const auto passed = static_cast<int64_t>(clock.now.fetch_add(1) + 1);
-        return clock.ahead + passed + (which == Which::kReal ? clock.real : clock.monotonic);
+        return clock.ahead + passed + (which == Which::real ? clock.real : clock.monotonic);
     }
-    return clock.ahead + real_clock(which == Which::kReal ? CLOCK_REALTIME : CLOCK_MONOTONIC);
+    return clock.ahead + real_clock(which == Which::real ? CLOCK_REALTIME : CLOCK_MONOTONIC);
 }
 
 // Thins out what a wait has found, but for one.
@@ -389,7 +389,7 @@ int gettimeofday(struct timeval *time, void *zone) noexcept {
         return 0;
     }
     if (!other_time()) return KIT_REAL(gettimeofday)(time, zone);
-    *time = timeval_of(read_clock(Which::kReal));
+    *time = timeval_of(read_clock(Which::real));
     return 0;
 }
 
@@ -400,7 +400,7 @@ int sysinfo(struct sysinfo *info) noexcept {
     if (standing.uptime >= 0 && from_library(KIT_CALLER)) {
         info->uptime = standing.uptime;
     } else if (other_time()) {
-        info->uptime = read_clock(Which::kMonotonic) / kMillion;
+        info->uptime = read_clock(Which::monotonic) / kMillion;
     }
     return result;
 }
@@ -416,7 +416,7 @@ int clock_gettime(clockid_t clock, struct timespec *time) noexcept {
 
 time_t time(time_t *result) noexcept {
     if (!other_time()) return KIT_REAL(time)(result);
-    const time_t seconds = read_clock(Which::kReal) / kMillion;
+    const time_t seconds = read_clock(Which::real) / kMillion;
     if (result != nullptr) *result = seconds;
     return seconds;
 }
@@ -497,11 +497,11 @@ int timerfd_settime(int fd, int flags, const struct itimerspec *value,
             syscall(SYS_read, fd, &counted, sizeof counted);
         set(timer, value->it_value, value->it_interval, now());
         if ((flags & TFD_TIMER_ABSTIME) != 0 && timer.due != kNever) {
-            Which which = Which::kMonotonic;
+            Which which = Which::monotonic;
             ours(timer.clock, which);
             const int64_t origin =
                 page->clock.ahead +
-                (which == Which::kReal ? page->clock.real : page->clock.monotonic);
+                (which == Which::real ? page->clock.real : page->clock.monotonic);
             timer.due = static_cast<uint64_t>(
                 std::max<int64_t>(0, microseconds_of(value->it_value) - origin));
         }

@@ -68,12 +68,12 @@ struct Case {
     }
 };
 
-enum Verdict_ { kFine, kStatus, kUnmet, kLeft, kLeak, kHang, kCrash, kVerdictCount };
+enum VerdictOf { kFine, kStatus, kUnmet, kLeft, kLeak, kHang, kCrash, kVerdictCount };
 constexpr const char *kVerdicts[] = {"fine", "status", "unmet", "left", "leak", "hang", "crash"};
 
 // What a run was like.
 struct Outcome {
-    Verdict_ verdict = kFine;
+    VerdictOf verdict = kFine;
     std::string detail;
     int status = 0;
     double seconds = 0;
@@ -463,7 +463,7 @@ std::string status_text(int status) {
 }
 
 void judge_outcome(Outcome &outcome, const Outcome &baseline, const Place &place) {
-    const auto set = [&](Verdict_ verdict, const std::string &detail) {
+    const auto set = [&](VerdictOf verdict, const std::string &detail) {
         if (verdict <= outcome.verdict) return;
         outcome.verdict = verdict;
         outcome.detail = detail;
@@ -536,7 +536,7 @@ class Sweep {
 
     struct Result {
         bool known = false;
-        Verdict_ verdict = kFine;
+        VerdictOf verdict = kFine;
         std::string detail;
     };
 
@@ -545,7 +545,7 @@ class Sweep {
         const size_t index = strtoull(field[0].c_str(), nullptr, 10);
         if (index >= results_.size() || results_[index].known) return;
         for (int i = 0; i < kVerdictCount; ++i)
-            if (field[1] == kVerdicts[i]) results_[index].verdict = static_cast<Verdict_>(i);
+            if (field[1] == kVerdicts[i]) results_[index].verdict = static_cast<VerdictOf>(i);
         results_[index].detail = field[2];
         results_[index].known = true;
         ++done_;

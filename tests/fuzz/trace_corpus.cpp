@@ -38,7 +38,7 @@ std::string memory_image() {
 
 }  // namespace
 
-int main(int argc, char **argv) {
+int main(int argc, char **argv) {  // NOLINT(bugprone-exception-escape): ends it, as intended
     if (argc != 3) return 2;
     std::filesystem::create_directories(argv[1]);
     std::filesystem::create_directories(argv[2]);
