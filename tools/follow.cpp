@@ -102,7 +102,9 @@ bool follow(Looks &looks, const Options &options, Text &out, Text &err) {
         fine = follower.put(complete(looks), false);
     if (fine) follower.put(looks.fresh().size(), false);
     if (const std::string failure = looks.process().failure(); !failure.empty()) {
-        err << "qvcl-trace: pid:" << looks.process().pid() << ": " << failure << '\n';
+        err << "qvcl-trace: pid:" << looks.process().pid() << ": " << failure
+            << "; the last look was at ";
+        err.clock(looks.dump().time) << '\n';
     }
     if (follower.gaps() == 0) return true;
     err << "qvcl-trace: records were lost " << follower.gaps() << " times, those of ";
