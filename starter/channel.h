@@ -61,7 +61,7 @@ void begin_turn();
 uint32_t finish_turn(uint32_t result);
 
 inline nest::Told told(const Member &member, uint32_t type, void (*callback)()) {
-    return {*nest::current, type, *member.handle, callback, member.arg1, member.arg2};
+    return {*nest::current, type, *member.handle, {0, callback, member.arg1, member.arg2}};
 }
 
 }  // namespace qvcl::channel

@@ -172,12 +172,11 @@ Member *make_member(const Failure &told, nest::Kind kind, size_t size, CL_ErrInf
                     const char *file, uint32_t line) {
     auto *member = static_cast<Member *>(CL_malloc_M(size, 0, file, line));
     if (member == nullptr) return told(err, ENOMEM);
-    member->handle = turns.handles.take(kind, file, line);
+    member->handle = turns.handles.take(kind, {.arg1 = address_of(member)}, file, line);
     if (member->handle == nullptr) {
         CL_free_M(member, 0, file, line);
         return told(err, ENOMEM);
     }
-    member->handle->arg1 = address_of(member);
     member->nests = nest::deleted;
     member->fd = -1;
     ++turns.live;
@@ -211,7 +210,7 @@ void delete_member(Member &member) {
 Member *any_member(const Failure &told, const void *handle, nest::Kind kind, CL_ErrInfo *err,
                    uint32_t line) {
     if (turns.handles.has(handle, kind))
-        return reinterpret_cast<Member *>(static_cast<const nest::Handle *>(handle)->arg1);
+        return reinterpret_cast<Member *>(static_cast<const nest::Handle *>(handle)->calls.arg1);
     told.because(Reason::not_live)(err, EBADF, line);
     return nullptr;
 }

@@ -41,6 +41,7 @@ const KindRow kRows[kKinds] = {
 // --- Handles ---
 
 bool Handles::grow(const char *file, uint32_t line) {
+    errno = ENOMEM;
     if (chunks_ == kChunks) return false;
     const uint32_t size = kFirst << chunks_;
     const uint32_t first = count();
@@ -56,11 +57,11 @@ bool Handles::grow(const char *file, uint32_t line) {
     return true;
 }
 
-Handle *Handles::take(Kind kind, const char *file, uint32_t line) {
+Handle *Handles::take(Kind kind, const Calls &calls, const char *file, uint32_t line) {
     if (free_first_ == nullptr && !grow(file, line)) return nullptr;
     Handle *handle = free_first_;
     free_first_ = handle->next_free;
-    *handle = {.kind = kind, .index = handle->index, .life = handle->life};
+    *handle = {.kind = kind, .index = handle->index, .life = handle->life, .calls = calls};
     memset(&handle->timer, 0, sizeof(Handle) - offsetof(Handle, timer));
     return handle;
 }
@@ -211,6 +212,15 @@ void detach(Nest &nest, Handle &handle) {
     not_ready(nest, handle);
 }
 
+bool keep(Nest &nest, Handle &handle, int fd) {
+    handle.source.fd = fd;
+    if (fd != -1 && attach(nest, handle, fd, EPOLLIN)) return true;
+    const int error = errno;
+    remove(nest, handle);
+    errno = error;
+    return false;
+}
+
 void release_source(Nest &nest, Handle &source) {
     detach(nest, source);
 }
@@ -222,15 +232,13 @@ void release_descriptor(Nest &nest, Handle &source) {
 
 // --- Records ---
 
-Told::Told(const Nest &nest, uint32_t type, const Handle &handle, void (*callback)(), uint64_t arg1,
-           uint64_t arg2)
-    : record_{} {
+Told::Told(const Nest &nest, uint32_t type, const Handle &handle, const Calls &calls) : record_{} {
     fill_head(record_.head, CL_API_CALLBACK, sizeof record_, 0, kFile, __LINE__);
     record_.head.marker = CL_MARK_CALLBACK_ENTRY;
-    record_.callback = reinterpret_cast<uint64_t>(callback);
+    record_.callback = reinterpret_cast<uint64_t>(calls.callback);
     record_.handle = address_of(nest.object);
-    record_.arg1 = arg1;
-    record_.arg2 = arg2;
+    record_.arg1 = calls.arg1;
+    record_.arg2 = calls.arg2;
     record_.type = type;
     record_.data = address_of(&handle);
 }
@@ -265,7 +273,7 @@ namespace {
 // Puts a descriptor that is ready behind those of the same priority. They mostly have the same.
 void put_ready(Nest &nest, Handle &handle, uint32_t events) {
     uint32_t at = nest.ready_count++;
-    for (; at != 0 && nest.ready[at - 1].handle->priority > handle.priority; --at) {
+    for (; at != 0 && nest.ready[at - 1].handle->calls.priority > handle.calls.priority; --at) {
         nest.ready[at] = nest.ready[at - 1];
         nest.ready[at].handle->source.pending = at + 1;
     }
@@ -379,11 +387,24 @@ Nest *existing(const Failure &told, CL_ErrInfo *err, uint32_t line) {
     return nullptr;
 }
 
+Nest *existing(const Failure &told, const Calls &calls, CL_ErrInfo *err, uint32_t line) {
+    Nest *nest = existing(told, err, line);
+    if (nest == nullptr || calls.callback != nullptr) return nest;
+    return told(err, EFAULT, line);
+}
+
 Nest *owner(const Failure &told, const void *handle, Kind kind, CL_ErrInfo *err, uint32_t line) {
     Nest *nest = existing(told, err, line);
     if (nest == nullptr || nest->handles.has(handle, kind)) return nest;
     told.because(Reason::not_live)(err, EBADF, line);
     return nullptr;
+}
+
+uint32_t remove(const Failure &told, void *handle, Kind kind, CL_ErrInfo *err, uint32_t line) {
+    Nest *nest = owner(told, handle, kind, err, line);
+    if (nest == nullptr) return 0;
+    remove(*nest, *static_cast<Handle *>(handle));
+    return 1;
 }
 
 }  // namespace qvcl::nest

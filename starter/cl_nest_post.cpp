@@ -181,9 +181,9 @@ uint32_t posts_ready(Nest &nest, Handle &handle, uint32_t /*events*/) {
     uint32_t result = 0;
     Post post;
     for (uint32_t called = 0; called < most && next_post(posts, &post); ++called) {
-        result =
-            Told(nest, CL_EVENT_NEST_POST, handle, any_function(post.work), post.arg1, post.arg2)
-                .call(post.work, post.arg1, post.arg2);
+        result = Told(nest, CL_EVENT_NEST_POST, handle,
+                      {0, any_function(post.work), post.arg1, post.arg2})
+                     .call(post.work, post.arg1, post.arg2);
         if (result != 0 || life.ended()) break;
     }
     return result;
@@ -207,9 +207,8 @@ extern "C" CL_NestPosts *CL_CreateNestPosts_M(uint32_t capacity, uint32_t priori
     Nest *nest = existing(fail, report);
     if (nest == nullptr) return nullptr;
     if (capacity > kMostCapacity) return fail(report, EINVAL);
-    Handle *handle = nest->handles.take(kPosts, file, line);
+    Handle *handle = nest->handles.take(kPosts, {.priority = priority}, file, line);
     if (handle == nullptr) return fail(report, ENOMEM);
-    handle->priority = priority;
     Posts *posts = allocate(capacity, drop, file, line);
     if (posts == nullptr) {
         nest->handles.give_back(handle);

@@ -32,11 +32,12 @@ uint32_t process_ready(Nest &nest, Handle &process, uint32_t /*events*/) {
     const CL_NestExit end = how_ended(process.source.fd, process.source.pid);
     release_descriptor(nest, process);
     process.source.fd = -1;
-    return Told(nest, CL_EVENT_NEST_PROCESS, process, process.callback, process.arg1, process.arg2)
+    return Told(nest, CL_EVENT_NEST_PROCESS, process)
         .length(end.pid)
         .exit(end.reason, end.value)
         .call(function_of<CL_NestProcessCallback>(process),
-              reinterpret_cast<CL_NestProcess *>(&process), &end, process.arg1, process.arg2);
+              reinterpret_cast<CL_NestProcess *>(&process), &end, process.calls.arg1,
+              process.calls.arg2);
 }
 
 }  // namespace qvcl::nest
@@ -49,30 +50,19 @@ extern "C" CL_NestProcess *CL_CreateNestProcess_M(pid_t pid, uint32_t priority,
                                                   uint8_t /*callerFlag*/, const char *file,
                                                   uint32_t line) {
     const Report report(err);
-    Nest *nest = existing(fail, report);
+    const Calls calls = {priority, any_function(callback), arg1, arg2};
+    Nest *nest = existing(fail, calls, report);
     if (nest == nullptr) return nullptr;
-    if (callback == nullptr) return fail(report, EFAULT);
-    Handle *process = nest->handles.take(kProcess, file, line);
+    Handle *process = nest->handles.take(kProcess, calls, file, line);
     if (process == nullptr) return fail(report, ENOMEM);
-    process->priority = priority;
-    process->callback = any_function(callback);
-    process->arg1 = arg1;
-    process->arg2 = arg2;
     process->source.pid = pid;
-    process->source.fd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));  // close-on-exec
-    if (process->source.fd != -1 && attach(*nest, *process, process->source.fd, EPOLLIN))
-        return reinterpret_cast<CL_NestProcess *>(process);
-    fail.sys(report);
-    remove(*nest, *process);
-    return nullptr;
+    if (!keep(*nest, *process, static_cast<int>(syscall(SYS_pidfd_open, pid, 0))))  // close-on-exec
+        return fail.sys(report);
+    return reinterpret_cast<CL_NestProcess *>(process);
 }
 
 extern "C" uint32_t CL_DeleteNestProcess_M(CL_NestProcess *process, CL_ErrInfo *err,
                                            uint8_t /*callerFlag*/, const char * /*file*/,
                                            uint32_t /*line*/) {
-    const Report report(err);
-    Nest *nest = owner(fail, process, kProcess, report);
-    if (nest == nullptr) return 0;
-    remove(*nest, entry(process));
-    return 1;
+    return remove(fail, process, kProcess, Report(err));
 }

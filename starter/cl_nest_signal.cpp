@@ -64,22 +64,11 @@ int mask(int how, int signal, bool *blocked_before) {
 // The signalfd reads the signals of this set, and is made when it is not there yet.
 bool read_signals(Nest &nest, const sigset_t &set) {
     if (nest.signals != nullptr) return signalfd(nest.signals->source.fd, &set, 0) != -1;
-    Handle *signals = nest.handles.take(kSignals, CL_FILE_LINE);
-    if (signals == nullptr) {
-        errno = ENOMEM;
-        return false;
-    }
-    const int fd = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
-    signals->source.fd = -1;
-    if (fd != -1 && attach(nest, *signals, fd, EPOLLIN)) {
-        nest.signals = signals;
-        return true;
-    }
-    const int error = errno;
-    if (fd != -1) cl_u_close(fd);
-    remove(nest, *signals);
-    errno = error;
-    return false;
+    Handle *signals = nest.handles.take(kSignals, {}, CL_FILE_LINE);
+    if (signals == nullptr) return false;
+    if (!keep(nest, *signals, signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC))) return false;
+    nest.signals = signals;
+    return true;
 }
 
 bool begin_watching(Nest &nest, int signal) {
@@ -149,13 +138,12 @@ uint32_t deliver(Nest &nest, const struct signalfd_siginfo &info) {
     uint32_t result = 0;
     while (Handle *watcher = next_watcher(nest, signal, delivery)) {
         watcher->watcher.heard = delivery;
-        const uint32_t value = Told(nest, CL_EVENT_NEST_SIGNAL, *watcher, watcher->callback,
-                                    watcher->arg1, watcher->arg2)
+        const uint32_t value = Told(nest, CL_EVENT_NEST_SIGNAL, *watcher)
                                    .length(info.ssi_pid)
                                    .exit(0, info.ssi_signo)
                                    .call(function_of<CL_NestSignalCallback>(*watcher),
                                          reinterpret_cast<CL_NestSignal *>(watcher), &info,
-                                         watcher->arg1, watcher->arg2);
+                                         watcher->calls.arg1, watcher->calls.arg2);
         if (result == 0) result = value;
         if (deleted != deleted_before) break;
     }
@@ -196,20 +184,17 @@ extern "C" CL_NestSignal *CL_CreateNestSignal_M(int signal, CL_NestSignalCallbac
                                                 uint8_t /*callerFlag*/, const char *file,
                                                 uint32_t line) {
     const Report report(err);
-    Nest *nest = existing(fail, report);
+    const Calls calls = {0, any_function(callback), arg1, arg2};
+    Nest *nest = existing(fail, calls, report);
     if (nest == nullptr) return nullptr;
-    if (callback == nullptr) return fail(report, EFAULT);
     if (const uint32_t error = refusal(signal)) return fail(report, error);
-    Handle *watcher = nest->handles.take(kSignal, file, line);
+    Handle *watcher = nest->handles.take(kSignal, calls, file, line);
     if (watcher == nullptr) return fail(report, ENOMEM);
     if (sigismember(&nest->watched, signal) == 0 && !begin_watching(*nest, signal)) {
         fail.sys(report);
         nest->handles.give_back(watcher);
         return nullptr;
     }
-    watcher->callback = any_function(callback);
-    watcher->arg1 = arg1;
-    watcher->arg2 = arg2;
     watcher->watcher = {signal, nullptr, nest->deliveries};
     append(*nest, *watcher);
     return reinterpret_cast<CL_NestSignal *>(watcher);

@@ -26,7 +26,8 @@ constexpr clockid_t kClockIds[] = {CLOCK_MONOTONIC, CLOCK_REALTIME};
 
 bool before(const Due &a, const Due &b) {
     if (a.at != b.at) return a.at < b.at;
-    if (a.timer->priority != b.timer->priority) return a.timer->priority < b.timer->priority;
+    const uint32_t first = a.timer->calls.priority, second = b.timer->calls.priority;
+    if (first != second) return first < second;
     return a.timer->timer.order < b.timer->timer.order;
 }
 
@@ -151,23 +152,13 @@ bool wind(Nest &nest, uint32_t which, uint64_t at) {
 bool open_clock(Nest &nest, uint32_t which, const char *file, uint32_t line) {
     Clock &clock = nest.clocks[which];
     if (clock.source != nullptr) return true;
-    Handle *source = nest.handles.take(kClock, file, line);
-    if (source == nullptr) {
-        errno = ENOMEM;
-        return false;
-    }
+    Handle *source = nest.handles.take(kClock, {}, file, line);
+    if (source == nullptr) return false;
     source->source.clock = which;
-    source->source.fd = -1;
-    const int fd = timerfd_create(kClockIds[which], TFD_NONBLOCK | TFD_CLOEXEC);
-    if (fd != -1 && attach(nest, *source, fd, EPOLLIN)) {
-        clock.source = source;
-        return true;
-    }
-    const int error = errno;
-    if (fd != -1) cl_u_close(fd);
-    remove(nest, *source);
-    errno = error;
-    return false;
+    if (!keep(nest, *source, timerfd_create(kClockIds[which], TFD_NONBLOCK | TFD_CLOEXEC)))
+        return false;
+    clock.source = source;
+    return true;
 }
 
 // --- Calling ---
@@ -206,10 +197,10 @@ uint64_t advance(Nest &nest, Clock &clock) {
 uint32_t call_timer(Nest &nest, Clock &clock) {
     Handle &handle = *clock.heap[0].timer;
     const uint64_t missed = advance(nest, clock);
-    return Told(nest, CL_EVENT_NEST_TIMER, handle, handle.callback, handle.arg1, handle.arg2)
+    return Told(nest, CL_EVENT_NEST_TIMER, handle)
         .length(missed < INT32_MAX ? static_cast<int64_t>(missed) : INT32_MAX)
         .call(function_of<CL_NestTimerCallback>(handle), reinterpret_cast<CL_NestTimer *>(&handle),
-              missed, handle.arg1, handle.arg2);
+              missed, handle.calls.arg1, handle.calls.arg2);
 }
 
 }  // namespace
@@ -257,16 +248,12 @@ extern "C" CL_NestTimer *CL_CreateNestTimer_M(uint32_t priority, CL_NestTimerCal
                                               uint8_t /*callerFlag*/, const char *file,
                                               uint32_t line) {
     const Report report(err);
-    Nest *nest = existing(fail, report);
+    const Calls calls = {priority, any_function(callback), arg1, arg2};
+    Nest *nest = existing(fail, calls, report);
     if (nest == nullptr) return nullptr;
-    if (callback == nullptr) return fail(report, EFAULT);
     if (!reserve(*nest, file, line)) return fail(report, ENOMEM);
-    Handle *timer = nest->handles.take(kTimer, file, line);
+    Handle *timer = nest->handles.take(kTimer, calls, file, line);
     if (timer == nullptr) return fail(report, ENOMEM);
-    timer->priority = priority;
-    timer->callback = any_function(callback);
-    timer->arg1 = arg1;
-    timer->arg2 = arg2;
     ++nest->timers;
     return reinterpret_cast<CL_NestTimer *>(timer);
 }
@@ -309,11 +296,7 @@ extern "C" uint32_t CL_StopNestTimer_M(CL_NestTimer *timer, CL_ErrInfo *err, uin
 extern "C" uint32_t CL_DeleteNestTimer_M(CL_NestTimer *timer, CL_ErrInfo *err,
                                          uint8_t /*callerFlag*/, const char * /*file*/,
                                          uint32_t /*line*/) {
-    const Report report(err);
-    Nest *nest = owner(fail, timer, kTimer, report);
-    if (nest == nullptr) return 0;
-    remove(*nest, entry(timer));
-    return 1;
+    return remove(fail, timer, kTimer, Report(err));
 }
 
 extern "C" uint64_t CL_NestTime(uint32_t mode) {

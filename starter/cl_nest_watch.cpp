@@ -45,10 +45,10 @@ uint32_t watch_ready(Nest &nest, Handle &watch, uint32_t events) {
     for (const Bit &bit : kBits)
         if ((events & bit.told) != 0) ready |= bit.ours;
     if (ready == 0 || watch.source.events == 0) return 0;
-    return Told(nest, CL_EVENT_NEST_WATCH, watch, watch.callback, watch.arg1, watch.arg2)
+    return Told(nest, CL_EVENT_NEST_WATCH, watch)
         .length(ready)
         .call(function_of<CL_NestWatchCallback>(watch), reinterpret_cast<CL_NestWatch *>(&watch),
-              ready, watch.arg1, watch.arg2);
+              ready, watch.calls.arg1, watch.calls.arg2);
 }
 
 }  // namespace qvcl::nest
@@ -61,16 +61,12 @@ extern "C" CL_NestWatch *CL_CreateNestWatch_M(int fd, uint32_t events, uint32_t 
                                               uint8_t /*callerFlag*/, const char *file,
                                               uint32_t line) {
     const Report report(err);
-    Nest *nest = existing(fail, report);
+    const Calls calls = {priority, any_function(callback), arg1, arg2};
+    Nest *nest = existing(fail, calls, report);
     if (nest == nullptr) return nullptr;
-    if (callback == nullptr) return fail(report, EFAULT);
     if ((events & ~kAllBits) != 0) return fail(report, EINVAL);
-    Handle *watch = nest->handles.take(kWatch, file, line);
+    Handle *watch = nest->handles.take(kWatch, calls, file, line);
     if (watch == nullptr) return fail(report, ENOMEM);
-    watch->priority = priority;
-    watch->callback = any_function(callback);
-    watch->arg1 = arg1;
-    watch->arg2 = arg2;
     if (add(*nest, *watch, fd, asked_of_epoll(events)))
         return reinterpret_cast<CL_NestWatch *>(watch);
     fail.sys(report);
@@ -92,9 +88,5 @@ extern "C" uint32_t CL_ChangeNestWatch_M(CL_NestWatch *watch, uint32_t events, C
 extern "C" uint32_t CL_DeleteNestWatch_M(CL_NestWatch *watch, CL_ErrInfo *err,
                                          uint8_t /*callerFlag*/, const char * /*file*/,
                                          uint32_t /*line*/) {
-    const Report report(err);
-    Nest *nest = owner(fail, watch, kWatch, report);
-    if (nest == nullptr) return 0;
-    remove(*nest, entry(watch));
-    return 1;
+    return remove(fail, watch, kWatch, Report(err));
 }

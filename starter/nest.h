@@ -63,14 +63,19 @@ struct Watcher {
     uint64_t heard;  // number of the last delivery
 };
 
-struct Handle {
-    Kind kind;
-    uint32_t index;
-    uint32_t life;  // how often the entry was given back
+// What a handle calls, and when among what is ready together.
+struct Calls {
     uint32_t priority;
     void (*callback)();
     uint64_t arg1;
     uint64_t arg2;
+};
+
+struct Handle {
+    Kind kind;
+    uint32_t index;
+    uint32_t life;  // how often the entry was given back
+    Calls calls;
     union {
         Handle *next_free;
         Timer timer;
@@ -81,8 +86,8 @@ struct Handle {
 
 class Handles {
   public:
-    // An entry of this kind, zeroed but for its number and life; null without memory.
-    Handle *take(Kind kind, const char *file, uint32_t line);
+    // An entry of this kind, zeroed but for its number and life and what it calls; null and ENOMEM.
+    Handle *take(Kind kind, const Calls &calls, const char *file, uint32_t line);
     void give_back(Handle *handle);
     // Whether this is an entry of that kind.
     bool has(const void *handle, Kind kind) const;
@@ -197,9 +202,15 @@ void wind_clocks(Nest &nest);
 bool attach(Nest &nest, Handle &handle, int fd, uint32_t events);
 bool change(Nest &nest, Handle &handle, uint32_t events);
 void detach(Nest &nest, Handle &handle);
+// Gives a new handle a descriptor of its own, as it was opened, to be told of input. When it was
+// not opened or cannot be watched, both are gone: errno says why.
+bool keep(Nest &nest, Handle &handle, int fd);
 
 // The nest, when it is there and the library in use; or null, and the failure is told.
 Nest *existing(const Failure &told, CL_ErrInfo *err, uint32_t line = __builtin_LINE());
+// The same where a new handle calls something.
+Nest *existing(const Failure &told, const Calls &calls, CL_ErrInfo *err,
+               uint32_t line = __builtin_LINE());
 // The same where the handle is one of this kind.
 Nest *owner(const Failure &told, const void *handle, Kind kind, CL_ErrInfo *err,
             uint32_t line = __builtin_LINE());
@@ -215,6 +226,9 @@ inline void remove(Nest &nest, Handle &handle) {
     kRows[handle.kind].release(nest, handle);
     nest.handles.give_back(&handle);
 }
+// The same for the public function of a kind.
+uint32_t remove(const Failure &told, void *handle, Kind kind, CL_ErrInfo *err,
+                uint32_t line = __builtin_LINE());
 
 // The caller's error record, cleared; or one for nobody.
 class Report {
@@ -232,8 +246,9 @@ class Report {
 // The two records around a callback.
 class Told {
   public:
-    Told(const Nest &nest, uint32_t type, const Handle &handle, void (*callback)(), uint64_t arg1,
-         uint64_t arg2);
+    Told(const Nest &nest, uint32_t type, const Handle &handle)
+        : Told(nest, type, handle, handle.calls) {}
+    Told(const Nest &nest, uint32_t type, const Handle &handle, const Calls &calls);
     Told &length(int64_t value);
     Told &exit(uint32_t reason, uint32_t value);
 
@@ -256,7 +271,7 @@ void (*any_function(Function function))() {
 
 template <class Function>
 Function function_of(const Handle &handle) {
-    return reinterpret_cast<Function>(handle.callback);
+    return reinterpret_cast<Function>(handle.calls.callback);
 }
 
 }  // namespace qvcl::nest
