@@ -23,8 +23,9 @@ struct ChannelLimits {
 
 namespace detail {
 
-class ChannelReceive;
-class ChannelSend;
+class ChannelNode;
+using ChannelReceive = ReceiveOf<ChannelNode>;
+using ChannelSend = SendOf<ChannelNode>;
 
 class ChannelNode final : public Node {
   public:
@@ -75,11 +76,22 @@ class ChannelNode final : public Node {
     }
 
     // Somebody receives.
-    void resume(const Location &where) {
+    void ask(const Location &where) {
         if (!paused) return;
         CL_ErrInfo err = {};
         paused = CL_ResumeChannel_M(handle, &err, 0, where.file(), where.line()) == 0;
         if (paused) close(err);
+    }
+    uint64_t longest() const { return limits.send_size; }
+    // Puts a message in the buffer. False: it is full.
+    bool put(uint32_t type, std::span<const std::byte> payload, const Location &where,
+             CL_ErrInfo &error) {
+        CL_ErrInfo err = {};
+        CL_SendChannel_M(handle, type, payload.data(), static_cast<uint32_t>(payload.size()), &err,
+                         0, where.file(), where.line());
+        if (err.err == EAGAIN) return false;
+        error = err;
+        return true;
     }
     Message take() {
         held = false;
@@ -108,83 +120,15 @@ class ChannelNode final : public Node {
 
     // After a message was told: nobody waits for the next one, which would take its place.
     void pause() {
-        if (handle == nullptr || paused || first_receive()) return;
+        if (handle == nullptr || paused || first<ChannelReceive>() != nullptr) return;
         CL_ErrInfo err = {};
         paused = CL_PauseChannel_M(handle, &err, 0, at.file(), at.line()) != 0;
         if (!paused) close(err);
     }
-    inline bool first_receive();
 
     char *buffer_ = nullptr;
     ChannelNode **alive_ = nullptr;  // of the callback that tells a message
 };
-
-class [[nodiscard]] ChannelReceive : public Operation<ChannelReceive> {
-  public:
-    static constexpr char kOperation[] = "receive";
-    ChannelReceive(ChannelNode *node, const Location &where)
-        : Operation(kOperation, where), node_(node) {}
-    bool start() {
-        if (node_ == nullptr) {
-            error_ = record(EBADF);
-        } else if (node_->has<ChannelReceive>()) {
-            error_ = record(EINPROGRESS);
-        } else if (!node_->held && node_->end.err != 0) {
-            error_ = node_->end;
-        }
-        if (failed()) return true;
-        node_->waits.push_back(*this);
-        if (node_->held) return true;
-        node_->resume(at());
-        return finished();
-    }
-    Result<Message> finish() {
-        if (failed()) return error();
-        return node_->take();
-    }
-
-  private:
-    ChannelNode *node_;
-};
-
-class [[nodiscard]] ChannelSend : public Operation<ChannelSend> {
-  public:
-    static constexpr char kOperation[] = "send";
-    ChannelSend(ChannelNode *node, uint32_t type, std::span<const std::byte> payload,
-                const Location &where)
-        : Operation(kOperation, where), node_(node), type_(type), payload_(payload) {}
-    bool start() {
-        if (node_ == nullptr) {
-            error_ = record(EBADF);
-        } else if (node_->end.err != 0) {
-            error_ = node_->end;
-        } else if (payload_.size() > node_->limits.send_size) {
-            error_ = record(EMSGSIZE);
-        }
-        if (failed() || (node_->first<ChannelSend>() == nullptr && put())) return true;
-        node_->waits.push_back(*this);
-        return false;
-    }
-    Result<> finish() { return error(); }
-    // True when it is in the buffer, or will never be.
-    bool put() {
-        CL_ErrInfo err = {};
-        CL_SendChannel_M(node_->handle, type_, payload_.data(),
-                         static_cast<uint32_t>(payload_.size()), &err, 0, at().file(), at().line());
-        if (err.err == EAGAIN) return false;
-        error_ = err;
-        return true;
-    }
-
-  private:
-    ChannelNode *node_;
-    uint32_t type_;
-    std::span<const std::byte> payload_;
-};
-
-inline bool ChannelNode::first_receive() {
-    return first<ChannelReceive>() != nullptr;
-}
 
 inline uint32_t ChannelNode::on_message(CL_Channel * /*channel*/, const CL_MsgHeader *message,
                                         uint64_t self, uint64_t /*arg2*/) {
@@ -208,10 +152,8 @@ inline uint32_t ChannelNode::on_message(CL_Channel * /*channel*/, const CL_MsgHe
 inline uint32_t ChannelNode::on_drained(CL_Channel * /*channel*/, uint64_t self,
                                         uint64_t /*arg2*/) {
     auto &node = *reinterpret_cast<ChannelNode *>(self);
-    while (auto *send = node.first<ChannelSend>()) {
-        if (!send->put()) break;
-        send->complete();
-    }
+    for (auto *send = node.first<ChannelSend>(); send != nullptr && send->go_on();)
+        send = node.first<ChannelSend>();
     return scheduler.drain();
 }
 

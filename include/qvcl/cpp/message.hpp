@@ -98,8 +98,74 @@ inline void delete_object(CL_Object *&object, const Location &at) {
     if (CL_DeleteFD_M(object, nullptr, 0, at.file(), at.line()) != 0) object = nullptr;
 }
 
-class Receive;
-class Send;
+// The wait for the next message of a node; one task at a time.
+template <class Of>
+class [[nodiscard]] ReceiveOf : public Operation<ReceiveOf<Of>> {
+  public:
+    static constexpr char kOperation[] = "receive";
+    ReceiveOf(Of *node, const Location &where)
+        : Operation<ReceiveOf>(kOperation, where), node_(node) {}
+    bool start() {
+        if (node_ == nullptr) {
+            this->error_ = record(EBADF);
+        } else if (node_->template has<ReceiveOf>()) {
+            this->error_ = record(EINPROGRESS);
+        } else if (!node_->held && node_->end.err != 0) {
+            this->error_ = node_->end;
+        }
+        if (this->failed()) return true;
+        node_->waits.push_back(*this);
+        if (!node_->held) node_->ask(this->at());
+        return node_->held || this->finished();
+    }
+    Result<Message> finish() {
+        if (this->failed()) return this->error();
+        return node_->take();
+    }
+
+  private:
+    Of *node_;
+};
+
+// A message that waits for room to be sent; any number, in their order.
+template <class Of>
+class [[nodiscard]] SendOf : public Operation<SendOf<Of>> {
+  public:
+    static constexpr char kOperation[] = "send";
+    SendOf(Of *node, uint32_t type, std::span<const std::byte> payload, const Location &where)
+        : Operation<SendOf>(kOperation, where), node_(node), type_(type), payload_(payload) {}
+    bool start() {
+        if (node_ == nullptr) {
+            this->error_ = record(EBADF);
+        } else if (node_->end.err != 0) {
+            this->error_ = node_->end;
+        } else if (payload_.size() > node_->longest()) {
+            this->error_ = record(EMSGSIZE);
+        }
+        if (this->failed() || (node_->template first<SendOf>() == nullptr && put())) return true;
+        node_->waits.push_back(*this);
+        return false;
+    }
+    Result<> finish() { return this->error(); }
+    // There may be room now. False: there is none.
+    bool go_on() {
+        if (!put()) return false;
+        if (!this->finished()) this->complete();
+        return true;
+    }
+
+  private:
+    // True when it is on its way, or will never be.
+    bool put() { return node_->put(type_, payload_, this->at(), this->error_); }
+
+    Of *node_;
+    uint32_t type_;
+    std::span<const std::byte> payload_;
+};
+
+class ConnectionNode;
+using Receive = ReceiveOf<ConnectionNode>;
+using Send = SendOf<ConnectionNode>;
 class Flush;
 class Connect;
 
@@ -148,14 +214,13 @@ class ConnectionNode final : public Node {
     }
 
     // Has the next message received.
-    bool ask(const Location &where) {
-        if (receiving) return true;
+    void ask(const Location &where) {
+        if (receiving) return;
         CL_ErrInfo err = {};
         CL_RecvMSGC_M(object, memory_, static_cast<int32_t>(limits.message + CL_MSG_HEADER_SIZE),
                       CL_MODE_DEFERRED, 0, &err, 0, where.file(), where.line());
         receiving = err.err == CL_ERR_IN_PROGRESS;
         if (!receiving) close(err);
-        return receiving;
     }
     // Takes the message that is there.
     Message take() {
@@ -166,20 +231,23 @@ class ConnectionNode final : public Node {
                 std::as_bytes(std::span(memory_ + sizeof header, header.length - sizeof header))};
     }
 
-    bool can_send() const { return free_.count != 0; }
+    uint64_t longest() const { return limits.message; }
     bool all_sent() const { return free_.count == limits.blocks; }
-    // Copies a message into a free block, and sends it as far as it goes.
-    CL_ErrInfo put(uint32_t type, std::span<const std::byte> payload, const Location &where) {
+    // Copies a message into a free block, and sends it as far as it goes. False: none is free.
+    bool put(uint32_t type, std::span<const std::byte> payload, const Location &where,
+             CL_ErrInfo &error) {
+        if (free_.count == 0) return false;
         auto *block = static_cast<CL_MsgBlock *>(CL_QUE_GetTop(&free_));
         block->header.type = type;
         if (!payload.empty()) memcpy(block + 1, payload.data(), payload.size());
         CL_ErrInfo err = {};
         CL_SendMSGC_M(object, block, static_cast<int32_t>(sizeof *block + payload.size()),
                       CL_MODE_IMMEDIATE, 0, &err, 0, where.file(), where.line());
-        if (err.err == CL_ERR_IN_PROGRESS) return {};
+        if (err.err == CL_ERR_IN_PROGRESS) return true;
         CL_QUE_PutTail(&free_, block);
+        error = err;
         if (err.err != 0) close(err);
-        return err;
+        return true;
     }
 
     CL_Object *object = nullptr;
@@ -199,67 +267,6 @@ class ConnectionNode final : public Node {
 
     char *memory_ = nullptr;
     CL_Queue free_ = {};
-};
-
-class [[nodiscard]] Receive : public Operation<Receive> {
-  public:
-    static constexpr char kOperation[] = "receive";
-    Receive(ConnectionNode *node, const Location &where)
-        : Operation(kOperation, where), node_(node) {}
-    bool start() {
-        if (node_ == nullptr) {
-            error_ = record(EBADF);
-        } else if (node_->has<Receive>()) {
-            error_ = record(EINPROGRESS);
-        } else if (!node_->held && node_->end.err != 0) {
-            error_ = node_->end;
-        }
-        if (failed()) return true;
-        node_->waits.push_back(*this);
-        return node_->held || !node_->ask(at());
-    }
-    Result<Message> finish() {
-        if (failed()) return error();
-        return node_->take();
-    }
-
-  private:
-    ConnectionNode *node_;
-};
-
-class [[nodiscard]] Send : public Operation<Send> {
-  public:
-    static constexpr char kOperation[] = "send";
-    Send(ConnectionNode *node, uint32_t type, std::span<const std::byte> payload,
-         const Location &where)
-        : Operation(kOperation, where), node_(node), type_(type), payload_(payload) {}
-    bool start() {
-        if (node_ == nullptr) {
-            error_ = record(EBADF);
-        } else if (node_->end.err != 0) {
-            error_ = node_->end;
-        } else if (payload_.size() > node_->limits.message) {
-            error_ = record(EMSGSIZE);
-        }
-        if (failed()) return true;
-        if (node_->can_send() && node_->first<Send>() == nullptr) {
-            error_ = node_->put(type_, payload_, at());
-            return true;
-        }
-        node_->waits.push_back(*this);
-        return false;
-    }
-    Result<> finish() { return error(); }
-    // There is room.
-    void go_on() {
-        const CL_ErrInfo err = node_->put(type_, payload_, at());
-        if (!finished()) fail(err);
-    }
-
-  private:
-    ConnectionNode *node_;
-    uint32_t type_;
-    std::span<const std::byte> payload_;
 };
 
 class [[nodiscard]] Flush : public Operation<Flush> {
