@@ -57,6 +57,14 @@ void begin(uint32_t objects, std::function<void()> on_stop) {
     }
 }
 
+void stop_after(uint32_t seconds) {
+    CL_ErrInfo err;
+    CL_NestTimer *timer = CL_CreateNestTimer(
+        0, [](CL_NestTimer *, uint64_t, uint64_t, uint64_t) { return uint32_t{kStop}; }, 0, 0,
+        &err);
+    CL_StartNestTimer(timer, 0, seconds * 1'000'000'000ul, 0, &err);
+}
+
 void end() {
     CL_ErrInfo err;
     if (!CL_DeleteNest(&err)) fail("CL_DeleteNest", err);

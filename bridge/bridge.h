@@ -102,6 +102,8 @@ class Engine {
 // The library, the nest, and SIGTERM and SIGINT, which call `on_stop`; the second time the loop
 // ends at once.
 void begin(uint32_t objects, std::function<void()> on_stop);
+// The loop ends then, done or not.
+void stop_after(uint32_t seconds);
 void end();
 
 // Values that end the loop.

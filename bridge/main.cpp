@@ -68,7 +68,8 @@ int main(int argc, char **argv) {
     const std::string_view side = argv[optind];
     options.path = argv[optind + 1];
     options.endpoint = argv[optind + 2];
-    if (side == "from") return bridge::run_sender(options);
-    if (side == "to") return bridge::run_receiver(options);
-    refuse();
+    if (side != "from" && side != "to") refuse();
+    const int status = side == "from" ? bridge::run_sender(options) : bridge::run_receiver(options);
+    bridge::end();
+    return status;
 }

@@ -224,16 +224,12 @@ void Receiver::on_daemon(CL_Event &event) {
 // --- Its life ---
 
 void Receiver::stop() {
-    CL_ErrInfo err;
     stopping_ = true;
     if (held_.empty()) {
         verdict = kStop;
         return;
     }
-    CL_NestTimer *timer = CL_CreateNestTimer(
-        0, [](CL_NestTimer *, uint64_t, uint64_t, uint64_t) { return uint32_t{kStop}; }, 0, 0,
-        &err);
-    CL_StartNestTimer(timer, 0, options_.linger * 1'000'000'000ul, 0, &err);
+    stop_after(options_.linger);
 }
 
 int Receiver::run() {
@@ -268,13 +264,7 @@ int Receiver::run() {
 }  // namespace
 
 int run_receiver(const Options &options) {
-    int status;
-    {
-        Receiver receiver(options);
-        status = receiver.run();
-    }
-    end();
-    return status;
+    return Receiver(options).run();
 }
 
 }  // namespace bridge

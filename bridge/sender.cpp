@@ -210,10 +210,7 @@ void Sender::stop() {
         verdict = kStop;
         return;
     }
-    CL_NestTimer *timer = CL_CreateNestTimer(
-        0, [](CL_NestTimer *, uint64_t, uint64_t, uint64_t) { return uint32_t{kStop}; }, 0, 0,
-        &err);
-    CL_StartNestTimer(timer, 0, options_.linger * 1'000'000'000ul, 0, &err);
+    stop_after(options_.linger);
 }
 
 int Sender::run() {
@@ -242,13 +239,7 @@ int Sender::run() {
 }  // namespace
 
 int run_sender(const Options &options) {
-    int status;
-    {
-        Sender sender(options);
-        status = sender.run();
-    }
-    end();
-    return status;
+    return Sender(options).run();
 }
 
 }  // namespace bridge
