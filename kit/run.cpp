@@ -96,6 +96,21 @@ uint64_t number(const std::string &text, const std::string &what) {
     return value;
 }
 
+std::vector<std::string> command_of(const std::vector<std::string> &arguments,
+                                    const std::string &verb,
+                                    const std::function<bool(const std::string &)> &take) {
+    auto at = arguments.begin();
+    for (; at != arguments.end() && at->starts_with("--"); ++at) {
+        if (*at == "--") {
+            ++at;
+            break;
+        }
+        if (!take(*at)) throw std::invalid_argument(verb + " takes no " + *at);
+    }
+    if (at == arguments.end()) throw std::invalid_argument("which program?");
+    return {at, arguments.end()};
+}
+
 bool option(const std::string &argument, const std::string &name, std::string &value) {
     if (!argument.starts_with("--" + name + "=")) return false;
     value = argument.substr(name.size() + 3);
@@ -137,13 +152,7 @@ int run_command(const std::vector<std::string> &arguments) {
     bool forever = false;
     std::string value, clock;
     uint64_t settle = 0;
-    size_t at = 0;
-    for (; at < arguments.size() && arguments[at].starts_with("--"); ++at) {
-        const std::string &argument = arguments[at];
-        if (argument == "--") {
-            ++at;
-            break;
-        }
+    const auto command = command_of(arguments, "run", [&](const std::string &argument) {
         if (option(argument, "fail", value)) {
             add_fault(*shared, value);
         } else if (argument == "--forever") {
@@ -157,10 +166,10 @@ int run_command(const std::vector<std::string> &arguments) {
         } else if (option(argument, "seed", value)) {
             shared->seed = number(value, "--seed");
         } else {
-            throw std::invalid_argument("run takes no " + argument);
+            return false;
         }
-    }
-    if (at == arguments.size()) throw std::invalid_argument("which program?");
+        return true;
+    });
     for (uint32_t i = 0; i < shared->fault_count && forever; ++i)
         shared->faults[i].times = CL_KIT_FOREVER;
     const bool is_virtual = clock.starts_with("virtual");
@@ -177,7 +186,7 @@ int run_command(const std::vector<std::string> &arguments) {
     if (pid == 0) {
         for (const int signal : {SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGUSR1, SIGUSR2})
             (void)::signal(signal, SIG_DFL);
-        shared.become({arguments.begin() + static_cast<std::ptrdiff_t>(at), arguments.end()});
+        shared.become(command);
         _exit(127);
     }
     program = pid;

@@ -1,6 +1,7 @@
 // One run of a program under the preloaded stand-ins.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -41,5 +42,9 @@ int sweep_command(const std::vector<std::string> &arguments);
 // Of the command line. what: for the message that is thrown.
 uint64_t number(const std::string &text, const std::string &what);
 bool option(const std::string &argument, const std::string &name, std::string &value);
+// The program with its arguments, behind the options of a verb, each of which `take` knows, or not.
+std::vector<std::string> command_of(const std::vector<std::string> &arguments,
+                                    const std::string &verb,
+                                    const std::function<bool(const std::string &)> &take);
 
 }  // namespace kit

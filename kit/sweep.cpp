@@ -703,13 +703,7 @@ class Sweep {
 int sweep_command(const std::vector<std::string> &arguments) {
     Options options;
     std::string value;
-    size_t at = 0;
-    for (; at < arguments.size() && arguments[at].starts_with("--"); ++at) {
-        const std::string &argument = arguments[at];
-        if (argument == "--") {
-            ++at;
-            break;
-        }
+    options.command = command_of(arguments, "sweep", [&](const std::string &argument) {
         if (option(argument, "jobs", value)) {
             options.jobs = static_cast<unsigned>(number(value, "--jobs"));
         } else if (option(argument, "timeout", value)) {
@@ -728,11 +722,10 @@ int sweep_command(const std::vector<std::string> &arguments) {
         } else if (argument == "--strict") {
             options.strict = true;
         } else {
-            throw std::invalid_argument("sweep takes no " + argument);
+            return false;
         }
-    }
-    options.command.assign(arguments.begin() + static_cast<std::ptrdiff_t>(at), arguments.end());
-    if (options.command.empty()) throw std::invalid_argument("which program?");
+        return true;
+    });
     // Runs have folders of their own to be in.
     if (fs::exists(options.command[0]))
         options.command[0] = fs::absolute(options.command[0]).string();
