@@ -158,11 +158,7 @@ Comparison round_trips(uint32_t size, const Placement &placement) {
 }  // namespace
 
 int main(int argc, char **argv) {
-    const int first = bench::processor(0);
-    const int second = bench::processor(1);
-    static const Placement placements[] = {{"two processors", first, second},
-                                           {"one processor", second, second}};
-    for (const Placement &placement : placements) {
+    for (const Placement &placement : bench::placements()) {
         for (const uint32_t size : {64u, 4096u}) {
             bench::compare(
                 "one way/1024 messages of " + std::to_string(size) + " bytes, " + placement.name,

@@ -244,15 +244,13 @@ int main(int argc, char **argv) {
            sizeof(CL_Object));
     tell_calls_and_memory(kLibrary);
     tell_calls_and_memory(kBare);
-    static const bench::Placement placement = {"two processors", bench::processor(0),
-                                               bench::processor(1)};
     static const std::pair<const char *, Order::Shape> shapes[] = {
         {"a message of each, all at once", Order::everyone},
         {"a message of each, one after another", Order::one_by_one},
         {"connect, and a message of each", Order::join}};
     for (const auto &[name, shape] : shapes) {
         bench::compare(
-            name, [shape = shape] { return clients(shape, placement); }, 31);
+            name, [shape = shape] { return clients(shape, bench::placements()[0]); }, 31);
     }
     return bench::run(argc, argv);
 }

@@ -17,30 +17,6 @@ using bench::Times;
 using bench::Transport;
 using namespace std::chrono_literals;
 
-// ---------------------------------------------------------------- counted allocations
-
-extern "C" {
-void *__libc_malloc(size_t size);
-void *__libc_calloc(size_t nmemb, size_t size);
-void *__libc_realloc(void *ptr, size_t size);
-
-static void count_allocation() {
-    if (bench::allocations != nullptr) bench::allocations->fetch_add(1, std::memory_order_relaxed);
-}
-void *malloc(size_t size) {
-    count_allocation();
-    return __libc_malloc(size);
-}
-void *calloc(size_t nmemb, size_t size) {
-    count_allocation();
-    return __libc_calloc(nmemb, size);
-}
-void *realloc(void *ptr, size_t size) {
-    count_allocation();
-    return __libc_realloc(ptr, size);
-}
-}
-
 namespace {
 
 constexpr uint32_t kPayload = 65536;
@@ -205,12 +181,8 @@ qvcl::Task<> tell_sizes(
 }  // namespace
 
 int main(int argc, char **argv) {  // NOLINT(bugprone-exception-escape): ends it, as intended
-    const int first = bench::processor(0);
-    const int second = bench::processor(1);
-    static const Placement placements[] = {{"two processors", first, second},
-                                           {"one processor", second, second}};
-    tell_allocations(placements[0]);
-    for (const Placement &placement : placements) {
+    tell_allocations(bench::placements()[0]);
+    for (const Placement &placement : bench::placements()) {
         for (const uint32_t payload : {0u, 64u, 4096u}) {
             bench::compare("echo/" + std::to_string(payload) + " bytes, " + placement.name,
                            [=] { return round_trips(payload, placement); });

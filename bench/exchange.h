@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <array>
 #include <atomic>
 #include <csignal>
 #include <functional>
@@ -81,6 +82,12 @@ struct Placement {
     int server;
     int client;
 };
+
+inline const std::array<Placement, 2> &placements() {
+    static const std::array<Placement, 2> all = {{{"two processors", processor(0), processor(1)},
+                                                  {"one processor", processor(1), processor(1)}}};
+    return all;
+}
 
 class Link {
   public:

@@ -1,5 +1,5 @@
 // Plain loops and other libraries as transports: libuv's pipes, libevent's buffer events, nng and
-// ZeroMQ over local sockets.
+// ZeroMQ over local sockets. And malloc, which is counted in their processes.
 #include <event2/buffer.h>
 #include <event2/bufferevent.h>
 #include <event2/event.h>
@@ -14,6 +14,30 @@
 #include <cstring>
 
 #include "bench/exchange.h"
+
+// ---------------------------------------------------------------- counted allocations
+
+extern "C" {
+void *__libc_malloc(size_t size);
+void *__libc_calloc(size_t nmemb, size_t size);
+void *__libc_realloc(void *ptr, size_t size);
+
+static void count_allocation() {
+    if (bench::allocations != nullptr) bench::allocations->fetch_add(1, std::memory_order_relaxed);
+}
+void *malloc(size_t size) {
+    count_allocation();
+    return __libc_malloc(size);
+}
+void *calloc(size_t nmemb, size_t size) {
+    count_allocation();
+    return __libc_calloc(nmemb, size);
+}
+void *realloc(void *ptr, size_t size) {
+    count_allocation();
+    return __libc_realloc(ptr, size);
+}
+}
 
 namespace bench {
 
