@@ -374,6 +374,14 @@ using namespace kit;
 
 #define JUDGE(name, fd) const Verdict verdict = judge(kCall_##name, KIT_CALLER, fd)
 
+template <class Real>
+static int poll_judged(const Verdict &verdict, struct pollfd *fds, nfds_t count, uint64_t limit,
+                       const sigset_t *mask, Real real) {
+    if (verdict.fail) return -1;
+    const int found = virtual_time() ? wait_poll(fds, count, limit, mask) : real();
+    return verdict.fewer_ready && found > 1 ? fewer(verdict.dice, fds, count, found) : found;
+}
+
 // A test program may have its own of these, which then stand in.
 #pragma weak clock_gettime
 #pragma weak timerfd_settime
@@ -538,18 +546,31 @@ int select(int count, fd_set *in, fd_set *out, fd_set *exceptions, struct timeva
 
 int poll(struct pollfd *fds, nfds_t count, int limit) {
     JUDGE(poll, -1);
-    if (verdict.fail) return -1;
-    const int found = virtual_time() ? wait_poll(fds, count, limit_of(limit), nullptr)
-                                     : KIT_REAL(poll)(fds, count, limit);
-    return verdict.fewer_ready && found > 1 ? fewer(verdict.dice, fds, count, found) : found;
+    return poll_judged(verdict, fds, count, limit_of(limit), nullptr,
+                       [=] { return KIT_REAL(poll)(fds, count, limit); });
 }
 
 int ppoll(struct pollfd *fds, nfds_t count, const struct timespec *limit, const sigset_t *mask) {
     JUDGE(ppoll, -1);
-    if (verdict.fail) return -1;
-    const int found = virtual_time() ? wait_poll(fds, count, limit_of(limit), mask)
-                                     : KIT_REAL(ppoll)(fds, count, limit, mask);
-    return verdict.fewer_ready && found > 1 ? fewer(verdict.dice, fds, count, found) : found;
+    return poll_judged(verdict, fds, count, limit_of(limit), mask,
+                       [=] { return KIT_REAL(ppoll)(fds, count, limit, mask); });
+}
+
+// With a check of the array's size.
+int __poll_chk(struct pollfd *fds, nfds_t count, int limit, size_t room);
+int __poll_chk(struct pollfd *fds, nfds_t count, int limit, size_t room) {
+    JUDGE(poll, -1);
+    return poll_judged(verdict, fds, count, limit_of(limit), nullptr,
+                       [=] { return KIT_REAL(__poll_chk)(fds, count, limit, room); });
+}
+
+int __ppoll_chk(struct pollfd *fds, nfds_t count, const struct timespec *limit,
+                const sigset_t *mask, size_t room);
+int __ppoll_chk(struct pollfd *fds, nfds_t count, const struct timespec *limit,
+                const sigset_t *mask, size_t room) {
+    JUDGE(ppoll, -1);
+    return poll_judged(verdict, fds, count, limit_of(limit), mask,
+                       [=] { return KIT_REAL(__ppoll_chk)(fds, count, limit, mask, room); });
 }
 
 int epoll_wait(int epoll, struct epoll_event *events, int most, int limit) {

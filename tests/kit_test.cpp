@@ -1,11 +1,15 @@
 // The test kit's own promises, where the other tests do not use them: virtual time, disorder,
 // refusals, and what a balance and a log say.
+#include <dirent.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/timerfd.h>
+#include <sys/uio.h>
 #include <sys/wait.h>
 
 #include <cerrno>
@@ -119,6 +123,59 @@ TEST(Disorder, IsThatOfItsSeed) {
     EXPECT_NE(runs[0], runs[2]);
     EXPECT_THAT(runs[0], testing::HasSubstr("500")) << "some go whole";
     EXPECT_THAT(runs[0], testing::HasSubstr("-1")) << "some are interrupted";
+}
+
+// As a program calls them that was compiled with checks of its buffers, or for large files.
+extern "C" {
+ssize_t __read_chk(int fd, void *to, size_t size, size_t room);
+int __open_2(const char *path, int flags);
+}
+
+TEST(Plans, HoldForAllNamesOfACall) {
+    void *const block = malloc(8);
+    struct stat64 status;
+    const std::pair<const char *, std::function<bool()>> calls[] = {
+        {"calloc", [] { return calloc(2, 8) == nullptr; }},
+        {"realloc", [&] { return realloc(block, 16) == nullptr; }},
+        {"open", [] { return open64("/dev/null", O_RDONLY) == -1; }},
+        {"open", [] { return __open_2("/dev/null", O_RDONLY) == -1; }},
+        {"openat", [] { return openat(AT_FDCWD, "/dev/null", O_RDONLY) == -1; }},
+        {"stat", [&] { return stat64("/", &status) == -1; }},
+        {"opendir", [] { return opendir("/") == nullptr; }},
+    };
+    for (const auto &[name, fails] : calls) {
+        const test::Plan plan({.call = name, .error = ENOMEM, .from_anyone = true});
+        EXPECT_TRUE(fails()) << name;
+        EXPECT_EQ(errno, ENOMEM) << name;
+    }
+    free(block);
+}
+
+TEST(Plans, ShortenTransfersOfParts) {
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    char text[] = "abcdefgh", got[8] = "";
+    iovec out[] = {{text, 3}, {text + 3, 5}}, in[] = {{got, 1}, {got + 1, 7}};
+    msghdr sent{}, received{};
+    sent.msg_iov = out;
+    received.msg_iov = in;
+    sent.msg_iovlen = received.msg_iovlen = 2;
+    const auto shorter = [](const char *call, size_t most) {
+        return test::Fault{.call = call, .at_most = most, .from_anyone = true};
+    };
+    {
+        const test::Plan plan({shorter("writev", 4), shorter("sendmsg", 4), shorter("readv", 3),
+                               shorter("recvmsg", 3), shorter("read", 1)});
+        EXPECT_EQ(writev(ends[0], out, 2), 4);
+        EXPECT_EQ(sendmsg(ends[0], &sent, 0), 4);
+        EXPECT_EQ(readv(ends[1], in, 2), 3);
+        EXPECT_EQ(recvmsg(ends[1], &received, 0), 3);
+        EXPECT_EQ(received.msg_iov, in);
+        EXPECT_EQ(__read_chk(ends[1], got + 3, 2, 5), 1);
+    }
+    EXPECT_STREQ(got, "dabc");
+    close(ends[0]);
+    close(ends[1]);
 }
 
 TEST(Plans, ThatAreNotPossibleAreRefused) {
