@@ -92,11 +92,16 @@ TEST_F(CppTest, ValuesAndExceptionsReachWhoAwaits) {
 }
 
 TEST_F(CppTest, WhatNobodyCatchesComesOutOfRun) {
+    const auto throws = []() -> Task<int> {
+        co_await after(1ms);
+        throw std::domain_error("run until it ends");
+    };
     rt->spawn([]() -> Task<> {
         co_await after(1ms);
         throw std::runtime_error("spawned");
     });
     EXPECT_THROW(static_cast<void>(rt->run()), std::runtime_error);
+    EXPECT_THROW(static_cast<void>(run(throws())), std::domain_error);
     EXPECT_TRUE(rt->post([] { throw std::logic_error("posted"); }));
     EXPECT_THROW(static_cast<void>(rt->run()), std::logic_error);
     {
@@ -573,6 +578,14 @@ TEST_F(CppMessageTest, FilesSegmentsAndMemoryGiveBackWhatTheyTake) {
         EXPECT_TRUE(file.close());
         EXPECT_EQ(file.read(bytes).error(), EBADF);
         EXPECT_EQ(File::open(folder.path("none").c_str(), O_RDONLY).error(), ENOENT);
+        File full = File::open(name.c_str(), O_RDWR).value();
+        const int number = full.object()->descriptor;
+        {
+            const test::Plan plan({.call = "close", .error = EIO});
+            EXPECT_EQ(full.close().error(), EIO);
+        }
+        EXPECT_EQ(full.object(), nullptr) << "given back, or the table fills up";
+        close(number);
     }
     const std::string segment = "/qvcl-cpp-" + std::to_string(getpid());
     const int fd = shm_open(segment.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);

@@ -24,12 +24,15 @@ class ObjectNode final : public Node {
     ObjectNode(Close with, const Location &at) : at_(at), close_(with) {}
     ~ObjectNode() override { release(); }
 
+    // Linux closes a descriptor whatever close() says of it, and another may have its number by
+    // the time of a second try: after a failure only the object is given back.
     CL_ErrInfo close() {
         CL_ErrInfo err = {};
         if (object == nullptr) return record(EBADF);
-        if (close_(object, &err, 0, at_.file(), at_.line()) == 0) return err;
+        const bool closed = close_(object, &err, 0, at_.file(), at_.line()) != 0;
+        if (!closed) CL_DeleteFD_M(object, nullptr, 1, at_.file(), at_.line());
         object = nullptr;
-        return {};
+        return closed ? CL_ErrInfo{} : err;
     }
     void release() override { close(); }
 
@@ -98,7 +101,7 @@ class File {
         if (to < 0) return Error("CL_SeekFile", err);
         return static_cast<uint32_t>(to);
     }
-    /// Closes it, and tells what that says.
+    /// Closes it, and tells what that says: also after a failure it is closed.
     Result<> close() {
         return Error("CL_CloseFile", node_ != nullptr ? node_->close() : detail::record(EBADF));
     }
