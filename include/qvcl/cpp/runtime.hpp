@@ -88,12 +88,14 @@ class Runtime {
         if (ended == CL_LOOP_ERROR) return Error("CL_EventLoop", err);
         return scheduler.stop_value;
     }
-    /// Runs the loop until the task has ended, and returns what that returns. ECANCELED when it was
-    /// stopped before.
+    /// Runs the loop until the task has ended, and returns what that returns, or throws what it has
+    /// thrown. ECANCELED when it was stopped before.
     template <class T>
     detail::ResultOf<T> run(Task<T> task, Location at = {}) {
         std::optional<detail::ResultOf<T>> result;
-        auto running = start(into(std::move(task), result), at);
+        auto &runner = detail::adopt(into(std::move(task), result).release(), false, at);
+        runner.escapes = true;
+        const Running<> running(runner);
         const Result<int> ended = run(at);
         if (result) return std::move(*result);
         if (!ended) return ended.error();
