@@ -3,11 +3,15 @@
 // A client's line is in the file when it gets the reply: what was said is there, whatever happens
 // to the client next. When the disk is full the reply says so, and the collector goes on.
 //
-//   cpp_collector SOCKET FILE [BYTES]          FILE, FILE.1 to FILE.4; BYTES: of each (default 1
-//   MB) cpp_collector -c SOCKET LINES              a client: says so many lines, then asks for the
-//   status
+//   cpp_collector SOCKET FILE [BYTES]
+//
+// FILE, and FILE.1 to FILE.4 before it, of so many BYTES each (1 MB). A client that says so many
+// lines, and then asks for the status:
+//
+//   cpp_collector -c SOCKET LINES
 #include <qvcl/qvcl.hpp>
 
+#include <unistd.h>
 #include <string>
 
 using namespace qvcl;
@@ -21,13 +25,21 @@ struct Status {
     uint32_t clients;
 };
 
+static Error failure(const char *call) {
+    CL_ErrInfo error = {};
+    error.err = static_cast<uint32_t>(errno);
+    return {call, error};
+}
+
 class Collector {
   public:
     Collector(std::string path, uint64_t most) : path_(std::move(path)), most_(most) {}
 
     Result<> store(std::string_view line) {
         if (file_.object() == nullptr || written_ + line.size() + 1 > most_) {
-            if (const auto fresh = rotate(); !fresh) return fresh;
+            const Result<> fresh = rotate();
+            if (!fresh) ++status.failures;
+            if (file_.object() == nullptr) return fresh;  // else it grows on
         }
         const Result<> stored = file_.write(std::string(line) + '\n');
         if (stored) {
@@ -46,12 +58,25 @@ class Collector {
     std::string generation(int number) const {
         return number == 0 ? path_ : path_ + '.' + std::to_string(number);
     }
+    // The generations up to the first gap move on by one. So a rotation that failed half way costs
+    // none of them when it is tried again.
+    Result<> move_on() const {
+        int gap = 1;
+        while (gap < kGenerations && access(generation(gap).c_str(), F_OK) == 0)
+            ++gap;
+        for (int i = gap; i > 0; --i) {
+            if (rename(generation(i - 1).c_str(), generation(i).c_str()) != 0 && errno != ENOENT)
+                return failure("rename");
+        }
+        return {};
+    }
+    // Changes nothing before there is a file to go on with.
     Result<> rotate() {
-        file_ = File();
-        for (int i = kGenerations; i > 0; --i)
-            rename(generation(i - 1).c_str(), generation(i).c_str());
-        auto file = File::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND);
+        const std::string next = path_ + ".next";
+        auto file = File::open(next.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND);
         if (!file) return file.error();
+        if (const auto moved = move_on(); !moved) return moved;
+        if (rename(next.c_str(), path_.c_str()) != 0) return failure("rename");
         file_ = std::move(*file);
         written_ = 0;
         ++status.rotations;
