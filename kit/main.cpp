@@ -13,8 +13,8 @@ constexpr const char *kUsage =
     "usage: qvcl-kit run [--fail=CALL[:NTH[:ERRNO]]]... [--forever] [--short=BYTES]\n"
     "                    [--clock=virtual|+TIME|virtual+TIME] [--settle=MS] [--seed=N] -- "
     "PROGRAM...\n"
-    "       qvcl-kit sweep [--jobs=N] [--timeout=S] [--out=DIR] [--calls=NAME,...] [--strict] -- "
-    "PROGRAM...\n"
+    "       qvcl-kit sweep [--jobs=N] [--timeout=S] [--out=DIR] [--calls=NAME,...] [--strict]\n"
+    "                      [--again=RUN] -- PROGRAM...\n"
     "       qvcl-kit calls\n";
 
 int list_calls() {

@@ -12,7 +12,7 @@
 namespace kit {
 
 constexpr const char *kPageVariable = "QVCL_KIT_PAGE";
-constexpr uint64_t kMagic = 0x31746b6c63767120;  // changes with the page's layout
+constexpr uint64_t kMagic = 0x32746b6c63767120;  // changes with the page's layout
 
 // One of a plan.
 struct Fault {
@@ -67,6 +67,7 @@ struct Halt {
     std::atomic<int32_t> state;
     int32_t pid;
     int32_t signal;  // 0: it ends
+    int32_t status;  // with this exit status
     uint64_t address;
     uint16_t program;
 };
@@ -84,6 +85,7 @@ struct Page {
     bool note_order;    // of the library's calls
     bool note_sites;    // where calls come from
     bool halt_at_ends;  // crashes, and ends of whoever has met a fault
+    bool halt_at_all_ends;
 
     struct Clock {
         ClockMode mode;

@@ -60,6 +60,8 @@ Member *this_member() {
     return nullptr;
 }
 
+int exit_status;
+
 // Two seconds at most: if nobody looks, nobody does.
 void halt(int signal, const void *address) {
     for (Halt &place : page->halts) {
@@ -67,6 +69,7 @@ void halt(int signal, const void *address) {
         if (!place.state.compare_exchange_strong(free, Halt::kFilling)) continue;
         place.pid = static_cast<int32_t>(syscall(SYS_getpid));
         place.signal = signal;
+        place.status = exit_status;
         place.address = reinterpret_cast<uint64_t>(address);
         place.program = this_program();
         place.state = Halt::kHalted;
@@ -105,6 +108,15 @@ void watch_crashes() {
     }
 }
 
+// Registered before anything else, so it comes behind all else: also destructors have run.
+void end(int status, void *) {
+    exit_status = status;
+    const Member *member = self.load();
+    if (page == nullptr || !page->halt_at_ends || member == nullptr) return;
+    if (member->pid.load() != static_cast<int32_t>(syscall(SYS_getpid))) return;
+    if (member->hits.load() > 0 || page->halt_at_all_ends) halt(0, nullptr);
+}
+
 [[gnu::constructor]] void begin() {
     attach();
     if (page == nullptr) return;
@@ -112,13 +124,7 @@ void watch_crashes() {
     if (library_code.end == 0) return;  // a program of another kind
     this_member();
     if (page->halt_at_ends) watch_crashes();
-}
-
-[[gnu::destructor]] void end() {
-    const Member *member = self.load();
-    if (page == nullptr || !page->halt_at_ends || member == nullptr) return;
-    if (member->pid.load() == static_cast<int32_t>(syscall(SYS_getpid)) && member->hits.load() > 0)
-        halt(0, nullptr);
+    on_exit(end, nullptr);
 }
 
 }  // namespace

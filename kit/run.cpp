@@ -147,6 +147,24 @@ void SharedPage::become(const std::vector<std::string> &command) const {
     fprintf(stderr, "qvcl-kit: %s: %s\n", arguments[0], strerror(errno));
 }
 
+int run_to_end(const SharedPage &shared, const std::vector<std::string> &command) {
+    for (const int signal : {SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGUSR1, SIGUSR2})
+        (void)::signal(signal, pass_on);
+    const pid_t pid = fork();
+    if (pid < 0) throw std::runtime_error("no process can be made");
+    if (pid == 0) {
+        for (const int signal : {SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGUSR1, SIGUSR2})
+            (void)::signal(signal, SIG_DFL);
+        shared.become(command);
+        _exit(127);
+    }
+    program = pid;
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
 int run_command(const std::vector<std::string> &arguments) {
     SharedPage shared;
     bool forever = false;
@@ -179,20 +197,7 @@ int run_command(const std::vector<std::string> &arguments) {
                     ahead.empty() ? 0 : microseconds_ahead(ahead), settle);
     }
 
-    for (const int signal : {SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGUSR1, SIGUSR2})
-        (void)::signal(signal, pass_on);
-    const pid_t pid = fork();
-    if (pid < 0) throw std::runtime_error("no process can be made");
-    if (pid == 0) {
-        for (const int signal : {SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGUSR1, SIGUSR2})
-            (void)::signal(signal, SIG_DFL);
-        shared.become(command);
-        _exit(127);
-    }
-    program = pid;
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
+    const int status = run_to_end(shared, command);
     for (uint32_t i = 0; i < shared->fault_count; ++i) {
         const Fault &fault = shared->faults[i];
         if (fault.seen.load() < fault.nth) {
@@ -200,7 +205,7 @@ int run_command(const std::vector<std::string> &arguments) {
                     name_of(fault.call), fault.seen.load());
         }
     }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return status;
 }
 
 }  // namespace kit

@@ -36,6 +36,8 @@ std::string preloaded_object();
 int error_named(const std::string &name);
 std::string name_of_error(int error);
 
+// Runs a command under the page, passes signals on to it, and returns its exit status.
+int run_to_end(const SharedPage &shared, const std::vector<std::string> &command);
 int run_command(const std::vector<std::string> &arguments);
 int sweep_command(const std::vector<std::string> &arguments);
 

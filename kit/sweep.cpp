@@ -1,5 +1,6 @@
 // qvcl-kit sweep: notes where a program's calls come from, then runs it once for each of these
-// places, each errno that the call can have, once and for ever. Each run has a process that looks
+// places, each errno that the call can have: the first time, the last time, and for ever. Each run
+// has a process that looks
 // after it: it takes in whoever the program leaves behind, keeps the time, and looks into processes
 // that crash, end or hang. What has been found is kept in a folder, so that a sweep that was
 // stopped goes on.
@@ -44,6 +45,7 @@ struct Options {
     fs::path out = "qvcl-sweep";
     std::set<std::string> calls;  // empty: all
     bool strict = false;
+    size_t again = 0;  // the number of one run, to be repeated in sight; 0: all
     std::vector<std::string> command;
 };
 
@@ -56,15 +58,17 @@ struct Place {
     std::string open;  // the functions that are, innermost first
 };
 
+enum When { kOnce, kAtLast, kForever };
+
 struct Case {
     size_t place = 0;
     int error = 0;  // 0: moves one byte
-    bool forever = false;
+    When when = kOnce;
 
     // No system interrupts, or says that it is too early, for ever: whoever tries again is right.
     int times() const {
         const bool passes = error == EINTR || error == EAGAIN;
-        return !forever ? 1 : passes ? 20 : int{CL_KIT_FOREVER};
+        return when != kForever ? 1 : passes ? 20 : int{CL_KIT_FOREVER};
     }
 };
 
@@ -78,6 +82,8 @@ struct Outcome {
     int status = 0;
     double seconds = 0;
     std::multiset<std::string> leaks, left, crashes;
+    std::multiset<std::string> ends;  // End::text()
+    std::string who;                  // the command line of the first that was looked into
     bool hangs = false;
     bool met = false;
 };
@@ -106,6 +112,59 @@ std::string line_of_file(const std::string &path) {
     return line;
 }
 
+// A process that ends: what program it is, its exit status, and the descriptors that are open.
+struct End {
+    std::string program;
+    int status = 0;
+    std::multiset<std::string> open;
+
+    std::string text() const {
+        std::string text = program + '|' + std::to_string(status);
+        for (const std::string &name : open)
+            text += '|' + name;
+        return text;
+    }
+    static End of(const std::string &text) {
+        std::istringstream in(text);
+        End end;
+        std::string field;
+        std::getline(in, end.program, '|');
+        std::getline(in, field, '|');
+        end.status = atoi(field.c_str());
+        while (std::getline(in, field, '|'))
+            end.open.insert(field);
+        return end;
+    }
+};
+
+// What descriptors are on, without what is another in each run.
+std::multiset<std::string> descriptors_of(pid_t pid, const fs::path &folder,
+                                          const fs::path &output) {
+    std::multiset<std::string> names;
+    std::error_code error;
+    for (const auto &entry :
+         fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd", error)) {
+        std::string name = fs::read_symlink(entry.path(), error).string();
+        if (name.starts_with(folder.string())) name.replace(0, folder.string().size(), ".");
+        if (const size_t colon = name.find(":["); colon != std::string::npos && name[0] != '/') {
+            const bool anonymous = name.starts_with("anon_inode:");
+            name = anonymous ? name.substr(colon + 1) : name.substr(0, colon);
+        }
+        if (name != output) names.insert(without_numbers(name));
+    }
+    return names;
+}
+
+std::string command_line_of(pid_t pid) {
+    std::string line = line_of_file("/proc/" + std::to_string(pid) + "/cmdline");
+    while (!line.empty() && line.back() == '\0')
+        line.pop_back();
+    for (const char c : {'\0', '\t'})
+        std::ranges::replace(line, c, ' ');
+    return base_name(line.substr(0, line.find(' '))) +
+           (line.find(' ') != std::string::npos ? line.substr(line.find(' ')) : "");
+}
+
 // ---- Looking after a run
 
 class Run {
@@ -127,7 +186,8 @@ class Run {
         prctl(PR_SET_CHILD_SUBREAPER, 1);
         sigset_t child;
         sigemptyset(&child);
-        sigaddset(&child, SIGCHLD);
+        for (const int signal : {SIGCHLD, SIGINT, SIGTERM, SIGHUP})
+            sigaddset(&child, signal);
         sigprocmask(SIG_BLOCK, &child, nullptr);
         const double begin = seconds_now();
         start();
@@ -174,9 +234,14 @@ class Run {
         _exit(127);
     }
 
-    static void wait_a_little(const sigset_t &child) {
+    // A sweep that is stopped leaves no process of a run behind.
+    void wait_a_little(const sigset_t &awaited) {
         const timespec slice = {0, 2'000'000};
-        sigtimedwait(&child, nullptr, &slice);
+        const int signal = sigtimedwait(&awaited, nullptr, &slice);
+        if (signal < 0 || signal == SIGCHLD) return;
+        end_all();
+        fs::remove_all(folder_);
+        _exit(128 + signal);
     }
 
     // True when the program has ended.
@@ -240,6 +305,11 @@ class Run {
         for (Halt &halt : page_->halts) {
             if (halt.state.load() != Halt::kHalted) continue;
             const std::string program = base_name(page_->programs[halt.program]);
+            if (outcome.who.empty()) outcome.who = command_line_of(halt.pid);
+            if (halt.signal == 0) {
+                outcome.ends.insert(
+                    End{program, halt.status, descriptors_of(halt.pid, folder_, output_)}.text());
+            }
             std::string reason = "ends after a fault";
             if (halt.signal != 0) {
                 reason = std::string("SIG") + sigabbrev_np(halt.signal) + " in " + program;
@@ -256,8 +326,7 @@ class Run {
             for (const Member &member : page_->members) {
                 const int32_t pid = member.pid.load();
                 if (pid == 0 || (member.hits.load() > 0) != met || kill(pid, 0) != 0) continue;
-                if (outcome.detail.empty())
-                    outcome.detail = base_name(page_->programs[member.program]) + " goes on";
+                if (outcome.detail.empty()) outcome.detail = command_line_of(pid) + " goes on";
                 snap(pid, "qvcl-kit: does not end in time", met);
                 if (fs::exists(dump_)) return;
             }
@@ -343,7 +412,8 @@ std::vector<Place> places_of(const Page &seen, const Options &options) {
             const Frame &frame = site.frame[i];
             const char *path = frame.library != 0 ? seen.library : seen.programs[site.program];
             const std::string &name = names.name_of(path, frame.offset);
-            if (!name.starts_with("_start")) place.open += (i == 0 ? "" : " < ") + name;
+            if (name.starts_with("_start") || name.starts_with("std::")) continue;
+            place.open += (place.open.empty() ? "" : " < ") + name;
         }
         places.push_back(std::move(place));
     }
@@ -357,8 +427,8 @@ std::vector<Place> places_of(const Page &seen, const Options &options) {
 void save(const Baseline &baseline, const fs::path &path) {
     std::ofstream file(path);
     file << baseline.outcome.status << '\t' << baseline.outcome.seconds << '\n';
-    for (const auto &list :
-         {baseline.outcome.leaks, baseline.outcome.left, baseline.outcome.crashes}) {
+    for (const auto &list : {baseline.outcome.leaks, baseline.outcome.left,
+                             baseline.outcome.crashes, baseline.outcome.ends}) {
         file << list.size() << '\n';
         for (const std::string &line : list)
             file << line << '\n';
@@ -384,8 +454,8 @@ bool load(Baseline &baseline, const fs::path &path) {
     if (!std::getline(file, line)) return false;
     baseline.outcome.status = atoi(fields(line)[0].c_str());
     baseline.outcome.seconds = atof(fields(line)[1].c_str());
-    for (auto *list :
-         {&baseline.outcome.leaks, &baseline.outcome.left, &baseline.outcome.crashes}) {
+    for (auto *list : {&baseline.outcome.leaks, &baseline.outcome.left, &baseline.outcome.crashes,
+                       &baseline.outcome.ends}) {
         std::getline(file, line);
         for (int left = atoi(line.c_str()); left > 0 && std::getline(file, line); --left)
             list->insert(line);
@@ -406,6 +476,7 @@ Baseline take_baseline(const Options &options) {
         Run run(options, 0, options.limit > 0 ? options.limit : 120);
         run.page().note_sites = notes;
         run.page().halt_at_ends = true;
+        run.page().halt_at_all_ends = true;
         const int status = baseline.outcome.status;
         baseline.outcome = run.go();
         if (baseline.outcome.hangs) {
@@ -429,22 +500,29 @@ Baseline take_baseline(const Options &options) {
 std::vector<Case> cases_of(const std::vector<Place> &places) {
     std::vector<Case> cases;
     for (size_t i = 0; i < places.size(); ++i) {
-        for (const bool forever : {false, true}) {
+        for (const When when : {kOnce, kAtLast, kForever}) {
+            if (when == kAtLast && places[i].count < 2) continue;
             for (const int *error = errors_of(places[i].call); *error != 0; ++error)
-                cases.push_back({i, *error, forever});
-            if (transfers(places[i].call)) cases.push_back({i, 0, forever});
+                cases.push_back({i, *error, when});
+            if (transfers(places[i].call)) cases.push_back({i, 0, when});
         }
     }
     return cases;
 }
 
-std::string describe(const Place &place, const Case &one) {
-    std::string text = std::string(kit::name_of(place.call)) + ' ';
-    text += one.error != 0 ? name_of_error(one.error) : "one byte";
-    const char *times = !one.forever                    ? " once"
-                        : one.times() == CL_KIT_FOREVER ? " for ever"
-                                                        : " 20 times";
-    return text + times + ", in " + place.program + ": " + place.open;
+std::string error_of(const Case &one) {
+    return one.error != 0 ? name_of_error(one.error) : "one byte";
+}
+
+std::string times_of(const Place &place, const Case &one) {
+    if (one.when == kOnce) return "once";
+    if (one.when == kAtLast) return "at call " + std::to_string(place.count);
+    return one.times() == CL_KIT_FOREVER ? "for ever" : "20 times";
+}
+
+std::string describe(const Place &place, const std::string &errors, const std::string &times) {
+    return std::string(kit::name_of(place.call)) + ' ' + errors + ' ' + times + ", in " +
+           place.program + ": " + place.open;
 }
 
 template <class T>
@@ -455,6 +533,26 @@ std::string more(const std::multiset<T> &now, const std::multiset<T> &before) {
     for (const T &one : added)
         text += (text.empty() ? "" : ", ") + one;
     return text;
+}
+
+// What is open at the end of a process, and was not when nothing failed and it ended with the same
+// status; of those that did, the one it is most like.
+std::string left_open(const std::multiset<std::string> &ends,
+                      const std::multiset<std::string> &before) {
+    for (const std::string &text : ends) {
+        const End end = End::of(text);
+        std::string least;
+        bool comparable = false;
+        for (const std::string &other : before) {
+            const End usual = End::of(other);
+            if (usual.program != end.program || usual.status != end.status) continue;
+            const std::string added = more(end.open, usual.open);
+            if (!comparable || added.size() < least.size()) least = added;
+            comparable = true;
+        }
+        if (!least.empty()) return "descriptor " + least + " is open at the end of " + end.program;
+    }
+    return "";
 }
 
 std::string status_text(int status) {
@@ -484,6 +582,8 @@ void judge_outcome(Outcome &outcome, const Outcome &baseline, const Place &place
                       leaks = more(outcome.leaks, baseline.leaks);
     if (!added.empty()) set(kLeft, added);
     if (!leaks.empty()) set(kLeak, leaks);
+    if (const std::string open = left_open(outcome.ends, baseline.ends); !open.empty())
+        set(kLeak, open);
     if (outcome.hangs) set(kHang, still);
     const std::string crashes = more(outcome.crashes, baseline.crashes);
     if (!crashes.empty()) set(kCrash, crashes);
@@ -500,6 +600,7 @@ class Sweep {
 
     int go() {
         prepare();
+        if (options_.again != 0) return run_again();
         run_all();
         print_table();
         return findings_ > 0 ? 1 : 0;
@@ -537,16 +638,17 @@ class Sweep {
     struct Result {
         bool known = false;
         VerdictOf verdict = kFine;
-        std::string detail;
+        std::string detail, who;
     };
 
     void take(const std::string &line) {
         const auto field = fields(line);
-        const size_t index = strtoull(field[0].c_str(), nullptr, 10);
+        const size_t index = strtoull(field[0].c_str(), nullptr, 10) - 1;
         if (index >= results_.size() || results_[index].known) return;
         for (int i = 0; i < kVerdictCount; ++i)
             if (field[1] == kVerdicts[i]) results_[index].verdict = static_cast<VerdictOf>(i);
         results_[index].detail = field[2];
+        results_[index].who = field[3];
         results_[index].known = true;
         ++done_;
         if (is_finding(results_[index])) ++findings_;
@@ -573,9 +675,10 @@ class Sweep {
             set_fault(run.page(), one, place);
             Outcome outcome = run.go();
             judge_outcome(outcome, baseline_.outcome, place);
-            line = std::to_string(index) + '\t' + kVerdicts[outcome.verdict] + '\t' +
-                   outcome.detail + '\t' + describe(place, one) + '\n';
-            if (outcome.verdict <= kUnmet) {
+            line = std::to_string(index + 1) + '\t' + kVerdicts[outcome.verdict] + '\t' +
+                   outcome.detail + '\t' + outcome.who + '\t' +
+                   describe(place, error_of(one), times_of(place, one)) + '\n';
+            if (!is_finding({true, outcome.verdict, "", ""})) {
                 fs::remove(options_.out / (std::to_string(index + 1) + ".trc"));
                 fs::remove(options_.out / (std::to_string(index + 1) + ".out"));
             }
@@ -594,7 +697,7 @@ class Sweep {
         fault.error = one.error;
         fault.made = place.call == kCall_close;  // it closes, whatever it returns
         fault.at_most = one.error != 0 ? UINT64_MAX : 1;
-        fault.nth = 1;
+        fault.nth = one.when == kAtLast ? static_cast<int32_t>(place.count) : 1;
         fault.times = one.times();
         fault.site = place.key;
         place.program.copy(fault.program, sizeof fault.program - 1);
@@ -602,8 +705,22 @@ class Sweep {
         to.halt_at_ends = true;
     }
 
+    // One run, where it can be seen and a debugger can be used.
+    int run_again() {
+        if (options_.again > cases_.size())
+            throw std::invalid_argument("--again: there are " + std::to_string(cases_.size()) +
+                                        " runs");
+        const Case &one = cases_[options_.again - 1];
+        const Place &place = baseline_.places[one.place];
+        fprintf(stderr, "qvcl-kit: %s\n",
+                describe(place, error_of(one), times_of(place, one)).c_str());
+        SharedPage shared;
+        set_fault(*shared, one, place);
+        shared->halt_at_ends = false;
+        return run_to_end(shared, options_.command);
+    }
+
     void run_all() {
-        std::ofstream file(options_.out / "results", std::ios::app);
         std::map<pid_t, int> running;  // who looks after a run, and where its result comes out
         begin_ = seconds_now();
         before_ = done_;
@@ -630,7 +747,8 @@ class Sweep {
             const ssize_t length = read(found->second, line, sizeof line);
             if (length > 1) {
                 take({line, static_cast<size_t>(length) - 1});
-                file.write(line, length).flush();
+                // Not kept open, or each run would have it.
+                std::ofstream(options_.out / "results", std::ios::app).write(line, length);
             }
             close(found->second);
             running.erase(found);
@@ -644,8 +762,8 @@ class Sweep {
         const bool terminal = isatty(STDERR_FILENO) != 0;
         if (now - told_ < (terminal ? 0.2 : 10)) return;
         told_ = now;
-        const double each =
-            (now - begin_) / static_cast<double>(std::max<size_t>(done_ - before_, 1));
+        const double each = done_ > before_ ? (now - begin_) / static_cast<double>(done_ - before_)
+                                            : baseline_.outcome.seconds / options_.jobs;
         fprintf(stderr, "%sqvcl-kit: %zu of %zu runs, %zu found, %.0f s left%s",
                 terminal ? "\r" : "", done_, cases_.size(), findings_,
                 each * static_cast<double>(cases_.size() - done_), terminal ? "\33[K" : "\n");
@@ -659,14 +777,7 @@ class Sweep {
             ++rows[call][results_[i].known ? results_[i].verdict : kUnmet];
             sites[call].insert(cases_[i].place);
         }
-        for (size_t i = 0; i < cases_.size(); ++i) {
-            if (!is_finding(results_[i])) continue;
-            const std::string kept = (options_.out / std::to_string(i + 1)).string();
-            printf("%s: %s\n    %s\n    output %s.out", kVerdicts[results_[i].verdict],
-                   describe(baseline_.places[cases_[i].place], cases_[i]).c_str(),
-                   results_[i].detail.c_str(), kept.c_str());
-            printf(fs::exists(kept + ".trc") ? ", trace %s.trc\n" : "\n", kept.c_str());
-        }
+        print_findings();
         printf("%-16s %6s %6s", "call", "sites", "runs");
         for (const char *name : kVerdicts)
             printf(" %6s", name);
@@ -678,6 +789,45 @@ class Sweep {
                 sum[verdict] += count;
         }
         print_row("all", baseline_.places.size(), sum);
+    }
+
+    // Those of a place that say the same are one.
+    void print_findings() const {
+        std::map<std::tuple<size_t, VerdictOf, std::string>, std::vector<size_t>> alike;
+        for (size_t i = 0; i < cases_.size(); ++i) {
+            if (is_finding(results_[i]))
+                alike[{cases_[i].place, results_[i].verdict, results_[i].detail}].push_back(i);
+        }
+        for (const auto &[what, indices] : alike) {
+            const auto &[at, verdict, detail] = what;
+            const Place &place = baseline_.places[at];
+            std::string errors, times, runs;
+            for (const size_t i : indices) {
+                add_to(errors, "|", error_of(cases_[i]));
+                add_to(times, "|", times_of(place, cases_[i]));
+                add_to(runs, " ", std::to_string(i + 1));
+            }
+            printf("%s: %s\n    %s\n", kVerdicts[verdict], describe(place, errors, times).c_str(),
+                   detail.c_str());
+            if (const std::string &who = results_[indices[0]].who; !who.empty())
+                printf("    met by %s\n", who.c_str());
+            const std::string kept = (options_.out / std::to_string(indices[0] + 1)).string();
+            printf("    %s %s, output %s.out", indices.size() == 1 ? "run" : "runs", runs.c_str(),
+                   kept.c_str());
+            printf(fs::exists(kept + ".trc") ? ", trace %s.trc\n" : "\n", kept.c_str());
+        }
+        if (alike.empty()) return;
+        std::string words;
+        for (const std::string &word : options_.command)
+            words += ' ' + word;
+        printf("one of them in sight: qvcl-kit sweep --out=%s --again=RUN --%s\n",
+               options_.out.c_str(), words.c_str());
+    }
+
+    static void add_to(std::string &list, const char *separator, const std::string &item) {
+        const std::string all = separator + list + separator;
+        if (all.find(separator + item + separator) == std::string::npos)
+            list += (list.empty() ? "" : separator) + item;
     }
 
     static void print_row(const std::string &name, size_t sites, std::map<int, size_t> counts) {
@@ -719,6 +869,8 @@ int sweep_command(const std::vector<std::string> &arguments) {
                 }
                 options.calls.insert(name);
             }
+        } else if (option(argument, "again", value)) {
+            options.again = number(value, "--again");
         } else if (argument == "--strict") {
             options.strict = true;
         } else {

@@ -47,6 +47,7 @@ int main(int argc, char **argv) {
     if (fails && strcmp(fault, "hang") == 0) CL_Sleep(100000);
     if (strcmp(fault, "crash") == 0) *memory = 1;  // not mapped, or mapped and not there
     if (!fails || strcmp(fault, "leak") != 0) CL_free(block);
+    if (!fails || strcmp(fault, "open") != 0) close(segment);
     if (!fails || strcmp(fault, "left") != 0) shm_unlink(name);
     return !CL_End(&err);
 }

@@ -35,14 +35,18 @@ for seed in 1 1 2; do
 done
 
 # Each fault is found as what it is, at its place, and nothing else; a sweep that is done is done.
-for fault in none crash hang leak left; do
-    status=0
+for fault in none crash hang leak left open; do
+    status=0 found=${fault/open/leak}
     "$kit" sweep --timeout=3 --calls=ftruncate,mmap --out="$fault" -- "$probe" $fault >$fault.out 2>&1 || status=$?
     [[ $fault == none ]] && { ((status == 0)) || complain 'found what is not there'; continue; }
     ((status == 1)) || complain "$fault: exit status $status"
-    grep -Eq "^$fault: ftruncate ENOSPC once, in kit_probe: main" $fault.out || complain "no $fault"
-    ! grep -E '^(crash|hang|leak|left): ' $fault.out | grep -v "^$fault" || complain "$fault is more"
+    grep -Eq "^$found: ftruncate [A-Z|]*ENOSPC.* once.*, in kit_probe: main" $fault.out || complain "no $fault"
+    ! grep -E '^(crash|hang|leak|left): ' $fault.out | grep -v "^$found" || complain "$fault is more"
     [[ $fault == left || -s $(grep -om 1 '/[^ ]*\.trc' $fault.out) ]] || complain "no trace of $fault"
 done
+grep -q 'descriptor /dev/shm/qvcl-probe-# .*is open at the end of kit_probe' open.out || complain 'which descriptor?'
+run=$(sed -n 's/^    runs \([0-9]*\) .*/\1/p' crash.out | head -n 1) status=0
+"$kit" sweep --timeout=3 --calls=ftruncate,mmap --out=crash --again="$run" -- "$probe" crash >again.out 2>&1 || status=$?
+((status == 135 || status == 139)) || complain "exit status $status of run $run once more"
 "$kit" sweep --timeout=3 --calls=ftruncate,mmap --out=leak -- "$probe" leak >again.out 2>&1 || true
 grep -q ' done before' again.out || complain 'done again'
