@@ -150,7 +150,7 @@ uint16_t this_program() {
     const auto pid = static_cast<int32_t>(syscall(SYS_getpid));
     if (index >= 0 && of_pid == pid) return static_cast<uint16_t>(index);
     char path[sizeof page->programs[0]] = "";
-    syscall(SYS_readlink, "/proc/self/exe", path, sizeof path - 1);
+    syscall(SYS_readlinkat, AT_FDCWD, "/proc/self/exe", path, sizeof path - 1);
     constexpr uint32_t kMost = sizeof page->programs / sizeof *page->programs;
     const uint32_t known = std::min(page->program_count.load(), kMost);
     uint32_t at = 0;
