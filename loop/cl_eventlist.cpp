@@ -98,7 +98,9 @@ uint32_t cl_move_eventlist(CL_ErrInfo *err) {
                         main.capacity);
     uint32_t result = CL_QUE_INSERTED;
     while (result == CL_QUE_INSERTED && main.pending_list.head != nullptr) {
-        result = run.insert(CL_QUE_GetTop(&main.pending_list), CL_QUE_SORTED_AFTER, pri_compar);
+        void *object = CL_QUE_GetTop(&main.pending_list);
+        result = run.insert(object, CL_QUE_SORTED_AFTER, pri_compar);
+        if (result != CL_QUE_INSERTED) CL_QUE_PutTail(&main.pending_list, object);
     }
     qvcl::forget_order();
     if (result == CL_QUE_INSERTED) return 0;

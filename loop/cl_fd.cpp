@@ -79,7 +79,10 @@ CL_Object *cl_createfd(uint32_t kind, CL_Callback callback, uint64_t arg1, uint6
     if (object == nullptr) return fail(err, EMFILE);
     memset(&object->kind, 0, sizeof *object - offsetof(CL_Object, kind));
     object->descriptor = -1;
-    if (CL_QUE_PutTail(&main.used_queue, object) == 0) return fail(err, CL_ERR_QUEUE);
+    if (CL_QUE_PutTail(&main.used_queue, object) == 0) {
+        CL_QUE_PutTail(&main.free_queue, object);
+        return fail(err, CL_ERR_QUEUE);
+    }
     if (CL_QUE_PutTail(qvcl::kind_queue(*row), object) == 0) {
         CL_QUE_GetData(&main.used_queue, object);
         CL_QUE_PutTail(&main.free_queue, object);
@@ -121,7 +124,10 @@ uint32_t cl_deletefd(CL_Object *object, CL_ErrInfo *err, uint8_t callerFlag, con
         return 0;
     }
     if (CL_QUE_GetData(&main.used_queue, object) == nullptr) return fail(err, CL_ERR_QUEUE);
-    if (CL_QUE_PutTail(&main.free_queue, object) == 0) return fail(err, CL_ERR_QUEUE);
+    if (CL_QUE_PutTail(&main.free_queue, object) == 0) {
+        CL_QUE_PutTail(&main.used_queue, object);
+        return fail(err, CL_ERR_QUEUE);
+    }
     cl_StatusChange_M(object, 0, 0, kFile, __LINE__);
     object->deleted_before = object->deleted;
     CL_SetPT(&object->deleted, file, line);

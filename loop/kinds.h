@@ -49,12 +49,13 @@ inline bool has_priority(const Kind &kind) {
 }
 
 // Takes an object off a list that may be walked just now: a walk that is at it goes on with its
-// successor. False when it is not there.
+// successor. False when it is not there, and the walk stays where it is.
 inline bool leave_list(CL_Queue *list, CL_Object *&cursor, CL_Object *object) {
     if (cursor == object) {
         uint32_t status;
-        cursor = static_cast<CL_Object *>(CL_QUE_Enum(list, object, CL_QUE_BACKWARD, &status));
+        void *before = CL_QUE_Enum(list, object, CL_QUE_BACKWARD, &status);
         if (status != CL_QUE_WALKING) return false;
+        cursor = static_cast<CL_Object *>(before);
     }
     return CL_QUE_GetData(list, object) != nullptr;
 }

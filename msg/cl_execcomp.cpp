@@ -74,17 +74,20 @@ uint32_t drop(CL_Object *connection) {
 bool become_execc(CL_Object *connection) {
     CL_Queue *queues = CL_MainTable->kind_queues;
     if (CL_QUE_GetData(&queues[CL_KIND_QUEUE_MSGC], connection) == nullptr) return false;
+    if (CL_QUE_PutTail(&queues[CL_KIND_QUEUE_EXECC], connection) == 0) {
+        CL_QUE_PutTail(&queues[CL_KIND_QUEUE_MSGC], connection);
+        return false;
+    }
     connection->kind = CL_KIND_EXECC;
-    return CL_QUE_PutTail(&queues[CL_KIND_QUEUE_EXECC], connection) != 0;
+    return true;
 }
 
 // Sets up the deferred receive into the object's own report buffer.
 bool await_report(CL_Object *object) {
     CL_ErrInfo error = {};
     auto &report = object->connection.report;
-    return CL_RecvMSGC_M(object, report, sizeof report, CL_MODE_DEFERRED, 0, &error, 1, kFile,
-                         __LINE__) == -1 &&
-           error.err == CL_ERR_IN_PROGRESS;
+    CL_RecvMSGC_M(object, report, sizeof report, CL_MODE_DEFERRED, 0, &error, 1, kFile, __LINE__);
+    return error.err == CL_ERR_IN_PROGRESS;
 }
 
 // Calls the end callback, then deletes the object unless the callback did so itself. 1, or 0 with
@@ -128,7 +131,10 @@ uint32_t cl_ExecSWaitCallback(CL_Object *server, CL_Event *event, uint64_t /*arg
         CL_AcceptMSGS_M(server, cl_ExecCWaitCallback, 0, 0, &error, 1, kFile, __LINE__);
     if (connection == nullptr) return error.err == ENOENT ? 0 : store(error);
     if (CL_MainTable->exec_wait_list.count == 0) return drop(connection);
-    if (!become_execc(connection)) return store();
+    if (!become_execc(connection)) {
+        drop(connection);
+        return store();
+    }
     if (!await_report(connection)) return drop(connection);
     if (CL_AddEventList_M(connection, CL_PRIORITY_REPORT, &error, 1, kFile, __LINE__) == 0) {
         return store(error);

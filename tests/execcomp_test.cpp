@@ -135,6 +135,58 @@ TEST_F(Starter, StrangersAreShutOutWhenNobodyIsAwaited) {
     }
 }
 
+// Fields of the library's lists that are overwritten: the loop ends with the error, and when the
+// field is as it was, nothing is lost.
+TEST_F(Starter, StrayWritesAreTold) {
+    CL_Queue &reporters = CL_MainTable->kind_queues[CL_KIND_QUEUE_EXECC];
+    const auto first = [&] { return static_cast<CL_Object *>(reporters.head); };
+    const auto last = [&] { return static_cast<CL_Object *>(reporters.tail); };
+    const auto next = [] { return static_cast<CL_Object *>(CL_MainTable->free_queue.head); };
+    using test::Damage;
+    const struct {
+        uint32_t code;
+        bool early;  // before the reporter is let in
+        std::function<void(Damage &, CL_Object *)> damage;
+    } rows[] = {
+        // clang-format off
+        {CL_ERR_QUEUE, true, [&](Damage &d, auto) { d.misplace(reporters); }},
+        {CL_ERR_QUEUE, true, [&](Damage &d, auto) { d.take(next()->event_link); }},
+        {CL_ERR_QUEUE, true, [&](Damage &d, auto) { d.take(next()->kind_link); }},
+        {CL_ERR_QUEUE, true, [](Damage &d, auto) { d.write(CL_MainTable->execs->status, CL_STATUS_LISTED); }},
+        {CL_ERR_QUEUE, false, [](Damage &d, CL_Object *child) { d.lose(child->exec_link); }},
+        {CL_ERR_QUEUE, false, [&](Damage &d, auto) { d.lose(first()->kind_link); }},
+        {CL_ERR_QUEUE, false, [&](Damage &d, auto) { d.lose(last()->kind_link); }},
+        {EBADF, false, [&](Damage &d, auto) { d.write(first()->status, CL_STATUS_LISTED); }},
+        {0, false, [](Damage &, CL_Object *child) { child->sub_status = 0; }},
+        {0, false, [](Damage &, CL_Object *child) { child->descriptor = dup(0); }},
+        // clang-format on
+    };
+    for (int number = 0; const auto &[code, early, damage] : rows) {
+        SCOPED_TRACE(testing::Message() << "row " << number++);
+        CL_MainTable->exec_error = {};
+        CL_Object *child = waiting(kPid);
+        Damage field;
+        {
+            const Socket raw = Socket::connected(server), other = Socket::connected(server);
+            if (!early) {
+                EXPECT_EQ(rounds(), 0u) << err;
+            }
+            damage(field, child);
+            if (!early) raw.send(message(16, 1));
+            EXPECT_EQ(rounds(), code != 0 ? CL_LOOP_ERROR : 0u);
+            EXPECT_EQ(err.err, code) << err;
+            field.repair();
+        }
+        remove(child);
+        EXPECT_EQ(rounds(), 0u) << err;
+        heard.clear();
+        EXPECT_EQ(Balance::now(), idle);
+    }
+    CL_Event connected = {};
+    connected.type = CL_EVENT_CONNECTED;
+    EXPECT_EQ(cl_ExecCWaitCallback(CL_MainTable->execs, &connected, 0, 0), 0u);
+}
+
 // ---- The started program's side
 
 class Started : public Channel {
@@ -182,7 +234,7 @@ TEST_F(Started, TheProgramIsToldToEndByARequestAndByAnyLoss) {
             EXPECT_EQ(object, end);
             if (value == kStop) return value;
             EXPECT_EQ(CL_DeleteFD(end, &err), 1u) << err;
-            while (CL_Object *stranger = make(CL_KIND_TIMER))
+            while (CL_Object *stranger = make(number % 4 < 2 ? CL_KIND_TIMER : CL_KIND_END))
                 strangers.push_back(stranger);
             return value;
         };
@@ -215,6 +267,30 @@ TEST_F(Started, ALostEndObjectEndsTheLoopWithItsError) {
     EXPECT_EQ(rounds(), CL_LOOP_ERROR);
     EXPECT_THAT(err, test::FailsWith(CL_ERR_QUEUE, CL_MODULE_MAIN));
     EXPECT_EQ(CL_DeleteFD(end, &err), 1u) << err;
+}
+
+// Nor does the loop go on when the object cannot be deleted, or await another message.
+TEST_F(Started, AnEndObjectThatStaysEndsTheLoop) {
+    for (const bool asked : {true, false}) {
+        test::Damage field;
+        reply = [&](CL_Object *object, CL_Event *) {
+            field.lose(object->kind_link);
+            return 0u;
+        };
+        report();
+        asked ? peer.send(message(16, CL_MSG_END_REQUEST)) : peer.close();
+        EXPECT_EQ(rounds(), CL_LOOP_ERROR);
+        EXPECT_EQ(err.err, uint32_t{CL_ERR_QUEUE});
+        field.repair();
+        CL_MsgHeader unknown = {};
+        CL_Event event = {};
+        event.type = CL_EVENT_MESSAGE;
+        event.data = &unknown;
+        EXPECT_EQ(cl_EndCallback(end, &event, 0, 0), CL_LOOP_ERROR) << "it is not connected";
+        EXPECT_EQ(CL_DeleteFD(end, &err), 1u) << err;
+        peer.close();
+        EXPECT_EQ(Balance::now(), idle);
+    }
 }
 
 // A starter that has no room for another connection just now is tried again, but not for ever.

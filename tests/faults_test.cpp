@@ -346,12 +346,7 @@ void clean_up(World &world, std::ostream &out) {
     // Ended, or begun only half, the library closes nothing any more.
     const bool alive = table().state == CL_STATE_INITIALISED;
     while (auto *object = alive ? static_cast<CL_Object *>(table().used_queue.head) : nullptr) {
-        // A failed release leaves an object that its kind does not know any more; nobody but this
-        // test could tell.
-#define BACK_TO_ITS_KIND(number, symbol, name)                          \
-    if (object->kind == (number) && object->kind_link.owner == nullptr) \
-        CL_QUE_PutTail(&table().kind_queues[CL_KIND_QUEUE_##symbol], object);
-        CL_KINDS(BACK_TO_ITS_KIND)
+        test::back_to_its_kind(object);
         CL_ErrInfo err{};
         uint32_t done = 0;
         const bool open = (object->status & CL_STATUS_READY) != 0;

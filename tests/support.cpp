@@ -45,6 +45,13 @@ uint32_t watch_readable(CL_Object *object, int fd, CL_ErrInfo *err) {
     return CL_SetFD(object, static_cast<uint32_t>(fd) + 1, &set, nullptr, nullptr, err);
 }
 
+void back_to_its_kind(CL_Object *object) {
+#define BACK_TO_ITS_KIND(number, symbol, name)                          \
+    if (object->kind == (number) && object->kind_link.owner == nullptr) \
+        CL_QUE_PutTail(&table().kind_queues[CL_KIND_QUEUE_##symbol], object);
+    CL_KINDS(BACK_TO_ITS_KIND)
+}
+
 void Library::refused(const char *what, int code, int module,
                       const std::function<int64_t()> &call) {
     SCOPED_TRACE(what);

@@ -14,6 +14,8 @@
 #include <ostream>
 #include <random>
 #include <string>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 // Defined here because an argument-dependent lookup of `==` looks in the global namespace.
@@ -90,6 +92,33 @@ inline CL_MainBlock &table() {
 
 // The FD object watches `fd`, and nothing else, for reading.
 uint32_t watch_readable(CL_Object *object, int fd, CL_ErrInfo *err);
+
+// A deletion that failed has taken the object off the queue of its kind; nobody but a test could
+// tell.
+void back_to_its_kind(CL_Object *object);
+
+// A link that is looked for there has an owner already.
+constexpr uint32_t kElsewhere = offsetof(CL_Object, own_address) - offsetof(CL_QueueLink, owner);
+
+// One overwritten field, as a stray write leaves it.
+class Damage {
+  public:
+    template <class T>
+    void write(T &field, std::type_identity_t<T> value) {
+        repair_ = [at = &field, was = field] { *at = was; };
+        field = value;
+    }
+    void lose(CL_QueueLink &link) { write(link.owner, nullptr); }
+    void take(CL_QueueLink &link) { write(link.owner, &elsewhere_); }
+    void misplace(CL_Queue &queue) { write(queue.link_offset, kElsewhere); }
+    void repair() {
+        std::exchange(repair_, [] {})();
+    }
+
+  private:
+    std::function<void()> repair_ = [] {};
+    CL_Queue elsewhere_{};
+};
 
 // Where sorted insertion puts `key`, which other keys may equal: midpoints round down over the
 // whole array, and the place is behind the key that the search lands on.
