@@ -50,8 +50,8 @@ void describe(const CL_BlockHeader *block, char *text, size_t size) {
     const time_t seconds = static_cast<time_t>(block->allocated.seconds);
     struct tm local = {};
     localtime_r(&seconds, &local);
-    char stamp[64];
-    if (strftime(stamp, sizeof stamp, "%Y/%m/%d(%a) %T", &local) == 0) stamp[0] = '\0';
+    char stamp[64];  // holds any date
+    strftime(stamp, sizeof stamp, "%Y/%m/%d(%a) %T", &local);
     snprintf(text, size, "%s.%06ld %zu byte", stamp,
              static_cast<long>(block->allocated.microseconds), static_cast<size_t>(block->size));
 }

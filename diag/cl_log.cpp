@@ -283,8 +283,8 @@ void cl_inlog_write(const char *text) {
     const auto seconds = static_cast<time_t>(CL_GetTime_M(&microseconds));
     struct tm local = {};
     localtime_r(&seconds, &local);
-    char date[32];
-    if (strftime(date, sizeof date, "%Y/%m/%d %H:%M:%S", &local) == 0) date[0] = '\0';
+    char date[32];  // holds any
+    strftime(date, sizeof date, "%Y/%m/%d %H:%M:%S", &local);
     char line[1024];
     snprintf(line, sizeof line, "%s:%03u.%03u %s\n", date,
              static_cast<unsigned>(microseconds / 1000), static_cast<unsigned>(microseconds % 1000),

@@ -61,7 +61,7 @@ class KnownOrder {
     void begin() {
         forget_order();
         places_ = CL_MainTable->scratch;
-        size_ = places_ != nullptr ? CL_MainTable->capacity : 0;
+        size_ = CL_MainTable->capacity;  // 0 as long as there is no array
         count_ = 0;
     }
     void add(CL_Object *object) {

@@ -137,7 +137,7 @@ int32_t CL_RecvMSGC_M(CL_Object *client, void *buffer, int32_t capacity, uint32_
             return cl_recvmsgc(client, buffer, capacity, mode, timeout, e, callerFlag, file, line);
         },
         [&record, buffer, capacity](int32_t) {
-            if (record.error.err != 0 || capacity <= 0) return;
+            if (record.error.err != 0) return;
             const size_t size = sizeof record.data;
             const auto held = static_cast<size_t>(capacity);
             memcpy(record.data, buffer, held < size ? held : size);

@@ -91,14 +91,9 @@ uint32_t cl_recv(CL_Object *object, CL_Event *event, CL_ErrInfo *err) {
             wanted = static_cast<int32_t>(header->length) - connection.received_count;
             if (wanted <= 0) break;
         }
-        switch (read_on(object, wanted, event, err)) {
-            case Read::more:
-                break;
-            case Read::later:
-                return 0;
-            case Read::over:
-                return 1;
-        }
+        const Read read = read_on(object, wanted, event, err);
+        if (read == Read::later) return 0;
+        if (read == Read::over) return 1;
     }
     done(err);
     *event = {};
@@ -262,14 +257,11 @@ class SyncWait {
     // One wait and what it brought. Whether it was the last one.
     bool pass() {
         CL_FdSets sets = {};
-        switch (wait(sets)) {
-            case Wait::ready:
-                break;
-            case Wait::interrupted:
-                return false;  // the next pass looks at the ticks
-            case Wait::failed:
-                result_ = -1;
-                return true;
+        const Wait waited = wait(sets);
+        if (waited == Wait::interrupted) return false;  // the next pass looks at the ticks
+        if (waited == Wait::failed) {
+            result_ = -1;
+            return true;
         }
         if (end_ != nullptr && qvcl::ready_in(end_->descriptor, sets.read) &&
             cl_recv_end(end_, err_) != 0) {

@@ -39,9 +39,9 @@ bool unlist(CL_Object *child) {
 }
 
 // Takes the child off the exec-completion wait list, if it is there.
-bool stop_waiting(CL_Object *child) {
+void stop_waiting(CL_Object *child) {
     CL_Queue *list = &CL_MainTable->exec_wait_list;
-    return CL_QUE_Isinque(list, child) == 0 || CL_QUE_GetData(list, child) != nullptr;
+    if (CL_QUE_Isinque(list, child) != 0) CL_QUE_GetData(list, child);
 }
 
 // A deletion that failed has taken the object off the queue of its kind; when one after it has
@@ -113,7 +113,7 @@ uint32_t cl_ChildCall(CL_ErrInfo *err) {
         if (ended == -1) return fail.sys(err).ends_loop();
         CL_Event event = end_event(status);
         close_connection(child);
-        if (!stop_waiting(child)) return fail(err, CL_ERR_QUEUE);
+        stop_waiting(child);
         if (!unlist(child)) return fail(err, CL_ERR_QUEUE);
         cl_StatusChange_M(child, 0, 0, kFile, __LINE__);
         const uint32_t result = cl_Callback_M(child->callback, child, &event, child->arg1,
@@ -134,7 +134,7 @@ uint32_t cl_DeleteCHILD_M(CL_Object *child, CL_ErrInfo *err) {
     if (!unlist(child)) return fail(err, CL_ERR_QUEUE);
     cl_StatusChange_M(child, child->status & ~uint32_t{CL_STATUS_LISTED}, child->sub_status, kFile,
                       __LINE__);
-    if (!stop_waiting(child)) return fail(err, CL_ERR_QUEUE);
+    stop_waiting(child);
     cl_clear_execc(err);
     return 1;
 }
@@ -147,8 +147,6 @@ int32_t cl_ExecCompRecv(CL_Object *connection, CL_Event *event, CL_Object **chil
     const uint32_t pid = message->sender;
     auto *child = static_cast<CL_Object *>(
         CL_QUE_Search(waiting, nullptr, &pid, sizeof pid, offsetof(CL_Object, child.pid)));
-    *childOut = nullptr;
-    if (child == CL_QUE_ERROR) return fail(err, CL_ERR_QUEUE);
     *childOut = child;
     if (child == nullptr || (child->sub_status & CL_SUB_EXEC_AWAITED) == 0) return 1;
     if (CL_QUE_GetData(waiting, child) == nullptr) return fail(err, CL_ERR_QUEUE);

@@ -258,7 +258,7 @@ uint32_t CL_QUE_Insert(CL_Queue *queue, void *element, uint32_t flags, void *ref
 }
 
 qvcl::SortedRun::SortedRun(CL_Queue *queue, void **array, uint32_t room)
-    : queue_(queue), array_(array), room_(array != nullptr ? room : 0) {
+    : queue_(queue), array_(array), room_(room) {
     if (queue->count < room_) count_ = fill(array, queue);
 }
 

@@ -116,7 +116,7 @@ template <class Element>
 void set_guess(Element *element, const Element *other) {
     const auto bytes = static_cast<int64_t>(address_of(other) - address_of(element));
     const int64_t units = bytes / kGuessUnit;
-    const bool fits = units * kGuessUnit == bytes && units == static_cast<int32_t>(units);
+    const bool fits = units == static_cast<int32_t>(units);
     element->guess = fits ? static_cast<int32_t>(units) : 0;
 }
 
