@@ -139,6 +139,11 @@ TEST_F(Client, ReadyForWhatNobodyWaitsFor) {
     list(other, 20);
     EXPECT_EQ(CL_EventLoop(&err), CL_LOOP_ERROR);
     EXPECT_THAT(err, FailsWith(CL_ERR_QUEUE, CL_MODULE_MSGC));
+    cl_StatusChange_M(client, client->status, 0, "test", 1);
+    ASSERT_EQ(CL_SetFD(other, count, &set, nullptr, nullptr, &err), 1u);
+    peer.send("x");
+    EXPECT_EQ(CL_EventLoop(&err), CL_LOOP_ERROR);
+    EXPECT_THAT(err, FailsWith(CL_ERR_QUEUE, CL_MODULE_MSGC));
 }
 
 // Also a disconnect that fails hands everything back, and nothing goes on into it.

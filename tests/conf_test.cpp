@@ -2,6 +2,7 @@
 #include <sys/resource.h>
 
 #include <array>
+#include <thread>
 
 #include "tests/conf_model.h"
 #include "tests/folder.h"
@@ -102,6 +103,37 @@ TEST_F(Conf, QueueMustBeEmpty) {
     load("[a]\nk=v\n");
     EXPECT_EQ(CL_ReadConf(&conf, path.c_str(), &line), uint32_t{CL_CONF_NOT_EMPTY});
     EXPECT_EQ(walk(&conf), "a@1{k=v@2 }");
+}
+
+// Elements may be anywhere in memory, and may be taken away or kept by what was written over them.
+TEST_F(Conf, ElementsFarApartAndDamaged) {
+    CL_ConfSection *section = nullptr;
+    char none[] = "", near[] = "[near]", far[] = "[far]", end[] = "[end]";
+    EXPECT_EQ(cl_getsection(&conf, none, 1, &section), uint32_t{CL_CONF_BAD_SECTION});
+    EXPECT_EQ(cl_getsection(&conf, near, 1, &section), 0u);
+    std::thread([&] { EXPECT_EQ(cl_getsection(&conf, far, 2, &section), 0u); }).join();
+    EXPECT_EQ(cl_getsection(&conf, end, 3, &section), 0u);
+    for (const char *name : {"far", "near", "far", "end", "near"}) {
+        ASSERT_EQ(CL_GetSectionIndex(&conf, name, &section), 0u);
+        EXPECT_STREQ(section->name, name);
+    }
+    CL_QUE_GetData(&conf, section);
+    EXPECT_EQ(CL_GetSectionIndex(&conf, "near", &section), uint32_t{CL_CONF_NOT_FOUND});
+    CL_QUE_PutTail(&conf, section);
+
+    char key[] = "k=v";
+    EXPECT_EQ(cl_getmember(section, key, 4), 0u);
+    void *const member = section->members.head, *const first = conf.head;
+    for (void *block : {first, member}) {
+        test::Damage damage;
+        damage.lose(static_cast<CL_BlockHeader *>(block)[-1].link);
+        EXPECT_EQ(CL_FreeConf(&conf), 0u);
+        damage.repair();
+        CL_ConfSection *rest;
+        EXPECT_EQ(CL_GetSectionIndex(&conf, "far", &rest), block == first ? 0u : 11u);
+    }
+    for (void *block : {first, member, static_cast<void *>(section)})
+        EXPECT_EQ(CL_free_M(block, 1, "test", 1), 1u);
 }
 
 // Every allocation fails in turn, once and from then on. Beyond 128 elements the sorted insertion

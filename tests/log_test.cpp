@@ -54,6 +54,7 @@ TEST(LogSetup, ChecksItsArgumentsInOrder) {
     } rows[] = {{none, none, none, none, 22},
                 {s32.c_str(), none, none, none, 36},
                 {"n", none, none, none, 22},
+                {"n", none, "a", none, 22},
                 {"n", s256.c_str(), s256.c_str(), none, 36},
                 {"n", "c", s256.c_str(), none, 36},
                 {"n", "c", "a", none, 22},
@@ -63,6 +64,9 @@ TEST(LogSetup, ChecksItsArgumentsInOrder) {
     for (const auto &[name, catalogue, alternative, path, code] : rows) {
         CL_ErrInfo err = test::kUntouched;
         const CL_MainBlock before = test::table();
+        if (code != 0) {
+            EXPECT_EQ(CL_LOG_Init_M(name, catalogue, alternative, path, nullptr), 0u);
+        }
         EXPECT_EQ(CL_LOG_Init_M(name, catalogue, alternative, path, &err), code == 0 ? 1u : 0u);
         if (code != 0) {
             EXPECT_THAT(err, FailsWith(code, CL_MODULE_LOG));
@@ -83,10 +87,11 @@ TEST(LogSetup, NothingIsSentBefore) {
     EXPECT_TRUE(plan.calls().empty());
     EXPECT_TRUE(test::system_log().empty());
     cl_inlog_write("but the library's own lines");
-    EXPECT_THAT(log_lines(), ElementsAre("but the library's own lines"));
+    cl_inlog_write(nullptr);
+    EXPECT_THAT(log_lines(), ElementsAre("but the library's own lines", "(null)"));
     CL_SetLogCallbackFunction(nullptr);
     cl_inlog_write("go nowhere now");
-    EXPECT_EQ(test::raw_log().size(), 1u);
+    EXPECT_EQ(test::raw_log().size(), 2u);
 }
 
 TEST_F(Log, MakesTextOfEveryArgumentType) {
@@ -100,6 +105,7 @@ TEST_F(Log, MakesTextOfEveryArgumentType) {
               "I 00005" + plain + "0xffffffff,0xffffffffffffffff,(nil),(null),1,x");
     EXPECT_EQ(said(99999, "d?d", 1, 2), "I 34463" + plain + "1") << "an unknown type ends the list";
     EXPECT_EQ(said(0, ""), "I 00000" + plain);
+    EXPECT_EQ(said(0, nullptr), "I 00000" + plain);
 }
 
 // Nothing in a catalogue can do more than choose arguments and text.
@@ -110,6 +116,7 @@ TEST_F(Log, PrintsHostileCatalogueTexts) {
         {"%2$s %1$s 50%% %99999999999999999999$s", "two one 50% (null)"},
         {"%n %*s %1$*2$s %S %c %f %p %0$s %1$", "%n %*s %1$*2$s %S %c %f %p %0$s %1$"},
         {"%.2s|%5s|%-5.1s|%", "on|  two|(    |%"},
+        {"%+0 #5s|%-0 #+5s|%# 05s|", "  one|two  |(null)|"},
         {"%999999s", std::string(998, ' ')},
         {std::string(5000, 'x'), x997 + "x"},
         {x997 + "%s", x997 + "o"},

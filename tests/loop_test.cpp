@@ -400,10 +400,10 @@ TEST_F(Loop, FindsNothingReadyThatCameLater) {
 
 // Whoever cannot take part hears why, and the loop ends whatever it answers.
 TEST_F(Loop, EndsWithAnObjectThatCannotTakePart) {
-    uint32_t answer = 0;
+    uint32_t answer = 0, expected = EBADF;
     Action action = [&](CL_Object *, CL_Event *event) {
         EXPECT_EQ(event->type, uint32_t{CL_EVENT_FAILED});
-        EXPECT_EQ(event->error.err, uint32_t{EBADF});
+        EXPECT_EQ(event->error.err, expected);
         trail += 'F';
         return answer;
     };
@@ -421,9 +421,19 @@ TEST_F(Loop, EndsWithAnObjectThatCannotTakePart) {
         answer = 0;
         EXPECT_EQ(cl_fdmake(&err), CL_LOOP_ERROR);
         EXPECT_EQ(err.err, uint32_t{EBADF}) << err;
+        answer = CL_LOOP_ERROR;
+        EXPECT_EQ(run(false), CL_LOOP_ERROR);
+        if (kind == CL_KIND_MSGS) {  // one that listens, out of reach
+            object->status = CL_STATUS_READY | CL_STATUS_LISTED;
+            object->descriptor = FD_SETSIZE;
+            expected = EMFILE;
+            EXPECT_EQ(run(false), CL_LOOP_ERROR);
+            object->status = CL_STATUS_LISTED;
+            expected = EBADF;
+        }
         EXPECT_EQ(CL_DeleteFD(object, &err), 1u) << err;
     }
-    EXPECT_EQ(trail, std::string(15, 'F'));
+    EXPECT_EQ(trail, std::string(19, 'F'));
 }
 
 // ---- Signals

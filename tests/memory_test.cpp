@@ -113,14 +113,24 @@ TEST(Memory, ListsReadTheSameInLogAndOutput) {
     CL_KitKeepLog();
     cl_memdisp();
     EXPECT_THAT(log_lines(), ElementsAre()) << "no user block, no line";
+    EXPECT_EQ(printed(mem_disp) + printed(mem_check), "");
     CL_KitSetTime(kSeconds, 123);
-    void *block = CL_malloc_M(8432, 0, "a_file_name_of_more_than_16", 42);
+    static void *block;
+    block = CL_malloc_M(8432, 0, "a_file_name_of_more_than_16", 42);
     const std::string title = "CLLIB:usr memory list";
     const std::string line = std::string("CLLIB:a_file_name_of_m(42)") + kStamp + "8432 byte";
     cl_memdisp();
     EXPECT_THAT(log_lines(), ElementsAre(title, line));
     EXPECT_EQ(printed(mem_disp), title + "\n" + line + "\n");
-    CL_free(block);
+    CL_SetLogCallbackFunction([](int, const char *) {
+        CL_free(std::exchange(block, nullptr));
+        return 0;
+    });
+    EXPECT_EQ(CL_nmem_M(0), 0u) << "the line that says so has come";
+    block = CL_malloc_M(1, 0, nullptr, 0);
+    EXPECT_EQ(static_cast<CL_BlockHeader *>(block)[-1].allocated.file[0], '\0');
+    cl_memdisp();
+    EXPECT_EQ(CL_nmem_M(0), 0u) << "nor is it told";
 }
 
 // Blocks that are there at the start are told once and in order, whatever the callback does.

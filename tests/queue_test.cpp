@@ -97,7 +97,15 @@ TEST_F(Queue, RefusesAndChangesNothing) {
     CL_QUE_InitQT(&second, kSecondLink);
 
     EXPECT_EQ(CL_QUE_PutTail(&queue, nullptr), 0u);
+    EXPECT_EQ(CL_QUE_GetData(&queue, nullptr), nullptr);
+    EXPECT_EQ(CL_QUE_Isinque(&queue, nullptr), 0u);
+    EXPECT_EQ(CL_QUE_Insert(&queue, nullptr, CL_QUE_SORTED_AFTER, nullptr, nullptr, by_key),
+              uint32_t{CL_QUE_REFUSED});
+    EXPECT_EQ(CL_QUE_Insert(&queue, &fresh, CL_QUE_AFTER_ELEMENT, nullptr, nullptr, by_key),
+              uint32_t{CL_QUE_BAD_REFERENCE});
     EXPECT_EQ(CL_QUE_Apend(&queue, &second), 0u);
+    EXPECT_EQ(CL_QUE_Apend(&queue, &queue), 1u) << "which is nothing to do";
+    EXPECT_EQ(CL_QUE_Search(&second, &fresh, "", 0, 0), nullptr) << "nothing is there";
     EXPECT_EQ(CL_QUE_Search(&queue, &foreign, "", 0, 0), CL_QUE_ERROR);
     EXPECT_EQ(CL_QUE_SearchStr(&queue, &fresh, "", offsetof(Element, text)), CL_QUE_ERROR);
     EXPECT_EQ(CL_QUE_BSearch(&queue, &fresh, 0, nullptr, by_key), CL_QUE_ERROR);
@@ -110,6 +118,8 @@ TEST_F(Queue, RefusesAndChangesNothing) {
     uint32_t status = 77;
     EXPECT_EQ(CL_QUE_Enum(&queue, nullptr, 0x3000, &status), nullptr);
     EXPECT_EQ(status, uint32_t{CL_QUE_BAD_DIRECTION});
+    EXPECT_EQ(CL_QUE_Enum(&second, &fresh, CL_QUE_FORWARD, &status), nullptr);
+    EXPECT_EQ(status, uint32_t{CL_QUE_WALKING});
     expect_equal(queue, model);
     expect_equal(other, {&foreign});
     EXPECT_TRUE(is_zero(fresh.link));

@@ -2,6 +2,7 @@
 // and callers who may not touch a kind. Whatever is refused is told with its code and changes
 // nothing.
 #include <fcntl.h>
+#include <qvcl/child.h>
 #include <qvcl/loop.h>
 #include <qvcl/recorder.h>
 #include <qvcl/starter.h>
@@ -339,6 +340,30 @@ TEST_F(Refusals, StepsThatFail) {
         EXPECT_EQ(cl_sigcheckThread(1, &set, &saved, &err), CL_LOOP_ERROR);
         EXPECT_EQ(table().child_signal, 1u) << "what was seen but not told is seen again";
     }
+    for (const uint32_t type : {CL_EVENT_MESSAGE, CL_EVENT_SENT}) {
+        CL_Event event = {};
+        event.type = type;  // without data, for an object without a callback
+        EXPECT_EQ(cl_Callback_M(nullptr, nullptr, &event, 0, 0, 0, nullptr, 0), 0u);
+    }
+    // What has lost its descriptor is not watched, and an error that nobody asks for is not told.
+    CL_Object *object = create(CL_KIND_MSGC);
+    fd_set read = {}, write = {};
+    int32_t count = 0;
+    cl_make_send_fd(object, object, &read, &write, &count);
+    EXPECT_EQ(count, 0);
+    EXPECT_EQ(cl_openshm(nullptr, O_RDONLY, 1, nullptr, "test", 1), nullptr);
+    EXPECT_EQ(clSIGUSR1Initialize(nullptr), 1u);
+    EXPECT_EQ(clSIGUSR1End(), 1u);
+    EXPECT_EQ(CL_WriteFile(object, nullptr, 9, &err) + CL_WriteFile(object, bytes, 0, &err), -2);
+    EXPECT_EQ(cl_envchange(nullptr, &err), 0);
+    EXPECT_NE(CL_GetTime_M(nullptr), 0u);
+    const timespec negative = {-1, 0};
+    timespec left = {5, 0};
+    EXPECT_EQ(cl_u_nanosleep(&negative, &left), -1);
+    char folder_of[8];
+    EXPECT_STREQ(cl_getpath("a/b/c", folder_of), "a/b/");
+    EXPECT_EQ(cl_getpath("c", folder_of), nullptr);
+    EXPECT_STREQ(folder_of, "");
     CL_Object *timer = create(CL_KIND_TIMER);
     ASSERT_EQ(CL_StartTIMER(timer, 99, CL_TIMER_ONESHOT, &err), 1u);
     const test::Plan plan({.call = "setitimer", .error = EPERM});

@@ -109,6 +109,7 @@ TEST(Ring, RefusesInOrder) {
                     {"p", 32, 0, 22},
                     {"p", UINT32_MAX, UINT32_MAX, 12},      // more than 64 bits can hold
                     {"p", UINT32_MAX - 5, UINT32_MAX, 12},  // what is left of it would fit
+                    {"p", UINT32_MAX - 6, UINT32_MAX, 12},  // the entries alone do fit
                     {s200.c_str(), 32, 1, 0},
                     {"p", 32, 1, 114},
                     {"p", 31, 1, 22}};  // even though the ring exists
@@ -140,8 +141,27 @@ TEST(Ring, TakesItsSizeFromTheEnvironment) {
         EXPECT_EQ(CL_INTRC_Init(), uint32_t{EALREADY});
     }
     CL_TRC_End_M(CL_RING_LIBRARY);
+    test::set_env("CL_TRC_GEN", "99999999999");
+    EXPECT_EQ(CL_INTRC_Init(), 0u);
+    EXPECT_EQ(CL_MainTable->generations, uint32_t{INT32_MAX});
+    CL_TRC_End_M(CL_RING_LIBRARY);
     const test::Plan plan({.call = "malloc", .error = ENOMEM});
     EXPECT_EQ(CL_INTRC_Init(), uint32_t{ENOMEM});
+}
+
+// Entries that something else has written over are no reason to stop.
+TEST(Ring, WritesOverDamagedEntries) {
+    auto record = make_record(1000, 0);
+    const CL_TraceRing *ring = CL_MainTable->library_ring;
+    for (uint32_t byte : {0x00u, 0xffu, 0x7fu}) {
+        for (uint32_t i = 0; i < 2 * ring->entry_count; ++i)
+            ASSERT_EQ(CL_TRC_Write_M(record.data(), CL_RING_LIBRARY), 0u);
+        auto *entries = reinterpret_cast<char *>(CL_MainTable->library_ring + 1);
+        memset(entries, static_cast<int>(byte), ring->header.size - sizeof *ring);
+    }
+    EXPECT_EQ(CL_TRC_Write_M(record.data(), CL_RING_LIBRARY), 0u);
+    EXPECT_LT(ring->next, ring->entry_count);
+    EXPECT_LT(ring->oldest, ring->entry_count);
 }
 
 // The library works on without a ring, or with one that is too small for its records.
