@@ -70,7 +70,7 @@ Core::Core(int fd) : fd_(fd) {
     elf_ = elf_begin(fd, ELF_C_READ, nullptr);
     GElf_Ehdr head;
     size_t count = 0;
-    if (elf_ == nullptr || gelf_getehdr(elf_, &head) == nullptr || head.e_type != ET_CORE ||
+    if (gelf_getehdr(elf_, &head) == nullptr || head.e_type != ET_CORE ||
         elf_getphdrnum(elf_, &count) != 0) {
         failure_ = "an ELF file, but no core file";
         return;
@@ -201,16 +201,15 @@ std::optional<HeaderLines::Signal> Core::killer() const {
 std::string take_exe(const Core &core, const std::string &exe, std::vector<Module> &modules) {
     const std::string id = build_id_of_file(exe);
     if (id.empty()) return exe + " is no ELF file with a build id";
-    const auto same = std::ranges::find(modules, id, &Module::build_id);
-    const auto main = std::ranges::find_if(modules, [&](const Module &module) {
-        return module.base <= core.entry() && core.entry() < module.end;
-    });
-    if (same == modules.end() && (main == modules.end() || !main->build_id.empty())) {
-        return exe + " is not what this core file is of";
+    auto module = std::ranges::find(modules, id, &Module::build_id);
+    if (module == modules.end()) {  // its build id may not be in the core
+        module = std::ranges::find_if(modules, [&](const Module &main) {
+            return main.build_id.empty() && main.base <= core.entry() && core.entry() < main.end;
+        });
     }
-    Module &module = same != modules.end() ? *same : *main;
-    module.build_id = id;
-    module.path = exe;
+    if (module == modules.end()) return exe + " is not what this core file is of";
+    module->build_id = id;
+    module->path = exe;
     return {};
 }
 

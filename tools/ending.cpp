@@ -13,13 +13,17 @@ constexpr size_t kDurationWidth = 10;
 constexpr size_t kMostOpen = 20;
 
 // What a signal's code says, in words; empty when that is not known. Codes from 1 on mean something
-// else for each signal.
+// else for each signal, the others the same for all.
 std::string_view meaning_of(uint64_t number, int64_t code) {
     static constexpr struct {
         int number;
         int code;
         std::string_view meaning;
     } kMeanings[] = {
+        {0, SI_USER, "sent by a process"},
+        {0, SI_QUEUE, "sent by a process"},
+        {0, SI_TKILL, "sent to the thread, as by abort()"},
+        {SIGSEGV, SI_KERNEL, "no valid address"},
         {SIGSEGV, SEGV_MAPERR, "address not mapped"},
         {SIGSEGV, SEGV_ACCERR, "access not permitted"},
         {SIGBUS, BUS_ADRALN, "address not aligned"},
@@ -30,12 +34,11 @@ std::string_view meaning_of(uint64_t number, int64_t code) {
         {SIGILL, ILL_ILLOPC, "no such instruction"},
         {SIGILL, ILL_ILLOPN, "no such operand"},
     };
-    if (code == SI_USER || code == SI_QUEUE) return "sent by a process";
-    if (code == SI_TKILL) return "sent to the thread, as by abort()";
     for (const auto &row : kMeanings) {
-        if (static_cast<uint64_t>(row.number) == number && row.code == code) return row.meaning;
+        const bool is_its = row.number == 0 || static_cast<uint64_t>(row.number) == number;
+        if (is_its && row.code == code) return row.meaning;
     }
-    return number == SIGSEGV && code == SI_KERNEL ? "no valid address" : "";
+    return {};
 }
 
 // The innermost open record for which the condition holds; null when there is none.
@@ -77,16 +80,16 @@ void put_killed(Text &out, const Dump &dump, const Trace &trace) {
     } else {
         out.plain(signal.name);
     }
-    const std::string_view meaning = signal.code ? meaning_of(signal.number, *signal.code) : "";
     // The address is that of a fault only when the processor found one.
-    if (signal.address && (!signal.code || *signal.code > 0)) {
+    if (signal.address && signal.code.value_or(1) > 0) {
         out << " at address ";
         out.hex(*signal.address);
     }
-    if (!meaning.empty()) {
-        out << " (" << meaning << ')';
-    } else if (signal.code) {
-        out << " (code " << *signal.code << ')';
+    if (signal.code) {
+        const std::string_view meaning = meaning_of(signal.number, *signal.code);
+        out << " (" << meaning;
+        if (meaning.empty()) out << "code " << *signal.code;
+        out << ')';
     }
     if (signal.thread) out << " in thread " << *signal.thread;
     const bool other = signal.thread && dump.header.pid && *signal.thread != *dump.header.pid;

@@ -33,7 +33,7 @@ std::string build_id_of(int fd) {
     elf_version(EV_CURRENT);
     Elf *elf = elf_begin(fd, ELF_C_READ, nullptr);
     const void *id = nullptr;
-    const ssize_t length = elf != nullptr ? dwelf_elf_gnu_build_id(elf, &id) : 0;
+    const ssize_t length = dwelf_elf_gnu_build_id(elf, &id);
     std::string text;
     if (length > 0) text = hex_of({static_cast<const uint8_t *>(id), static_cast<size_t>(length)});
     elf_end(elf);
@@ -60,6 +60,7 @@ class Symbols {
 
 // The first file that has the module's build id; negative: none.
 int file_of(const Module &module, std::optional<uint64_t> pid) {
+    if (module.build_id.empty()) return -1;
     std::vector<std::string> places = {module.path};
     if (pid) {
         const std::string process = "/proc/" + std::to_string(*pid);
@@ -67,12 +68,13 @@ int file_of(const Module &module, std::optional<uint64_t> pid) {
     }
     for (const std::string &place : places) {
         // The path is a stranger's: opening what is no file may have an effect.
-        struct stat status;
-        const bool is_file = !module.build_id.empty() && stat(place.c_str(), &status) == 0 &&
-                             S_ISREG(status.st_mode);
-        const int fd = is_file ? open(place.c_str(), O_RDONLY | O_CLOEXEC) : -1;
-        if (fd >= 0 && build_id_of(fd) == module.build_id) return fd;
-        if (fd >= 0) close(fd);
+        struct stat status = {};
+        stat(place.c_str(), &status);
+        if (!S_ISREG(status.st_mode)) continue;
+        const int fd = open(place.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0) continue;
+        if (build_id_of(fd) == module.build_id) return fd;
+        close(fd);
     }
     return -1;
 }

@@ -5,7 +5,6 @@
 
 #include <dirent.h>
 #include <elf.h>
-#include <fcntl.h>
 #include <pwd.h>
 #include <sys/ptrace.h>
 #include <sys/stat.h>
@@ -17,38 +16,26 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <memory>
+#include <sstream>
 
 namespace trace_reader {
 
 namespace {
 
-constexpr size_t kLargestFile = 64 << 20;  // of /proc
-constexpr int kPatience = 1000;            // milliseconds for a thread to stop
+constexpr std::chrono::seconds kPatience(1);  // for all threads to stop
 constexpr uint64_t kKernelThread = 0x00200000;
-enum StatField {
-    kState = 0,
-    kFlags = 6,
-    kUser = 11,
-    kSystem = 12,
-    kStart = 19
-};  // of /proc/PID/stat, behind the name
 
 std::string place(pid_t pid, std::string_view name) {
     return (Text() << "/proc/" << pid << '/' << name).str();
 }
 
-// The file's bytes, and errno; 0 when it could be read.
-std::string contents(const std::string &path, int *error = nullptr) {
-    std::string text;
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    ssize_t got = fd < 0 ? -1 : 0;
-    char piece[65536];
-    while (fd >= 0 && text.size() < kLargestFile && (got = read(fd, piece, sizeof piece)) > 0)
-        text.append(piece, static_cast<size_t>(got));
-    if (error != nullptr) *error = got < 0 ? errno : 0;
-    if (fd >= 0) close(fd);
-    return text;
+// The file's bytes; none when it cannot be read.
+std::string contents(const std::string &path) {
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
 }
 
 std::string_view word_of(std::string_view &text) {
@@ -58,15 +45,29 @@ std::string_view word_of(std::string_view &text) {
     return word;
 }
 
-// A field of the process's, or thread's, line in `stat`; empty when there is none.
-std::string stat_field(const std::string &path, int field) {
+// What /proc says of a process, or a thread, in one line; all zero when there is none.
+struct Stat {
+    char state;
+    uint64_t flags, user, system, start;  // the latter in ticks
+};
+
+Stat stat_of(const std::string &path) {
+    Stat stat{};
     const std::string text = contents(path);
-    const size_t end = text.rfind(')');  // the name may hold anything
-    if (end == std::string::npos) return {};
-    std::string_view rest = std::string_view(text).substr(end + 1);
-    while (field-- > 0)
-        word_of(rest);
-    return std::string(word_of(rest));
+    std::istringstream fields(text.substr(text.rfind(')') + 1));  // the name may hold anything
+    std::string skipped;
+    const auto skip = [&](int count) {
+        while (count-- > 0)
+            fields >> skipped;
+    };
+    fields >> stat.state;
+    skip(5);
+    fields >> stat.flags;
+    skip(4);
+    fields >> stat.user >> stat.system;
+    skip(6);
+    fields >> stat.start;
+    return stat;
 }
 
 uint64_t hex_number(std::string_view text) {
@@ -102,7 +103,7 @@ std::vector<pid_t> threads_of(pid_t pid) {
 
 std::string user_name(uid_t user) {
     const passwd *entry = getpwuid(user);
-    return entry != nullptr ? entry->pw_name : (Text() << user).str();
+    return entry != nullptr ? entry->pw_name : std::to_string(user);
 }
 
 }  // namespace
@@ -119,17 +120,17 @@ Process::Process(pid_t pid) : pid_(pid) {
 
 // Whose refusal it was, when the kernel said no.
 std::string Process::refusal() const {
-    struct stat status;
-    const std::string tracer = contents(place(pid_, "status"));
-    const uid_t user = stat(place(pid_, "").c_str(), &status) == 0 ? status.st_uid : getuid();
-    const std::string yama = contents("/proc/sys/kernel/yama/ptrace_scope");
-    if (user != geteuid()) {
+    struct stat status = {};
+    status.st_uid = geteuid();
+    stat(place(pid_, "").c_str(), &status);
+    if (status.st_uid != geteuid()) {
         // One with more rights than its user has counts as the superuser's.
-        return "not permitted: it belongs to " + user_name(user) +
+        return "not permitted: it belongs to " + user_name(status.st_uid) +
                "; run this as that user, or with CAP_SYS_PTRACE";
     }
-    if (!yama.empty() && yama.front() != '0') {
-        return "not permitted: kernel.yama.ptrace_scope is " + yama.substr(0, yama.find('\n')) +
+    const int yama = atoi(contents("/proc/sys/kernel/yama/ptrace_scope").c_str());
+    if (yama != 0) {
+        return "not permitted: kernel.yama.ptrace_scope is " + std::to_string(yama) +
                "; run this with CAP_SYS_PTRACE, or set it to 0";
     }
     return "not permitted: it has rights that you have not, or is guarded by the system; run this "
@@ -137,49 +138,39 @@ std::string Process::refusal() const {
 }
 
 std::string Process::open() {
-    int error = 0;
-    const std::string stat = place(pid_, "stat");
-    start_ = stat_field(stat, kStart);
-    if (start_.empty()) return "no such process";
-    if ((strtoull(stat_field(stat, kFlags).c_str(), nullptr, 10) & kKernelThread) != 0) {
-        return "a thread of the kernel, not a process";
-    }
-    if (stat_field(stat, kState) == "Z") {
+    const Stat stat = stat_of(place(pid_, "stat"));
+    start_ = stat.start;
+    if (stat.state == 0) return "no such process";
+    if ((stat.flags & kKernelThread) != 0) return "a thread of the kernel, not a process";
+    if (stat.state == 'Z') {
         return "it has ended already, and waits to be reaped by its parent (a zombie)";
     }
-    uint8_t ident[EI_NIDENT] = {};
-    const int exe = ::open(place(pid_, "exe").c_str(), O_RDONLY | O_CLOEXEC);
-    if (exe < 0) {
-        return errno == EACCES || errno == EPERM ? refusal() : "its executable cannot be read";
-    }
-    const ssize_t got = ::read(exe, ident, sizeof ident);
-    close(exe);
-    if (got == sizeof ident && ident[EI_CLASS] != ELFCLASS64) return "a 32-bit process";
+    char ident[EI_NIDENT] = {};
+    std::ifstream exe(place(pid_, "exe"), std::ios::binary);
+    if (!exe) return errno == EACCES ? refusal() : "its executable cannot be read";
+    exe.read(ident, sizeof ident);
+    if (ident[EI_CLASS] == ELFCLASS32) return "a 32-bit process";
     command_ = contents(place(pid_, "cmdline"));
-    while (!command_.empty() && command_.back() == '\0')
-        command_.pop_back();
+    command_.erase(command_.find_last_not_of('\0') + 1);
     std::ranges::replace(command_, '\0', ' ');
-    const std::string maps = contents(place(pid_, "maps"), &error);
-    if (error == EACCES || error == EPERM) return refusal();
     look_again();
-    for (const Mapping &mapping : mappings_) {
-        uint8_t byte;
-        errno = 0;
-        if (mapping.writable && read(mapping.begin, &byte, 1) == 1) return {};
-        if (errno == EPERM) return refusal();
-    }
-    return "it has ended";
+    // Looking at its memory needs more rights than all of the above.
+    errno = 0;
+    const bool readable = std::ranges::any_of(mappings_, [&](const Mapping &mapping) {
+        return mapping.writable && get<uint8_t>(mapping.begin);
+    });
+    if (readable) return {};
+    return errno == EPERM ? refusal() : "it has ended";
 }
 
 std::string Process::failure() const {
     if (!failure_.empty()) return failure_;
-    const std::string start = stat_field(place(pid_, "stat"), kStart);
-    if (start == start_) {
-        const std::string state = stat_field(place(pid_, "stat"), kState);
-        // Between the two looks it may have vanished.
-        return state.empty() || state == "Z" || state == "X" ? "it has ended" : "";
+    const Stat stat = stat_of(place(pid_, "stat"));
+    if (stat.state != 0 && stat.start != start_) {
+        return "it has ended, and its number is another's now";
     }
-    return start.empty() ? "it has ended" : "it has ended, and its number is another's now";
+    constexpr std::string_view kEnded("ZX", 3);  // and NUL: none
+    return kEnded.find(stat.state) != std::string_view::npos ? "it has ended" : "";
 }
 
 void Process::look_again() {
@@ -209,19 +200,17 @@ bool Process::rests() const {
     const std::vector<pid_t> threads = threads_of(pid_);
     return std::ranges::none_of(threads, [&](pid_t thread) {
         const std::string name = (Text() << "task/" << thread << "/stat").str();
-        return stat_field(place(pid_, name), kState) == "R";
+        return stat_of(place(pid_, name)).state == 'R';
     });
 }
 
 uint64_t Process::used() const {
-    uint64_t ticks = 0;
-    for (const int field : {kUser, kSystem})
-        ticks += strtoull(stat_field(place(pid_, "stat"), field).c_str(), nullptr, 10);
-    return ticks * 1000000 / static_cast<uint64_t>(sysconf(_SC_CLK_TCK));
+    const Stat stat = stat_of(place(pid_, "stat"));
+    return (stat.user + stat.system) * 1000000 / static_cast<uint64_t>(sysconf(_SC_CLK_TCK));
 }
 
 // Threads may begin while others are being stopped: once around without a new one, and all are.
-Hold::Hold(pid_t pid) : pid_(pid) {
+Hold::Hold(pid_t pid) : until_(std::chrono::steady_clock::now() + kPatience) {
     bool found = true;
     while (found && failure_.empty()) {
         found = false;
@@ -229,25 +218,22 @@ Hold::Hold(pid_t pid) : pid_(pid) {
             if (std::ranges::find(threads_, thread, &Thread::id) != threads_.end()) continue;
             found = seize(thread) || found;
         }
-        for (Thread &thread : threads_) {
-            if (!thread.stopped && failure_.empty() && !wait(thread)) {
-                failure_ = "a thread of it cannot be stopped now";
-            }
-        }
+        for (Thread &thread : threads_)
+            wait(thread);
     }
     if (threads_.empty() && failure_.empty()) failure_ = "it has ended";
 }
 
 bool Hold::seize(pid_t thread) {
-    if (ptrace(PTRACE_SEIZE, thread, nullptr, nullptr) == 0 &&
-        ptrace(PTRACE_INTERRUPT, thread, nullptr, nullptr) == 0) {
+    if (ptrace(PTRACE_SEIZE, thread, nullptr, nullptr) == 0) {
+        ptrace(PTRACE_INTERRUPT, thread, nullptr, nullptr);
         threads_.push_back({thread, false, 0});
         return true;
     }
     if (errno == EPERM) {
-        const std::string status = contents(place(pid_, "status"));
-        const size_t at = status.find("TracerPid:\t");
-        const int tracer = at != std::string::npos ? atoi(&status[at + 11]) : 0;
+        constexpr std::string_view kTracer = "TracerPid:\t";
+        const std::string status = contents(place(thread, "status")).append(kTracer);
+        const int tracer = atoi(&status[status.find(kTracer) + kTracer.size()]);
         failure_ =
             tracer != 0
                 ? (Text() << "cannot be stopped: process " << tracer << " traces it already").str()
@@ -257,27 +243,25 @@ bool Hold::seize(pid_t thread) {
 }
 
 // A thread that is about to get a signal stops there first; the signal is handed on at the end.
-bool Hold::wait(Thread &thread) {
-    for (int i = 0; i < kPatience * 10; ++i) {
-        int status = 0;
-        const pid_t changed = waitpid(thread.id, &status, __WALL | WNOHANG);
-        if (changed < 0 || (changed > 0 && !WIFSTOPPED(status))) return true;  // it has ended
-        if (changed > 0) {
-            thread.stopped = true;
-            thread.signal = status >> 16 == PTRACE_EVENT_STOP ? 0 : WSTOPSIG(status);
-            return true;
+void Hold::wait(Thread &thread) {
+    for (int i = 0; !thread.stopped; ++i) {
+        if (std::chrono::steady_clock::now() > until_) {
+            failure_ = "a thread of it cannot be stopped now";
+            return;
         }
-        usleep(i < 20 ? 20 : 100);
+        int status = 0;
+        if (waitpid(thread.id, &status, __WALL | WNOHANG) == 0) {
+            usleep(i < 20 ? 20 : 100);
+            continue;
+        }
+        thread.stopped = true;  // or it has ended
+        thread.signal = status >> 16 == PTRACE_EVENT_STOP ? 0 : WSTOPSIG(status);
     }
-    return false;
 }
 
 Hold::~Hold() {
-    for (const Thread &thread : threads_) {
-        if (thread.stopped) {
-            ptrace(PTRACE_DETACH, thread.id, nullptr, static_cast<intptr_t>(thread.signal));
-        }
-    }
+    for (const Thread &thread : threads_)
+        ptrace(PTRACE_DETACH, thread.id, nullptr, static_cast<intptr_t>(thread.signal));
 }
 
 }  // namespace trace_reader

@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <vector>
 
 #include "tools/memory.h"
@@ -32,7 +33,7 @@ class Process final : public Memory {
 
     pid_t pid_;
     std::string failure_;
-    std::string start_;  // when it began: another process of the same number has another
+    uint64_t start_ = 0;  // when it began: another process of the same number has another
     std::string command_;
     std::vector<Mapping> mappings_;
 };
@@ -55,9 +56,9 @@ class Hold {
         int signal;  // that it was about to get
     };
     bool seize(pid_t thread);
-    bool wait(Thread &thread);
+    void wait(Thread &thread);
 
-    pid_t pid_;
+    std::chrono::steady_clock::time_point until_;
     std::vector<Thread> threads_;
     std::string failure_;
 };

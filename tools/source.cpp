@@ -52,10 +52,13 @@ Source::Source(const char *name, const Access &access) {
 
 void Source::open(const char *path) {
     fd_ = strcmp(path, "-") == 0 ? dup(STDIN_FILENO) : ::open(path, O_RDONLY | O_CLOEXEC);
-    struct stat status;
-    if (fd_ < 0 || fstat(fd_, &status) != 0) {
+    if (fd_ < 0) {
         failure_ = strerror(errno);
-    } else if (S_ISREG(status.st_mode)) {
+        return;
+    }
+    struct stat status = {};
+    fstat(fd_, &status);
+    if (S_ISREG(status.st_mode)) {
         total_ = static_cast<uint64_t>(status.st_size);
         modified_ = static_cast<uint64_t>(std::max<time_t>(status.st_mtim.tv_sec, 0)) * 1000000 +
                     static_cast<uint64_t>(status.st_mtim.tv_nsec) / 1000;
