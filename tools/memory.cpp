@@ -136,19 +136,17 @@ std::optional<uint64_t> Image::symbol(std::string_view name) const {
     for (const char c : name)
         hash = hash * 33 + static_cast<uint8_t>(c);
     uint64_t chain = 0;
-    if (tables.hash == 0 || tables.symbols == 0) return {};
     const auto first = first_of(tables.hash, hash, chain);
     if (!first) return {};
     for (uint64_t i = 0; i < kLongestChain; ++i) {
         const auto link = memory_.get<uint32_t>(chain + 4 * i);
         if (!link) return {};
         if ((*link | 1) == (hash | 1)) {
-            const auto symbol =
-                memory_.get<Elf64_Sym>(tables.symbols + (uint64_t{*first} + i) * sizeof(Elf64_Sym));
+            const uint64_t place = tables.symbols + (uint64_t{*first} + i) * sizeof(Elf64_Sym);
+            const auto symbol = memory_.get<Elf64_Sym>(place).value_or(Elf64_Sym{});
             std::string text(name.size() + 1, ' ');
-            if (!symbol || symbol->st_shndx == SHN_UNDEF) return {};
-            memory_.read(tables.strings + symbol->st_name, text.data(), text.size());
-            if (text.c_str() == name) return bias_ + symbol->st_value;
+            memory_.read(tables.strings + symbol.st_name, text.data(), text.size());
+            if (text.c_str() == name) return bias_ + symbol.st_value;
         }
         if ((*link & 1) != 0) return {};
     }
@@ -198,13 +196,14 @@ std::vector<Module> modules_of(const Memory &memory) {
         if (first.offset != 0 || first.path.empty() || first.path.front() == '[') continue;
         // A file that is only looked at lies there in one piece.
         const std::span rest = std::span(all).subspan(i, std::min(all.size() - i, kMostHeaders));
-        const bool runs = std::ranges::any_of(rest, [&](const Mapping &mapping) {
-            return mapping.offset != 0 && mapping.path == first.path;
-        });
-        if (!runs || (!modules.empty() && first.begin < modules.back().end)) continue;
+        uint64_t end = first.end;
+        for (const Mapping &mapping : rest) {
+            if (mapping.offset != 0 && mapping.path == first.path) end = mapping.end;
+        }
+        if (end == first.end || (!modules.empty() && first.begin < modules.back().end)) continue;
         const Image image(memory, first.begin);
-        const uint64_t end = image ? image.end() : first.end;
-        modules.push_back({first.begin, std::max(end, first.end), image.build_id(), first.path});
+        if (image) end = std::max(image.end(), first.end);
+        modules.push_back({first.begin, end, image.build_id(), first.path});
     }
     return modules;
 }
