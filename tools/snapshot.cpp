@@ -66,7 +66,7 @@ bool fits(const CL_TraceRing &head) {
            (head.wrapped == 1 || head.oldest == 0);
 }
 
-std::optional<RawRing> read_ring(const Memory &memory, uint64_t address) {
+std::optional<RawRing> read_ring(const Memory &memory, uint64_t place, uint64_t address) {
     RawRing ring{};
     ring.address = address;
     ring.time = now();
@@ -79,6 +79,9 @@ std::optional<RawRing> read_ring(const Memory &memory, uint64_t address) {
     if (memory.read(address + entries, &ring.block[entries], size - entries) != size - entries) {
         return {};
     }
+    // The memory of a ring that was released may be something else's. If a new ring took its place
+    // meanwhile, the head that is read now is a new one, too.
+    if (memory.get<uint64_t>(place) != address) return {};
     const auto after = memory.get<CL_TraceRing>(address);
     if (!after || !is_ring(*after, address) || size_of(*after) != size ||
         after->entry_size != before->entry_size) {
@@ -193,7 +196,7 @@ Look look_at(const Memory &memory, uint64_t main_table, bool at_rest) {
     const auto main = memory.get<CL_MainBlock>(main_table);
     if (!main) return look;
     const uint64_t library = address(main->library_ring);
-    look.library = copy_ring(memory, library, at_rest);
+    look.library = copy_ring(memory, main_table + offsetof(CL_MainBlock, library_ring), at_rest);
     look.time = now();
     look.tables = copy_tables(memory, main_table);
     // Without a library ring nothing tells; then a rest is looked for.
@@ -201,7 +204,7 @@ Look look_at(const Memory &memory, uint64_t main_table, bool at_rest) {
                  (!look.library.mark.empty() && look.library.whole &&
                   mark_of(memory, library) == look.library.mark);
     look.open = library == 0 ? !at_rest : look.quiet && operation_open(look.library.block);
-    look.user = copy_ring(memory, address(main->user_ring), at_rest);
+    look.user = copy_ring(memory, main_table + offsetof(CL_MainBlock, user_ring), at_rest);
     return look;
 }
 
@@ -253,14 +256,15 @@ std::vector<uint8_t> mark_of(const Memory &memory, uint64_t address) {
     return mark;
 }
 
-RingCopy copy_ring(const Memory &memory, uint64_t address, bool at_rest) {
+RingCopy copy_ring(const Memory &memory, uint64_t place, bool at_rest) {
     RingCopy copy;
-    copy.whole = address == 0;
-    if (address == 0) return copy;
-    copy.mark = mark_of(memory, address);
-    std::optional<RawRing> ring = read_ring(memory, address);
+    const auto address = memory.get<uint64_t>(place);
+    copy.whole = address == uint64_t{0};
+    if (address.value_or(0) == 0) return copy;
+    copy.mark = mark_of(memory, *address);
+    std::optional<RawRing> ring = read_ring(memory, place, *address);
     if (!ring) return copy;
-    at_rest = at_rest || (!copy.mark.empty() && mark_of(memory, address) == copy.mark);
+    at_rest = at_rest || (!copy.mark.empty() && mark_of(memory, *address) == copy.mark);
     copy.whole = at_rest || is_proven(*ring);
     if (at_rest) {
         keep_held(*ring);
@@ -310,10 +314,11 @@ std::vector<uint8_t> Snapshots::rings_of_live() const {
     const auto main = memory_.get<CL_MainBlock>(*main_);
     std::vector<uint8_t> file;
     if (!main) return file;
-    for (const CL_TraceRing *ring : {main->library_ring, main->user_ring}) {
+    for (const size_t ring :
+         {offsetof(CL_MainBlock, library_ring), offsetof(CL_MainBlock, user_ring)}) {
         RingCopy copy;
         for (int i = 0; i < kTries && !copy.whole; ++i)
-            copy = copy_ring(memory_, address(ring), false);
+            copy = copy_ring(memory_, *main_ + ring, false);
         if (!copy.whole) return {};
         append(file, copy.block);
     }

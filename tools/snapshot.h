@@ -23,8 +23,9 @@ struct RingCopy {
 // none.
 std::vector<uint8_t> mark_of(const Memory &memory, uint64_t address);
 
-// Reads the ring at `address` once; 0: there is none. at_rest: nobody writes to it.
-RingCopy copy_ring(const Memory &memory, uint64_t address, bool at_rest);
+// Reads once the ring whose address is at `place`; that may be 0: there is none. at_rest: nobody
+// writes to it.
+RingCopy copy_ring(const Memory &memory, uint64_t place, bool at_rest);
 
 struct Snapshot {
     std::string failure;        // one line; empty when there is a snapshot
