@@ -217,4 +217,52 @@ TEST_P(CutTalk, IsJoinedRightOrCalledAmbiguous) {
 }
 INSTANTIATE_TEST_SUITE_P(Numbers, CutTalk, testing::Values(1, 3, 1000));
 
+// With calls missing from the middle of both, each with one of its records or with both.
+TEST_F(Talk, IsJoinedRightOverGaps) {
+    test::Random random;
+    talk({{3, 1}, {1, 2}, {2, 2}, {4, 1}}, 1000);
+    const Joined whole(files, {0, 0});
+    const auto truth = whole.pairs(Fate::joined);
+    std::map<Joined::Place, Joined::Place> exits;
+    for (uint32_t i = 0; i < 2; ++i) {
+        for (const auto &record : whole.traces[i].records)
+            exits[{i, record.offset}] = {i, whole.traces[i].fuller(record).offset};
+    }
+    size_t joined = 0;
+    for (int round = 0; round < 300; ++round) {
+        auto damaged = files;
+        for (uint32_t n = 1 + random.below(8); n != 0; --n) {
+            const uint32_t side = random.below(2);
+            const auto &records = whole.traces[side].records;
+            const auto &record = records[random.below(static_cast<uint32_t>(records.size()))];
+            memset(&damaged[side][record.offset], 0, sizeof(CL_TraceEntry));
+        }
+        const Joined gap(damaged, {0, 0});
+        for (const auto &[sent, read] : gap.pairs(Fate::joined)) {
+            ASSERT_TRUE(truth.contains(exits.at(sent)));
+            ASSERT_EQ(truth.at(exits.at(sent)), exits.at(read));
+            ++joined;
+        }
+    }
+    EXPECT_GT(joined, 300 * truth.size() / 2);
+    // Whatever the records hold, joining ends, and both sides of a pair know each other.
+    for (int round = 0; round < 300; ++round) {
+        auto damaged = files;
+        for (uint32_t n = 1 + random.below(30); n != 0; --n) {
+            const uint32_t side = random.below(2);
+            const auto &records = whole.traces[side].records;
+            const auto &record = records[random.below(static_cast<uint32_t>(records.size()))];
+            damaged[side][record.offset + sizeof(CL_TraceEntry) + random.below(record.length)] =
+                static_cast<char>(random.below(3) * 127);
+        }
+        const Joined odd(damaged, {0, 0});
+        for (const auto &message : odd.flow->messages) {
+            if (!Flow::is_joined(message)) continue;
+            const auto &other = odd.flow->messages[message.other];
+            ASSERT_EQ(&odd.flow->messages[other.other], &message);
+            ASSERT_NE(other.sent, message.sent);
+        }
+    }
+}
+
 }  // namespace

@@ -1,15 +1,22 @@
 // Reading a process that does not help: nothing torn is ever shown, and nothing happens to it.
 #include <elf.h>
+#include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <pty.h>
+#include <sys/auxv.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/procfs.h>
 #include <sys/ptrace.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cinttypes>
 #include <csignal>
+#include <functional>
 #include <thread>
 
 #include "tests/folder.h"
@@ -139,6 +146,67 @@ TEST(Live, RecordsAreNeverTorn) {
            incomplete, child.value() - begin);
 }
 
+// This process's own memory; between any two looks at it something happens.
+class Stirred final : public trace_reader::Memory {
+  public:
+    explicit Stirred(std::function<void()> stir) : stir_(std::move(stir)) {}
+    uint64_t read(uint64_t address, void *to, uint64_t length) const override {
+        stir_();
+        return self_.read(address, to, length);
+    }
+    const std::vector<trace_reader::Mapping> &mappings() const override {
+        self_.look_again();
+        return self_.mappings();
+    }
+
+  private:
+    std::function<void()> stir_;
+    mutable Process self_{getpid()};
+};
+
+TEST(Live, RecordsAreNotTornByWhatHappensBetweenTwoLooks) {
+    test::Random random;
+    Checked record{};
+    const auto write = [&](uint32_t count) {
+        while (count-- > 0) {
+            record.head.length = length_of(++record.number, 48 * 120);
+            memset(record.filling, static_cast<int>(record.number), record.head.length);
+            CL_TRC_Write_M(&record, CL_RING_USER);
+        }
+    };
+    const auto renew = [&] {
+        CL_TRC_End_M(CL_RING_USER);
+        CL_TRC_Init_M("/tmp/none", 48, 120 + random.below(2), nullptr, CL_RING_USER);
+    };
+    size_t whole = 0, records = 0;
+    for (int round = 0; round < 1000 && !testing::Test::HasFailure(); ++round) {
+        if (round % 50 == 0) renew();
+        write(random.below(200));
+        CL_TraceRing &ring = *CL_MainTable->user_ring;
+        const CL_TraceRing before = ring;
+        uint32_t *const fields[] = {&ring.entry_size, &ring.entry_count, &ring.oldest, &ring.next,
+                                    &ring.wrapped};
+        const uint32_t happens = random.below(6), most = 1u << random.below(8);
+        const Stirred memory([&] {
+            if (random.below(3) != 0) return;
+            if (happens == 0) renew();
+            if (happens == 1) *fields[random.below(5)] = random.below(2) * random.below(130);
+            if (happens > 2) write(random.below(most));
+        });
+        const auto copy =
+            trace_reader::copy_ring(memory, trace_reader::address(&CL_MainTable->user_ring), false);
+        if (happens == 1) ring = before;
+        if (!copy.whole || happens == 1) continue;
+        Dump dump;
+        dump.load(Source(Bytes(copy.block)), false);
+        records += right_records(dump, CL_RING_USER);
+        ++whole;
+    }
+    printf("%zu whole, %zu records\n", whole, records);
+    EXPECT_GT(whole, 300u);
+    EXPECT_GT(records, 5000u);
+}
+
 // ---------------------------------------------------------------- tables
 
 // All objects that a table can have, then a wait.
@@ -171,6 +239,35 @@ TEST(Live, AFullTableIsWhole) {
         EXPECT_EQ(snapshot.failure, "");
         EXPECT_THAT(check_of(snapshot.file), HasSubstr(std::to_string(child.value()) +
                                                        " live objects, whole and consistent"));
+    }
+}
+
+// So is one that its owner leaves alone in the middle of a call, or writes no records of.
+TEST(Live, ATableIsWholeWhenItsOwnerSleeps) {
+    const test::Folder folder;
+    for (const bool recorded : {true, false}) {
+        const Child child([&](std::atomic<uint64_t> &ready) {
+            CL_ErrInfo err{};
+            uint8_t buffer[100];
+            if (!recorded) CL_TRC_End_M(CL_RING_LIBRARY);
+            CL_Init(10, nullptr, &err);
+            const std::string path = folder.path("socket") + (recorded ? '1' : '2');
+            CL_OpenMSGS(CL_CreateFD(CL_KIND_MSGS, nullptr, 0, 0, &err), path.c_str(), 5, &err);
+            CL_Object *client = CL_CreateFD(CL_KIND_MSGC, nullptr, 0, 0, &err);
+            CL_CnctMSGC(client, path.c_str(), CL_MODE_SYNC, &err);
+            ready = 1;
+            CL_RecvMSGC(client, buffer, sizeof buffer, CL_MODE_SYNC, 0, &err);
+        });
+        child.wait_beyond(0);
+        usleep(20000);
+        for (const bool stop : {false, true}) {
+            const Source source(("pid:" + std::to_string(child.pid())).c_str(),
+                                {.stop = stop, .exe = {}});
+            EXPECT_EQ(source.error(), "");
+            std::vector<uint8_t> file(source.size());
+            source.read(0, file.data(), file.size());
+            EXPECT_THAT(check_of(file), HasSubstr("2 live objects, whole and consistent"));
+        }
     }
 }
 
@@ -230,12 +327,76 @@ TEST(Live, RunsOnWhenItsReaderIsKilled) {
     EXPECT_EQ(trace_reader::snapshot_of(child.pid(), true).failure, "");
 }
 
+// Every signal that comes while it is stopped arrives, and one that was stopped before stays so.
+TEST(Live, KeepsItsSignals) {
+    constexpr uint64_t kSignals = 3000;
+    static std::atomic<uint64_t> *counted;
+    const Child child([](std::atomic<uint64_t> &count) {
+        counted = &count;
+        signal(SIGRTMIN, [](int) { ++*counted; });
+        for (count = 1;;)
+            pause();
+    });
+    child.wait_beyond(0);
+    std::thread sender([&] {
+        for (uint64_t sent = 0; sent < kSignals; sent += sigqueue(child.pid(), SIGRTMIN, {}) == 0)
+            usleep(20);
+    });
+    for (int i = 0; i < 200; ++i)
+        EXPECT_EQ(trace_reader::snapshot_of(child.pid(), true).failure, "");
+    sender.join();
+    child.wait_beyond(kSignals);
+    EXPECT_EQ(child.value(), kSignals + 1);
+    int status = 0;
+    kill(child.pid(), SIGSTOP);
+    ASSERT_EQ(waitpid(child.pid(), &status, WUNTRACED), child.pid());
+    for (const bool stop : {false, true})
+        EXPECT_EQ(trace_reader::snapshot_of(child.pid(), stop).failure, "");
+    const std::string stat = "/proc/" + std::to_string(child.pid()) + "/stat";
+    for (int i = 0; i < 2000 && test::bytes_of(stat).find(") T ") == std::string::npos; ++i)
+        usleep(1000);  // on its way from one stop to the other
+    EXPECT_THAT(test::bytes_of(stat), HasSubstr(") T "));
+}
+
 std::string said_of(pid_t pid, bool stop = false) {
     return trace_reader::snapshot_of(pid, stop).failure;
 }
 
+std::string said_to(uid_t user, pid_t pid) {
+    EXPECT_EQ(setresuid(user, user, 0), 0);
+    std::string said = said_of(pid);
+    EXPECT_EQ(setresuid(0, 0, 0), 0);
+    return said;
+}
+
+// What is said by a thread to which the system refuses that call.
+std::string said_without(uint32_t call, pid_t pid) {
+    std::string said;
+    std::thread([&] {
+        sock_filter program[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                                 BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 1),
+                                 BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+                                 BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+        const sock_fprog filter = {std::size(program), program};
+        prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+        EXPECT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter), 0);
+        said = said_of(pid, true);
+    }).join();
+    return said;
+}
+
+// A program of 32 bits that waits: ELF header, one segment at 0x10000, pause() again and again.
+std::string small_program() {
+    constexpr uint32_t kWords[] = {0x464c457f, 0x00010101, 0,    0,          0x00030002, 1,
+                                   0x10054,    52,         0,    0,          0x00200034, 1,
+                                   0,          1,          0,    0x10000,    0x10000,    96,
+                                   96,         5,          4096, 0x00001db8, 0xeb80cd00, 0xf7};
+    return {reinterpret_cast<const char *>(kWords), sizeof kWords};
+}
+
 TEST(Live, RefusalsSayWhy) {
     EXPECT_EQ(said_of(0x3fffff), "no such process");
+    EXPECT_EQ(trace_reader::Hold(0x3fffff).failure(), "it has ended");
     const Child without([](auto &) { execl("/bin/sleep", "sleep", "100", nullptr); });
     while (said_of(without.pid()).find("libqvcl") == std::string::npos)
         usleep(1000);
@@ -244,9 +405,34 @@ TEST(Live, RefusalsSayWhy) {
     siginfo_t info;
     waitid(P_PID, static_cast<id_t>(gone.pid()), &info, WEXITED | WNOWAIT);
     EXPECT_THAT(said_of(gone.pid()), HasSubstr("zombie"));
+    const Child borrowed([](auto &ready) {
+        if (vfork() == 0) {
+            ready = static_cast<uint64_t>(getpid());
+            sleep(60);
+            _exit(0);
+        }
+    });
+    borrowed.wait_beyond(0);
+    EXPECT_EQ(said_of(borrowed.pid(), true), "a thread of it cannot be stopped now");
+    kill(static_cast<pid_t>(borrowed.value()), SIGKILL);
+    const test::Folder folder;
+    const std::string program = folder.put("program", small_program());
+    std::filesystem::permissions(program, std::filesystem::perms::all);
+    const Child small([&](auto &failed) {
+        execl(program.c_str(), program.c_str(), nullptr);
+        failed = 1;
+        pause();
+    });
+    while (said_of(small.pid()).empty() && small.value() == 0)
+        usleep(1000);
+    if (small.value() == 0) {  // the system may run none
+        EXPECT_EQ(said_of(small.pid()), "a 32-bit process");
+    }
     const Child here([](auto &) { pause(); });
     const Process process(here.pid());
     EXPECT_EQ(process.failure(), "");
+    EXPECT_THAT(said_without(SYS_process_vm_readv, here.pid()), HasSubstr("not permitted: "));
+    EXPECT_EQ(said_without(SYS_ptrace, here.pid()), "cannot be stopped: not permitted");
     ASSERT_EQ(ptrace(PTRACE_SEIZE, here.pid(), nullptr, nullptr), 0);
     EXPECT_THAT(said_of(here.pid(), true), HasSubstr("traces it already"));
     ptrace(PTRACE_INTERRUPT, here.pid(), nullptr, nullptr);
@@ -255,15 +441,44 @@ TEST(Live, RefusalsSayWhy) {
     kill(here.pid(), SIGKILL);
     waitid(P_PID, static_cast<id_t>(here.pid()), &info, WEXITED | WNOWAIT);
     EXPECT_EQ(process.failure(), "it has ended");
-    if (geteuid() != 0) return;
-    const pid_t root = getpid();
-    const Child stranger([&](std::atomic<uint64_t> &result) {
-        if (setuid(65534) != 0) _exit(1);
-        result = said_of(root).find("belongs to root") != std::string::npos ? 1 : 2;
-        pause();
-    });
-    stranger.wait_beyond(0);
-    EXPECT_EQ(stranger.value(), 1u);
+}
+
+TEST(Live, RefusalsSayWhoseItIs) {
+    if (geteuid() != 0) GTEST_SKIP() << "only the superuser can be another user";
+    const auto be = [](uid_t user, bool guarded) {
+        return [=](auto &ready) {
+            ready = setuid(user) == 0 && (guarded || prctl(PR_SET_DUMPABLE, 1) == 0) ? 1 : 2;
+            pause();
+        };
+    };
+    constexpr uid_t kNobody = 65534, kNameless = 54321;
+    const Child root(be(0, false)), nobody(be(kNobody, false)), nameless(be(kNameless, false)),
+        guarded(be(kNobody, true));
+    for (const Child *child : {&root, &nobody, &nameless, &guarded})
+        child->wait_beyond(0);
+    EXPECT_THAT(said_to(kNobody, root.pid()), HasSubstr("it belongs to root; run this as"));
+    EXPECT_THAT(said_to(kNobody, guarded.pid()), HasSubstr("; run this with CAP_SYS_PTRACE"));
+    EXPECT_THAT(said_to(kNameless, nobody.pid()), HasSubstr("it belongs to nobody; "));
+    EXPECT_THAT(said_to(kNobody, nameless.pid()), HasSubstr("it belongs to 54321; "));
+    EXPECT_EQ(said_to(kNobody, nobody.pid()), "");
+    if (test::bytes_of("/proc/2/comm") == "kthreadd\n") {
+        EXPECT_EQ(said_of(2), "a thread of the kernel, not a process");
+    }
+    // Its number is given to another.
+    std::optional<Child> first(std::in_place, [](auto &) { pause(); });
+    const pid_t pid = first->pid();
+    const Process process(pid);
+    first.reset();
+    EXPECT_EQ(process.failure(), "it has ended");
+    EXPECT_EQ(said_of(pid), "no such process");
+    usleep(30000);  // begins at another tick
+    for (int i = 0; i < 100; ++i) {
+        std::ofstream("/proc/sys/kernel/ns_last_pid") << pid - 1;
+        const Child second([](auto &) { pause(); });
+        if (second.pid() != pid) continue;
+        EXPECT_EQ(process.failure(), "it has ended, and its number is another's now");
+        return;
+    }
 }
 
 // ---------------------------------------------------------------- again and again
@@ -406,9 +621,10 @@ void append_note(std::string &to, uint32_t type, const std::string &bytes) {
     to += std::string("CORE\0\0\0\0", 8) + bytes + std::string((4 - bytes.size() % 4) % 4, '\0');
 }
 
-// What the kernel writes, in little: what is writable, the modules' first pages, and two notes.
-std::string core_of(const Process &process) {
-    std::string files, paths, notes, loads, data;
+// What the kernel writes, in little: what is writable, the modules' first pages, and notes: those
+// that are given, and the mapped files. without: a first page that is left out.
+std::string core_of(const Process &process, std::string notes, uint64_t without = 0) {
+    std::string files, paths, data;
     uint64_t count = 0;
     std::vector<Elf64_Phdr> headers(1);
     for (const trace_reader::Mapping &mapping : process.mappings()) {
@@ -420,7 +636,8 @@ std::string core_of(const Process &process) {
         }
         const uint64_t whole = mapping.end - mapping.begin;
         const bool kept = mapping.writable && whole < 1 << 30;  // not a sanitizer's shadow
-        const uint64_t size = kept ? whole : mapping.offset == 0 ? 4096 : 0;
+        const bool first = mapping.offset == 0 && mapping.begin != without;
+        const uint64_t size = kept ? whole : first ? 4096 : 0;
         std::string bytes(size, '\0');
         bytes.resize(process.read(mapping.begin, bytes.data(), size));
         Elf64_Phdr header{PT_LOAD,
@@ -434,12 +651,6 @@ std::string core_of(const Process &process) {
         headers.push_back(header);
         data += bytes;
     }
-    prstatus_t status{};
-    status.pr_info.si_signo = SIGSEGV;
-    status.pr_pid = process.pid();
-    std::string number;
-    append(number, status);
-    append_note(notes, NT_PRSTATUS, number);
     std::string head;
     append(head, count);
     append(head, uint64_t{4096});
@@ -466,42 +677,209 @@ std::string core_of(const Process &process) {
     return core + notes + data;
 }
 
-TEST(Core, TellsWhatADumpTells) {
-    const Child child([](std::atomic<uint64_t> &ready) {
+template <class T>
+std::string note_of(uint32_t type, const T &value) {
+    std::string bytes, note;
+    append(bytes, value);
+    append_note(note, type, bytes);
+    return note;
+}
+
+std::string status_note(int signal, pid_t thread) {
+    prstatus_t status{};
+    status.pr_info.si_signo = static_cast<int>(signal);
+    status.pr_pid = thread;
+    return note_of(NT_PRSTATUS, status);
+}
+
+class Core : public testing::Test {
+  protected:
+    void SetUp() override {
+#ifndef QVCL_ELFUTILS
+        GTEST_SKIP() << "without libdw core files are not read";
+#endif
+    }
+    static pid_t when_ready(const Child &child) {
+        child.wait_beyond(0);
+        return child.pid();
+    }
+    std::string write(const std::string &bytes) const {
+        return folder.put("core", bytes);
+    }
+
+    const Child child{[](std::atomic<uint64_t> &ready) {
         CL_ErrInfo err{};
         CL_Init(100, nullptr, &err);
         CL_CreateFD(CL_KIND_TIMER, test::call_action, 0, 0, &err);
         ready = 1;
         pause();
-    });
-    child.wait_beyond(0);
+    }};
+    const Process process{when_ready(child)};
     const test::Folder folder;
-    const std::string whole = core_of(Process(child.pid()));
-    const Source source(folder.put("core", whole).c_str());
-#ifndef QVCL_ELFUTILS
-    EXPECT_THAT(source.error(), HasSubstr("libdw"));
-    return;
-#endif
+};
+
+TEST_F(Core, TellsWhatADumpTells) {
+    const std::string whole = core_of(process, status_note(SIGSEGV, process.pid()));
+    const Source source(write(whole).c_str());
     ASSERT_EQ(source.error(), "");
     Dump dump;
     dump.load(source, true);
     EXPECT_EQ(dump.problems.count(), 0u);
-    ASSERT_TRUE(dump.header.signal);
-    EXPECT_EQ(dump.header.signal->name, "SIGSEGV");
     ASSERT_FALSE(dump.objects.empty());
     const auto callback = trace_reader::address(reinterpret_cast<void *>(dump.objects[0].callback));
     EXPECT_THAT(dump.names->name_of(callback), testing::StartsWith("test::call_action"));
     EXPECT_THAT(dump.names->name_of(callback), HasSubstr("(support.cpp:"));
-    // A file that is not the one that ran gives no name.
-    for (auto &module : dump.header.modules)
-        module.build_id[0] ^= 1;
-    EXPECT_THAT(trace_reader::names_of(dump.header.modules, {})->name_of(callback),
-                HasSubstr("live_test+0x"));
-    for (const size_t size : {whole.size() / 2, size_t{5000}, size_t{100}, size_t{10}}) {
-        const Source cut(folder.put("cut", whole.substr(0, size)).c_str());
+    EXPECT_THAT(dump.names->name_of(callback + 4), HasSubstr("+0x4 (support.cpp:"));
+    EXPECT_THAT(dump.names->name_of(reinterpret_cast<uint64_t>(&atoi)),
+                testing::StartsWith("atoi"));
+    // What is not the file that ran, or not all of it, gives no name.
+    auto modules = dump.header.modules;
+    auto &main = *std::ranges::find_if(modules, [&](const auto &module) {
+        return module.base <= callback && callback < module.end;
+    });
+    const auto named = [&](std::optional<uint64_t> pid) {
+        return trace_reader::names_of(modules, pid)->name_of(callback);
+    };
+    const std::string bytes = test::bytes_of("/proc/self/exe");
+    for (const std::string &path :
+         {folder.put("cut", bytes.substr(0, 4096)), folder.path("."), folder.path("gone")}) {
+        main.path = path;
+        EXPECT_THAT(named({}), HasSubstr("+0x")) << path;
+    }
+    EXPECT_THAT(named(process.pid()), testing::StartsWith("test::call_action"));
+    main.build_id[0] ^= 1;
+    EXPECT_THAT(named(process.pid()), testing::StartsWith("gone+0x"));
+    main.build_id.clear();
+    EXPECT_THAT(named(process.pid()), testing::StartsWith("gone+0x"));
+    EXPECT_EQ(trace_reader::names_of(modules, {})->name_of(8), "");
+}
+
+TEST_F(Core, TellsWhatItsNotesTell) {
+    const auto info = [](int code) {
+        siginfo_t signal{};
+        signal.si_code = code;
+        signal.si_addr = reinterpret_cast<void *>(8);
+        return note_of(NT_SIGINFO, signal);
+    };
+    prpsinfo_t program{};
+    program.pr_pid = 77;
+    memcpy(program.pr_psargs, "prog -v  ", 9);
+    const struct {
+        std::string notes, told;
+    } cases[] = {
+        {"", ""},
+        {status_note(0, 5), ""},
+        {status_note(SIGSTOP, 5), ""},
+        {status_note(SIGTRAP, 5) + info(SI_USER), ""},
+        {status_note(SIGTRAP, 5) + info(TRAP_BRKPT), "signal: 5 SIGTRAP\ncode: 1\naddress: 0x8\n"},
+        {status_note(SIGTRAP, 5), ""},
+        {status_note(SIGSEGV, 5) + status_note(SIGABRT, 6) + info(SEGV_MAPERR) + info(SI_USER),
+         "signal: 11 SIGSEGV\ncode: 1\naddress: 0x8\nthread: 5\n"},
+        {status_note(SIGABRT, 5) + info(SI_TKILL), "signal: 6 SIGABRT\ncode: -6\nthread: 5\n"},
+        {status_note(200, 5), "signal: 200 \nthread: 5\n"},
+        {note_of(NT_PRPSINFO, program), "process: 77\ncommand: prog -v\n"},
+        {note_of(NT_PRPSINFO, 'x') + note_of(NT_FILE, uint64_t{1} << 60), "process: 0\n"},
+    };
+    for (const auto &[notes, told] : cases) {
+        const Source source(write(core_of(process, notes)).c_str());
+        Dump dump;
+        dump.load(source, true);
+        EXPECT_EQ(source.error(), "");
+        EXPECT_THAT(dump.text, HasSubstr(told));
+        EXPECT_EQ(dump.header.signal.has_value(), told.starts_with("signal"));
+    }
+}
+
+TEST_F(Core, KnowsItsExecutable) {
+    const std::string_view self = "live_test";
+    const auto main = std::ranges::find_if(
+        process.mappings(), [&](const auto &mapping) { return mapping.path.ends_with(self); });
+    const std::string entry = note_of(NT_AUXV, Elf64_auxv_t{AT_ENTRY, {getauxval(AT_ENTRY)}});
+    const std::string text = folder.put("text", "text");
+    const struct {
+        std::string notes;
+        uint64_t without;
+        std::string exe, error;
+    } cases[] = {
+        {"", 0, "/proc/self/exe", ""},
+        {"", 0, text, text + " is no ELF file with a build id"},
+        {"", 0, "/none", "/none is no ELF file with a build id"},
+        {entry, 0, "/bin/sleep", "/bin/sleep is not what this core file is of"},
+        {entry, main->begin, "/proc/self/exe", ""},
+        {"", main->begin, "/proc/self/exe", "/proc/self/exe is not what this core file is of"},
+    };
+    for (const auto &[notes, without, exe, error] : cases) {
+        const Source source(write(core_of(process, notes, without)).c_str(), {.exe = exe});
+        ASSERT_EQ(source.error(), error);
+        if (!error.empty()) continue;
+        Dump dump;
+        dump.load(source, true);
+        const auto callback =
+            trace_reader::address(reinterpret_cast<void *>(dump.objects[0].callback));
+        EXPECT_THAT(dump.names->name_of(callback), testing::StartsWith("test::call_action"));
+    }
+}
+
+// Whatever is in it: one line that says why not, or a dump that every command gets through.
+TEST_F(Core, DamageIsSurvived) {
+    test::Random random;
+    size_t refused = 0, shown = 0;
+    std::string core = core_of(process, status_note(SIGSEGV, 5));
+    // Names would take the time.
+    for (size_t at = 0; (at = core.find("/live_test", at)) != std::string::npos; ++at)
+        core[at + 1] = 'L';
+    for (const size_t size : {core.size() / 2, size_t{5000}, size_t{100}, size_t{10}}) {
+        const Source cut(write(core.substr(0, size)).c_str());
         Dump damaged;
         damaged.load(cut, true);
     }
+    // What is looked at: the headers and notes, the modules' first pages, and the blocks' heads.
+    std::vector<std::pair<size_t, size_t>> parts = {{0, 64}};
+    const auto headers = *reinterpret_cast<Elf64_Ehdr *>(core.data());
+    for (size_t i = 0; i < headers.e_phnum; ++i) {
+        const size_t at = sizeof headers + i * sizeof(Elf64_Phdr);
+        const auto segment = *reinterpret_cast<Elf64_Phdr *>(&core[at]);
+        parts.emplace_back(at, sizeof segment);
+        if (segment.p_filesz != 0 && (i == 0 || core.compare(segment.p_offset, 4, ELFMAG) == 0))
+            parts.emplace_back(segment.p_offset, std::min<size_t>(segment.p_filesz, 4096));
+    }
+    for (const char *eye : {CL_EYE_MAIN, CL_EYE_FDTBL, CL_EYE_LIBTRC, CL_EYE_USRTRC}) {
+        for (size_t at = 0; (at = core.find(eye, at)) != std::string::npos; ++at)
+            parts.insert(parts.end(), 8, {at, at % 8 == 0 ? 200 : 1});
+    }
+    const std::string path = write(core), name = "it";
+    const int fd = open(path.c_str(), O_WRONLY);
+    const auto put = [&](size_t at, const void *bytes, size_t size) {
+        EXPECT_GT(pwrite(fd, bytes, size, static_cast<off_t>(at)), 0);
+    };
+    for (int round = 0; round < 500; ++round) {
+        std::vector<size_t> places;
+        for (uint32_t n = 1 + random.below(3); n != 0; --n) {
+            const auto [begin, length] = parts[random.below(static_cast<uint32_t>(parts.size()))];
+            const uint64_t values[] = {0, 1, UINT64_MAX, INT32_MAX, 4096, random.engine()()};
+            const size_t size = size_t{1} << random.below(4);
+            places.push_back(begin + random.below(static_cast<uint32_t>(length)) / size * size);
+            put(places.back(), &values[random.below(6)], size);
+        }
+        const Source source(path.c_str());
+        const Source *pointer = &source;
+        const auto &commands = trace_reader::kCommands;
+        const auto &command = commands[random.below(static_cast<uint32_t>(commands.size()))];
+        trace_reader::Text out, err;
+        if (!source.error().empty()) {
+            ASSERT_EQ(count_of(source.error(), "\n"), 0u);
+            ++refused;
+        } else if (command.only_reads() && command.files == 1) {
+            run_command(command, {}, {&name, 1}, {&pointer, 1}, out, err);
+            ASSERT_LT(out.size(), 1000000u);
+            ++shown;
+        }
+        for (const size_t at : places)
+            put(at, &core[at], sizeof(uint64_t));
+    }
+    close(fd);
+    EXPECT_GT(refused, 0u);
+    EXPECT_GT(shown, 0u);
 }
 
 }  // namespace

@@ -202,6 +202,12 @@ TEST_F(Reading, BeginsWithHowTheTraceEnded) {
          "process, while there ran " +
              call + ", while there ran " + callback + open},
         {at + "signal: 999 \ncode: 77\n", "killed by signal 999 (code 77), in "},
+        {"signal: 11 SIGSEGV\naddress: 0x10\n", "killed by SIGSEGV at address 0x10, in "},
+        {"signal: 11 SIGSEGV\ncode: 128\nthread: 3\n",
+         "killed by SIGSEGV (no valid address) in thread 3, in "},
+        {"signal: 15 SIGTERM\ncode: 0\naddress: 0x10\n",
+         "killed by SIGTERM (sent by a process), in "},
+        {"command: d\n", "d\nnot returned at "},
         // A clock that is behind the records is not asked.
         {"time: 1790000000.000001\n",
          "not returned at 2026-09-21 14:13:21.250000 (by its newest record), in CL_EventLoop_M for "
@@ -213,6 +219,10 @@ TEST_F(Reading, BeginsWithHowTheTraceEnded) {
             EXPECT_THAT(tool({command, "dump"}), testing::StartsWith(begins)) << command;
     }
     EXPECT_THAT(tool({"show", "--failures", "dump"}), Not(HasSubstr("open")));
+    for (int i = 0; i < 25; ++i)
+        put(CL_TrcHandle{}, CL_API_STOP_TIMER, 0);
+    CL_TRC_Out("dump", nullptr);
+    EXPECT_THAT(tool({"report", "dump"}), HasSubstr("\n  and 7 more\n"));
     EXPECT_THAT(tool({"report", "waits"}),
                 testing::StartsWith("in no callback at 2026-09-21 14:13:22.500000 (by its time "
                                     "stamp), in CL_EventLoop_M for 2.500s\n"));

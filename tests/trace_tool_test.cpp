@@ -1,9 +1,11 @@
 // qvcl-trace: no damage to a dump makes it crash, loop, or say nothing. What it says of dumps that
 // are whole is in the transcripts of trace_records_test.
+#include <elf.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <functional>
+#include <thread>
 
 #include "tests/folder.h"
 #include "tests/trace_story.h"
@@ -115,6 +117,8 @@ TEST_F(Damage, IsNamed) {
         {[&] { ring().oldest = 21; }, "ring indexes oldest 21, next "},
         {[&] { ring().next = 21; }, "next 21, wrapped 1"},
         {[&] { entry(0).remaining += 1; }, "no record begins in this entry"},
+        {[&] { ring().oldest = (ring().oldest + entry(0).remaining) % ring().entry_count; },
+         "a record begins in an entry not in use"},
         {[&] { entry(inside).remaining = 7; }, "no record begins in this entry"},
         {[&] { record(1).length = 350; }, " bytes in 1 entries of 192"},
         {[&] { record(1).length += 1; }, ": a record of "},
@@ -141,6 +145,59 @@ TEST_F(Damage, IsNamed) {
     const size_t total = std::stoul(many.out.substr(many.out.find("objects, ") + 9));
     EXPECT_EQ(lines(many.err), 21u);
     EXPECT_THAT(many.err, HasSubstr(": and " + std::to_string(total - 20) + " more\n"));
+}
+
+// One clear line for what is no dump, or cannot be read that way; a pipe is read as a file is.
+TEST_F(Damage, IsNoneOfWhereItComesFrom) {
+    using trace_reader::Access;
+    using trace_reader::Source;
+    const std::string elf(ELFMAG, SELFMAG);
+    folder.put("elf", elf), folder.put("empty", "");
+    folder.put("core32", elf + std::string("\1\1\1\0\0\0\0\0\0\0\0\0\4\0\3\0\1\0\0\0", 20) +
+                             std::string(40, '\0'));
+    constexpr const char *kNoProcess = "a process is named by its number: pid:1234";
+    const struct {
+        const char *name;
+        Access access;
+        std::string_view error;
+    } cases[] = {
+        {"none", {}, "No such file or directory"},
+        {".", {}, "Is a directory"},
+        {"pid:", {}, kNoProcess},
+        {"pid:1x", {}, kNoProcess},
+        {"pid:0", {}, kNoProcess},
+        {"pid:99999999999", {}, kNoProcess},
+        {"dump", {.stop = true, .exe = {}}, "--stop is for live processes"},
+        {"dump", {.stop = false, .exe = "dump"}, "--exe is for core files, and this is none"},
+        {"empty", {}, ""},
+#ifdef QVCL_ELFUTILS
+        {"/proc/self/exe", {}, "an ELF file, but no core file"},
+        {"elf", {}, "an ELF file, but no core file"},
+        {"core32", {}, "the core file of a 32-bit process"},
+#endif
+    };
+    for (const auto &[name, access, error] : cases)
+        EXPECT_EQ(Source(name, access).error(), error) << name;
+    const int input = dup(STDIN_FILENO);
+    for (const auto &[sent, error] :
+         {std::pair(bytes, ""), {elf + bytes, "a core file cannot be read from a pipe"}}) {
+        int ends[2];
+        ASSERT_EQ(pipe(ends), 0);
+        std::thread writer([&] {
+            EXPECT_EQ(write(ends[1], sent.data(), sent.size()), static_cast<ssize_t>(sent.size()));
+            close(ends[1]);
+        });
+        dup2(ends[0], STDIN_FILENO);
+        const Source source("-");
+        writer.join();
+        dup2(input, STDIN_FILENO);
+        close(ends[0]);
+        EXPECT_EQ(source.error(), error);
+        std::string got(source.size(), ' ');
+        EXPECT_EQ(source.read(0, got.data(), got.size()), got.size());
+        EXPECT_TRUE(got == sent || error[0] != '\0');
+    }
+    close(input);
 }
 
 // A header text may look like a block.
