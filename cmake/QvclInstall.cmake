@@ -24,7 +24,11 @@ install(FILES "${CMAKE_CURRENT_BINARY_DIR}/qvcl-config-version.cmake"
         DESTINATION "${package_dir}" COMPONENT development)
 
 # The pkg-config files reach the package from where they lie, so that a moved tree still works.
-file(RELATIVE_PATH pc_prefix "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
+# Packagers give folders as absolute paths, too.
+set(pc_folder "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig")
+file(RELATIVE_PATH pc_prefix "${pc_folder}" "${CMAKE_INSTALL_PREFIX}")
+file(RELATIVE_PATH pc_libdir "${pc_folder}" "${CMAKE_INSTALL_FULL_LIBDIR}")
+file(RELATIVE_PATH pc_includedir "${pc_folder}" "${CMAKE_INSTALL_FULL_INCLUDEDIR}")
 function(install_pkgconfig pc_name pc_description pc_requires)
     configure_file(cmake/pkgconfig.pc.in ${pc_name}.pc @ONLY)
     install(FILES "${CMAKE_CURRENT_BINARY_DIR}/${pc_name}.pc"
