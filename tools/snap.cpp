@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <stdexcept>
@@ -38,10 +39,12 @@ void write_file(const std::string &path, const Source &source) {
                           : mkostemp(name.data(), O_CLOEXEC);  // mode 0600
     bool fine = fd >= 0;
     std::vector<uint8_t> piece(kPiece);
-    for (uint64_t at = 0, got = 0; fine && at < source.size(); at += got) {
-        got = source.read(at, piece.data(), piece.size());
-        if (got == 0) break;
-        fine = write(fd, piece.data(), got) == static_cast<ssize_t>(got);
+    for (uint64_t at = 0; fine && at < source.size();) {
+        const uint64_t got = source.read(at, piece.data(), piece.size());
+        errno = EIO;  // where the source has become shorter
+        const ssize_t written = write(fd, piece.data(), got);
+        fine = written > 0;
+        at += static_cast<uint64_t>(std::max<ssize_t>(written, 0));
     }
     if (fd >= 0) fine = close(fd) == 0 && fine;
     fine = fine && (direct || rename(name.c_str(), path.c_str()) == 0);
