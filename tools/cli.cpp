@@ -47,11 +47,15 @@ constexpr Command kTable[] = {
      {},
      watch}};
 
-bool parse_number(const char *text, uint64_t &value) {
-    const bool hex = text[0] == '0' && (text[1] | 0x20) == 'x';
-    const char *begin = hex ? text + 2 : text;
-    const char *end = begin + strlen(begin);
-    const auto [stop, error] = std::from_chars(begin, end, value, hex ? 16 : 10);
+bool is_hex(std::string_view text) {
+    return text.starts_with("0x") || text.starts_with("0X");
+}
+
+bool parse_number(std::string_view text, uint64_t &value) {
+    const bool hex = is_hex(text);
+    const char *end = text.data() + text.size();
+    const auto [stop, error] =
+        std::from_chars(text.data() + (hex ? 2 : 0), end, value, hex ? 16 : 10);
     return error == std::errc() && stop == end;
 }
 
@@ -76,9 +80,9 @@ bool set_api(Options &options, const char *text) {
 
 bool set_handle(Options &options, const char *text) {
     uint64_t value = 0;
-    const bool is_slot = *text == '#' || !(text[0] == '0' && text[1] == 'x');
-    if (!parse_number(*text == '#' ? text + 1 : text, value)) return false;
-    (is_slot ? options.slot : options.handle) = value;
+    const bool is_marked = *text == '#';
+    if (!parse_number(text + (is_marked ? 1 : 0), value)) return false;
+    (is_marked || !is_hex(text) ? options.slot : options.handle) = value;
     return true;
 }
 
@@ -214,7 +218,10 @@ Status parse(int argc, char **argv, Line &line, Text &err) {
     opterr = 0;
     for (int index = 0; (index = getopt_long(argc, argv, "", longs.data(), nullptr)) != -1;) {
         if (index == '?') {
-            return usage(err, "unknown option, or a value is missing: ", argv[optind - 1]);
+            // None of one letter is known; those of a word in which they stand are read one by one.
+            const char letter[] = {'-', static_cast<char>(optopt), '\0'};
+            return usage(err, "unknown option, or a value is missing: ",
+                         optopt > kVersion ? letter : argv[optind - 1]);
         }
         if (index >= kHelp) {
             line.other = index;
