@@ -99,9 +99,10 @@ void check_object(Dump &dump, const Memberships &queues, uint64_t slot) {
         })) {
         complain(offsetof(CL_Object, kind_link), " is on the queue of another kind");
     }
-    const bool listed =
-        on(offsetof(CL_MainBlock, priority_list)) || on(offsetof(CL_MainBlock, pending_list)) ||
-        on(offsetof(CL_MainBlock, child_list)) || on(offsetof(CL_MainBlock, thread_list));
+    static constexpr size_t kLists[] = {
+        offsetof(CL_MainBlock, priority_list), offsetof(CL_MainBlock, pending_list),
+        offsetof(CL_MainBlock, child_list), offsetof(CL_MainBlock, thread_list)};
+    const bool listed = std::ranges::any_of(kLists, on);
     if (listed != ((object.status & CL_STATUS_LISTED) != 0)) {
         complain(offsetof(CL_Object, status), listed ? " is listed" : " is not listed",
                  ", its status says otherwise");

@@ -41,7 +41,7 @@ class FlowText {
     const End &end_of(const Message &message) const { return flow_.ends[message.end]; }
     const Message &other(const Message &message) const { return flow_.messages[message.other]; }
     void put_end(Text &out, const End &end) const;
-    void put_other_end(Text &out, const End &end, bool with_object) const;
+    void put_other_end(Text &out, const End &end) const;
     std::optional<Quiet> quiet(uint32_t number) const;
     bool is_open(uint32_t number) const;
     void put_route(const Message &message);
@@ -76,8 +76,8 @@ void FlowText::put_end(Text &out, const End &end) const {
     dumps_[end.trace].put_handle(out << ' ', end.handle);
 }
 
-void FlowText::put_other_end(Text &out, const End &end, bool with_object) const {
-    if (with_object && end.other != kNone) {
+void FlowText::put_other_end(Text &out, const End &end) const {
+    if (end.other != kNone) {
         put_end(out, flow_.ends[end.other]);
     } else if (end.peer != kNone) {
         out.plain(names_[end.peer]);
@@ -118,9 +118,9 @@ void FlowText::put_route(const Message &message) {
     const End &end = end_of(message);
     if (message.sent) {
         put_end(out_, end);
-        put_other_end(out_ << " -> ", end, true);
+        put_other_end(out_ << " -> ", end);
     } else {
-        put_other_end(out_, end, true);
+        put_other_end(out_, end);
         put_end(out_ << " -> ", end);
     }
     const CL_MsgHeader header = message.header();
@@ -131,7 +131,7 @@ void FlowText::put_message(const Message &message) {
     const auto lay = flow_.lay(message);
     const bool lost = message.fate == Fate::lost;
     out_.colour(Colour::dim).clock(message.time).colour(Colour::none) << ' ';
-    out_.right(lay ? Text().duration(*lay).str() : "", kDurationWidth);
+    out_.right(lay, kDurationWidth, "");
     out_.colour(lost ? Colour::red : Colour::none);
     out_ << (lost ? " ! " : message.fate == Fate::ambiguous ? " ? " : "   ");
     put_route(message);
@@ -187,10 +187,9 @@ void FlowText::put_latencies() {
         (out_ << name).column(begin, width);
         std::ranges::sort(row->lay);
         for (const uint64_t count : {row->lay.size(), row->ambiguous, row->lost})
-            out_.right((Text() << count).str(), kNumberWidth);
+            out_.right(count, kNumberWidth);
         for (const size_t percent : {size_t{50}, size_t{99}, size_t{100}}) {
-            const auto value = percentile(row->lay, percent);
-            out_.right(value ? Text().duration(*value).str() : "-", kNumberWidth);
+            out_.right(percentile(row->lay, percent), kNumberWidth, "-");
         }
         out_ << '\n';
     }
@@ -235,7 +234,7 @@ void FlowText::put_counts() {
                   {Fate::untraced, false, "read from processes whose trace is not here"}};
     for (const auto &[fate, sent, text] : kLines) {
         if (const uint64_t count = counts[{fate, sent}]; count != 0 || fate == Fate::joined) {
-            out_.right((Text() << count).str(), kNumberWidth) << ' ' << text << '\n';
+            out_.right(count, kNumberWidth) << ' ' << text << '\n';
         }
     }
 }

@@ -26,7 +26,7 @@ bool parse_number(std::string_view text, T &value, int base = 10) {
     }
     const char *end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, value, base);
-    return !text.empty() && error == std::errc() && stop == end;
+    return error == std::errc() && stop == end;
 }
 
 template <class T>
@@ -128,8 +128,7 @@ std::string escaped(std::string_view text) {
     for (const char c : text) {
         const auto byte = static_cast<uint8_t>(c);
         if (byte < 0x20 || byte == 0x7f) {
-            out.append("\\x").push_back("0123456789abcdef"[byte >> 4]);
-            out.push_back("0123456789abcdef"[byte & 15]);
+            out.append("\\x").append(hex_of({&byte, 1}));
         } else {
             out.append(c == '\\' ? "\\\\" : std::string_view(&c, 1));
         }

@@ -29,8 +29,7 @@ uint32_t event_of(const Record &record) {
 
 // A callback by its name, where that is known.
 void put_function(Text &out, const Dump &dump, uint64_t address, Mask mask) {
-    const std::string name =
-        dump.names != nullptr && mask == Mask::no ? dump.names->name_of(address) : "";
+    const std::string name = mask == Mask::no ? function_name(dump, address) : "";
     if (name.empty()) {
         put_address(out, dump, address, mask);
     } else {
@@ -139,6 +138,10 @@ void put_object(Text &out, const Dump &dump, uint64_t address) {
     if (slot && *slot < dump.objects.size() && dump.objects[*slot].kind != 0) {
         put_kind(out << ' ', dump.objects[*slot].kind);
     }
+}
+
+std::string function_name(const Dump &dump, uint64_t address) {
+    return dump.names != nullptr ? dump.names->name_of(address) : "";
 }
 
 void put_callback(Text &out, const Dump &dump, const Record &record) {

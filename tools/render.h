@@ -18,7 +18,8 @@ void put_title(Text &out, const Record &record);  // the name, and of a callback
 void put_object(Text &out, const Dump &dump, uint64_t address);  // #4 TIMER
 // The callback's name as far as the modules are known, else its address.
 void put_callback(Text &out, const Dump &dump, const Record &record);
-void put_position(Text &out, const Record &record);  // server.c:42
+std::string function_name(const Dump &dump, uint64_t address);  // empty when it is not known
+void put_position(Text &out, const Record &record);             // server.c:42
 // CL_Name_M(argument=value, ...), a change of status, or the beginning of a record that is not the
 // library's.
 void put_record(Text &out, const Dump &dump, const Record &record, Mask mask = Mask::no);

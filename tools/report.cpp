@@ -49,11 +49,10 @@ void put_rows(Text &out, std::string_view title, Rows &rows) {
         std::ranges::sort(figures.durations);
         out << name;
         out.column(out.size() - name.size(), kNameWidth);
-        out.right((Text() << figures.count).str(), kNumberWidth);
-        out.right((Text() << figures.failures).str(), kNumberWidth);
+        out.right(figures.count, kNumberWidth);
+        out.right(figures.failures, kNumberWidth);
         for (const size_t percent : {size_t{50}, size_t{99}, size_t{100}}) {
-            const auto value = percentile(figures.durations, percent);
-            out.right(value ? Text().duration(*value).str() : "-", kNumberWidth);
+            out.right(percentile(figures.durations, percent), kNumberWidth, "-");
         }
         out << '\n';
     }
@@ -115,7 +114,7 @@ void put_failures(Text &out, const Dump &dump, const Failures &failures) {
     out.right("failures", kNumberWidth) << "  first            last             what, where\n";
     for (const auto &row : std::span(order).first(shown)) {
         const auto &[text, failure] = *row;
-        out.right((Text() << failure.count).str(), kNumberWidth) << "  ";
+        out.right(failure.count, kNumberWidth) << "  ";
         out.clock(failure.first) << "  ";
         out.clock(failure.last) << "  " << text;
         if (failure.objects.size() == 1 && *failure.objects.begin() != 0) {
@@ -144,7 +143,7 @@ void put_slowest(Text &out, const Dump &dump, const Trace &trace) {
                               &std::pair<int64_t, const Record *>::first);
     out << "\nslowest callbacks\n";
     for (const auto &[duration, record] : std::span(slow).first(shown)) {
-        out.right(Text().duration(duration).str(), kNumberWidth) << "  ";
+        out.right(duration, kNumberWidth, "") << "  ";
         out.clock(record->time) << "  ";
         put_call(out, dump, trace, *record);
         out << '\n';

@@ -42,7 +42,7 @@ void Lines::put(const Record &record) {
     out_.colour(Colour::dim).clock(record.time).colour(Colour::none);
     const auto duration = trace_.duration(record);
     out_ << ' ';
-    out_.right(duration ? Text().duration(*duration).str() : "", kDurationWidth);
+    out_.right(duration, kDurationWidth, "");
     out_.colour(bad ? Colour::red : Colour::none) << (bad ? " ! " : "   ");
     out_.fill(std::min(size_t{2} * record.depth, kDeepest));
     put_record(out_, dump_, trace_.fuller(record));

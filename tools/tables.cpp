@@ -98,7 +98,7 @@ void put_file(Text &out, const Dump &dump) {
 
 // A function by its name, where that is known.
 void put_code(Text &out, const Dump &dump, uint64_t address) {
-    const std::string name = dump.names != nullptr ? dump.names->name_of(address) : "";
+    const std::string name = function_name(dump, address);
     name.empty() ? out.hex(address) : out.plain(name);
 }
 

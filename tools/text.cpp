@@ -2,8 +2,6 @@
 // the same reason each second is broken down into local time only once.
 #include "tools/text.h"
 
-#include <array>
-
 namespace trace_reader {
 
 namespace {
@@ -80,49 +78,38 @@ Text &Text::padded(uint64_t value, size_t width) {
 }
 
 Text &Text::duration(int64_t usec) {
-    struct Unit {
-        uint64_t from, size;
-        size_t decimals;
-        std::string_view name;
-    };
-    static constexpr std::array<Unit, 3> kUnits{
-        {{kSecond, kSecond, 3, "s"}, {1000, 1000, 3, "ms"}, {0, 1, 0, "us"}}};
     if (usec < 0) buffer_.push_back('-');  // the clock was set back
     const uint64_t value = usec < 0 ? 0 - static_cast<uint64_t>(usec) : static_cast<uint64_t>(usec);
-    for (const Unit &unit : kUnits) {
-        if (value < unit.from) continue;
-        *this << value / unit.size;
-        if (unit.decimals != 0) (*this << '.').padded(value % unit.size / (unit.size / 1000), 3);
-        return *this << unit.name;
-    }
-    return *this;
+    if (value < 1000) return *this << value << "us";
+    const uint64_t unit = value < kSecond ? 1000 : kSecond;
+    (*this << value / unit << '.').padded(value % unit / (unit / 1000), 3);
+    return *this << (value < kSecond ? "ms" : "s");
 }
 
-bool Text::local(uint64_t usec) {
+// Microseconds in 64 bits end long before the years do.
+const tm &Text::local(uint64_t usec) {
     const uint64_t second = usec / kSecond;
-    if (second == known_second_) return true;
-    const auto time = static_cast<time_t>(second);
-    if (localtime_r(&time, &known_) == nullptr || known_.tm_year < -1900) return false;
-    known_second_ = second;
-    return true;
+    if (second != known_second_) {
+        const auto time = static_cast<time_t>(second);
+        localtime_r(&time, &known_);
+        known_second_ = second;
+    }
+    return known_;
 }
 
 Text &Text::day(uint64_t usec) {
-    if (!local(usec)) return *this << "second " << usec / kSecond;
-    padded(static_cast<uint64_t>(known_.tm_year) + 1900, 4) << '-';
-    padded(static_cast<uint64_t>(known_.tm_mon) + 1, 2) << '-';
-    return padded(static_cast<uint64_t>(known_.tm_mday), 2);
+    const tm &time = local(usec);
+    padded(static_cast<uint64_t>(time.tm_year) + 1900, 4) << '-';
+    padded(static_cast<uint64_t>(time.tm_mon) + 1, 2) << '-';
+    return padded(static_cast<uint64_t>(time.tm_mday), 2);
 }
 
 Text &Text::clock(uint64_t usec) {
-    if (!local(usec)) {
-        *this << '@' << usec / kSecond;
-    } else {
-        padded(static_cast<uint64_t>(known_.tm_hour), 2) << ':';
-        padded(static_cast<uint64_t>(known_.tm_min), 2) << ':';
-        padded(static_cast<uint64_t>(known_.tm_sec), 2);
-    }
-    return (*this << '.').padded(usec % kSecond, 6);
+    const tm &time = local(usec);
+    padded(static_cast<uint64_t>(time.tm_hour), 2) << ':';
+    padded(static_cast<uint64_t>(time.tm_min), 2) << ':';
+    padded(static_cast<uint64_t>(time.tm_sec), 2) << '.';
+    return padded(usec % kSecond, 6);
 }
 
 Text &Text::colour(Colour colour) {
@@ -142,6 +129,10 @@ Text &Text::column(size_t start, size_t width) {
 
 Text &Text::right(std::string_view text, size_t width) {
     return fill(text.size() < width ? width - text.size() : 0) << text;
+}
+
+Text &Text::right(std::optional<int64_t> usec, size_t width, std::string_view none) {
+    return usec ? right(Text().duration(*usec).str(), width) : right(none, width);
 }
 
 void Text::spill() {

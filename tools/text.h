@@ -65,6 +65,12 @@ class Text {
     Text &fill(size_t count, char c = ' ');
     Text &column(size_t start, size_t width);  // pads what was appended since `start`
     Text &right(std::string_view text, size_t width);
+    template <std::integral T>
+    Text &right(T value, size_t width) {
+        return right((Text() << value).str(), width);
+    }
+    // A duration, or that text when there is none.
+    Text &right(std::optional<int64_t> usec, size_t width, std::string_view none);
 
     size_t size() const { return buffer_.size(); }
     const std::string &str() const { return buffer_; }
@@ -80,7 +86,7 @@ class Text {
         return *this;
     }
     Text &padded(uint64_t value, size_t width);
-    bool local(uint64_t usec);
+    const tm &local(uint64_t usec);
 
     FILE *stream_;
     bool colours_;

@@ -163,7 +163,6 @@ void TimelineWriter::put_order(std::string_view what, uint64_t process, uint64_t
 
 // A ruler: slices of a round length that bear the time of day at which they begin.
 void TimelineWriter::put_clock() {
-    if (last_ < base_) return;
     Text day;
     day.day(base_);
     put_name("process_name", 0, 0, "wall clock, local time");
@@ -176,7 +175,7 @@ void TimelineWriter::put_clock() {
                                : timeline_.processes_.front().trace.records.front().time;
     const uint64_t begin = std::clamp(first, base_, last_), span = last_ - begin;
     uint64_t step = 1;  // 2, 5, 10, 20 ...
-    for (uint64_t i = 0; span / step > kClockMarks && i < 57; ++i)
+    for (uint64_t i = 0; span / step > kClockMarks; ++i)
         step = i % 3 == 1 ? step / 2 * 5 : step * 2;
     for (uint64_t at = (begin - base_) / step * step, mark = 0;
          at <= last_ - base_ && mark <= kClockMarks; at += step, ++mark) {

@@ -33,11 +33,12 @@ struct Slow {
 
 enum class Order { count, time, longest };
 
-// Keys without Enter, for as long as it lives, when standard input is a terminal.
+// Keys without Enter, for as long as it lives, when standard input is a terminal. Only for a table
+// on a terminal: a job in the background that touches its terminal's modes is stopped.
 class Keys {
   public:
-    Keys() {
-        if (tcgetattr(STDIN_FILENO, &saved_) != 0) return;
+    explicit Keys(bool wanted) {
+        if (!wanted || tcgetattr(STDIN_FILENO, &saved_) != 0) return;
         termios raw = saved_;
         raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
         is_terminal_ = tcsetattr(STDIN_FILENO, TCSANOW, &raw) == 0;
@@ -107,8 +108,7 @@ void Counts::add_call(Looks &looks, const Record &exit) {
         return;
     }
     const auto function = load<uint64_t>(told.bytes, offsetof(CL_TrcCallback, callback));
-    const std::string name =
-        looks.dump().names != nullptr ? looks.dump().names->name_of(function) : "";
+    const std::string name = function_name(looks.dump(), function);
     put_object(title << ' ', looks.dump(), trace.object_of(told));
     slowest_.push_back({duration, title.str() + ' ' + name});
     std::ranges::stable_sort(slowest_, std::greater(), &Slow::duration);
@@ -183,21 +183,21 @@ void Counts::put_rows(Text &out, Order order) const {
     for (const auto &[name, row] : std::span(rows).first(std::min(rows.size(), kRows))) {
         out << name;
         out.column(out.size() - name.size(), kNameWidth);
-        out.right((Text() << row.count).str(), kWidth);
-        out.right((Text() << row.failures).str(), kWidth);
-        out.right(Text().duration(row.total).str(), kWidth);
-        out.right(Text().duration(row.longest).str(), kWidth) << '\n';
+        out.right(row.count, kWidth);
+        out.right(row.failures, kWidth);
+        out.right(row.total, kWidth, "");
+        out.right(row.longest, kWidth, "") << '\n';
     }
     out << "\nslowest callbacks\n";
     for (const Slow &slow : slowest_)
-        out.right(Text().duration(slow.duration).str(), kWidth) << "  " << slow.what << '\n';
+        out.right(slow.duration, kWidth, "") << "  " << slow.what << '\n';
 }
 
 }  // namespace
 
 bool top(Looks &looks, const Options &options, Text &out, Text &err) {
     const bool whole = isatty(STDOUT_FILENO) != 0;
-    const Keys keys;
+    const Keys keys(whole);
     Order order = Order::count;
     Counts counts(looks.process());
     looks.take(looks.fresh().size());  // of the time before

@@ -37,8 +37,7 @@ void put_stall(Text &out, Looks &looks, const Record &callback, const std::strin
     put_title(out, callback);
     put_object(out << ' ', looks.dump(), looks.trace().object_of(callback));
     const auto function = load<uint64_t>(callback.bytes, offsetof(CL_TrcCallback, callback));
-    const auto &names = looks.dump().names;
-    out << ' ' << (names != nullptr ? names->name_of(function) : "") << " open for ";
+    out << ' ' << function_name(looks.dump(), function) << " open for ";
     out.duration(static_cast<int64_t>(now() - callback.time)) << ": " << path << '\n';
     out.flush();
 }
