@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
-#include <pty.h>
 #include <sys/auxv.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -539,74 +538,6 @@ TEST(Looks, FollowTellsEveryCallOnceAndWhatWasLost) {
         EXPECT_THAT(err.str(), HasSubstr("it has ended"));
         printf("%zu of %" PRIu64 " calls\n", told, kCalls);
     }
-}
-
-TEST(Looks, WatchKeepsEachStallOnce) {
-    const Child child([](std::atomic<uint64_t> &stalls) {
-        CL_ErrInfo err{};
-        CL_Init(10, nullptr, &err);
-        test::Action stall = [&](CL_Object *, CL_Event *) {
-            usleep(++stalls == 1 ? 1000 : 300000);
-            return 0u;
-        };
-        CL_Event event{};
-        CL_Object *object = CL_CreateFD(CL_KIND_FD, test::call_action, 0, 0, &err);
-        for (;;)
-            cl_Callback_M(test::call_action, object, &event, test::address(&stall), 0, CL_HERE);
-    });
-    child.wait_beyond(1);
-    const test::Folder folder;
-    trace_reader::Looks looks(child.pid());
-    trace_reader::Options options;
-    options.stall = 100000;
-    options.out = folder.path("");
-    options.max = 2;
-    trace_reader::Text out, err;
-    EXPECT_TRUE(watch(looks, options, out, err));
-    EXPECT_EQ(folder.files(), 2u);
-    EXPECT_EQ(count_of(out.str(), "open for"), 2u);
-    for (const auto &entry : std::filesystem::directory_iterator(folder.path(""))) {
-        const Source source(entry.path().c_str());
-        Dump dump;
-        dump.load(source, true);
-        EXPECT_EQ(trace_reader::Trace(dump).open.size(), 1u);
-    }
-}
-
-// On a terminal it shows what was called, in the order of the last key.
-TEST(Looks, TopCountsWhatIsCalled) {
-    const Child child([](std::atomic<uint64_t> &calls) {
-        CL_ErrInfo err{};
-        CL_Init(10, nullptr, &err);
-        test::Action wait = [](CL_Object *, CL_Event *) { return usleep(1000) == 0 ? 0u : 1u; };
-        CL_Event event{};
-        for (;; ++calls) {
-            CL_Object *object = CL_CreateFD(CL_KIND_FD, test::call_action, 0, 0, &err);
-            cl_Callback_M(test::call_action, object, &event, test::address(&wait), 0, CL_HERE);
-            CL_AddEventList(object, 1, &err);
-            CL_DeleteFD(object, &err);
-        }
-    });
-    child.wait_beyond(1);
-    int keys, terminal;
-    ASSERT_EQ(openpty(&keys, &terminal, nullptr, nullptr, nullptr), 0);
-    const int before[] = {dup(STDIN_FILENO), dup(STDOUT_FILENO)};
-    for (const int fd : {STDIN_FILENO, STDOUT_FILENO})
-        dup2(terminal, fd);
-    trace_reader::Looks looks(child.pid());
-    trace_reader::Options options;
-    options.interval = 100000;
-    std::thread user([&] {
-        for (const char *key : {"t", "m", "c", "q"})
-            usleep(300000), static_cast<void>(write(keys, key, 1) > 0);
-    });
-    trace_reader::Text out, err;
-    EXPECT_TRUE(top(looks, options, out, err));
-    user.join();
-    for (const int fd : {STDIN_FILENO, STDOUT_FILENO})
-        dup2(before[fd], fd);
-    for (const char *told : {"keys: ", "CL_AddEventList_M", "CL_CreateFD_M", "slowest callbacks"})
-        EXPECT_THAT(out.str(), HasSubstr(told)) << err.str();
 }
 
 // ---------------------------------------------------------------- cores

@@ -36,6 +36,11 @@ TEST(HeaderLines, HoldWhatIsUnderstood) {
     std::string many;
     for (int i = 0; i < 5000; ++i)
         many += "module: 0x1 0x2 - x\n";
+    std::string parts, kept;
+    for (int i = 0; i < 20; ++i) {
+        parts += "incomplete: p\n";
+        kept += i < 16 ? "|p" : "";
+    }
     const struct {
         std::string text, wanted;
     } cases[] = {
@@ -52,9 +57,32 @@ TEST(HeaderLines, HoldWhatIsUnderstood) {
         {"signal: 64 \nreason: first\nreason: second\nprocess: 3\nprocess: 4\n",
          "first|-|3||0||64 - - -"},
         {many, "|-|-||4096|1-2x"},
+        {parts, "|-|-||0|" + kept},
+        {"time: 12.x00345\ntime: x.000345\ntime: 12.0000345\ntime: 12\ntime: 3.000000\n"
+         "time: 4.000000\n",
+         "|3000000|-||0|"},
+        {"code: 1\nthread: 2\nsignal: 5 A\\xzz\\x4\nsignal: 6 B\ncode: x\naddress: 16\n",
+         "|-|-||0||5A\\xzz\\x4 - - -"},
     };
     for (const auto &[text, wanted] : cases)
         EXPECT_EQ(told(HeaderLines::parse(text)), wanted) << text.substr(0, 100);
+}
+
+TEST(HeaderLines, AreReadAsTheyWereWritten) {
+    HeaderLines lines{.reason = "a\nb\\x41\x7f", .time = 12000345, .pid = 7, .command = "./d\t-v"};
+    for (const uint64_t base : {0x1000, 0x5000})
+        lines.modules.push_back({base, base + 0x1000, base == 0x1000 ? "a0" : "", "/a b"});
+    lines.incomplete = {"tables", "user\rring"};
+    for (const auto &signal :
+         {HeaderLines::Signal{.number = 64, .name = ""},
+          {.number = 11, .name = "SIG\x1b", .code = -6, .address = 0x10, .thread = 8}}) {
+        EXPECT_EQ(told(HeaderLines::parse(lines.text(4096))), told(lines));
+        lines.signal = signal;
+    }
+    // Where there is little room, modules give way.
+    HeaderLines less = lines;
+    less.modules.pop_back();
+    EXPECT_EQ(told(HeaderLines::parse(lines.text(less.text(4096).size() + 10))), told(less));
 }
 
 // ---- Traces
@@ -90,7 +118,7 @@ class Reading : public testing::Test {
                uint32_t reason = 0, uint32_t value = 0) {
         CL_TrcCallback record{};
         record.callback = 0x1234;
-        record.handle = 0x40;
+        record.handle = handle;
         record.type = type;
         record.error.err = error;
         record.data_length = length;
@@ -127,6 +155,7 @@ class Reading : public testing::Test {
 
     test::Folder folder;
     uint64_t now = 0;
+    uint64_t handle = 0x40;  // of the object that callbacks are about
 };
 
 TEST_F(Reading, TellsWhatAPersonCallsAFailure) {
@@ -144,6 +173,8 @@ TEST_F(Reading, TellsWhatAPersonCallsAFailure) {
         {[&] { call<CL_TrcSend>(CL_API_SEND_MSGC, EPIPE, true); }, 1, "CL_SendMSGC_M: EPIPE"},
         {[&] { call<CL_TrcSend>(CL_API_SEND_MSGC, CL_ERR_IN_PROGRESS); }, 0, ""},
         {[&] { fail_status(); }, 1, "status failed"},
+        {[&] { put(CL_TrcProcess{}, CL_API_END, 0), put(CL_TrcProcess{}, CL_API_END, 1); }, 1,
+         "CL_End_M: failed"},
         {[&] { event(CL_EVENT_CHILD_END, 0, 0, 0, CL_CHILD_EXITED, 0); }, 0, ""},
         {[&] { event(CL_EVENT_CHILD_END, 0, 0, 0, CL_CHILD_EXITED, 3); }, 1, "ended with status 3"},
         {[&] { event(CL_EVENT_CHILD_END, 0, 0, 0, CL_CHILD_KILLED, SIGKILL); }, 1,
@@ -167,6 +198,34 @@ TEST_F(Reading, TellsWhatAPersonCallsAFailure) {
                 EXPECT_THAT(line, HasSubstr(text));
             }
         }
+    }
+}
+
+// Of a child, its process and where that was started, unless the slot is another's by now.
+TEST_F(Reading, TellsWhoseAFailureWas) {
+    CL_Init(5, nullptr, nullptr);
+    CL_Object *const timer = CL_CreateFD_M(CL_KIND_TIMER, nullptr, 0, 0, nullptr, 1, "t.c", 8),
+                     *const child =
+                         CL_CreateFD_M(CL_KIND_CHILD, nullptr, 0, 0, nullptr, 1, "d.c", 7);
+    child->child.pid = 99;
+    const uint64_t slots[] = {test::address(timer), test::address(child), 0x40};
+    const struct {
+        std::vector<int> ends;  // which of them
+        std::string said;
+    } cases[] = {{{1}, "0x1234  #1 CHILD (process 99, started at d.c:7)\n"},
+                 {{1, 1}, "0x1234  #1 CHILD (last: process 99, started at d.c:7)\n"},
+                 {{0, 1}, "0x1234  2 objects (last: process 99, started at d.c:7)\n"},
+                 {{1, 0}, "0x1234  2 objects\n"},
+                 {{2}, "0x1234  0x40\n"}};
+    for (const auto &[ends, said] : cases) {
+        CL_TRC_End_M(CL_RING_LIBRARY);
+        CL_INTRC_Init();
+        for (const int i : ends) {
+            handle = slots[i];
+            event(CL_EVENT_CHILD_END, 0, 0, 0, CL_CHILD_EXITED, 3);
+        }
+        CL_TRC_Out("dump", nullptr);
+        EXPECT_THAT(tool({"report", "dump"}), HasSubstr("ended with status 3  " + said));
     }
 }
 
@@ -325,6 +384,60 @@ TEST_F(Reading, JoinsProcessesByArrows) {
     EXPECT_EQ(end_of("s", "5"), sent.begin);
     EXPECT_GT(end_of("f", "6"), received.begin);
     EXPECT_LT(end_of("f", "6"), received.end);
+}
+
+// What is known of the other end, where no message or only half of one tells of it.
+TEST_F(Reading, NamesTheOtherEndOfAMessage) {
+    const auto both = [&](auto record, uint8_t api) {
+        put(record, api, 0);
+        tick(10);
+        put(record, api, 1);
+    };
+    const auto connect = [&](uint64_t object, const char *path) {
+        CL_TrcConnect record{.result = 1, .handle = object};
+        strcpy(record.path, path);
+        both(record, CL_API_CNCT_MSGC);
+    };
+    const auto send = [&](uint64_t object, uint32_t sender, uint32_t error) {
+        CL_TrcSend record{.result = error == 0 ? 60u : 0u, .handle = object, .block_size = 60};
+        record.error.err = error;
+        record.data_length = 60;
+        const CL_MsgHeader header{20, CL_MSG_VERSION, sender, static_cast<uint32_t>(object)};
+        memcpy(record.data + CL_MSG_PREFIX_SIZE, &header, sizeof header);
+        both(record, CL_API_SEND_MSGC);
+    };
+    const auto receive = [&](uint64_t object, uint32_t sender) {
+        CL_TrcReceive record{.result = 20, .handle = object};
+        const CL_MsgHeader header{20, CL_MSG_VERSION, sender, 100 + static_cast<uint32_t>(object)};
+        memcpy(record.data, &header, sizeof header);
+        both(record, CL_API_RECV_MSGC);
+    };
+    CL_TrcOpenServer server{.result = 1, .handle = 9};
+    strcpy(server.path, "/mine");
+    both(server, CL_API_OPEN_MSGS);
+    both(CL_TrcAccept{.result = 2, .handle = 9}, CL_API_ACCEPT_MSGS);
+    connect(1, "/far");
+    receive(3, 777);
+    receive(4, 6);
+    for (const uint64_t object : {1u, 2u, 3u, 4u, 5u})
+        send(object, 5, ETIMEDOUT);
+    tick(1000);
+    both(CL_TrcHandle{}, CL_API_STOP_TIMER);
+    CL_TRC_Out("a", "process: 5\ncommand: ./a\n");
+    CL_TRC_End_M(CL_RING_LIBRARY);
+    CL_TRC_Init_M(nullptr, CL_TRC_LIB_ENTRY, 1000, nullptr, CL_RING_LIBRARY);
+    tick(0 - uint64_t{900});
+    connect(7, "/mine");
+    receive(7, 5);
+    send(7, 6, 0);
+    CL_TRC_Out("b", "process: 6\n");
+    const std::string said = tool({"flow", "a", "b"});
+    for (const char *text :
+         {"a: process 5 (./a), ", "b: process 6, ", "a 0x1 -> the server at /far  type 1",
+          "a 0x2 -> a client of /mine  type 2", "a 0x3 -> process 777  type 3",
+          "a 0x4 -> b  type 4", "a 0x5 -> ?  type 5", "(sending it did not finish)",
+          "a -> b 0x7  type 107", "  its sending is in no trace\n", "b 0x7 -> a", "  not read, "})
+        EXPECT_THAT(said, HasSubstr(text));
 }
 
 }  // namespace

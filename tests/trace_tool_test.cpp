@@ -109,6 +109,7 @@ TEST_F(Damage, IsNamed) {
          "#8 is on the queue of another kind"},
         {[&] { main().free_queue.head = nullptr; }, "#8 is neither free nor used"},
         {[&] { object(3).status = CL_STATUS_READY; }, "#3 is listed, its status says otherwise"},
+        {[&] { object(4).status |= CL_STATUS_RUNNING; }, "#4 is not timed, its status"},
         {[&] { main().timer_cursor = reinterpret_cast<CL_Object *>(8); }, "address of no object"},
         {[&] { main().loop_cursor = reinterpret_cast<CL_Object *>(behind); },
          "address of no object"},
@@ -198,6 +199,40 @@ TEST_F(Damage, IsNoneOfWhereItComesFrom) {
         EXPECT_TRUE(got == sent || error[0] != '\0');
     }
     close(input);
+}
+
+// One of the story's objects becomes others.
+TEST_F(Damage, IsNoneInOtherObjects) {
+    const struct {
+        uint32_t kind, sub_status;
+        std::string_view said;
+    } cases[] = {
+        {CL_KIND_MSGC, 0, "  waits for nothing\n"},
+        {CL_KIND_MSGC, CL_SUB_CONNECT_PENDING | CL_SUB_RECV_PENDING,
+         "waits for the connection to \"socket\", a message, 0 bytes of at most 0 are here\n"},
+        {CL_KIND_EXECC, CL_SUB_RECV_PENDING | CL_SUB_SEND_PENDING,
+         "here, room to send 0 messages\n"},
+        {CL_KIND_END, CL_SUB_SEND_PENDING, "  waits for room to send 0 messages\n"},
+        {CL_KIND_CHILD, CL_SUB_EXEC_AWAITED, ", its report that it is up\n"},
+        {CL_KIND_SHM, 0, " bytes, mapped at 0x"},
+        {CL_KIND_TIMER, 0, "  is due\n"},
+        {77, 0, "  error EPIPE ("},
+    };
+    object(1).status |= CL_STATUS_RUNNING;
+    object(1).remaining = CL_TIMER_DUE;
+    object(1).error.err = EPIPE;
+    for (const auto &[kind, sub_status, said] : cases) {
+        object(1).kind = kind;
+        object(1).sub_status = sub_status;
+        EXPECT_THAT(tool("tables", bytes).out, HasSubstr(said));
+    }
+    for (const size_t number : {0, 1, 2}) {
+        object(number).kind = CL_KIND_MSGC;
+        object(number).status = CL_STATUS_LISTED;
+        object(number).sub_status = 0;
+    }
+    EXPECT_THAT(tool("report", bytes).out,
+                HasSubstr("as nothing is pending: #0 MSGC and 2 other connections\n"));
 }
 
 // A header text may look like a block.
