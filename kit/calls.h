@@ -14,7 +14,8 @@
     CALL(1, epoll_create1, -1)                                                                    \
     CALL(4, epoll_ctl, -1) CALL(2, eventfd, -1) CALL(2, execv, -1) CALL(3, execve, -1)            \
     CALL(1, fdatasync, -1) CALL(2, fopen, nullptr) CALL(2, fstat, -1) CALL(1, fsync, -1)          \
-    CALL(2, ftruncate, -1) CALL(0, getpid, -1) CALL(3, inotify_add_watch, -1)                     \
+    CALL(2, ftruncate, -1) CALL(3, getpeername, -1) CALL(0, getpid, -1) CALL(5, getsockopt, -1)   \
+    CALL(3, inotify_add_watch, -1)                                                                \
     CALL(1, inotify_init1, -1) CALL(2, kill, -1) CALL(2, link, -1) CALL(2, listen, -1)            \
     CALL(3, lseek, -1) CALL(2, lstat, -1) CALL(2, mkdir, -1) CALL(6, mmap, MAP_FAILED)            \
     CALL(2, munmap, -1) CALL(1, opendir, nullptr)                                                 \

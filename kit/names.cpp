@@ -45,6 +45,7 @@ const Row kErrors[] = {
     {"fstat", {EIO, EOVERFLOW}},
     {"fsync", {EINTR, EIO, ENOSPC}},
     {"ftruncate", {EFBIG, EINTR, EIO, ENOSPC}},
+    {"getpeername", {ENOBUFS, ENOTCONN}},
     {"inotify_add_watch", {EACCES, ENOENT, ENOMEM, ENOSPC}},
     {"inotify_init1", {EMFILE, ENFILE, ENOMEM}},
     {"kill", {EPERM, ESRCH}},
