@@ -27,8 +27,8 @@
 #include <cstring>
 #include <iterator>
 
-#include "core/error.h"
 #include "starter/header_text.h"
+#include "starter/report.h"
 
 namespace {
 
@@ -517,8 +517,9 @@ size_t stack_size() {
 }
 
 void release_stack(void *room) {
-    stack_t now;
-    if (sigaltstack(nullptr, &now) == 0 && now.ss_sp == static_cast<char *>(room) + page_size()) {
+    stack_t now = {};
+    sigaltstack(nullptr, &now);
+    if (now.ss_sp == static_cast<char *>(room) + page_size()) {
         now.ss_flags = SS_DISABLE;
         sigaltstack(&now, nullptr);
     }
@@ -531,8 +532,9 @@ void make_key() {
 
 bool give_stack() {
     static pthread_once_t once = PTHREAD_ONCE_INIT;
-    stack_t stack = {};
-    if (sigaltstack(nullptr, &stack) == 0 && (stack.ss_flags & SS_DISABLE) == 0) return true;
+    stack_t stack = {.ss_sp = nullptr, .ss_flags = SS_DISABLE, .ss_size = 0};
+    sigaltstack(nullptr, &stack);
+    if ((stack.ss_flags & SS_DISABLE) == 0) return true;
     pthread_once(&once, make_key);
     const size_t size = stack_size();
     void *room =
@@ -553,9 +555,8 @@ bool give_stack() {
 }  // namespace
 
 extern "C" uint32_t CL_RecordCrashes(const char *path, CL_ErrInfo *err) {
-    CL_ErrInfo scratch;
-    if (!err) err = &scratch;
-    *err = {};
+    const qvcl::Report record(err);
+    err = record;
     char absolute[PATH_MAX];
     if (!make_absolute(path, absolute, err) || !may_record(absolute, err)) return 0;
     Prepared *made = prepare(absolute, err);
@@ -571,9 +572,8 @@ extern "C" uint32_t CL_RecordCrashes(const char *path, CL_ErrInfo *err) {
 }
 
 extern "C" uint32_t CL_CrashStack(CL_ErrInfo *err) {
-    CL_ErrInfo scratch;
-    if (!err) err = &scratch;
-    *err = {};
+    const qvcl::Report record(err);
+    err = record;
     if (!give_stack()) return fail(err, ENOMEM);
     return 1;
 }

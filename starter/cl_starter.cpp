@@ -16,7 +16,7 @@
 #include <cerrno>
 #include <csignal>
 
-#include "core/error.h"
+#include "starter/report.h"
 
 namespace {
 
@@ -184,9 +184,8 @@ bool send_report(CL_Object *end, CL_MsgBlock *report, CL_ErrInfo *err, const cha
 extern "C" CL_Object *CL_StartProgram_M(const CL_Program *program, CL_Callback callback,
                                         uint64_t arg1, uint64_t arg2, CL_ErrInfo *err,
                                         uint8_t callerFlag, const char *file, uint32_t line) {
-    CL_ErrInfo scratch;
-    if (!err) err = &scratch;
-    *err = {};
+    const qvcl::Report record(err);
+    err = record;
     if (!may_start(program, callback, err)) return nullptr;
     CL_Object *child =
         CL_CreateFD_M(CL_KIND_CHILD, callback, arg1, arg2, err, callerFlag, file, line);
@@ -203,9 +202,8 @@ extern "C" CL_Object *CL_StartProgram_M(const CL_Program *program, CL_Callback c
 }
 
 extern "C" uint32_t CL_RequestEnd(CL_Object *child, CL_ErrInfo *err) {
-    CL_ErrInfo scratch;
-    if (!err) err = &scratch;
-    *err = {};
+    const qvcl::Report record(err);
+    err = record;
     if (!cl_CheckFD(child, err)) return 0;
     if (child->kind != CL_KIND_CHILD || !(child->sub_status & CL_SUB_EXEC_COMPLETE))
         return fail(err, EBADF);
@@ -224,9 +222,8 @@ extern "C" CL_Object *CL_StartupComplete_M(CL_Callback endCallback, uint64_t arg
                                            uint32_t watch_sync, CL_ErrInfo *err, uint8_t callerFlag,
                                            const char *file, uint32_t line) {
     (void)callerFlag;  // END objects are the library's to create, whoever asks
-    CL_ErrInfo scratch;
-    if (!err) err = &scratch;
-    *err = {};
+    const qvcl::Report record(err);
+    err = record;
     const char *path = cl_GetEnvValue(CL_STARTER_SOCKET);
     if (!may_report(path, endCallback, err)) return nullptr;
     CL_Object *end = CL_CreateFD_M(CL_KIND_END, cl_EndCallback, arg1, arg2, err, 1, file, line);
@@ -244,9 +241,8 @@ extern "C" CL_Object *CL_StartupComplete_M(CL_Callback endCallback, uint64_t arg
 }
 
 extern "C" uint32_t CL_NotifyManager(const char *state, CL_ErrInfo *err) {
-    CL_ErrInfo scratch;
-    if (!err) err = &scratch;
-    *err = {};
+    const qvcl::Report record(err);
+    err = record;
     const char *path = cl_GetEnvValue("NOTIFY_SOCKET");
     if (!path || !*path) return 0;
     if (!state) return fail(err, EFAULT);

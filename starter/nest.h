@@ -16,9 +16,11 @@
 #include <csignal>
 #include <utility>
 
-#include "core/error.h"
+#include "starter/report.h"
 
 namespace qvcl::nest {
+
+using qvcl::Report;
 
 // The first one is that of an entry that is free.
 enum Kind : uint32_t {
@@ -229,19 +231,6 @@ inline void remove(Nest &nest, Handle &handle) {
 // The same for the public function of a kind.
 uint32_t remove(const Failure &told, void *handle, Kind kind, CL_ErrInfo *err,
                 uint32_t line = __builtin_LINE());
-
-// The caller's error record, cleared; or one for nobody.
-class Report {
-  public:
-    explicit Report(CL_ErrInfo *err) : err_(err != nullptr ? err : &own_) { *err_ = {}; }
-    Report(const Report &) = delete;
-    Report &operator=(const Report &) = delete;
-    operator CL_ErrInfo *() const { return err_; }
-
-  private:
-    CL_ErrInfo own_ = {};
-    CL_ErrInfo *err_;
-};
 
 // The two records around a callback.
 class Told {
