@@ -344,7 +344,7 @@ ssize_t write_ring(const Channel &channel) {
 }
 
 void write_gathered(Channel &channel) {
-    if (channel.used == 0 || channel.blocked || channel.broken.err != 0) return;
+    if (channel.used == 0 || channel.blocked) return;
     nest::Told batch = told(channel, CL_EVENT_CHANNEL_WRITE, nullptr);
     batch.length(channel.used).exit(0, channel.gathered).call([&] {
         const ssize_t written = write_ring(channel);
@@ -375,7 +375,7 @@ void put_bytes(Channel &channel, const void *from, uint32_t length) {
     uint32_t at = channel.head + channel.used;
     if (at >= size) at -= size;
     const uint32_t first = length < size - at ? length : size - at;
-    if (first != 0) memcpy(channel.out + at, from, first);
+    memcpy(channel.out + at, from, first);
     if (first < length)
         memcpy(channel.out, static_cast<const char *>(from) + first, length - first);
     channel.used += length;
@@ -410,13 +410,14 @@ bool wants_close(const Channel &channel) {
 }
 
 bool wants_drained(const Channel &channel) {
-    if (channel.refused == 0 || channel.fd == -1) return false;
+    if (channel.refused == 0) return false;
     const uint32_t half = channel.options.send_size / 2;
     return room(channel) >= (channel.refused > half ? channel.refused : half);
 }
 
 uint32_t close_channel(Channel &channel) {
     release(channel);
+    channel.used = 0;  // or it would wait for turns to write them
     channel.refused = 0;
     return told(channel, CL_EVENT_CHANNEL_CLOSED, nest::any_function(channel.options.closed))
         .exit(0, channel.reason.err)
@@ -434,7 +435,6 @@ uint32_t tell_drained(Channel &channel) {
 
 // Writes; then tells what there is to tell, unless the loop is to end, and returns that result.
 uint32_t settle(Channel &channel, uint32_t result) {
-    if (channel.fd == -1) return result;
     write_gathered(channel);
     if (channel.reason.err == 0) set_watch(channel, &channel.reason);
     if (result != 0) return result;

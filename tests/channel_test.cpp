@@ -229,10 +229,12 @@ void Model::act_on(Modelled &line) {
             line.to_read.erase(0, got.size());
             return;
         }
-        case 7:
-            line.paused = below(3) == 0;
-            (line.paused ? CL_PauseChannel_M : CL_ResumeChannel_M)(line.handle, &err_, 0, "", 0);
+        case 7: {  // refused where the end is only not told yet
+            const bool pause = below(3) == 0;
+            if ((pause ? CL_PauseChannel_M : CL_ResumeChannel_M)(line.handle, &err_, 0, "", 0) != 0)
+                line.paused = pause;
             return;
+        }
         case 8:
             CL_FlushChannel(line.handle, &err_);
             return;
@@ -581,6 +583,148 @@ TEST_F(Channel, EndsWhoIsSilentOrDoesNotFinish) {
     }
 }
 
+// A callback deletes the nest while others are due, which were made in it.
+TEST_F(Channel, OutlivesItsNest) {
+    CL_ChannelOptions options = Line::options();
+    options.most = 1;
+    for (const bool closes : {true, false}) {
+        Line first, ends, last, fresh;
+        for (Line *line : {&first, &ends, &last}) {
+            line->open(options);
+            if (closes && line == &ends) continue;
+            for (int i = 0; i < 5; ++i)
+                line->raw.send(test::wire_message("x"));
+        }
+        const auto end = [&](auto) { return CL_DeleteNest(&err), kOver; };
+        if (closes) ends.raw.close();
+        ends.on_closed = end;
+        ends.on_message = [&](auto) {
+            return ends.heard.emplace_back(), ends.heard.size() < 3 ? 0u : end(0);
+        };
+        run();
+        EXPECT_EQ(first.send("x"), 0u);
+        EXPECT_THAT(first.err, FailsWith(CL_ERR_STATE, CL_MODULE_CHANNEL));
+        ASSERT_EQ(CL_CreateNest(CL_PRIORITY_FIRST, 0, &err), 1u) << err;
+        fresh.open();
+        EXPECT_EQ(fresh.send("x"), 1u) << fresh.err;
+        fresh.raw.close();
+        run();
+        EXPECT_EQ(fresh.reason, static_cast<uint32_t>(EPIPE));
+        for (const Line *line : {&first, &ends, &last, &fresh})
+            EXPECT_EQ(CL_DeleteChannel(line->handle, &err), 1u) << err;
+    }
+}
+
+// What came in time is told by a loop that was late; a pause does not count.
+TEST_F(Channel, LimitsAreFair) {
+    constexpr uint64_t kMillisecond = 1'000'000;
+    CL_ChannelOptions options = Line::options();
+    options.idle_limit = 8 * kMillisecond;
+    options.message_limit = 4 * kMillisecond;
+    Line line;
+    line.open(options);
+    line.raw.send(test::wire_message("in time"));
+    usleep(10'000);
+    line.on_message = [&](const CL_MsgHeader *) {
+        return CL_PauseChannel(line.handle, &err), kOver;
+    };
+    run();
+    EXPECT_EQ(line.reason, 0u);
+    const auto over = [](CL_NestTimer *, uint64_t, uint64_t, uint64_t) { return kOver; };
+    CL_NestTimer *timer = CL_CreateNestTimer(0, over, 0, 0, &err);
+    CL_StartNestTimer(timer, 0, 20 * kMillisecond, 0, &err);
+    run();
+    EXPECT_EQ(line.reason, 0u) << "paused";
+    EXPECT_EQ(CL_ResumeChannel(line.handle, &err), 1u) << err;
+    line.raw.send("a part");
+    run();
+    EXPECT_EQ(line.reason, static_cast<uint32_t>(ETIMEDOUT));
+    CL_DeleteChannel(line.handle, &err);
+
+    Line gone;
+    gone.open(options);
+    gone.raw.send(test::wire_message("in time"));
+    usleep(10'000);
+    gone.on_message = [&](const CL_MsgHeader *) {
+        return CL_DeleteChannel(gone.handle, &err), kOver;
+    };
+    run();
+    CL_DeleteNestTimer(timer, &err);
+}
+
+// An error that is not the other side's ends a channel; who ends the loop is told later.
+TEST_F(Channel, EndsWhenItCannotWrite) {
+    for (const int error : {ENOBUFS, ECONNRESET, EINTR}) {
+        Line line;
+        line.open();
+        line.raw.send(test::wire_message("x"));
+        line.on_message = [&](const CL_MsgHeader *) { return line.send("answer"), kOver; };
+        {
+            const test::Plan plan{{.call = "sendmsg", .error = error, .from_anyone = true},
+                                  {.call = "send", .error = error, .from_anyone = true}};
+            run();
+        }
+        EXPECT_EQ(line.send("x"), error == EINTR ? 1u : 0u);
+        if (error == ECONNRESET) line.raw.close();
+        if (error != EINTR) run();
+        EXPECT_EQ(line.reason, error == EINTR ? 0u : static_cast<uint32_t>(error));
+        CL_DeleteChannel(line.handle, &err);
+    }
+}
+
+// What it could not write any more gives a channel that is closed no turns.
+TEST_F(Channel, IsStillWhenItIsClosed) {
+    Line line;
+    line.open();
+    EXPECT_EQ(line.send("unsent"), 1u) << line.err;
+    shutdown(line.raw.fd(), SHUT_WR);
+    int turns = 0;
+    const test::Plan plan{
+        {.call = "send", .error = EINTR, .times = test::kForever, .from_anyone = true},
+        {.call = "epoll_wait",
+         .times = test::kForever,
+         .before = [&] { ++turns; },
+         .from_anyone = true}};
+    run();
+    EXPECT_EQ(line.reason, static_cast<uint32_t>(EPIPE));
+    const auto over = [](CL_NestTimer *, uint64_t, uint64_t, uint64_t) { return kOver; };
+    CL_NestTimer *timer = CL_CreateNestTimer(0, over, 0, 0, &err);
+    CL_StartNestTimer(timer, 0, 5'000'000, 0, &err);
+    turns = 0;
+    run();
+    EXPECT_LT(turns, 5);
+    CL_DeleteNestTimer(timer, &err);
+    CL_DeleteChannel(line.handle, &err);
+}
+
+// Of room for a message that is more than half of it all, and when there is somebody to tell.
+TEST_F(Channel, TellsOfRoomWhenThereIsEnough) {
+    const auto over = [](CL_NestTimer *, uint64_t, uint64_t, uint64_t) { return kOver; };
+    CL_NestTimer *timer = CL_CreateNestTimer(0, over, 0, 0, &err);
+    CL_StartNestTimer(timer, 0, 0, 5'000'000, &err);
+    for (const bool tells : {false, true}) {
+        CL_ChannelOptions options = Line::options();
+        options.send_size = 64;
+        if (!tells) options.drained = nullptr;
+        Line line;
+        line.open(options);
+        const std::string payload(40, 'x');
+        while (line.send(payload) != 0) {
+        }
+        run();
+        EXPECT_EQ(line.send(payload), 0u);
+        EXPECT_THAT(line.err, FailsWith(EAGAIN, CL_MODULE_CHANNEL));
+        EXPECT_EQ(line.drained, 0);
+        line.raw.receive();
+        run();
+        run();
+        EXPECT_EQ(line.drained, tells ? 1 : 0);
+        EXPECT_EQ(line.send(payload), 1u) << line.err;
+        CL_DeleteChannel(line.handle, &err);
+    }
+    CL_DeleteNestTimer(timer, &err);
+}
+
 // ---- Refusals
 
 TEST_F(Channel, RefusesWhatIsWrong) {
@@ -610,6 +754,7 @@ TEST_F(Channel, RefusesWhatIsWrong) {
     const auto large = [](auto &o) { o.send_size = CL_CHANNEL_LIMIT_SIZE + 1; };
     const auto huge = [](auto &o) { o.receive_size = o.send_size = 200 << 20; };
     const auto late = [](auto &o) { o.idle_limit = UINT64_MAX; };
+    const auto later = [](auto &o) { o.message_limit = UINT64_MAX; };
     auto *stale = reinterpret_cast<CL_Channel *>(&line);
     auto *no_listener = reinterpret_cast<CL_ChannelListener *>(&line);
 #define REFUSED(code, ...)       \
@@ -626,6 +771,7 @@ TEST_F(Channel, RefusesWhatIsWrong) {
     REFUSED(EINVAL, CREATE(lonely.fd(), with(small)));
     REFUSED(EINVAL, CREATE(lonely.fd(), with(large)));
     REFUSED(EINVAL, CREATE(lonely.fd(), with(late)));
+    REFUSED(EINVAL, CREATE(lonely.fd(), with(later)));
     REFUSED(EINVAL, CREATE(datagrams.fd(), &good));
     REFUSED(ENOTSOCK, CREATE(plain.fd(), &good));
     REFUSED(ENOTCONN, CREATE(lonely.fd(), &good));
@@ -672,6 +818,7 @@ TEST_F(Channel, RefusesWhatIsWrong) {
 
     CL_DeleteNest(&err);
     REFUSED(CL_ERR_STATE, CREATE(client.fd(), &good));
+    REFUSED(CL_ERR_STATE, CL_SendChannel(line.handle, 1, nullptr, 0, &err));
     REFUSED(CL_ERR_STATE, CONNECT(at.c_str(), &good));
     REFUSED(CL_ERR_STATE, LISTEN(at.c_str(), waiting));
     CL_CreateNest(CL_PRIORITY_FIRST, 0, &err);
