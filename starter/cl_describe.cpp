@@ -152,11 +152,11 @@ int put_module(struct dl_phdr_info *module, size_t, void *to) {
     auto &text = *static_cast<HeaderText *>(to);
     const auto page = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
     uint64_t begin = UINT64_MAX;
-    uint64_t end = 0;
+    uint64_t end = 0;  // of the last one: they ascend
     for (const auto *at = module->dlpi_phdr; at != module->dlpi_phdr + module->dlpi_phnum; ++at) {
         if (at->p_type != PT_LOAD) continue;
         if (at->p_vaddr < begin) begin = at->p_vaddr;
-        if (at->p_vaddr + at->p_memsz > end) end = at->p_vaddr + at->p_memsz;
+        end = at->p_vaddr + at->p_memsz;
     }
     char room[PATH_MAX];
     const char *path = path_of(*module, room);

@@ -92,7 +92,7 @@ Handle *Handles::at(uint32_t index) const {
 
 Handle *Handles::find(uint32_t index, uint32_t life) const {
     Handle *handle = at(index);
-    return handle->kind != kFree && handle->life == life ? handle : nullptr;
+    return handle->life == life ? handle : nullptr;  // an entry that is given back begins another
 }
 
 uint32_t Handles::count() const {
@@ -315,7 +315,7 @@ uint32_t call_ready(Nest &nest, uint64_t deleted_before, uint32_t result) {
 
 // Callback of the nest's object.
 uint32_t take_turn(CL_Object * /*object*/, CL_Event *event, uint64_t /*arg1*/, uint64_t /*arg2*/) {
-    if (event->type != CL_EVENT_DESCRIPTOR || current == nullptr) return 0;
+    if (event->type != CL_EVENT_DESCRIPTOR) return 0;
     Nest &nest = *current;
     const uint64_t deleted_before = deleted;
     find_ready(nest);

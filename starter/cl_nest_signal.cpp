@@ -28,9 +28,9 @@ bool tells_of_fault(int signal) {
 
 bool is_the_library_s(int signal) {
     if (signal == SIGALRM || signal == SIGCHLD) return true;
-    struct sigaction action;
-    return signal == SIGUSR1 && sigaction(signal, nullptr, &action) == 0 &&
-           action.sa_handler == clSIGUSR1Action;
+    struct sigaction action = {};
+    sigaction(signal, nullptr, &action);
+    return signal == SIGUSR1 && action.sa_handler == clSIGUSR1Action;
 }
 
 uint32_t refusal(int signal) {
@@ -118,9 +118,9 @@ void append(Nest &nest, Handle &watcher) {
 
 void unlink_watcher(Nest &nest, Handle &watcher) {
     Handle **at = &nest.watchers;
-    while (*at != nullptr && *at != &watcher)
+    while (*at != &watcher)
         at = &(*at)->watcher.next;
-    if (*at != nullptr) *at = watcher.watcher.next;
+    *at = watcher.watcher.next;
 }
 
 // The first watcher that has not heard of this delivery, and was there when it began.

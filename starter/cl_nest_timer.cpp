@@ -198,7 +198,7 @@ uint32_t call_timer(Nest &nest, Clock &clock) {
     Handle &handle = *clock.heap[0].timer;
     const uint64_t missed = advance(nest, clock);
     return Told(nest, CL_EVENT_NEST_TIMER, handle)
-        .length(missed < INT32_MAX ? static_cast<int64_t>(missed) : INT32_MAX)
+        .length(static_cast<int64_t>(missed))
         .call(function_of<CL_NestTimerCallback>(handle), reinterpret_cast<CL_NestTimer *>(&handle),
               missed, handle.calls.arg1, handle.calls.arg2);
 }

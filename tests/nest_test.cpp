@@ -836,6 +836,7 @@ TEST_F(NestRefuses, WithoutNestAndStaleHandles) {
                         static_cast<void *>(reinterpret_cast<char *>(timer) + 1)})
         all_fail(uses(EBADF, wrong));
     EXPECT_EQ(CL_End(&err), 1u) << err;
+    all_fail(creations(CL_ERR_STATE));
     all_fail({{"after the end", CL_ERR_STATE,
                [&] { return CL_CreateNest(CL_PRIORITY_FIRST, 0, &err); }}});
     EXPECT_EQ(CL_DeleteNest(&err), 1u) << err;
@@ -867,6 +868,7 @@ TEST_F(NestRefuses, WrongArguments) {
         return [=, this] { return create_watch(fd, events) != nullptr; };
     };
     ASSERT_EQ(start(0, INT64_MAX / 2, 0)(), 1u) << err;
+    EXPECT_TRUE(hear(SIGUSR1)());
     ASSERT_EQ(clSIGUSR1Initialize(&err), 1u) << err;
     all_fail({
         {"second", EALREADY, [&] { return CL_CreateNest(CL_PRIORITY_FIRST, 0, &err); }},
@@ -888,11 +890,13 @@ TEST_F(NestRefuses, WrongArguments) {
         {"capacity", EINVAL,
          [&] { return CL_CreateNestPosts((1u << 20) + 1, 0, nullptr, &err) != nullptr; }},
         {"full", EAGAIN, [&] { return CL_NestPost(posts, on_work, 0, 0, &err); }},
+        {"no queue", EFAULT, [&] { return CL_NestPost(nullptr, on_work, 0, 0, &err); }},
         {"no work", EFAULT, [&] { return CL_NestPost(posts, nullptr, 0, 0, &err); }},
         {"signal", EFAULT,
          [&] { return CL_CreateNestSignal(SIGUSR2, nullptr, 0, 0, &err) != nullptr; }},
         {"no signal", EINVAL, hear(0)},
         {"SIGKILL", EINVAL, hear(SIGKILL)},
+        {"SIGSTOP", EINVAL, hear(SIGSTOP)},
         {"SIGSEGV", EINVAL, hear(SIGSEGV)},
         {"SIGCHLD", EBUSY, hear(SIGCHLD)},
         {"SIGUSR1", EBUSY, hear(SIGUSR1)},
@@ -928,6 +932,28 @@ TEST_F(NestRefuses, WithoutMemoryDescriptorsMasks) {
         }
     };
     without_descriptors({{"nest", EMFILE, create}});
+    const auto fill = [&] { return CL_CreateFD(CL_KIND_FD, test::call_action, 0, 0, &err); };
+    while (fill() != nullptr) {
+    }
+    EXPECT_EQ(create(), 0u) << "no object";
+    CL_Object *last = nullptr;
+    while ((last = static_cast<CL_Object *>(CL_MainTable->used_queue.head)) != nullptr)
+        CL_DeleteFD(last, &err);
+    while (dup(ends[0]) < FD_SETSIZE - 1) {  // what follows is beyond the sets
+        ASSERT_FALSE(HasFailure());
+    }
+    all_fail({{"descriptor", EMFILE, create}});
+    close_range(static_cast<unsigned>(ends[1]) + 1, ~0u, 0);
+    // Nor need its object be the nest's any more.
+    for (const bool taken : {false, true}) {
+        ASSERT_EQ(create(), 1u) << err;
+        CL_DeleteFD(static_cast<CL_Object *>(CL_MainTable->used_queue.head), &err);
+        while (taken && fill() != nullptr) {
+        }
+        EXPECT_EQ(CL_DeleteNest(&err), 1u) << err;
+    }
+    while ((last = static_cast<CL_Object *>(CL_MainTable->used_queue.head)) != nullptr)
+        CL_DeleteFD(last, &err);
     ASSERT_EQ(create(), 1u) << err;
     memory_limit = CL_MainTable->user_bytes;
     all_fail(creations(ENOMEM));

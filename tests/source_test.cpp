@@ -191,10 +191,19 @@ TEST_F(Source, TellsWhatCannotBeWatchedAndMayBeDeletedThen) {
         fds[0] = {*reinterpret_cast<int *>(fd), CL_NEST_READ};
         return uint32_t{1};
     };
+    static int asked;
+    static CL_Source *next;  // mostly at the same address
     const auto end = [](CL_Source *source, int, uint32_t ready, uint64_t, uint64_t whole) {
         CL_ErrInfo scratch;
         EXPECT_EQ(ready, uint32_t{CL_NEST_ERROR});
         EXPECT_EQ(whole != 0 ? CL_DeleteNest(&scratch) : CL_DeleteSource(source, &scratch), 1u);
+        const auto nothing = [](CL_SourceFD *, uint32_t, uint64_t *, uint64_t, uint64_t) {
+            ++asked;
+            return 0u;
+        };
+        asked = 0;
+        if (whole != 0) CL_CreateNest(CL_PRIORITY_FIRST, 0, &scratch);
+        next = CL_CreateSource(1, 0, nothing, dispatch, 0, 0, &scratch);
         return kDone;
     };
     for (const bool whole : {false, true}) {
@@ -213,14 +222,19 @@ TEST_F(Source, TellsWhatCannotBeWatchedAndMayBeDeletedThen) {
         EXPECT_EQ(err.err, EPERM);
         close(std::exchange(fd, 500));
         EXPECT_EQ(CL_EventLoop(&err), kDone) << err;
+        EXPECT_EQ(asked, 1) << "in the name of the one before";
+        EXPECT_EQ(CL_DeleteSource(next, &err), 1u) << err;
         EXPECT_EQ(CL_UpdateSource(source, &err), 0u);
         EXPECT_EQ(err.err, whole ? CL_ERR_STATE : EBADF);
         EXPECT_EQ(CL_DeleteSource(source, &err), whole ? 1u : 0u);
     }
+    EXPECT_EQ(CL_DeleteNest(&err), 1u) << err;
     EXPECT_EQ(CL_CreateSource(1, 0, ask, end, 0, 0, &err), nullptr);
     EXPECT_EQ(err.err, CL_ERR_STATE);
     ASSERT_EQ(CL_CreateNest(CL_PRIORITY_FIRST, 0, &err), 1u);
     EXPECT_EQ(CL_CreateSource(1, 0, nullptr, end, 0, 0, &err), nullptr);
+    EXPECT_EQ(err.err, EFAULT);
+    EXPECT_EQ(CL_CreateSource(1, 0, ask, nullptr, 0, 0, &err), nullptr);
     EXPECT_EQ(err.err, EFAULT);
     EXPECT_EQ(CL_CreateSource(CL_SOURCE_LIMIT + 1, 0, ask, end, 0, 0, &err), nullptr);
     EXPECT_EQ(err.err, EINVAL);

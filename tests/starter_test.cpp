@@ -132,6 +132,20 @@ TEST_F(Starter, AProgramThatCannotBeRunIsTheCallersErrorAndLeavesNothing) {
         EXPECT_EQ(Balance::now(), before);
     }
 
+    char *const arguments[] = {nullptr};
+    const CL_Program incomplete[] = {{nullptr, arguments, nullptr, 0},
+                                     {STARTED, nullptr, nullptr, 0}};
+    for (const CL_Program *program :
+         {static_cast<const CL_Program *>(nullptr), &incomplete[0], &incomplete[1]}) {
+        EXPECT_EQ(CL_StartProgram(program, test::call_action, 0, 0, &err), nullptr);
+        EXPECT_THAT(err, test::FailsWith(EFAULT, CL_MODULE_STARTER));
+    }
+    for (const char *socket : {static_cast<const char *>(nullptr), ""}) {
+        test::set_env(CL_STARTER_SOCKET, socket);
+        EXPECT_EQ(CL_StartupComplete(test::call_action, 0, 0, 0, &err), nullptr);
+        EXPECT_THAT(err, test::FailsWith(ENOENT, CL_MODULE_STARTER));
+    }
+
     // No descriptor for the pipe that would tell.
     rlimit limit;
     getrlimit(RLIMIT_NOFILE, &limit);
@@ -247,8 +261,12 @@ TEST(Notify, TheServiceManagerIsToldWhereItListens) {
     test::set_env("NOTIFY_SOCKET", std::string(200, '/').c_str());
     EXPECT_EQ(CL_NotifyManager("READY=1", &err), 0u);
     EXPECT_THAT(err, test::FailsWith(ENAMETOOLONG, CL_MODULE_STARTER));
-    test::set_env("NOTIFY_SOCKET", nullptr);
-    EXPECT_EQ(CL_NotifyManager("READY=1", &err), 0u);
+    EXPECT_EQ(CL_NotifyManager(nullptr, &err), 0u);
+    EXPECT_THAT(err, test::FailsWith(EFAULT, CL_MODULE_STARTER));
+    for (const char *none : {static_cast<const char *>(nullptr), ""}) {
+        test::set_env("NOTIFY_SOCKET", none);
+        EXPECT_EQ(CL_NotifyManager("READY=1", nullptr), 0u);
+    }
 }
 
 }  // namespace
