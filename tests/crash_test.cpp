@@ -12,12 +12,15 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
+#include <algorithm>
+#include <atomic>
 #include <csetjmp>
 #include <csignal>
 #include <functional>
 #include <thread>
 
 #include "tests/folder.h"
+#include "tests/support.h"
 #include "tools/header.h"
 
 namespace {
@@ -74,11 +77,11 @@ void send_signal(int signal) {
     wait(nullptr);
 }
 
-// The handler's last system call becomes a signal.
-void trap_fdatasync() {
+// A system call of the handler's, its last one mostly, becomes a signal, or fails.
+void trap(uint32_t call = SYS_fdatasync, uint32_t action = SECCOMP_RET_TRAP) {
     sock_filter program[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-                             BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_fdatasync, 0, 1),
-                             BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_TRAP),
+                             BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 1),
+                             BPF_STMT(BPF_RET | BPF_K, action),
                              BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
     const sock_fprog filter = {4, program};
     prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
@@ -100,6 +103,31 @@ void limit_descriptors() {
 template <class T>
 void mislead(T *&pointer) {
     pointer = reinterpret_cast<T *>(0x1000);
+}
+
+// The handler meets this.
+std::function<void()> with(const test::Fault &fault,
+                           const std::function<void()> &before = nullptr) {
+    return [=] {
+        test::Fault of_all = fault;
+        of_all.from_anyone = true;
+        const test::Plan plan(of_all);
+        if (before) before();
+        store();
+    };
+}
+template <class Change>
+std::function<void()> after(Change change) {
+    return [=] { change(*CL_MainTable), store(); };
+}
+
+std::atomic<bool> second_crash;
+void crash_twice() {
+    std::thread([] {
+        while (!second_crash) {
+        }
+        store();
+    }).detach();
 }
 
 enum class Address { none, low, stack };
@@ -192,9 +220,9 @@ const Case kCases[] = {
      .problem = "FDTBL*** is missing",
      .incomplete = {"tables"}},
     {.name = "a main table that is nowhere", .crash = [] { mislead(CL_MainTable), store(); }},
-    {.name = "a second crash in the handler", .crash = [] { trap_fdatasync(), store(); }},
+    {.name = "a second crash in the handler", .crash = [] { trap(), store(); }},
     {.name = "the same crash in the handler",
-     .crash = [] { trap_fdatasync(), raise(SIGSYS); },
+     .crash = [] { trap(), raise(SIGSYS); },
      .signal = SIGSYS,
      .code = SI_TKILL,
      .address = Address::none},
@@ -228,6 +256,58 @@ const Case kCases[] = {
      .signal = SIGABRT,
      .code = SI_TKILL,
      .address = Address::none},
+    // clang-format off
+    {.name = "raised, but ignored before", .crash = [] { raise(SIGTRAP), _exit(0); },
+     .before = [] { signal(SIGTRAP, SIG_IGN); }, .signal = 0, .code = SI_TKILL, .address = Address::none},
+    {.name = "a signal that cannot be sent again",
+     .crash = [] { trap(SYS_rt_tgsigqueueinfo, SECCOMP_RET_ERRNO | EPERM), store(); }},
+    {.name = "another process's signal meanwhile", .crash = with({.call = "ftruncate",
+     .before = [] { send_signal(SIGSEGV); }})},
+    {.name = "a second thread's crash meanwhile", .crash = with({.call = "ftruncate",
+     .before = [] { second_crash = true, usleep(20'000); }}, crash_twice)},
+    {.name = "no file", .crash = with({.call = "open", .error = EACCES}), .dumps = false},
+    {.name = "no descriptor at all", .crash = with({.call = "open", .error = EMFILE, .times = test::kForever}),
+     .dumps = false},
+    {.name = "a file that cannot be emptied", .crash = with({.call = "ftruncate", .error = EIO}), .dumps = false},
+    {.name = "a file without a beginning", .crash = with({.call = "lseek", .error = EIO, .times = test::kForever}),
+     .dumps = false},
+    {.name = "a look that fails", .crash = with({.call = "lseek", .error = EIO, .nth = 2}),
+     .problem = "LIBTRC*** is missing", .incomplete = {"library ring"}},
+    {.name = "a file that cannot be read", .crash = with({.call = "read", .error = EIO, .times = test::kForever}),
+     .problem = "LIBTRC*** is missing", .incomplete = {"library ring", "tables"}},
+    {.name = "a write that is interrupted", .crash = with({.call = "write", .error = EINTR, .nth = 3})},
+    {.name = "a write in pieces", .crash = with({.call = "write", .nth = 3, .times = test::kForever,
+     .at_most = 999})},
+    {.name = "a disk that breaks", .crash = with({.call = "fdatasync", .error = EIO})},
+    {.name = "a dump that cannot be placed", .crash = with({.call = "rename", .error = EACCES}), .dumps = false},
+    {.name = "a piece that cannot be placed", .crash = with({.call = "link",
+     .error = EACCES}, [] { limit_files(50000); }), .dumps = false},
+    {.name = "a ring that moves", .crash = with({.call = "ftruncate", .times = test::kForever,
+     .before = [] { CL_DeleteFD(nullptr, nullptr); }}), .incomplete = {"library ring", "tables"}},
+    {.name = "a ring of another kind",
+     .crash = after([](CL_MainBlock &main) { main.library_ring->header.eye[0] = 'x'; }),
+     .problem = "LIBTRC*** is missing", .incomplete = {"library ring"}},
+    {.name = "a ring that was elsewhere",
+     .crash = after([](CL_MainBlock &main) { ++main.library_ring->header.address; }),
+     .problem = "LIBTRC*** is missing", .incomplete = {"library ring"}},
+    {.name = "a ring of a wrong size", .crash = after([](CL_MainBlock &main) { ++main.library_ring->entry_count; }),
+     .problem = "LIBTRC*** is missing", .incomplete = {"library ring"}},
+    {.name = "the application's ring is nowhere", .crash = after([](CL_MainBlock &main) { mislead(main.user_ring); }),
+     .problem = "USRTRC*** is missing", .incomplete = {"user ring"}},
+    {.name = "an object table of another kind",
+     .crash = after([](CL_MainBlock &main) { static_cast<CL_TableHeader *>(static_cast<void *>(main.descriptor_table))->eye[0] = 'x'; }),
+     .problem = "FDTBL*** is missing", .incomplete = {"tables"}},
+    {.name = "too many objects", .crash = after([](CL_MainBlock &main) { main.capacity = UINT32_MAX; }),
+     .problem = "FDTBL*** is missing", .incomplete = {"tables"}},
+    {.name = "fewer objects than there are", .crash = after([](CL_MainBlock &main) { --main.capacity; }),
+     .problem = "FDTBL*** is missing", .incomplete = {"tables"}},
+#ifdef __x86_64__
+    {.name = "a crash before there is a file", .crash = [] { trap(SYS_unlink), store(); }, .dumps = false},
+    {.name = "an address that is none",
+     .crash = [] { nowhere = reinterpret_cast<int *>(UINT64_C(1) << 63), store(); },
+     .code = SI_KERNEL, .address = Address::none},
+#endif
+    // clang-format on
     {.name = "a fault, but blocked", .before = block_segv, .dumps = false},
 };
 
@@ -325,17 +405,69 @@ TEST(Crash, TheLastDumpIsReplacedByAWholeOneOnly) {
     }
 }
 
+// However far a full disk lets it come, what is no text that can be read is not left.
+TEST(Crash, WithoutRoomForItsTextNothingIsLeft) {
+    const test::Folder folder;
+    std::filesystem::current_path(folder.path(""));
+    int writes = 0;
+    while (folder.files() == 0) {
+        ASSERT_LT(++writes, 20);
+        const pid_t pid = fork();
+        if (pid == 0)
+            live({.name = "",
+                  .crash = with(
+                      {.call = "write", .error = ENOSPC, .nth = writes, .times = test::kForever})});
+        int status = 0;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        ASSERT_EQ(WTERMSIG(status), SIGSEGV);
+    }
+    EXPECT_THAT(test::bytes_of("dump"), HasSubstr("signal: 11 SIGSEGV\n"));
+    EXPECT_GT(writes, 6);
+}
+
+TEST(Crash, StacksGoWithTheirThreads) {
+    const auto mappings = [] {
+        return std::ranges::count(test::bytes_of("/proc/self/maps"), '\n');
+    };
+    const auto life = [](bool replaces) {
+        static char own[1 << 16];
+        EXPECT_EQ(CL_CrashStack(nullptr), 1u);
+        EXPECT_EQ(CL_CrashStack(nullptr), 1u) << "a second time";
+        stack_t stack = {.ss_sp = own, .ss_flags = 0, .ss_size = sizeof own};
+        if (replaces) sigaltstack(&stack, nullptr);
+    };
+    std::thread(life, false).join();
+    const auto before = mappings();
+    for (int i = 0; i < 50; ++i)
+        std::thread(life, i % 2 == 0).join();
+    EXPECT_LT(mappings(), before + 10);
+    CL_ErrInfo err;
+    const test::Plan plan({.call = "mmap", .error = ENOMEM, .nth = 2});
+    EXPECT_EQ(CL_RecordCrashes("/tmp/qvcl-none", &err), 0u) << "no stack";
+    EXPECT_THAT(err, test::FailsWith(ENOMEM, CL_MODULE_RECORDER));
+}
+
+TEST(Crash, ARelativePathNeedsAFolder) {
+    const test::Folder folder;
+    std::filesystem::create_directory(folder.path("x"));
+    std::filesystem::current_path(folder.path("x"));
+    std::filesystem::remove(folder.path("x"));
+    CL_ErrInfo err;
+    EXPECT_EQ(CL_RecordCrashes("x", &err), 0u);
+    EXPECT_THAT(err, test::FailsWith(ENOENT, CL_MODULE_RECORDER));
+}
+
 TEST(Description, IsCutAtTheEndOfALineAndEscapesWhatIsFromOutside) {
-    const size_t length = CL_DescribeProcess("a\\b\n", nullptr, 0);
+    const size_t length = CL_DescribeProcess("a\\b\x7f\n", nullptr, 0);
     std::vector<char> all(length + 1);
-    ASSERT_EQ(CL_DescribeProcess("a\\b\n", all.data(), all.size()), length);
+    ASSERT_EQ(CL_DescribeProcess("a\\b\x7f\n", all.data(), all.size()), length);
     const std::string text = all.data();
     EXPECT_EQ(text.size(), length);
-    EXPECT_EQ(text.substr(0, 17), "reason: a\\\\b\\x0a\n");
-    EXPECT_EQ(trace_reader::HeaderLines::parse(text).reason, "a\\b\n");
+    EXPECT_EQ(text.substr(0, 21), "reason: a\\\\b\\x7f\\x0a\n");
+    EXPECT_EQ(trace_reader::HeaderLines::parse(text).reason, "a\\b\x7f\n");
     for (size_t size = 1; size <= length; ++size) {
         std::vector<char> part(size + 1, '?');
-        EXPECT_EQ(CL_DescribeProcess("a\\b\n", part.data(), size), length);
+        EXPECT_EQ(CL_DescribeProcess("a\\b\x7f\n", part.data(), size), length);
         const std::string_view cut = part.data();
         EXPECT_TRUE(cut.size() < size && (cut.empty() || cut.back() == '\n'));
         EXPECT_EQ(part[size], '?');

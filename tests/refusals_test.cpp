@@ -232,6 +232,8 @@ TEST_F(Refusals, ArgumentsAreChecked) {
         ROW(ENOENT, RECORDER, CL_RecordCrashes("/none/x", &err) != 0),
         ROW(ENOTDIR, RECORDER, CL_RecordCrashes((path + "/x").c_str(), &err) != 0),
         ROW(EISDIR, RECORDER, CL_RecordCrashes("/tmp", &err) != 0),
+        ROW(EISDIR, RECORDER, CL_RecordCrashes("/tmp/", &err) != 0),
+        ROW(ENAMETOOLONG, RECORDER, CL_RecordCrashes(std::string(4090, '/').c_str(), &err) != 0),
         ROW(ENAMETOOLONG, RECORDER, CL_RecordCrashes(std::string(250, 'x').c_str(), &err) != 0),
         ROW(ENAMETOOLONG, RECORDER, CL_RecordCrashes(std::string(5000, '/').c_str(), &err) != 0),
         ROW(ENOMEM, RECORDER, CL_RecordCrashes("x", &err) != 0),   // no memory is mapped
