@@ -5,7 +5,12 @@
 // operation's error record tells that error, nothing is leaked, the library works on. Cases where
 // an operation rightly succeeds or answers with another code are listed with the reason.
 #include <fcntl.h>
+#include <qvcl/channel.h>
+#include <qvcl/nest.h>
+#include <qvcl/recorder.h>
+#include <qvcl/source.h>
 #include <qvcl/starter.h>
+#include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -35,6 +40,14 @@ struct Outcome {
     bool reports = true;  // has an error record to fill
 };
 
+// What the handles of a nest have been told in this process.
+enum { kTimer, kWatch, kPost, kSignal, kSource, kMessage, kClosed, kTold };
+int told[kTold];
+template <int kWhat, class... Arguments>
+uint32_t count(Arguments...) {
+    return ++told[kWhat], 0;
+}
+
 // What a scenario has at hand; made anew in each process.
 struct World {
     CL_ErrInfo err{};
@@ -51,6 +64,17 @@ struct World {
     bool begun = false;
     uint32_t last_event = 0;
     CL_ErrInfo event_error{};
+    test::Balance at_begin;
+
+    // Of the companion's scenarios.
+    CL_NestTimer *timer = nullptr;
+    CL_NestPosts *posts = nullptr;
+    CL_NestSignal *signal = nullptr;
+    CL_Source *source = nullptr;
+    CL_ChannelListener *listener = nullptr;
+    CL_Channel *channel = nullptr, *accepted = nullptr;
+    int fds[2] = {-1, -1};  // that the source wants
+    pid_t zombie = 0;
 
     Outcome outcome(bool well) const { return {!well, err}; }
     // Of an operation without an error record.
@@ -59,6 +83,7 @@ struct World {
     void begin(const char *exec_path = nullptr) {
         EXPECT_EQ(CL_Init(20, exec_path, &err), 1u) << err;
         begun = true;
+        at_begin = test::Balance::now();
     }
     void make(uint32_t kind) {
         action = [this](CL_Object *, CL_Event *event) {
@@ -122,24 +147,120 @@ struct World {
     }
     // An object that is always ready and ends the loop when it has turned so often.
     void end_after(int turns) {
-        pipe = std::make_unique<test::Pipe>();
-        pipe->fill();
         count_down = [left = turns](CL_Object *, CL_Event *) mutable {
             return --left > 0 ? 0u : 1u;
         };
+        if (pipe != nullptr) return;
+        pipe = std::make_unique<test::Pipe>();
+        pipe->fill();
         CL_Object *last =
             CL_CreateFD(CL_KIND_FD, test::call_action, test::address(&count_down), 0, &err);
         EXPECT_EQ(test::watch_readable(last, pipe->out(), &err), 1u) << err;
         EXPECT_EQ(CL_AddEventList(last, CL_PRIORITY_LAST, &err), 1u);
     }
     void list() { EXPECT_EQ(CL_AddEventList(object, 20, &err), 1u) << err; }
+
+    // What the handles are to be made of; one descriptor is beyond those that are mostly used.
+    void ready_to_make() {
+        EXPECT_EQ(CL_CreateNest(CL_PRIORITY_FIRST, 0, &err), 1u) << err;
+        unlink((path + "1").c_str());
+        sockets.push_back(Socket::listening(path + "1"));
+        EXPECT_EQ(pipe2(fds, O_CLOEXEC), 0);
+        EXPECT_EQ(dup3(fds[0], 500, O_CLOEXEC), 500);
+        close(std::exchange(fds[0], 500));
+        EXPECT_EQ(write(fds[1], "x", 1), 1);
+        zombie = test::ended_process(3);
+    }
+    static uint32_t wanted(CL_SourceFD *all, uint32_t, uint64_t *due, uint64_t fds, uint64_t) {
+        *due = CL_NestTime(CL_NEST_MONOTONIC) + 1'000'000'000;
+        all[0] = {reinterpret_cast<const int *>(fds)[1], CL_NEST_WRITE};
+        return 1;
+    }
+    static uint32_t answer(CL_Channel *channel, const CL_MsgHeader *, uint64_t, uint64_t) {
+        CL_SendChannel(channel, 1, nullptr, 0, nullptr);
+        return ++told[kMessage], 0;
+    }
+    static uint32_t accept(CL_ChannelListener *listener, uint64_t self, uint64_t) {
+        auto &world = *reinterpret_cast<World *>(self);
+        if (world.accepted == nullptr)
+            world.accepted = CL_AcceptChannel(listener, &options(), 0, 0, nullptr);
+        return 0;
+    }
+    static const CL_ChannelOptions &options() {
+        static CL_ChannelOptions made{};
+        made.message = answer;
+        made.closed = count<kClosed>;
+        made.idle_limit = made.message_limit = 3'600'000'000'000;
+        return made;
+    }
+    // One of each kind, until one cannot be had.
+    bool one_of_each() {
+        CL_NestSignal *other = nullptr;
+        const auto hear = [this](int number) {
+            return CL_CreateNestSignal(number, count<kSignal>, 0, 0, &err);
+        };
+        return (timer = CL_CreateNestTimer(0, count<kTimer>, 0, 0, &err)) != nullptr &&
+               CL_StartNestTimer(timer, CL_NEST_WALL, 1'000'000'000, 1, &err) != 0 &&
+               CL_StartNestTimer(timer, CL_NEST_MONOTONIC, 0, 1, &err) != 0 &&
+               CL_CreateNestWatch(sockets[0].fd(), 0, 0, count<kWatch>, 0, 0, &err) != nullptr &&
+               CL_CreateNestWatch(fds[0], CL_NEST_READ, 0, count<kWatch>, 0, 0, &err) != nullptr &&
+               (posts = CL_CreateNestPosts(4, 0, nullptr, &err)) != nullptr &&
+               (signal = hear(SIGUSR2)) != nullptr && hear(SIGUSR2) != nullptr &&
+               (other = hear(SIGHUP)) != nullptr && CL_DeleteNestSignal(other, &err) != 0 &&
+               CL_CreateNestProcess(zombie, 0, count<kTold - 1>, 0, 0, &err) != nullptr &&
+               (listener = CL_CreateChannelListener(path.c_str(), 5, 0, accept, test::address(this),
+                                                    0, &err)) != nullptr &&
+               (channel = CL_ConnectChannel((path + "1").c_str(), &options(), 0, 0, &err)) !=
+                   nullptr &&
+               (source = CL_CreateSource(2, 0, wanted, count<kSource>, test::address(fds), 0,
+                                         &err)) != nullptr;
+    }
+    // A year's work in a few turns: all is ready, and epoll holds a file that has no watch any
+    // more.
+    void work() {
+        ready_to_make();
+        EXPECT_TRUE(one_of_each()) << err;
+        int ends[2];
+        EXPECT_EQ(::pipe(ends), 0);
+        const auto watch = [&](int fd) {
+            return CL_CreateNestWatch(fd, CL_NEST_READ, 0, count<kWatch>, 0, 0, &err);
+        };
+        CL_NestWatch *stale = watch(ends[0]);
+        const Socket closed(eventfd(0, EFD_CLOEXEC));
+        watch(closed.fd());
+        sockets.emplace_back(dup(ends[0]));
+        close(ends[0]);
+        EXPECT_EQ(write(ends[1], "x", 1), 1);
+        sockets.emplace_back(ends[1]);
+        EXPECT_EQ(CL_DeleteNestWatch(stale, &err), 1u) << err;
+        sockets.push_back(Socket::connected(path));
+        sockets.push_back(sockets[0].accept());
+        peer_sends(40);
+        raise(SIGUSR2);
+    }
+    // A nest that has met a fault tells all the same what is ready.
+    void expect_work() {
+        memset(told, 0, sizeof *told * kClosed);
+        raise(SIGUSR2);
+        EXPECT_EQ(CL_UpdateSource(source, &err), 1u) << err;
+        EXPECT_EQ(CL_NestPost(posts, count<kPost>, 0, 0, &err), 1u) << err;
+        if (told[kClosed] == 0) peer_sends(40);
+        end_after(20);
+        EXPECT_FALSE(loop().failed) << err;
+        for (int i = 0; i < kMessage; ++i)
+            EXPECT_GT(told[i], 0) << i;
+        EXPECT_GT(told[kMessage] + told[kClosed], 0);
+    }
 };
 
 struct Scenario {
     const char *name;
     std::function<void(World &)> prepare;
     std::function<Outcome(World &)> act;
-    bool waits = false;  // builds the signal set of a wait
+    bool waits = false;                    // builds the signal set of a wait
+    std::set<std::string_view> only = {};  // these calls fail; empty: all
+    bool heals = false;                    // what fails is made up for, and nobody is told
+    bool companion = false;                // which makes system calls itself
 };
 
 #define ACT(...) []([[maybe_unused]] World &w) -> Outcome { __VA_ARGS__ }
@@ -262,15 +383,83 @@ const std::vector<Scenario> kFiles = {
 };
 // clang-format on
 
+const std::set<std::string_view> kOfTurns = {
+    "accept4", "dup3", "epoll_create1", "epoll_ctl",       "epoll_wait",
+    "read",    "recv", "send",          "timerfd_settime", "write"};
+
+// clang-format off
+const std::vector<Scenario> kCompanion = {
+    {"nest", BEGUN(), OPERATION(CL_CreateNest(CL_PRIORITY_FIRST, 0, &w.err))},
+    {"one of each", BEGUN(w.ready_to_make();), OPERATION(w.one_of_each())},
+    {"use of a channel", BEGUN(w.ready_to_make(); EXPECT_TRUE(w.one_of_each()) << w.err;),
+     ACT(return w.outcome(CL_SendChannel(w.channel, 1, "x", 1, &w.err) != 0 &&
+                          (CL_FlushChannel(w.channel, &w.err) != 0 || w.err.err == EAGAIN) &&
+                          CL_PauseChannel(w.channel, &w.err) != 0 && CL_ResumeChannel(w.channel, &w.err) != 0);)},
+    {"use of a source", BEGUN(w.ready_to_make(); EXPECT_TRUE(w.one_of_each()) << w.err;),
+     OPERATION(CL_UpdateSource(w.source, &w.err))},
+    {"accept a channel", BEGUN(w.ready_to_make(); EXPECT_TRUE(w.one_of_each()) << w.err;
+                               w.sockets.push_back(Socket::connected(w.path));),
+     ACT(w.accepted = CL_AcceptChannel(w.listener, &w.options(), 0, 0, &w.err);
+         return w.outcome(w.accepted != nullptr);)},
+    {"notify", BEGUN(w.sockets.emplace_back(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+                     sockaddr_un name{}; name.sun_family = AF_UNIX; w.path.copy(name.sun_path, sizeof name.sun_path);
+                     EXPECT_EQ(bind(w.sockets[0].fd(), reinterpret_cast<sockaddr *>(&name), sizeof name), 0);
+                     setenv("NOTIFY_SOCKET", w.path.c_str(), 1);),
+     OPERATION(CL_NotifyManager("READY=1", &w.err))},
+    {"record crashes", BEGUN(), OPERATION(CL_RecordCrashes((w.path + "1").c_str(), &w.err))},
+    {"describe", BEGUN(), ACT(char text[4096]; CL_DescribeProcess(nullptr, text, sizeof text); return w.silent();)},
+    {"nest at work", BEGUN(w.work();), ACT(CL_NestPost(w.posts, count<kPost>, 0, 0, nullptr); w.end_after(10); return w.loop();),
+     false, kOfTurns, true},
+    {"listener at rest", PREPARE(CL_KitVirtualTime(0); w.begin(); w.work(); w.accepted = w.channel;),
+     ACT(w.end_after(5); w.loop(); usleep(110'000); w.end_after(5); w.accepted = nullptr; return w.loop();),
+     false, {"epoll_ctl", "timerfd_settime"}, true},
+};
+// clang-format on
+
+// Tables that are full, so that the one or the other kind makes them grow.
+std::vector<Scenario> crowds() {
+    static std::vector<std::string> names;
+    names.resize(65);
+    std::vector<Scenario> all;
+    for (size_t size = 45; size <= 64; ++size) {
+        const auto fill = [size](World &w) {
+            sigset_t set;
+            sigemptyset(&set);
+            sigaddset(&set, SIGUSR2);
+            sigprocmask(SIG_BLOCK, &set, nullptr);
+            w.begin();
+            w.ready_to_make();
+            for (size_t i = 0; i < size; ++i)
+                CL_StartNestTimer(CL_CreateNestTimer(0, count<kTimer>, 0, 0, &w.err), 0, 1u << 31,
+                                  0, &w.err);
+        };
+        names[size] = "crowd of " + std::to_string(size);
+        all.push_back({names[size].c_str(), fill, OPERATION(w.one_of_each()), false, {"malloc"}});
+    }
+    return all;
+}
+
+// What the companion calls itself.
+constexpr const char *kOwnCalls[] = {
+    "accept4", "dup3",        "epoll_create1",  "epoll_ctl",      "epoll_wait",
+    "eventfd", "getpeername", "getsockopt",     "recv",           "send",
+    "sendmsg", "signalfd",    "timerfd_create", "timerfd_settime"};
+
+bool is_own(const Scenario &scenario, std::string_view call) {
+    return scenario.companion && std::ranges::find(kOwnCalls, call) != std::end(kOwnCalls);
+}
+
 // What may happen to a call.
 const std::vector<int> &errors_of(std::string_view call) {
     static const std::vector<int> common = {EACCES, ENOMEM};
     static const std::map<std::string_view, std::vector<int>> others = {
         {"accept", {EAGAIN, ECONNABORTED, EMFILE}},
+        {"accept4", {EAGAIN, ECONNABORTED, EMFILE}},
         {"connect", {EAGAIN, ECONNREFUSED, ENOENT}},
         {"open", {EACCES, EMFILE, ENOSPC}},
+        {"malloc", {ENOMEM}},
         {"recv", {ECONNRESET}},
-        {"send", {EPIPE, ECONNRESET}},
+        {"send", {EPIPE, ECONNRESET, ENOBUFS}},
     };
     const auto row = others.find(call);
     return row != others.end() ? row->second : common;
@@ -279,8 +468,10 @@ const std::vector<int> &errors_of(std::string_view call) {
 // Made again by the library after EINTR.
 bool goes_on(std::string_view call) {
     static const std::set<std::string_view> others = {
-        "catgets", "fopen",           "getpid",    "lseek",  "malloc",  "rename",
-        "setenv",  "pthread_sigmask", "setlocale", "signal", "unsetenv"};
+        "catgets", "dup3",        "epoll_create1",  "epoll_ctl",       "eventfd",
+        "fopen",   "getpeername", "getpid",         "getsockopt",      "lseek",
+        "malloc",  "rename",      "setenv",         "pthread_sigmask", "setlocale",
+        "signal",  "signalfd",    "timerfd_create", "timerfd_settime", "unsetenv"};
     return !others.contains(call);
 }
 
@@ -297,6 +488,7 @@ struct Exception {
     enum { kAlways, kNotForEver, kNever } run = kAlways;
 };
 constexpr std::string_view kWaiting = "waiting";
+constexpr std::string_view kHealing = "healing";
 const Exception kExceptions[] = {
     {"", "gettimeofday", true, 0, "the time is then 0"},
     {kWaiting, "sigemptyset", true, 0, "cannot fail for a set that exists"},
@@ -329,13 +521,22 @@ const Exception kExceptions[] = {
     {"dump to a path", "", true, 0, "says so in the log"},
     {"dump by generation", "", true, 0, "says so in the log"},
     {"exec server", "recv", true, 0, "the connection goes, the child waits on"},
-    {"", "malloc", false, ENOMEM, "always this code"},
+    {"use of a channel", "send", true, EPIPE, "the other side has left, or so it seems"},
+    {"use of a source", "epoll_ctl", true, 0, "what cannot be changed is watched anew"},
+    {"accept a channel", "accept4", true, 0, "the next one", Exception::kNotForEver},
+    {kHealing, "accept4", true, 0, "no end of connections that go", Exception::kNotForEver},
+    {kHealing, "epoll_ctl", true, 0, "to give up a descriptor never fails", Exception::kNotForEver},
+    {"notify", "close", true, 0, "it is told"},
+    {"describe", "", true, 0, "says less"},
+    {"record crashes", "mmap", false, ENOMEM, "always this code"},
+    {"record crashes", "", true, 0, "says less"},
 };
 
 const Exception *exception(const Scenario &scenario, std::string_view call) {
     for (const Exception &row : kExceptions) {
         const bool fits = row.scenario.empty() || row.scenario == scenario.name ||
-                          (row.scenario == kWaiting && scenario.waits);
+                          (row.scenario == kWaiting && scenario.waits) ||
+                          (row.scenario == kHealing && scenario.heals);
         if (fits && (row.call.empty() || row.call == call)) return &row;
     }
     return nullptr;
@@ -345,6 +546,11 @@ const Exception *exception(const Scenario &scenario, std::string_view call) {
 void clean_up(World &world, std::ostream &out) {
     // Ended, or begun only half, the library closes nothing any more.
     const bool alive = table().state == CL_STATE_INITIALISED;
+    CL_DeleteSource(world.source, nullptr);
+    CL_DeleteChannel(world.channel, nullptr);
+    if (world.accepted != world.channel) CL_DeleteChannel(world.accepted, nullptr);
+    CL_DeleteChannelListener(world.listener, nullptr);
+    CL_DeleteNest(nullptr);
     while (auto *object = alive ? static_cast<CL_Object *>(table().used_queue.head) : nullptr) {
         test::back_to_its_kind(object);
         CL_ErrInfo err{};
@@ -364,6 +570,9 @@ void clean_up(World &world, std::ostream &out) {
         }
     }
     world.sockets.clear();
+    world.pipe = nullptr;
+    for (const int fd : world.fds)
+        close(fd);
 }
 
 // One turn of the loop over a pipe, a timer started and stopped.
@@ -387,11 +596,13 @@ void judge(const Scenario &scenario, const Fault &fault, const Outcome &outcome,
            std::ostream &out) {
     const Exception *row = exception(scenario, fault.call);
     const bool interrupted = fault.error == EINTR || fault.at_most != SIZE_MAX;
-    if (!outcome.failed) {
+    if (scenario.heals) {
+        if (outcome.failed) out << "the loop ends; ";
+    } else if (!outcome.failed) {
         if (!interrupted && (row == nullptr || !row->may_succeed)) out << "it succeeds; ";
         return;
     }
-    if (!outcome.reports) return;
+    if (!outcome.failed || !outcome.reports) return;
     const CL_ErrInfo &err = outcome.err;
     const uint32_t code =
         row != nullptr && row->code != 0 ? row->code : static_cast<uint32_t>(fault.error);
@@ -463,9 +674,22 @@ class Faults : public testing::Test {
         const std::string text = in_process([&](std::ostream &out) {
             World world;
             set_up(world, scenario);
-            Plan plan;
+            static std::vector<std::string_view> calls;
+            std::vector<CL_KitFault> notes;
+            for (const char *call : kOwnCalls)
+                notes.push_back(
+                    {.call = call,
+                     .nth = 1,
+                     .times = CL_KIT_FOREVER,
+                     .from = CL_KIT_ANYONE,
+                     .before = [](void *of) { calls.push_back(static_cast<const char *>(of)); },
+                     .context = const_cast<char *>(call)});
+            const Plan plan;
+            if (scenario.companion) CL_KitPlan(notes.data(), notes.size());
             const Outcome outcome = scenario.act(world);
             for (const std::string_view call : plan.calls())
+                if (!is_own(scenario, call)) calls.push_back(call);
+            for (const std::string_view call : calls)
                 out << call << "\n";
             if (outcome.failed) out << "FAILED " << outcome.err << "\n";
         });
@@ -504,7 +728,9 @@ class Faults : public testing::Test {
                 table().library_blocks.count != before.library_blocks)
                 out << "a block is left; ";
             const bool alive = table().state == CL_STATE_INITIALISED;
+            if (scenario.heals) world.expect_work();
             clean_up(world, out);
+            if (scenario.companion) before = world.at_begin;
             if (alive && !usable()) out << "the library is not usable any more; ";
             if (!begun && !alive && table().state != CL_STATE_CONSTRUCTED &&
                 CL_End(&world.err) != 1) {
@@ -529,6 +755,7 @@ class Faults : public testing::Test {
                                  : " moves few bytes");
         // Most calls can fail with the same errno, so the place tells which one did.
         if (fault.times != 1 || report->place.line == 0) return;
+        if (scenario.companion) return;
         const bool in_turns = kInTurns.contains(fault.call);
         const auto site = std::string(fault.call) + (in_turns ? "" : std::to_string(fault.nth));
         const auto [place, fresh] =
@@ -575,17 +802,21 @@ class Faults : public testing::Test {
         return faults;
     }
 
-    void sweep(const std::vector<Scenario> &scenarios) {
-        for (const Scenario &scenario : scenarios) {
+    void sweep(std::vector<Scenario> scenarios, bool companion = false) {
+        for (Scenario &scenario : scenarios) {
+            scenario.companion = companion;
             std::map<std::string, int> counts;
             places.clear();
             for (const std::string &call : calls_of(scenario)) {
                 const int nth = ++counts[call];
+                if (!scenario.only.empty() && !scenario.only.contains(call)) continue;
                 if (call == "getpid" || call == "catgets" || call == "setlocale") continue;
                 if (call == "gettimeofday" && nth > 2) continue;  // in every record
                 ++sites;
-                for (const Fault &fault : faults_at(call, nth))
+                for (Fault &fault : faults_at(call, nth)) {
+                    fault.from_anyone = is_own(scenario, call);
                     run(scenario, fault);
+                }
             }
         }
         std::cout << sites << " call sites, " << runs << " runs" << std::endl;
@@ -611,6 +842,13 @@ TEST_F(Faults, InMessages) {
 }
 TEST_F(Faults, InFilesAndDiagnostics) {
     sweep(kFiles);
+}
+
+TEST_F(Faults, InTheCompanion) {
+    sweep(kCompanion, true);
+}
+TEST_F(Faults, InTheCompanionWhereTablesGrow) {
+    sweep(crowds(), true);
 }
 
 // An operation that misbehaves is found out.
