@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 namespace kit {
@@ -124,6 +125,16 @@ void disorder(Call call, int fd, Verdict &verdict) {
     }
 }
 
+// An eventfd, a signalfd and their like give a whole number or record, or refuse.
+bool moves_parts(int fd) {
+    const int saved = errno;
+    char path[40], target[20] = "";
+    snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
+    syscall(SYS_readlinkat, AT_FDCWD, path, target, sizeof target - 1);
+    errno = saved;
+    return strncmp(target, "anon_inode:", 11) != 0;
+}
+
 // Whether there is anything at all to do for a call.
 bool idle() {
     return page == nullptr || (page->fault_count == 0 && page->at_most == 0 && page->seed == 0 &&
@@ -194,6 +205,7 @@ Verdict judge(Call call, const void *caller, int fd) {
         verdict.at_most = std::min(verdict.at_most, fault.at_most);
         if (fault.error != 0) errno = fault.error;
     }
+    if (verdict.at_most != UINT64_MAX && !moves_parts(fd)) verdict.at_most = UINT64_MAX;
     return verdict;
 }
 

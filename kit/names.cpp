@@ -38,7 +38,7 @@ const Row kErrors[] = {
     {"eventfd", {EMFILE, ENFILE, ENOMEM}},
     {"execv", {E2BIG, EACCES, EIO, ENOENT, ENOEXEC, ENOMEM, ETXTBSY}},
     {"execve", {E2BIG, EACCES, EIO, ENOENT, ENOEXEC, ENOMEM, ETXTBSY}},
-    {"fcntl", {EAGAIN, EINTR, EMFILE, ENOLCK}},
+    {"fcntl", {EAGAIN, EINTR, EMFILE}},
     {"fdatasync", {EINTR, EIO, ENOSPC}},
     {"fopen", {EACCES, EMFILE, ENFILE, ENOENT, ENOMEM, ENOSPC}},
     {"fork", {EAGAIN, ENOMEM}},
