@@ -188,7 +188,8 @@ class Run {
         sigemptyset(&child);
         for (const int signal : {SIGCHLD, SIGINT, SIGTERM, SIGHUP})
             sigaddset(&child, signal);
-        sigprocmask(SIG_BLOCK, &child, nullptr);
+        sigset_t before;
+        sigprocmask(SIG_BLOCK, &child, &before);
         const double begin = seconds_now();
         start();
         Outcome outcome;
@@ -209,6 +210,7 @@ class Run {
             if (!outcome.hangs) outcome.left.insert("process " + name);
         look_around(outcome);
         fs::remove_all(folder_);
+        sigprocmask(SIG_SETMASK, &before, nullptr);  // a sweep can be stopped between its runs
         return outcome;
     }
 
