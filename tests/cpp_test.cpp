@@ -118,6 +118,17 @@ TEST_F(CppTest, WhatNobodyCatchesComesOutOfRun) {
     EXPECT_TRUE(run(nested(*rt)).value());
 }
 
+TEST_F(CppTest, RunOutlivesWhatPasses) {
+    CL_KitVirtualTime(0);
+    const auto with_fault = [this](int error, int32_t times) {
+        const test::Plan plan({.call = "pselect", .error = error, .times = times});
+        return run(later(3));
+    };
+    EXPECT_EQ(with_fault(ENOMEM, 2).value(), 3);
+    EXPECT_EQ(with_fault(EBADF, 1).error(), EBADF) << "does not pass";
+    EXPECT_EQ(with_fault(ENOMEM, CL_KIT_FOREVER).error(), ENOMEM) << "has not passed for long";
+}
+
 TEST_F(CppTest, DestroyingCancelsWhereverTheTaskStands) {
     int alive = 0;
     const auto outer = [](Counted counted) -> Task<> { co_await hold(std::move(counted)); };

@@ -72,7 +72,8 @@ class Runtime {
     requires std::is_invocable_v<Function &>
     auto start(Function function, Location at = {}) { return start(keep(std::move(function)), at); }
 
-    /// Runs the loop until stop(), and returns its value; or the Error of the loop. An exception
+    /// Runs the loop until stop(), and returns its value; or the Error of the loop. That memory or
+    /// descriptors are missing is no such Error before it has lasted for five seconds. An exception
     /// that no task has caught ends it too, and comes out here. May be called again; EDEADLK
     /// when it is called by a task.
     Result<int> run(Location at = {}) {
@@ -81,7 +82,7 @@ class Runtime {
         CL_ErrInfo err = {};
         scheduler.stopped = scheduler.stopping();
         uint32_t ended = scheduler.drain();
-        if (ended == 0) ended = CL_EventLoop_M(&err, 0, at.file(), at.line());
+        if (ended == 0) ended = loop(err, at);
 #if QVCL_EXCEPTIONS
         if (scheduler.escaped) std::rethrow_exception(std::exchange(scheduler.escaped, nullptr));
 #endif
@@ -160,6 +161,25 @@ class Runtime {
     }
     static void drop(CL_NestWork /*work*/, uint64_t function, uint64_t drop_function) {
         reinterpret_cast<void (*)(uint64_t)>(drop_function)(function);
+    }
+
+    // What may pass ends the loop, and need not end the daemon: memory or descriptors that are
+    // missing, a program that reports and is gone again.
+    static bool passes(uint32_t code) {
+        return code == ECONNABORTED || code == EAGAIN || code == EMFILE || code == ENFILE ||
+               code == ENOBUFS || code == ENOMEM || code == EPERM;
+    }
+    static uint32_t loop(CL_ErrInfo &err, const Location &at) {
+        uint64_t first = 0, last = 0;  // of the failures in a row
+        for (;;) {
+            const uint32_t ended = CL_EventLoop_M(&err, 0, at.file(), at.line());
+            if (ended != CL_LOOP_ERROR || !passes(err.err)) return ended;
+            const uint64_t now = detail::coarse_milliseconds();
+            if (now - last > 1000) first = now;
+            if (now - first > 5000) return ended;
+            last = now;
+            CL_Sleep(100);
+        }
     }
 
     // Tasks that became ready outside of a callback, or too many for one.
