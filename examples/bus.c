@@ -176,8 +176,7 @@ int main(int argc, char **argv) {
     }
     printf("serving\n");
 
-    const uint32_t result = CL_EventLoop(&err);
-    if (result == CL_LOOP_ERROR) example_fail("CL_EventLoop", &err);
+    const uint32_t result = example_loop();
     while (CL_QUE_GetNum(&reminders) > 0)
         forget(reminders.head);
     if (!CL_DeleteSource(source, &err)) example_fail("CL_DeleteSource", &err);

@@ -10,6 +10,7 @@
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <time.h>
 
 static const char *example_name;
 static int example_leaks;
@@ -51,6 +52,33 @@ static inline void example_record_crashes(void) {
     CL_ErrInfo err;
     const char *path = getenv("CRASH_DUMP");
     if (path && !CL_RecordCrashes(path, &err)) example_fail("CL_RecordCrashes", &err);
+}
+
+/* Missing memory, room or descriptors may pass: waits a moment before another attempt. 0 when fifty
+ * attempts in a row have failed. */
+static inline int example_wait(int *failures) {
+    if (++*failures > 50) return 0;
+    CL_Sleep(100);
+    return 1;
+}
+
+/* Runs the loop, and returns its value. What may pass ends the loop, but not the example, and no
+ * more does a program that reports and is gone again. */
+static inline uint32_t example_loop(void) {
+    CL_ErrInfo err;
+    uint32_t value;
+    int failures = 0;
+    time_t last = 0;
+    while ((value = CL_EventLoop(&err)) == CL_LOOP_ERROR) {
+        const int code = (int)err.err;
+        const int passes = code == ECONNABORTED || code == EAGAIN || code == EMFILE ||
+                           code == ENFILE || code == ENOBUFS || code == ENOMEM || code == EPERM;
+        if (time(NULL) - last > 1) failures = 0; /* the loop has run in between */
+        if (!passes || !example_wait(&failures)) example_fail("CL_EventLoop", &err);
+        last = time(NULL);
+        fprintf(stderr, "%s: goes on after: %s\n", example_name, strerror(code));
+    }
+    return value;
 }
 
 static inline int example_end(void) {

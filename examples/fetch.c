@@ -143,7 +143,7 @@ int main(int argc, char **argv) {
     for (int i = optind; i < argc; ++i)
         add(argv[i], seconds);
 
-    if (CL_EventLoop(&err) == CL_LOOP_ERROR) example_fail("CL_EventLoop", &err);
+    example_loop();
     printf("%u fetched, %u failed\n", fetched, failed);
     curl_multi_cleanup(multi);
     curl_global_cleanup();

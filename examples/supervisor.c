@@ -245,20 +245,6 @@ static CL_Object *watch_termination(int *fd, CL_Object *grace) {
     return object;
 }
 
-/* A program that reports and is gone again, or for which there is no room for the moment, ends the
- * loop, but not the supervisor. A failure that does not pass does. */
-static void supervise(void) {
-    CL_ErrInfo err;
-    for (int failures = 0; CL_EventLoop(&err) == CL_LOOP_ERROR; ++failures) {
-        const int code = (int)err.err;
-        const int passes = code == ECONNABORTED || code == EAGAIN || code == EMFILE ||
-                           code == ENFILE || code == ENOBUFS || code == ENOMEM;
-        if (!passes || failures == 50) example_fail("CL_EventLoop", &err);
-        fprintf(stderr, "supervisor: goes on after: %s\n", strerror(code));
-        CL_Sleep(100);
-    }
-}
-
 int main(int argc, char **argv) {
     CL_ErrInfo err;
     int signals;
@@ -279,7 +265,7 @@ int main(int argc, char **argv) {
         programs[i].timer = create(CL_KIND_TIMER, on_timer, (uint64_t)&programs[i]);
     start_next();
 
-    supervise();
+    example_loop();
     for (uint32_t i = 0; i < program_count; ++i)
         if (!CL_DeleteFD(programs[i].timer, &err)) example_fail("CL_DeleteFD", &err);
     if (!CL_DeleteFD(termination, &err) || !CL_DeleteFD(grace, &err))

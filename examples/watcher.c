@@ -219,8 +219,7 @@ int main(int argc, char **argv) {
     if (callbacks_to_show && (eventfd_write(digest.fd, 1) != 0 || raise(SIGHUP) != 0))
         example_fail_errno("raise");
 
-    const uint32_t result = CL_EventLoop(&err);
-    if (result == CL_LOOP_ERROR) example_fail("CL_EventLoop", &err);
+    const uint32_t result = example_loop();
     TELL(CL_LOG_INFO, MESSAGE_ENDED, "dDD", (int32_t)result, (int64_t)lines_read, (int64_t)digests);
     tell_state();
     printf("loop ended by a callback with %u after %lu lines\n", result, (unsigned long)lines_read);

@@ -67,7 +67,7 @@ int main(int argc, char **argv) {
     if (!CL_StartTIMER(timer, 1, CL_TIMER_PERIODIC, &err)) example_fail("CL_StartTIMER", &err);
     if (!quiet) report(); /* last: whoever has reported is ready */
 
-    if (CL_EventLoop(&err) == CL_LOOP_ERROR) example_fail("CL_EventLoop", &err);
+    example_loop();
     if (!CL_DeleteFD(timer, &err)) example_fail("CL_DeleteFD", &err);
     return example_end();
 }
