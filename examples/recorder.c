@@ -4,6 +4,9 @@
  * The library maps segments that exist; creating, sizing and removing one is the program's
  * business.
  *
+ * When a line cannot be written (the disk is full, say), the input waits: the recorder tries again
+ * for five seconds, and then ends.
+ *
  *   recorder SEGMENT FILE < LINES       SEGMENT begins with a slash: /board
  */
 #define _GNU_SOURCE
@@ -24,15 +27,22 @@ static const char *segment_name;
 static char input[BOARD_TEXT];
 static size_t input_length;
 
-/* One write may take fewer bytes than it is given. */
+static int failed(const char *what, int code) {
+    fprintf(stderr, "recorder: %s: %s\n", what, strerror(code));
+    return 0;
+}
+
+/* One write may take fewer bytes than it is given, or none for the moment. */
 static int write_all(const char *data, size_t length) {
     CL_ErrInfo err;
+    int failures = 0;
     while (length > 0) {
         const int64_t count = CL_WriteFile(file, data, length, &err);
         if (count < 0) {
-            fprintf(stderr, "recorder: CL_WriteFile: %s\n", strerror((int)err.err));
-            return 0;
+            if (!example_wait(&failures)) return failed("CL_WriteFile", (int)err.err);
+            continue;
         }
+        failures = 0;
         data += count;
         length -= (size_t)count;
     }
@@ -52,6 +62,7 @@ static void show(const char *record, size_t length) {
 
 /* The file first, then the board: what the board tells is in the file. */
 static int record_line(const char *line, size_t length) {
+    CL_ErrInfo err;
     char record[BOARD_TEXT];
     const int size =
         snprintf(record, sizeof record, "%08u %.*s\n", board->records + 1, (int)length, line);
@@ -60,7 +71,9 @@ static int record_line(const char *line, size_t length) {
     if (!write_all(record, bytes)) return 0;
     show(record, bytes);
     offset += (int32_t)bytes;
-    return board->records % FLUSH_EVERY != 0 || CL_FlushFile(file, NULL);
+    /* A flush is not tried again: the next one may know nothing of what this one lost. */
+    if (board->records % FLUSH_EVERY != 0 || CL_FlushFile(file, &err)) return 1;
+    return failed("CL_FlushFile", (int)err.err);
 }
 
 static int take_lines(void) {
@@ -76,10 +89,17 @@ static int take_lines(void) {
 }
 
 static uint32_t on_input(CL_Object *object, CL_Event *event, uint64_t arg1, uint64_t arg2) {
+    static int failures;
     (void)object, (void)arg1, (void)arg2;
     if (event->type != CL_EVENT_DESCRIPTOR || !FD_ISSET(STDIN_FILENO, &event->sets.read)) return 0;
     const ssize_t count = read(STDIN_FILENO, input + input_length, sizeof input - input_length);
-    if (count < 0) return errno == EINTR || errno == EAGAIN ? 0 : FAILED; /* it comes again */
+    if (count < 0) { /* what is there to be read comes again */
+        const int code = errno;
+        if (code == EINTR || code == EAGAIN || example_wait(&failures)) return 0;
+        failed("read", code);
+        return FAILED;
+    }
+    failures = 0;
     if (count == 0) /* the last line may lack its end */
         return input_length == 0 || record_line(input, input_length) ? END_OF_INPUT : FAILED;
     input_length += (size_t)count;
@@ -131,8 +151,7 @@ int main(int argc, char **argv) {
         example_fail("CL_SetFD", &err);
     if (!CL_AddEventList(lines, CL_PRIORITY_FIRST, &err)) example_fail("CL_AddEventList", &err);
 
-    const uint32_t result = CL_EventLoop(&err);
-    if (result != END_OF_INPUT) example_fail("CL_EventLoop", &err);
+    if (example_loop() != END_OF_INPUT) return EXIT_FAILURE; /* it has been told why */
     printf("recorded %u lines, %d bytes\n", board->records, offset);
 
     if (!CL_DeleteFD(lines, &err)) example_fail("CL_DeleteFD", &err);
