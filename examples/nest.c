@@ -28,6 +28,8 @@ static CL_NestPosts *figures; /* whoever posts needs nothing else of the library
 
 /* The loop's own, used by its thread alone. */
 static uint64_t worst, count, refused;
+static char input[200];
+static size_t input_length;
 
 /* ---- The thread's */
 
@@ -68,17 +70,30 @@ static uint32_t on_interval(CL_NestTimer *timer, uint64_t missed, uint64_t arg1,
     return 0;
 }
 
-/* The descriptor does not block: what is ready now may be gone when it is read. */
+static void tell_lines(void) {
+    char *end;
+    while ((end = memchr(input, '\n', input_length)) || input_length == sizeof input) {
+        const size_t length = end ? (size_t)(end - input) : input_length;
+        const size_t taken = end ? length + 1 : length;
+        printf("somebody says: %.*s\n", (int)length, input);
+        input_length -= taken;
+        memmove(input, input + taken, input_length);
+    }
+}
+
+/* The descriptor does not block: what is ready now may be gone when it is read, or be a part of a
+ * line. A failure comes again in the next turn, unless it was one that passes. */
 static uint32_t on_input(CL_NestWatch *watch, uint32_t ready, uint64_t arg1, uint64_t arg2) {
-    char line[200];
-    const ssize_t length = read(STDIN_FILENO, line, sizeof line - 1);
+    static int failures;
+    const ssize_t length = read(STDIN_FILENO, input + input_length, sizeof input - input_length);
     (void)ready, (void)arg1, (void)arg2;
     if (length > 0) {
-        line[length] = '\0';
-        line[strcspn(line, "\n")] = '\0';
-        printf("somebody says: %s\n", line);
-    } else if (length == 0 || errno != EAGAIN) {
+        failures = 0;
+        input_length += (size_t)length;
+        tell_lines();
+    } else if (length == 0 || (errno != EAGAIN && errno != EINTR && ++failures == 50)) {
         CL_ErrInfo err;
+        if (input_length > 0) printf("somebody says: %.*s\n", (int)input_length, input);
         if (!CL_DeleteNestWatch(watch, &err)) example_fail("CL_DeleteNestWatch", &err);
         printf("nobody says any more\n");
     }
@@ -125,7 +140,7 @@ int main(int argc, char **argv) {
     watch_input();
     if (pthread_create(&thread, NULL, work, NULL) != 0) example_fail_errno("pthread_create");
 
-    if (CL_EventLoop(&err) != TERMINATED) example_fail("CL_EventLoop", &err);
+    example_loop();
 
     end_of_work = true;
     pthread_join(thread, NULL); /* nobody posts any more: the nest may go */
