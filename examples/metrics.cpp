@@ -51,7 +51,7 @@ static Task<> answer(Socket socket) {
         char part[1024];
         if (!co_await with_deadline(limit, watch.readable())) co_return;
         const ssize_t count = recv(socket.get(), part, sizeof part, 0);
-        if (count < 0 && errno == EAGAIN) continue;
+        if (count < 0 && (errno == EAGAIN || errno == EINTR)) continue;
         if (count <= 0 || request.size() > kLongest) co_return;
         request.append(part, static_cast<size_t>(count));
     }
@@ -63,28 +63,34 @@ static Task<> answer(Socket socket) {
                        std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body;
     while (!text.empty()) {
         const ssize_t count = send(socket.get(), text.data(), text.size(), MSG_NOSIGNAL);
+        if (count < 0 && errno == EINTR) continue;
         if (count < 0 && errno != EAGAIN) co_return;
         if (count > 0) text.erase(0, static_cast<size_t>(count));
         if (count < 0 && !co_await with_deadline(limit, watch.writable())) co_return;
     }
 }
 
-static Task<> serve(Runtime &rt, Socket listener) {
-    Watch watch(listener.get());
-    while (co_await watch.readable()) {
-        Socket socket(accept4(listener.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-        if (socket.get() >= 0) {
-            rt.spawn(answer(std::move(socket)));
-        } else if (errno != EAGAIN) {
-            co_await after(100ms);  // no descriptor left, say
+// Who cannot be watched or accepted now (no memory or no descriptor is left, say) waits.
+static Task<> serve(Runtime &rt, Socket listener, uint16_t port) {
+    printf("http://127.0.0.1:%u/metrics\n", port);
+    for (;;) {
+        Watch watch(listener.get());
+        while (co_await watch.readable()) {
+            Socket socket(accept4(listener.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+            if (socket.get() >= 0) {
+                rt.spawn(answer(std::move(socket)));
+            } else if (errno != EAGAIN) {
+                co_await after(100ms);
+            }
         }
+        co_await after(100ms);
     }
-    rt.stop(EXIT_FAILURE);
 }
 
-static Task<> work() {
+static Task<> work(Runtime &rt) {
     for (Ticker tick(250ms); co_await tick.next();)
         ++turns;
+    rt.stop(EXIT_FAILURE);
 }
 
 static Task<> control(Runtime &rt) {
@@ -110,7 +116,12 @@ static uint16_t listen_on(const Socket &socket, uint16_t port) {
 int main(int argc, char **argv) {
     setvbuf(stdout, nullptr, _IOLBF, 0);
     log_to_stderr();
-    Runtime rt;
+    Result<> begun;
+    Runtime rt({}, begun);
+    if (!begun) {
+        fprintf(stderr, "%s: %s\n", argv[0], begun.error().message().c_str());
+        return EXIT_FAILURE;
+    }
     Socket listener(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     const auto wanted = static_cast<uint16_t>(argc > 1 ? strtoul(argv[1], nullptr, 10) : 0);
     const uint16_t port = listen_on(listener, wanted);
@@ -118,9 +129,8 @@ int main(int argc, char **argv) {
         fprintf(stderr, "%s: port %u: %s\n", argv[0], wanted, strerror(errno));
         return EXIT_FAILURE;
     }
-    printf("http://127.0.0.1:%u/metrics\n", port);
-    rt.spawn(serve(rt, std::move(listener)));
-    rt.spawn(work());
     rt.spawn(control(rt));
+    rt.spawn(work(rt));
+    rt.spawn(serve(rt, std::move(listener), port));
     return rt.run().value_or(EXIT_FAILURE);
 }
