@@ -65,7 +65,9 @@ class Collector {
         while (gap < kGenerations && access(generation(gap).c_str(), F_OK) == 0)
             ++gap;
         for (int i = gap; i > 0; --i) {
-            if (rename(generation(i - 1).c_str(), generation(i).c_str()) != 0 && errno != ENOENT)
+            const std::string from = generation(i - 1);
+            // What is not there need not move.
+            if (rename(from.c_str(), generation(i).c_str()) != 0 && access(from.c_str(), F_OK) == 0)
                 return failure("rename");
         }
         return {};
@@ -73,6 +75,11 @@ class Collector {
     // Changes nothing before there is a file to go on with.
     Result<> rotate() {
         const std::string next = path_ + ".next";
+        const Result<> rotated = go_on_in(next);
+        if (!rotated) unlink(next.c_str());
+        return rotated;
+    }
+    Result<> go_on_in(const std::string &next) {
         auto file = File::open(next.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND);
         if (!file) return file.error();
         if (const auto moved = move_on(); !moved) return moved;
@@ -110,6 +117,7 @@ static Task<> client(Collector &collector, Connection connection) {
 }
 
 static Task<> serve(Runtime &rt, Server server, Collector &collector) {
+    printf("listening\n");
     for (;;) {
         auto connection = (co_await server.accept({.message = 1000})).value();
         rt.spawn(client(collector, std::move(connection)));
@@ -150,9 +158,8 @@ int main(int argc, char **argv) try {
         rt.run(say(argv[2], static_cast<uint32_t>(strtoul(argv[3], nullptr, 10)))).value();
         return EXIT_SUCCESS;
     }
-    rt.spawn(serve(rt, Server::listen(argv[1]).value(), collector));
     rt.spawn(stop(rt));
-    printf("listening\n");
+    rt.spawn(serve(rt, Server::listen(argv[1]).value(), collector));
     return rt.run().value();
 } catch (const std::exception &error) {
     fprintf(stderr, "%s: %s\n", argv[0], error.what());
