@@ -26,6 +26,7 @@ static Task<> client(Runtime &rt, Connection connection, const char *dump) {
 }
 
 static Task<> serve(Runtime &rt, Server server, const char *dump) {
+    printf("listening\n");
     for (;;) {
         auto connection = (co_await server.accept({.message = MAX_MESSAGE})).value();
         if (connection.peer() && connection.peer()->uid == getuid())
@@ -54,10 +55,9 @@ int main(int argc, char **argv) try {
     setvbuf(stdout, nullptr, _IOLBF, 0);
     log_to_stderr();
     Runtime rt({.objects = 300});
-    rt.spawn(serve(rt, Server::listen(argv[1]).value(), argv[2]));
-    rt.spawn(report());
     rt.spawn(stop(rt));
-    printf("listening\n");
+    rt.spawn(report());
+    rt.spawn(serve(rt, Server::listen(argv[1]).value(), argv[2]));
     return rt.run().value();
 } catch (const std::exception &error) {
     fprintf(stderr, "%s: %s\n", argv[0], error.what());
