@@ -93,7 +93,7 @@ int timerfd_settime(int fd, int flags, const struct itimerspec *setting,
 
 int epoll_wait(int epoll, struct epoll_event *events, int most, int timeout) {
     if (on_turn) on_turn();
-    return static_cast<int>(syscall(SYS_epoll_wait, epoll, events, most, timeout));
+    return static_cast<int>(syscall(SYS_epoll_pwait, epoll, events, most, timeout, nullptr, 0));
 }
 
 }  // extern "C"
