@@ -427,9 +427,11 @@ uint32_t may_record(const char *path, CL_ErrInfo *err) {
     if (strlen(path) + kPidLength >= PATH_MAX) return fail(err, ENAMETOOLONG);
     const char *last = strrchr(path, '/') + 1;
     if (strlen(last) + kPidLength > NAME_MAX) return fail(err, ENAMETOOLONG);
-    struct stat status;
-    if (*last == '\0' || (stat(path, &status) == 0 && S_ISDIR(status.st_mode)))
-        return fail(err, EISDIR);
+    struct stat status = {};
+    stat(path, &status);
+    if (*last == '\0' || S_ISDIR(status.st_mode)) return fail(err, EISDIR);
+    // The dump takes the place of what is there: that would be the end of /dev/null.
+    if (S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode)) return fail(err, EINVAL);
     char folder[PATH_MAX];
     const auto length = static_cast<size_t>(last - path);
     memcpy(folder, path, length);

@@ -233,6 +233,7 @@ TEST_F(Refusals, ArgumentsAreChecked) {
         ROW(ENOTDIR, RECORDER, CL_RecordCrashes((path + "/x").c_str(), &err) != 0),
         ROW(EISDIR, RECORDER, CL_RecordCrashes("/tmp", &err) != 0),
         ROW(EISDIR, RECORDER, CL_RecordCrashes("/tmp/", &err) != 0),
+        ROW(EINVAL, RECORDER, CL_RecordCrashes("/dev/null", &err) != 0),
         ROW(ENAMETOOLONG, RECORDER, CL_RecordCrashes(std::string(4090, '/').c_str(), &err) != 0),
         ROW(ENAMETOOLONG, RECORDER, CL_RecordCrashes(std::string(250, 'x').c_str(), &err) != 0),
         ROW(ENAMETOOLONG, RECORDER, CL_RecordCrashes(std::string(5000, '/').c_str(), &err) != 0),

@@ -40,8 +40,8 @@ size_t CL_DescribeProcess(const char *reason, char *buffer, size_t size);
  * Call it at any time, from one thread at once. 1 on success; 0 on failure, and nothing has
  * changed.
  * Errors: EFAULT (path null), ENOENT (path empty, or its directory does not exist), ENAMETOOLONG
- * (path or its last part too long), EISDIR (path is a directory), ENOMEM (no memory), errno (no
- * file can be made in the directory). */
+ * (path or its last part too long), EISDIR (path is a directory), EINVAL (path is a device), ENOMEM
+ * (no memory), errno (no file can be made in the directory). */
 uint32_t CL_RecordCrashes(const char *path, CL_ErrInfo *err);
 
 /* Gives the calling thread an alternate stack for signals, unless it has one, so that a crash is
