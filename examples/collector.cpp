@@ -61,7 +61,7 @@ class Collector {
     // The generations up to the first gap move on by one. So a rotation that failed half way costs
     // none of them when it is tried again.
     Result<> move_on() const {
-        int gap = 1;
+        int gap = 0;
         while (gap < kGenerations && access(generation(gap).c_str(), F_OK) == 0)
             ++gap;
         for (int i = gap; i > 0; --i) {
