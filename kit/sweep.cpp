@@ -137,20 +137,21 @@ struct End {
     }
 };
 
-// What descriptors are on, without what is another in each run.
-std::multiset<std::string> descriptors_of(pid_t pid, const fs::path &folder,
-                                          const fs::path &output) {
+// What descriptors are on, without what is another in each run; not the standard ones.
+std::multiset<std::string> descriptors_of(pid_t pid, const fs::path &folder) {
     std::multiset<std::string> names;
     std::error_code error;
     for (const auto &entry :
          fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd", error)) {
+        if (atoi(entry.path().filename().c_str()) <= STDERR_FILENO) continue;
         std::string name = fs::read_symlink(entry.path(), error).string();
         if (name.starts_with(folder.string())) name.replace(0, folder.string().size(), ".");
+        if (name.ends_with(" (deleted)")) name.resize(name.size() - strlen(" (deleted)"));
         if (const size_t colon = name.find(":["); colon != std::string::npos && name[0] != '/') {
             const bool anonymous = name.starts_with("anon_inode:");
             name = anonymous ? name.substr(colon + 1) : name.substr(0, colon);
         }
-        if (name != output) names.insert(without_numbers(name));
+        names.insert(without_numbers(name));
     }
     return names;
 }
@@ -181,6 +182,8 @@ class Run {
     }
 
     Page &page() { return *page_; }
+    // What the program may know of it.
+    void set_fault(const std::string &text) { fault_ = text; }
 
     Outcome go() {
         prctl(PR_SET_CHILD_SUBREAPER, 1);
@@ -232,6 +235,7 @@ class Run {
         if (out > STDERR_FILENO) close(out);
         if (chdir(folder_.c_str()) != 0) _exit(127);
         setenv("QVCL_KIT_RUN", std::to_string(number_).c_str(), 1);
+        setenv("QVCL_KIT_FAULT", fault_.c_str(), 1);
         page_.become(options_.command);
         _exit(127);
     }
@@ -310,7 +314,7 @@ class Run {
             if (outcome.who.empty()) outcome.who = command_line_of(halt.pid);
             if (halt.signal == 0) {
                 outcome.ends.insert(
-                    End{program, halt.status, descriptors_of(halt.pid, folder_, output_)}.text());
+                    End{program, halt.status, descriptors_of(halt.pid, folder_)}.text());
             }
             std::string reason = "ends after a fault";
             if (halt.signal != 0) {
@@ -358,6 +362,7 @@ class Run {
     double limit_;
     fs::path folder_, output_, dump_;
     size_t number_;
+    std::string fault_;
     SharedPage page_;
     pid_t root_ = -1;
 };
@@ -522,6 +527,10 @@ std::string times_of(const Place &place, const Case &one) {
     return one.times() == CL_KIT_FOREVER ? "for ever" : "20 times";
 }
 
+std::string fault_text(const Place &place, const Case &one) {
+    return std::string(kit::name_of(place.call)) + ' ' + error_of(one) + ' ' + times_of(place, one);
+}
+
 std::string describe(const Place &place, const std::string &errors, const std::string &times) {
     return std::string(kit::name_of(place.call)) + ' ' + errors + ' ' + times + ", in " +
            place.program + ": " + place.open;
@@ -592,6 +601,8 @@ void judge_outcome(Outcome &outcome, const Outcome &baseline, const Place &place
     const int ended_by = WIFSIGNALED(outcome.status) ? WTERMSIG(outcome.status) : 0;
     if (ended_by != 0 && differs && ended_by != SIGKILL && ended_by != SIGTERM && !outcome.hangs)
         set(kCrash, status_text(outcome.status));
+    if (outcome.verdict > kUnmet && outcome.verdict < kHang && differs)
+        outcome.detail += "; " + status_text(outcome.status);
 }
 
 // ---- All of them
@@ -632,6 +643,7 @@ class Sweep {
         results_.resize(cases_.size());
         if (goes_on) load_results();
         limit_ = options_.limit > 0 ? options_.limit : 10 + 4 * baseline_.outcome.seconds;
+        if (options_.again != 0) return;
         fprintf(stderr, "qvcl-kit: %zu call sites, %zu runs of about %.1f s (at most %.1f s)%s\n",
                 baseline_.places.size(), cases_.size(), baseline_.outcome.seconds, limit_,
                 done_ > 0 ? (", " + std::to_string(done_) + " done before").c_str() : "");
@@ -675,6 +687,7 @@ class Sweep {
         try {
             Run run(options_, index + 1, limit_);
             set_fault(run.page(), one, place);
+            run.set_fault(fault_text(place, one));
             Outcome outcome = run.go();
             judge_outcome(outcome, baseline_.outcome, place);
             line = std::to_string(index + 1) + '\t' + kVerdicts[outcome.verdict] + '\t' +
@@ -718,6 +731,7 @@ class Sweep {
                 describe(place, error_of(one), times_of(place, one)).c_str());
         SharedPage shared;
         set_fault(*shared, one, place);
+        setenv("QVCL_KIT_FAULT", fault_text(place, one).c_str(), 1);
         shared->halt_at_ends = false;
         return run_to_end(shared, options_.command);
     }
@@ -793,15 +807,15 @@ class Sweep {
         print_row("all", baseline_.places.size(), sum);
     }
 
-    // Those of a place that say the same are one.
+    // Those of a place that say the same are one; the worst come first.
     void print_findings() const {
-        std::map<std::tuple<size_t, VerdictOf, std::string>, std::vector<size_t>> alike;
+        std::map<std::tuple<int, size_t, std::string>, std::vector<size_t>> alike;
         for (size_t i = 0; i < cases_.size(); ++i) {
             if (is_finding(results_[i]))
-                alike[{cases_[i].place, results_[i].verdict, results_[i].detail}].push_back(i);
+                alike[{-results_[i].verdict, cases_[i].place, results_[i].detail}].push_back(i);
         }
         for (const auto &[what, indices] : alike) {
-            const auto &[at, verdict, detail] = what;
+            const auto &[worse, at, detail] = what;
             const Place &place = baseline_.places[at];
             std::string errors, times, runs;
             for (const size_t i : indices) {
@@ -809,7 +823,7 @@ class Sweep {
                 add_to(times, "|", times_of(place, cases_[i]));
                 add_to(runs, " ", std::to_string(i + 1));
             }
-            printf("%s: %s\n    %s\n", kVerdicts[verdict], describe(place, errors, times).c_str(),
+            printf("%s: %s\n    %s\n", kVerdicts[-worse], describe(place, errors, times).c_str(),
                    detail.c_str());
             if (const std::string &who = results_[indices[0]].who; !who.empty())
                 printf("    met by %s\n", who.c_str());
