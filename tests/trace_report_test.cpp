@@ -70,7 +70,7 @@ TEST(HeaderLines, HoldWhatIsUnderstood) {
 
 TEST(HeaderLines, AreReadAsTheyWereWritten) {
     HeaderLines lines{.reason = "a\nb\\x41\x7f", .time = 12000345, .pid = 7, .command = "./d\t-v"};
-    for (const uint64_t base : {0x1000, 0x5000})
+    for (const uint64_t base : {0x1000UL, 0x5000UL})
         lines.modules.push_back({base, base + 0x1000, base == 0x1000 ? "a0" : "", "/a b"});
     lines.incomplete = {"tables", "user\rring"};
     for (const auto &signal :

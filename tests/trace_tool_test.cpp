@@ -184,7 +184,7 @@ TEST_F(Damage, IsNoneOfWhereItComesFrom) {
          {std::pair(bytes, ""), {elf + bytes, "a core file cannot be read from a pipe"}}) {
         int ends[2];
         ASSERT_EQ(pipe(ends), 0);
-        std::thread writer([&] {
+        std::thread writer([&, &sent = sent] {
             EXPECT_EQ(write(ends[1], sent.data(), sent.size()), static_cast<ssize_t>(sent.size()));
             close(ends[1]);
         });
@@ -226,7 +226,7 @@ TEST_F(Damage, IsNoneInOtherObjects) {
         object(1).sub_status = sub_status;
         EXPECT_THAT(tool("tables", bytes).out, HasSubstr(said));
     }
-    for (const size_t number : {0, 1, 2}) {
+    for (const size_t number : {0UL, 1UL, 2UL}) {
         object(number).kind = CL_KIND_MSGC;
         object(number).status = CL_STATUS_LISTED;
         object(number).sub_status = 0;
