@@ -60,7 +60,7 @@ struct Pieces {
             at += part;
             length -= part;
         }
-        if (length != 0) memcpy(to, tail + (at - head_length), length);
+        if (length != 0 && tail != nullptr) memcpy(to, tail + (at - head_length), length);
     }
 };
 

@@ -221,6 +221,7 @@ DEFINE_AS(pread, 5, __pread64_chk, -1, SHORTEN)
 DEFINE_AS(readlink, 4, __readlink_chk, -1, )
 DEFINE_AS(recv, 5, __recv_chk, -1, SHORTEN)
 DEFINE_AS(recvfrom, 7, __recvfrom_chk, -1, SHORTEN)
+// NOLINTNEXTLINE(bugprone-macro-parentheses): of a declaration
 #define SAME(name, as) decltype(::name) name [[gnu::alias(#as)]]
 SAME(fcntl64, fcntl);
 SAME(fopen64, fopen);

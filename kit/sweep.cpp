@@ -722,9 +722,10 @@ class Sweep {
 
     // One run, where it can be seen and a debugger can be used.
     int run_again() {
-        if (options_.again > cases_.size())
+        if (options_.again > cases_.size()) {
             throw std::invalid_argument("--again: there are " + std::to_string(cases_.size()) +
                                         " runs");
+        }
         const Case &one = cases_[options_.again - 1];
         const Place &place = baseline_.places[one.place];
         fprintf(stderr, "qvcl-kit: %s\n",

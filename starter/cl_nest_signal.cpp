@@ -118,9 +118,9 @@ void append(Nest &nest, Handle &watcher) {
 
 void unlink_watcher(Nest &nest, Handle &watcher) {
     Handle **at = &nest.watchers;
-    while (*at != &watcher)
+    while (*at != nullptr && *at != &watcher)
         at = &(*at)->watcher.next;
-    *at = watcher.watcher.next;
+    if (*at != nullptr) *at = watcher.watcher.next;
 }
 
 // The first watcher that has not heard of this delivery, and was there when it began.

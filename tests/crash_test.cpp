@@ -413,10 +413,11 @@ TEST(Crash, WithoutRoomForItsTextNothingIsLeft) {
     while (folder.files() == 0) {
         ASSERT_LT(++writes, 20);
         const pid_t pid = fork();
-        if (pid == 0)
+        if (pid == 0) {
             live({.name = "",
                   .crash = with(
                       {.call = "write", .error = ENOSPC, .nth = writes, .times = test::kForever})});
+        }
         int status = 0;
         ASSERT_EQ(waitpid(pid, &status, 0), pid);
         ASSERT_EQ(WTERMSIG(status), SIGSEGV);
