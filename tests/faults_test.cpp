@@ -429,9 +429,10 @@ std::vector<Scenario> crowds() {
             sigprocmask(SIG_BLOCK, &set, nullptr);
             w.begin();
             w.ready_to_make();
-            for (size_t i = 0; i < size; ++i)
-                CL_StartNestTimer(CL_CreateNestTimer(0, count<kTimer>, 0, 0, &w.err), 0, 1u << 31,
-                                  0, &w.err);
+            for (size_t i = 0; i < size; ++i) {
+                CL_NestTimer *timer = CL_CreateNestTimer(0, count<kTimer>, 0, 0, &w.err);
+                CL_StartNestTimer(timer, 0, 1u << 31, 0, &w.err);
+            }
         };
         names[size] = "crowd of " + std::to_string(size);
         all.push_back({names[size].c_str(), fill, OPERATION(w.one_of_each()), false, {"malloc"}});
@@ -676,7 +677,7 @@ class Faults : public testing::Test {
             set_up(world, scenario);
             static std::vector<std::string_view> calls;
             std::vector<CL_KitFault> notes;
-            for (const char *call : kOwnCalls)
+            for (const char *call : kOwnCalls) {
                 notes.push_back(
                     {.call = call,
                      .nth = 1,
@@ -684,6 +685,7 @@ class Faults : public testing::Test {
                      .from = CL_KIT_ANYONE,
                      .before = [](void *of) { calls.push_back(static_cast<const char *>(of)); },
                      .context = const_cast<char *>(call)});
+            }
             const Plan plan;
             if (scenario.companion) CL_KitPlan(notes.data(), notes.size());
             const Outcome outcome = scenario.act(world);

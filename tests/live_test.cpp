@@ -339,8 +339,8 @@ TEST(Live, KeepsItsSignals) {
     });
     child.wait_beyond(0);
     std::thread sender([&] {
-        for (uint64_t sent = 0; sent < kSignals; sent += sigqueue(child.pid(), SIGRTMIN, {}) == 0)
-            usleep(20);
+        for (uint64_t sent = 0; sent < kSignals; usleep(20))
+            if (sigqueue(child.pid(), SIGRTMIN, {}) == 0) ++sent;
     });
     for (int i = 0; i < 200; ++i)
         EXPECT_EQ(trace_reader::snapshot_of(child.pid(), true).failure, "");

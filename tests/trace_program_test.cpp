@@ -188,9 +188,10 @@ TEST_F(Program, WritesWhereItIsTold) {
         {"ls kept | wc -l; grep -c 'open for' told", "2\r\n2\r\n"},
         {"for f in kept/*; do $T report $f; done | grep -c '^not returned at'", "2\r\n"},
     };
-    for (const auto &[command, said] : cases)
+    for (const auto &[command, said] : cases) {
         EXPECT_THAT(run(command), testing::AllOf(HasSubstr(said), testing::EndsWith("=0")))
             << command;
+    }
 }
 
 // It shows what was called, in the order of the last key, and leaves the terminal as it was.

@@ -169,8 +169,8 @@ std::string Process::failure() const {
     if (stat.state != 0 && stat.start != start_) {
         return "it has ended, and its number is another's now";
     }
-    constexpr std::string_view kEnded("ZX", 3);  // and NUL: none
-    return kEnded.find(stat.state) != std::string_view::npos ? "it has ended" : "";
+    const bool ended = stat.state == 0 || stat.state == 'Z' || stat.state == 'X';
+    return ended ? "it has ended" : "";
 }
 
 void Process::look_again() {
