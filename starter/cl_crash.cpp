@@ -430,7 +430,9 @@ uint32_t may_record(const char *path, CL_ErrInfo *err) {
     struct stat status = {};
     stat(path, &status);
     if (*last == '\0' || S_ISDIR(status.st_mode)) return fail(err, EISDIR);
-    // The dump takes the place of what is there: that would be the end of /dev/null.
+    // The dump takes the place of what is there, if need be a link's: that would be the end of
+    // /dev/null.
+    lstat(path, &status);
     if (S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode)) return fail(err, EINVAL);
     char folder[PATH_MAX];
     const auto length = static_cast<size_t>(last - path);
